@@ -1,0 +1,33 @@
+# How our own code is compiled and linked. GoogleTest and other foreign code never see these options.
+option(HOST_TRAP_UNDEFINED "End the process on undefined behaviour (clang)" OFF)
+option(HOST_COVERAGE "Instrument for line coverage (g++)" OFF)
+
+set(is_clang $<CXX_COMPILER_ID:Clang>)
+set(is_release $<CONFIG:Release>)
+
+# What ships is built for size: a service host is loaded at every boot, its code runs rarely.
+set(CMAKE_CXX_FLAGS_RELEASE "-Os -DNDEBUG")
+
+add_library(host_options INTERFACE)
+target_compile_definitions(host_options INTERFACE
+  UNICODE _UNICODE NOMINMAX WIN32_LEAN_AND_MEAN
+  _WIN32_WINNT=0x0A00
+  PSAPI_VERSION=2) # The psapi calls come from kernel32: no further DLL to load.
+target_compile_options(host_options INTERFACE
+  $<$<COMPILE_LANGUAGE:CXX>:-Wall;-Wextra;-Wpedantic;-Wshadow;-Wconversion;-Wsuggest-override;-Werror>
+  $<$<COMPILE_LANGUAGE:CXX>:-ffunction-sections;-fdata-sections>
+  # -fms-extensions brings __try; the token warning would reject it again.
+  $<$<AND:$<COMPILE_LANGUAGE:CXX>,${is_clang}>:-fms-extensions;-Wno-language-extension-token;-Wthread-safety;-g;-gcodeview>)
+target_link_options(host_options INTERFACE
+  -municode -static -Wl,-Bstatic
+  -Wl,--gc-sections -Wl,--dynamicbase -Wl,--nxcompat -Wl,--high-entropy-va
+  $<$<AND:${is_clang},${is_release}>:-Wl,--icf=all>)
+target_link_libraries(host_options INTERFACE -lpthread)
+
+if(HOST_TRAP_UNDEFINED)
+  target_compile_options(host_options INTERFACE -fsanitize=undefined -fsanitize-trap=undefined)
+endif()
+if(HOST_COVERAGE)
+  target_compile_options(host_options INTERFACE $<$<COMPILE_LANGUAGE:CXX>:--coverage>)
+  target_link_options(host_options INTERFACE --coverage)
+endif()

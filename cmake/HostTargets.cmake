@@ -1,0 +1,47 @@
+# Each folder's CMakeLists.txt is a call of one of these, so that it shows what the folder may use.
+
+# One static library per folder of src/; DEPENDS names lower layers only, SYSTEM the import libraries.
+function(host_add_library name)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;DEPENDS;SYSTEM")
+  add_library(${name} STATIC ${arg_SOURCES})
+  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}/sdk)
+  target_link_libraries(${name} PUBLIC host_options ${arg_DEPENDS} ${arg_SYSTEM})
+endfunction()
+
+# Version resource, manifest (programs) and separate symbols of a program or DLL.
+function(host_finish_image name description)
+  get_target_property(type ${name} TYPE)
+  if(type STREQUAL EXECUTABLE)
+    set(suffix .exe)
+    set(file_type VFT_APP)
+    set(manifest "1 24 \"${PROJECT_SOURCE_DIR}/cmake/program.manifest\"")
+  else()
+    set(suffix .dll)
+    set(file_type VFT_DLL)
+    set(manifest "")
+  endif()
+  set(file_name ${name}${suffix})
+  string(REPLACE "." "," version_numbers ${PROJECT_VERSION})
+  configure_file(${PROJECT_SOURCE_DIR}/cmake/image.rc.in ${CMAKE_CURRENT_BINARY_DIR}/${name}.rc @ONLY)
+  target_sources(${name} PRIVATE ${CMAKE_CURRENT_BINARY_DIR}/${name}.rc)
+  set_target_properties(${name} PROPERTIES PREFIX "")
+  if(CMAKE_CXX_COMPILER_ID STREQUAL Clang)
+    # -s drops the symbol table: what ships carries no symbols, the PDB beside it has them all.
+    target_link_options(${name} PRIVATE -Wl,--pdb=${CMAKE_BINARY_DIR}/bin/${name}.pdb -s)
+  endif()
+endfunction()
+
+function(host_add_program name)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "DESCRIPTION" "SOURCES;DEPENDS;SYSTEM")
+  add_executable(${name} ${arg_SOURCES})
+  target_link_libraries(${name} PRIVATE host_options ${arg_DEPENDS} ${arg_SYSTEM})
+  host_finish_image(${name} "${arg_DESCRIPTION}")
+endfunction()
+
+function(host_add_module name)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "DESCRIPTION" "SOURCES;DEPENDS;SYSTEM")
+  add_library(${name} MODULE ${arg_SOURCES})
+  target_link_libraries(${name} PRIVATE host_options ${arg_DEPENDS} ${arg_SYSTEM})
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/sdk)
+  host_finish_image(${name} "${arg_DESCRIPTION}")
+endfunction()

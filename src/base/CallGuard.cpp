@@ -1,0 +1,74 @@
+#include "base/CallGuard.h"
+
+#include <windows.h>
+
+#include <malloc.h>
+
+namespace Basalt
+{
+
+namespace
+{
+
+/// Stack that Windows keeps back on this thread so that the handler still runs after a stack overflow.
+constexpr ULONG kStackReserveBytes = 16 * 1024;
+
+/// The inner layer: C++ exceptions. In a function of its own, since one function cannot hold both kinds of
+/// handlers, and not noexcept, which would end the process before the outer layer sees a hardware fault.
+__declspec(noinline) bool CallCatchingCpp(void (*function)(void* context), void* context)
+{
+    try
+    {
+        function(context);
+        return true;
+    }
+    catch (...)
+    {
+        return false;
+    }
+}
+
+#if defined(__clang__) || defined(_MSC_VER)
+
+int KeepCode(DWORD code, DWORD& kept) noexcept
+{
+    kept = code; // Valid in the filter only.
+    return EXCEPTION_EXECUTE_HANDLER;
+}
+
+bool CallCatchingAll(void (*function)(void* context), void* context) noexcept
+{
+    bool returned = false;
+    DWORD code = 0;
+    __try
+    {
+        returned = CallCatchingCpp(function, context);
+    }
+    __except (KeepCode(GetExceptionCode(), code))
+    {
+        returned = false;
+    }
+    if (code == EXCEPTION_STACK_OVERFLOW)
+    {
+        // Puts the guard page back; without it the next overflow on this thread ends the process.
+        static_cast<void>(::_resetstkoflw());
+    }
+    return returned;
+}
+
+#endif
+
+} // namespace
+
+bool CallGuarded(void (*function)(void* context), void* context) noexcept
+{
+    ULONG reserve = kStackReserveBytes;
+    ::SetThreadStackGuarantee(&reserve); // Lasts for the thread; asking again changes nothing.
+#if defined(__clang__) || defined(_MSC_VER)
+    return CallCatchingAll(function, context);
+#else
+    return CallCatchingCpp(function, context);
+#endif
+}
+
+} // namespace Basalt

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <memory>
+#include <type_traits>
+
+namespace Basalt
+{
+
+/// Calls into code that is not ours (a hosted subsystem, COM's clean-up) and lets no exception out of it:
+/// C++ exceptions of any compiler's runtime, access violations and other hardware faults, and a stack
+/// overflow as far as Windows can still run the handler.
+///
+/// What the called code held when it was thrown out of (locks, memory, references) stays as it was.
+/// Built with g++, which has no structured exception handling, only C++ exceptions are caught.
+/// @return true when the function returned normally, false when an exception was swallowed.
+/// @see https://learn.microsoft.com/windows/win32/debug/structured-exception-handling
+[[nodiscard]] bool CallGuarded(void (*function)(void* context), void* context) noexcept;
+
+/// The same for a lambda or another callable. It must not be noexcept: that would end the process first.
+template <typename Callable>
+[[nodiscard]] bool CallGuarded(Callable&& callable) noexcept
+{
+    using Target = std::remove_reference_t<Callable>;
+    static_assert(!std::is_nothrow_invocable_v<Target&>, "a noexcept callable ends the process when it throws");
+    return CallGuarded(
+        [](void* context) { (*static_cast<Target*>(context))(); },
+        const_cast<void*>(static_cast<const void*>(std::addressof(callable))));
+}
+
+} // namespace Basalt

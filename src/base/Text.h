@@ -1,0 +1,20 @@
+#pragma once
+
+#include <windows.h>
+
+#include <cstdarg>
+#include <string>
+
+namespace Basalt
+{
+
+/// printf into a string of any length. "%s" takes a wide string, as everywhere in this program.
+/// @throws std::bad_alloc
+[[nodiscard]] std::wstring FormatText(const wchar_t* format, ...);
+[[nodiscard]] std::wstring FormatTextV(const wchar_t* format, va_list arguments);
+
+/// The system's message text for an error code, without the line break at its end; empty when it has none.
+/// @throws std::bad_alloc
+[[nodiscard]] std::wstring SystemMessage(DWORD error);
+
+} // namespace Basalt

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <windows.h>
+
+#include <evntrace.h>
+
+#include <cstddef>
+#include <cstdint>
+
+/// @file
+/// The event that the event-tracing logger hands to TraceEvent: an EVENT_TRACE_HEADER with
+/// WNODE_FLAG_TRACED_GUID | WNODE_FLAG_USE_MOF_PTR, followed by one MOF_FIELD for each EventField. In the trace
+/// the fields stand one after the other, without padding.
+
+namespace ETWLogging
+{
+
+/// The provider that a session enables.
+inline constexpr GUID kEventProvider = {
+    0x3B5C1D0E, 0x7A42, 0x4F86, {0x9D, 0x21, 0x6C, 0x88, 0x15, 0xE0, 0x4B, 0x7F}};
+
+/// Class of the message event (EVENT_TRACE_HEADER::Guid).
+inline constexpr GUID kMessageEventClass = {
+    0xA94E6F12, 0x08D3, 0x4C5B, {0xB1, 0x7E, 0x52, 0xD9, 0x30, 0x6A, 0xC4, 0x8D}};
+
+/// Type of the message event (EVENT_TRACE_HEADER::Class.Type); Class.Version is kMessageEventVersion.
+inline constexpr UCHAR kMessageEventType = 1;
+inline constexpr USHORT kMessageEventVersion = 1;
+
+/// The fields of a message event, in their order.
+enum class EventField : std::uint8_t
+{
+    Level,     ///< ULONG; LogInformation2 (6) travels as LogInformation (3)
+    File,      ///< UTF-16 with terminator, as all texts here
+    Function,  ///< text
+    Line,      ///< ULONG
+    Group,     ///< text
+    ProcessId, ///< ULONG
+    ThreadId,  ///< ULONG
+    Message,   ///< text
+    Count,
+};
+
+inline constexpr std::size_t kEventFieldCount = static_cast<std::size_t>(EventField::Count);
+
+/// What TraceEvent reads: header and fields in one block.
+struct MessageEvent
+{
+    EVENT_TRACE_HEADER header;
+    MOF_FIELD fields[kEventFieldCount];
+};
+
+} // namespace ETWLogging
