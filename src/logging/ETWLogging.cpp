@@ -1,0 +1,175 @@
+#include "logging/ETWLogging.h"
+
+#include <algorithm>
+#include <cwchar>
+#include <exception>
+
+#include "logging/EventRecord.h"
+#include "logging/LogSettings.h"
+
+namespace ETWLogging
+{
+
+namespace
+{
+
+void SetField(MessageEvent& event, EventField field, const void* data, std::size_t size) noexcept
+{
+    MOF_FIELD& entry = event.fields[static_cast<std::size_t>(field)];
+    entry.DataPtr = reinterpret_cast<ULONG64>(data);
+    entry.Length = static_cast<ULONG>(size);
+}
+
+void SetText(MessageEvent& event, EventField field, const wchar_t* text) noexcept
+{
+    const wchar_t* const present = text == nullptr ? L"" : text;
+    SetField(event, field, present, (std::wcslen(present) + 1) * sizeof(wchar_t));
+}
+
+} // namespace
+
+CETWLogging::~CETWLogging()
+{
+    static_cast<void>(Stop());
+}
+
+DWORD CETWLogging::Initialize(
+    const wchar_t* group, DWORD context2, const wchar_t* host, DWORD reserved) noexcept
+{
+    return InitializeEx(nullptr, group, context2, host, reserved);
+}
+
+DWORD CETWLogging::InitializeEx(
+    void* /*context*/,
+    const wchar_t* group,
+    DWORD /*context2*/,
+    const wchar_t* host,
+    DWORD /*reserved*/) noexcept
+try
+{
+    m_group = group == nullptr ? L"" : group;
+    m_host = host == nullptr ? L"" : host;
+    m_threshold = ReadLogSettings().threshold;
+    return ERROR_SUCCESS;
+}
+catch (const std::exception&)
+{
+    return ERROR_OUTOFMEMORY;
+}
+
+DWORD CETWLogging::Start() noexcept
+{
+    if (m_started)
+    {
+        return ERROR_SUCCESS;
+    }
+    const Basalt::CLockGuard guard(m_lock);
+    if (m_started)
+    {
+        return ERROR_SUCCESS; // Another thread came first.
+    }
+    TRACE_GUID_REGISTRATION eventClass{&kMessageEventClass, nullptr};
+    const ULONG status = ::RegisterTraceGuidsW(
+        &CETWLogging::onControl, this, &kEventProvider, 1, &eventClass, nullptr, nullptr, &m_registration);
+    m_started = status == ERROR_SUCCESS;
+    return status;
+}
+
+DWORD CETWLogging::Stop() noexcept
+{
+    const Basalt::CLockGuard guard(m_lock);
+    if (!m_started)
+    {
+        return ERROR_SUCCESS;
+    }
+    // No callback comes, nor is one still running, when this returns; the callback takes no lock.
+    const ULONG status = ::UnregisterTraceGuids(m_registration);
+    m_registration = 0;
+    m_session = 0;
+    m_started = false;
+    return status;
+}
+
+ULONG WINAPI
+CETWLogging::onControl(WMIDPREQUESTCODE code, void* context, ULONG* /*size*/, void* buffer) noexcept
+{
+    auto& logger = *static_cast<CETWLogging*>(context);
+    if (code == WMI_DISABLE_EVENTS)
+    {
+        logger.m_session = 0;
+        logger.m_sessionLevel = 0;
+        logger.m_sessionFlags = 0;
+        return ERROR_SUCCESS;
+    }
+    if (code != WMI_ENABLE_EVENTS)
+    {
+        return ERROR_INVALID_PARAMETER;
+    }
+    ::SetLastError(ERROR_SUCCESS);
+    const TRACEHANDLE session = ::GetTraceLoggerHandle(buffer);
+    if (session == reinterpret_cast<TRACEHANDLE>(INVALID_HANDLE_VALUE))
+    {
+        return ::GetLastError();
+    }
+    logger.m_sessionLevel = ::GetTraceEnableLevel(session);
+    logger.m_sessionFlags = ::GetTraceEnableFlags(session);
+    logger.m_session = session; // Last: whoever sees the session sees its level and flags.
+    return ERROR_SUCCESS;
+}
+
+DWORD CETWLogging::GetThreshold() const noexcept
+{
+    const DWORD sessionLevel = m_sessionLevel;
+    return sessionLevel != 0 ? sessionLevel : m_threshold.load();
+}
+
+DWORD CETWLogging::IsLevelEnabled(DWORD level) const noexcept
+{
+    return level >= GetThreshold() || level == LogInformation ? 1 : 0;
+}
+
+bool CETWLogging::isWantedBySession(DWORD level) const noexcept
+{
+    constexpr DWORD kFlagBits = 32;
+    const DWORD flags = m_sessionFlags;
+    return flags == 0 || (level >= 1 && level <= kFlagBits && (flags >> (level - 1) & 1U) != 0);
+}
+
+DWORD CETWLogging::Log(
+    const wchar_t* file, const wchar_t* function, DWORD line, DWORD level, const wchar_t* message) noexcept
+{
+    return LogEx(level, file, function, line, message);
+}
+
+DWORD CETWLogging::LogEx(
+    DWORD level, const wchar_t* file, const wchar_t* function, DWORD line, const wchar_t* message) noexcept
+{
+    const TRACEHANDLE session = m_session;
+    if (session == 0 || !isWantedBySession(level))
+    {
+        return ERROR_SUCCESS;
+    }
+    const ULONG carriedLevel = level == LogInformation2 ? ULONG{LogInformation} : level;
+    const ULONG carriedLine = line;
+    const ULONG processId = m_processId;
+    const ULONG threadId = ::GetCurrentThreadId();
+
+    MessageEvent event{};
+    event.header.Size = sizeof(event);
+    event.header.Flags = WNODE_FLAG_TRACED_GUID | WNODE_FLAG_USE_MOF_PTR;
+    event.header.Guid = kMessageEventClass;
+    event.header.Class.Type = kMessageEventType;
+    event.header.Class.Level = static_cast<UCHAR>(std::min<ULONG>(carriedLevel, 0xFF));
+    event.header.Class.Version = kMessageEventVersion;
+    SetField(event, EventField::Level, &carriedLevel, sizeof(carriedLevel));
+    SetText(event, EventField::File, file);
+    SetText(event, EventField::Function, function);
+    SetField(event, EventField::Line, &carriedLine, sizeof(carriedLine));
+    SetText(event, EventField::Group, m_group.c_str());
+    SetField(event, EventField::ProcessId, &processId, sizeof(processId));
+    SetField(event, EventField::ThreadId, &threadId, sizeof(threadId));
+    SetText(event, EventField::Message, message);
+    return ::TraceEvent(session, &event.header);
+}
+
+} // namespace ETWLogging
