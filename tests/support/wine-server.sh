@@ -19,6 +19,9 @@ start)
     fi
     # In this order: with -p before wineboot two service managers with databases of their own answer in turn.
     wineserver -p >>"$log" 2>&1
+    # The first program starts the prefix's services. Here their output goes to the file; started by the first
+    # test they would hold ctest's pipe, and the test would time out although it passed.
+    wine cmd.exe /c rem >>"$log" 2>&1
     ;;
 stop)
     wineserver -k >/dev/null 2>&1 || true
