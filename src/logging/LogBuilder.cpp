@@ -5,6 +5,7 @@
 
 #include "logging/ETWLogging.h"
 #include "logging/LogSettings.h"
+#include "logging/Logging.h"
 
 namespace ETWLogging
 {
@@ -71,11 +72,15 @@ bool CDefaultLogBuilder::BuildEx(
     {
         return false;
     }
+    std::unique_ptr<CLoggingIf> made;
     if (toFile)
     {
-        return false; // No file logger yet.
+        made.reset(new (std::nothrow) CLogging);
     }
-    std::unique_ptr<CLoggingIf> made(new (std::nothrow) CETWLogging);
+    else
+    {
+        made.reset(new (std::nothrow) CETWLogging);
+    }
     if (made == nullptr || !InitializeLogger(*made, context, group, context2, host))
     {
         return false;

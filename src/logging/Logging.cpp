@@ -1,0 +1,213 @@
+#include "logging/Logging.h"
+
+#include <algorithm>
+#include <cwchar>
+#include <exception>
+#include <iterator>
+
+#include "logging/LogLine.h"
+
+namespace ETWLogging
+{
+
+namespace
+{
+
+constexpr DWORD kMutexWaitMs = 7000;
+
+/// The threshold of a logger that has switched itself off: no level reaches it.
+constexpr DWORD kNoLevel = 10000;
+
+/// Assigns without letting a lack of memory out.
+DWORD Assign(std::wstring& target, const wchar_t* text) noexcept
+try
+{
+    target = text == nullptr ? L"" : text;
+    return ERROR_SUCCESS;
+}
+catch (const std::exception&)
+{
+    return ERROR_OUTOFMEMORY;
+}
+
+/// The folder of all services' logs below the machine's data folder, below Windows' temporary folder should
+/// the environment lack the former.
+std::wstring DefaultFolder()
+{
+    wchar_t path[MAX_PATH] = {};
+    const DWORD length = ::GetEnvironmentVariableW(L"ProgramData", path, MAX_PATH);
+    if (length != 0 && length < MAX_PATH)
+    {
+        return path + std::wstring(L"\\Tarvex\\Log");
+    }
+    ::GetWindowsDirectoryW(path, MAX_PATH);
+    return path + std::wstring(L"\\Temp\\Tarvex\\Log");
+}
+
+/// The group's name, made fit for a file.
+std::wstring DefaultFileName(const std::wstring& group)
+{
+    std::wstring name = group;
+    std::replace_if(
+        name.begin(),
+        name.end(),
+        [](wchar_t character) {
+            return character < L' ' || std::wcschr(L"<>:\"/\\|?*", character) != nullptr;
+        },
+        L'_');
+    return name + L".log";
+}
+
+/// File name of the running program without its extension.
+std::wstring ProgramName()
+{
+    std::wstring path(MAX_PATH, L'\0');
+    DWORD length = ::GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size()));
+    while (length == path.size()) // Cut: the buffer is too short.
+    {
+        path.resize(path.size() * 2);
+        length = ::GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size()));
+    }
+    path.resize(length);
+    const std::wstring name = path.substr(path.rfind(L'\\') + 1);
+    return name.substr(0, name.rfind(L'.'));
+}
+
+std::wstring FullPath(const std::wstring& path)
+{
+    std::wstring full(path.size() + MAX_PATH, L'\0');
+    const DWORD length =
+        ::GetFullPathNameW(path.c_str(), static_cast<DWORD>(full.size()), full.data(), nullptr);
+    if (length == 0 || length >= full.size())
+    {
+        return path;
+    }
+    full.resize(length);
+    return full;
+}
+
+} // namespace
+
+DWORD CLogging::Initialize(
+    const wchar_t* group, DWORD /*context2*/, const wchar_t* host, DWORD /*reserved*/) noexcept
+try
+{
+    m_group = group == nullptr ? L"" : group;
+    m_host = host == nullptr ? L"" : host;
+    m_tag = ProgramName();
+    m_fileName = DefaultFileName(m_group);
+    const LogSettings settings = ReadLogSettings();
+    m_folder = settings.folder.empty() ? DefaultFolder() : settings.folder;
+    m_threshold = settings.threshold;
+    m_options = settings.options;
+    return ERROR_SUCCESS;
+}
+catch (const std::exception&)
+{
+    return ERROR_OUTOFMEMORY;
+}
+
+void CLogging::Activate() noexcept
+try
+{
+    m_file.SetPath(FullPath(m_folder + L'\\' + m_fileName));
+    if (m_useMutex)
+    {
+        m_mutex.Create(m_file.GetPath());
+    }
+}
+catch (const std::exception&)
+{
+    // Without a path every message fails to open the file; without a mutex nobody waits.
+}
+
+DWORD CLogging::Log(
+    const wchar_t* file, const wchar_t* function, DWORD line, DWORD level, const wchar_t* message) noexcept
+try
+{
+    const CLogMutex::CHold hold(m_mutex, kMutexWaitMs);
+    if (!m_gate.load()(*this) || message == nullptr || *message == L'\0')
+    {
+        return ERROR_INVALID_PARAMETER;
+    }
+    return writeLine(hold.IsHeld() || !m_useMutex, file, function, line, level, message);
+}
+catch (const std::exception&)
+{
+    return ERROR_OUTOFMEMORY;
+}
+
+/// The file comes first, so that its error is the one reported when the line cannot be built either.
+DWORD CLogging::writeLine(
+    bool alone, const wchar_t* file, const wchar_t* function, DWORD line, DWORD level, const wchar_t* message)
+{
+    CLogFile::COpened opened;
+    DWORD status = m_file.Open(alone, opened);
+    if (status != ERROR_SUCCESS)
+    {
+        return status;
+    }
+    const LogLineFields fields{m_options, m_tag.c_str(), m_processId};
+    std::wstring text;
+    status = BuildLogLine(fields, file, function, line, level, message, text);
+    return status == ERROR_SUCCESS ? m_file.Write(opened, text) : status;
+}
+
+bool CLogging::firstUseGate(CLogging& logger)
+{
+    if (EnsureLogFolder(logger.m_folder))
+    {
+        logger.m_gate = &CLogging::openGate;
+        return true;
+    }
+    logger.m_fileLogging = false;
+    logger.m_gate = &CLogging::closedGate;
+    logger.m_threshold = kNoLevel;
+    return false;
+}
+
+DWORD CLogging::IsLevelEnabled(DWORD level) const noexcept
+{
+    return level >= m_threshold ? 1 : 0;
+}
+
+void CLogging::SetThreshold(DWORD level) noexcept
+{
+    if (m_fileLogging) // Switched off for good: the threshold stays out of reach.
+    {
+        m_threshold = level;
+    }
+}
+
+DWORD CLogging::SetApplicationTag(const wchar_t* tag) noexcept
+{
+    return Assign(m_tag, tag);
+}
+
+DWORD CLogging::SetFolder(const wchar_t* folder) noexcept
+{
+    return Assign(m_folder, folder);
+}
+
+DWORD CLogging::SetFileName(const wchar_t* name) noexcept
+{
+    if (name == nullptr || std::wcschr(name, L'.') == nullptr)
+    {
+        return ERROR_INVALID_PARAMETER;
+    }
+    return Assign(m_fileName, name);
+}
+
+DWORD CLogging::SetRotation(DWORD entriesPerFile, DWORD oldFileCount) noexcept
+{
+    m_file.SetRotation(entriesPerFile, oldFileCount);
+    return ERROR_SUCCESS;
+}
+
+DWORD CLogging::SetMutexEnabled(bool enabled) noexcept
+{
+    m_useMutex = enabled;
+    return ERROR_SUCCESS;
+}
+
+} // namespace ETWLogging
