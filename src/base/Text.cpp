@@ -47,4 +47,10 @@ std::wstring SystemMessage(DWORD error)
     return text;
 }
 
+std::wstring LowerCased(std::wstring text)
+{
+    ::_wcslwr(text.data());
+    return text;
+}
+
 } // namespace Basalt

@@ -17,4 +17,7 @@ namespace Basalt
 /// @throws std::bad_alloc
 [[nodiscard]] std::wstring SystemMessage(DWORD error);
 
+/// Lower-cased by the runtime library's rules for the current locale.
+[[nodiscard]] std::wstring LowerCased(std::wstring text);
+
 } // namespace Basalt

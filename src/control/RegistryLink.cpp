@@ -1,0 +1,133 @@
+#include "control/RegistryLink.h"
+
+#include <windows.h>
+
+#include <shlwapi.h>
+
+#include <cwchar>
+#include <iterator>
+#include <utility>
+
+#include "base/SystemLibrary.h"
+
+namespace
+{
+
+constexpr wchar_t kLinkValue[] = L"SymbolicLinkValue";
+constexpr wchar_t kKernelPrefix[] = L"\\Registry\\MACHINE\\";
+constexpr std::size_t kKernelPrefixLength = std::size(kKernelPrefix) - 1;
+constexpr std::size_t kLongestKernelPath = 512; ///< characters, without a terminator
+constexpr REGSAM kTargetAccess = KEY_READ | KEY_WRITE;
+
+/// A populated key takes three passes: empty it, delete it, create the link. More means that it cannot be
+/// deleted.
+constexpr unsigned kLastPass = 5;
+
+bool IsEmpty(const wchar_t* text) noexcept
+{
+    return text == nullptr || *text == L'\0';
+}
+
+/// Link data is a kernel path without a terminator.
+bool SetLinkTarget(Basalt::CRegKey& link, const wchar_t* path, std::size_t length) noexcept
+{
+    const auto size = static_cast<DWORD>(length * sizeof(wchar_t));
+    return link.WriteValue(kLinkValue, REG_LINK, path, size) == ERROR_SUCCESS;
+}
+
+/// One step towards a free path: deletes the key when nothing is in it but perhaps the link value, else
+/// empties it.
+bool RemoveExistingKey(const wchar_t* linkPath) noexcept
+{
+    Basalt::CRegKey existing;
+    DWORD subKeys = 0;
+    DWORD values = 0;
+    if (existing.Create(HKEY_LOCAL_MACHINE, linkPath, KEY_ALL_ACCESS, REG_OPTION_OPEN_LINK) != ERROR_SUCCESS ||
+        existing.GetInfo(subKeys, values) != ERROR_SUCCESS)
+    {
+        return false;
+    }
+    if (subKeys == 0 && values < 2)
+    {
+        return DeleteKeyByHandle(existing.Get());
+    }
+    return ::SHDeleteKeyW(existing.Get(), L"") == ERROR_SUCCESS;
+}
+
+} // namespace
+
+bool IsRegistryLink(const wchar_t* linkPath) noexcept
+{
+    if (IsEmpty(linkPath))
+    {
+        return false;
+    }
+    Basalt::CRegKey key;
+    if (key.Create(HKEY_LOCAL_MACHINE, linkPath, KEY_ALL_ACCESS, REG_OPTION_OPEN_LINK) != ERROR_SUCCESS)
+    {
+        return false;
+    }
+    DWORD type = REG_NONE;
+    return ::RegQueryValueExW(key.Get(), kLinkValue, nullptr, &type, nullptr, nullptr) == ERROR_SUCCESS &&
+           type == REG_LINK;
+}
+
+bool CreateRegistryLink(const wchar_t* linkPath, const wchar_t* targetPath, bool force, bool ensureTarget) noexcept
+{
+    if (IsEmpty(linkPath) || IsEmpty(targetPath))
+    {
+        return false;
+    }
+    if (ensureTarget)
+    {
+        Basalt::CRegKey target;
+        if (target.Create(HKEY_LOCAL_MACHINE, targetPath, kTargetAccess) != ERROR_SUCCESS)
+        {
+            return false;
+        }
+    }
+
+    Basalt::CRegKey link = RecreateLinkKey(linkPath, force, 0);
+    if (!link)
+    {
+        return false;
+    }
+
+    const std::size_t targetLength = std::wcslen(targetPath);
+    if (targetLength > kLongestKernelPath - kKernelPrefixLength)
+    {
+        return false;
+    }
+    wchar_t kernelPath[kLongestKernelPath];
+    std::wmemcpy(kernelPath, kKernelPrefix, kKernelPrefixLength);
+    std::wmemcpy(kernelPath + kKernelPrefixLength, targetPath, targetLength);
+    return SetLinkTarget(link, kernelPath, kKernelPrefixLength + targetLength);
+}
+
+Basalt::CRegKey RecreateLinkKey(const wchar_t* linkPath, bool force, unsigned depth) noexcept
+{
+    if (depth > kLastPass)
+    {
+        return {};
+    }
+    Basalt::CRegKey link;
+    const DWORD status = link.Create(HKEY_LOCAL_MACHINE, linkPath, KEY_ALL_ACCESS, REG_OPTION_CREATE_LINK);
+    if (status == ERROR_SUCCESS)
+    {
+        // A link key without a value could not be told from a plain one: it gets a placeholder at once.
+        return SetLinkTarget(link, L"\\", 1) ? std::move(link) : Basalt::CRegKey();
+    }
+    if (status != ERROR_ALREADY_EXISTS || !force || !RemoveExistingKey(linkPath))
+    {
+        return {};
+    }
+    return RecreateLinkKey(linkPath, true, depth + 1);
+}
+
+bool DeleteKeyByHandle(HKEY key) noexcept
+{
+    // RegDeleteKeyW would follow the link and delete the target.
+    using NtDeleteKey = LONG NTAPI(HANDLE);
+    const auto deleteKey = Basalt::FindExport<NtDeleteKey>(::GetModuleHandleW(L"ntdll.dll"), "NtDeleteKey");
+    return deleteKey != nullptr && deleteKey(key) == 0;
+}

@@ -1,0 +1,206 @@
+#include "host/TxSvcHost.h"
+
+#include <windows.h>
+
+#include <objbase.h>
+
+#include <vector>
+
+#include "base/Stopwatch.h"
+#include "host/ProcessSecurity.h"
+#include "logging/Log.h"
+#include "proxy/ComApartment.h"
+
+using namespace ETWLogging;
+
+namespace
+{
+
+constexpr wchar_t kLogSource[] = L"TxSvcHost";
+
+DWORD LowWord(HRESULT result) noexcept
+{
+    return static_cast<DWORD>(result) & 0xFFFFU;
+}
+
+} // namespace
+
+CTxSvcHost::CTxSvcHost() : m_groupDelimiter(L"/"), m_groupIndex(1)
+{
+}
+
+CTxSvcHost::~CTxSvcHost() = default;
+
+DWORD CTxSvcHost::Start(int argc, wchar_t** argv)
+{
+    constexpr wchar_t kFunction[] = L"CTxSvcHost::Start";
+    const Basalt::CStopwatch sinceStart;
+    TX_LOG(LogNormal, kFunction, L"---");
+
+    // Declared in the order in which they must outlive one another: COM is uninitialised first, then the table
+    // goes, then the descriptor.
+    CProcessSecurity security;
+    CTxSCMInterface scmInterface;
+    DWORD result = prepareGroup(argc, argv, scmInterface);
+    if (result != ERROR_SUCCESS)
+    {
+        return result;
+    }
+
+    const CComApartment com;
+    if (FAILED(com.Result()))
+    {
+        TX_LOG(LogError, kFunction, L"CoInitialize failed (hr=0x%08X)", com.Result());
+        return LowWord(com.Result());
+    }
+    security.Build();
+    const HRESULT secured = ::CoInitializeSecurity(
+        security.Descriptor(),
+        -1,
+        nullptr,
+        nullptr,
+        RPC_C_AUTHN_LEVEL_DEFAULT,
+        RPC_C_IMP_LEVEL_IMPERSONATE,
+        nullptr,
+        EOAC_NONE,
+        nullptr);
+    if (FAILED(secured))
+    {
+        TX_LOG(LogError, kFunction, L"CoInitializeSecurity failed (hr=0x%08X)", secured);
+        return LowWord(secured);
+    }
+
+    TX_LOG(LogNormal, kFunction, L"Starting SCM after %0.04fs", sinceStart.Seconds());
+    result = scmInterface.RegisterServicesToSCM();
+    if (result != ERROR_SUCCESS)
+    {
+        TX_LOG(LogError, kFunction, L"SCM interface failed to start (Err=0x%08X)", result);
+        return ERROR_INTERNAL_ERROR;
+    }
+    TX_LOG(LogNormal, kFunction, L"SCM stopped after %0.04fs", sinceStart.Seconds());
+
+    if (!CTxSvcHostConfig::GetInstance().DeInit())
+    {
+        TX_LOG(LogWarning, kFunction, L"Failed to deinitialize CTxSvcHostConfig");
+    }
+    CTxSvcHostConfig::ReleaseInstance();
+    return ERROR_SUCCESS;
+}
+
+DWORD CTxSvcHost::prepareGroup(int argc, wchar_t** argv, CTxSCMInterface& scmInterface)
+{
+    constexpr wchar_t kFunction[] = L"CTxSvcHost::Start";
+    std::wstring groupName;
+    if (!ParseCommandLine(argc, argv, groupName))
+    {
+        TX_LOG(LogError, kFunction, L"Failed to parse the command line");
+        TX_LOG(LogError, kFunction, L"Command Line: %s", ::GetCommandLineW());
+        return ERROR_INVALID_PARAMETER;
+    }
+    if (groupName.empty())
+    {
+        TX_LOG(LogError, kFunction, L"The group name is empty");
+        return ERROR_INVALID_PARAMETER;
+    }
+    CTxSvcHostConfig& config = CTxSvcHostConfig::GetInstance();
+    if (!config.Init(groupName))
+    {
+        TX_LOG(LogError, kFunction, L"Failed to initialize CTxSvcHostConfig");
+        return ERROR_INTERNAL_ERROR;
+    }
+    if (m_proxy == nullptr)
+    {
+        m_proxy = std::make_unique<CTxSvcHostProxy>();
+    }
+    if (!AddServicesToScmInterface(config, scmInterface))
+    {
+        const DWORD error = ::GetLastError();
+        TX_LOG(LogError, kFunction, L"Failed to add services to SCM interface (GLE=0x%08X)", error);
+        return ERROR_INVALID_PARAMETER;
+    }
+    return ERROR_SUCCESS;
+}
+
+bool CTxSvcHost::ParseCommandLine(int argc, wchar_t** argv, std::wstring& groupName) const
+{
+    constexpr wchar_t kFunction[] = L"CTxSvcHost::ParseCommandLine";
+    if (argc <= m_groupIndex)
+    {
+        TX_LOG(
+            LogError,
+            kFunction,
+            L"The group index is greater, mostly insufficient arguments, group index %d, number of arguments %d",
+            m_groupIndex,
+            argc);
+        return false;
+    }
+    if (argv == nullptr)
+    {
+        TX_LOG(LogError, kFunction, L"The argv is NULL");
+        return false;
+    }
+    const std::wstring entry = argv[m_groupIndex];
+    const std::size_t delimiter = entry.find(m_groupDelimiter);
+    if (delimiter == std::wstring::npos)
+    {
+        TX_LOG(LogError, kFunction, L"The group delimiter is not found. Group Entry '%s'", entry);
+        return false;
+    }
+    std::wstring name = entry.substr(delimiter + m_groupDelimiter.size());
+    if (name.empty())
+    {
+        TX_LOG(LogError, kFunction, L"The group name is empty. Group Entry '%s'", entry);
+        return false;
+    }
+    TX_LOG(LogNormal, kFunction, L"The group name selected to run is '%s'", name);
+    groupName = std::move(name);
+    return true;
+}
+
+bool CTxSvcHost::AddServicesToScmInterface(const CTxSvcHostConfig& config, CTxSCMInterface& scmInterface)
+{
+    constexpr wchar_t kFunction[] = L"CTxSvcHost::AddServicesToScmInterface";
+    std::wstring groupName;
+    if (!config.GetGroupName(groupName))
+    {
+        TX_LOG(LogError, kFunction, L"Failed to get the group name %s", groupName);
+        return false;
+    }
+    std::vector<std::wstring> services;
+    if (!config.GetServices(services))
+    {
+        TX_LOG(LogError, kFunction, L"Failed to get group services %s", groupName);
+        return false;
+    }
+    if (services.empty())
+    {
+        TX_LOG(LogError, kFunction, L"There are no services in the group %s", groupName);
+        return false;
+    }
+
+    TX_LOG(LogNormal, kFunction, L"Adding services to the SCM interface");
+    int added = 0;
+    for (const std::wstring& name : services)
+    {
+        if (name.empty())
+        {
+            TX_LOG(LogWarning, kFunction, L"Some service name in the group is empty");
+        }
+        else if (scmInterface.AddService(name.c_str(), &CTxSvcHostProxy::GenericServiceMain))
+        {
+            TX_LOG(LogNormal, kFunction, L"Service added to SCM interface successfully '%s'", name);
+            ++added;
+        }
+        else
+        {
+            TX_LOG(LogError, kFunction, L"Failed to add the service to SCM Interface '%s'", name);
+        }
+    }
+    if (added == 0)
+    {
+        TX_LOG(LogError, kFunction, L"There are no valid services in the group");
+        return false;
+    }
+    TX_LOG(LogNormal, kFunction, L"%d services added to SCM interface", added);
+    return true;
+}

@@ -1,0 +1,61 @@
+#include "host/TxSvcHostMain.h"
+
+#include <windows.h>
+
+#include <cwchar>
+
+#include "control/RegistryLink.h"
+#include "host/TxSvcHost.h"
+#include "logging/Log.h"
+
+using namespace ETWLogging;
+
+namespace
+{
+
+constexpr wchar_t kLogSource[] = L"TxSvcHostMain";
+
+/// Exact case, anywhere in the line, the program's own path included.
+constexpr wchar_t kStartServicesSwitch[] = L"/startservices";
+
+void LogBanner(int argc, wchar_t** argv)
+{
+    if (LogIsEnabled(LogNormal))
+    {
+        TX_LOG(
+            LogNormal,
+            L"wmain",
+            L"Tarvex Shared Service Host [%s] v%d.%d.%d.%d starting",
+            argc != 0 ? argv[0] : L"n/a",
+            TX_VERSION_MAJOR,
+            TX_VERSION_MINOR,
+            TX_VERSION_BUILD,
+            TX_VERSION_REVISION);
+    }
+}
+
+} // namespace
+
+int TxSvcHostMain(int argc, wchar_t** argv)
+{
+    // A damaged module must fail to load, not put up a box that nobody can click away in a service's session.
+    ::SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOOPENFILEERRORBOX);
+
+    LoggingIdentity identity;
+    identity.group = L"PLATFORM";
+    identity.host = nullptr;
+    SetLoggingIdentity(identity);
+
+    if (std::wcsstr(::GetCommandLineW(), kStartServicesSwitch) != nullptr)
+    {
+        return ERROR_SUCCESS;
+    }
+    LogBanner(argc, argv);
+
+    if (!IsRegistryLink(kProductKey))
+    {
+        CreateRegistryLink(kProductKey, kProductKey32, true, true);
+    }
+    CTxSvcHost host;
+    return static_cast<int>(host.Start(argc, argv));
+}

@@ -1,0 +1,406 @@
+#include "proxy/TxSvcHostProxy.h"
+
+#include <windows.h>
+
+#include <objbase.h>
+
+#include <exception>
+#include <utility>
+
+#include "TxSvcSubsystem.h"
+#include "base/CallGuard.h"
+#include "base/Owned.h"
+#include "base/RegKey.h"
+#include "base/SystemLibrary.h"
+#include "base/Text.h"
+#include "base/WorkingSetEvent.h"
+#include "config/TxSvcHostConfig.h"
+#include "control/ReduceRestart.h"
+#include "logging/Log.h"
+#include "proxy/ComApartment.h"
+
+using Basalt::CStopwatch;
+using namespace ETWLogging;
+
+namespace
+{
+
+constexpr wchar_t kLogSource[] = L"TxSvcHostProxy";
+
+/// What an exception out of hosted code is turned into.
+constexpr DWORD kExceptionCode = ERROR_INVALID_OPERATION;
+constexpr HRESULT kExceptionResult = __HRESULT_FROM_WIN32(ERROR_INVALID_OPERATION);
+
+/// Time for the subsystem's last thread to leave its code before that is unmapped.
+constexpr DWORD kUnloadDelayMs = 100;
+
+using ClassObjectReference = Basalt::CComReference<ITxSvcClassObject>;
+
+/// DllGetClassObject, with an exception turned into a status.
+HRESULT GetClassObject(LPFNGETCLASSOBJECT getClassObject, const CLSID& clsid, ITxSvcClassObject** object) noexcept
+{
+    HRESULT result = kExceptionResult;
+    void* found = nullptr;
+    if (!Basalt::CallGuarded([&] { result = getClassObject(clsid, IID_ITxSvcClassObject, &found); }))
+    {
+        return kExceptionResult;
+    }
+    *object = static_cast<ITxSvcClassObject*>(found);
+    return SUCCEEDED(result) && found == nullptr ? E_POINTER : result;
+}
+
+/// CreateObject, with an exception turned into a status. Releases the class object in any case.
+HRESULT CreateSubsystem(ITxSvcClassObject* classObject, CSubsystemHolder& holder) noexcept
+{
+    HRESULT result = kExceptionResult;
+    void* created = nullptr;
+    if (!Basalt::CallGuarded([&] { result = classObject->CreateObject(IID_ITxSvcSubsystem, &created); }))
+    {
+        result = kExceptionResult;
+    }
+    else if (SUCCEEDED(result))
+    {
+        holder.SetInterface(static_cast<ITxSvcSubsystem*>(created));
+    }
+    if (!Basalt::CallGuarded([classObject] { classObject->Release(); }))
+    {
+        TX_LOG(
+            LogError,
+            L"CTxSvcHostProxy::GetSubsystem",
+            L"Exception found & suppressed in service, returning 0x%08X",
+            kExceptionCode);
+    }
+    return result;
+}
+
+/// Asks the working-set handler of this process, if there is one, for a trim.
+void SignalWorkingSetEvent()
+{
+    const std::wstring name = Basalt::WorkingSetEventName(::GetCurrentProcessId());
+    const Basalt::CHandle event(::OpenEventW(EVENT_MODIFY_STATE, FALSE, name.c_str()));
+    if (event)
+    {
+        ::SetEvent(event.Get());
+    }
+}
+
+/// Whether the service control manager already has the service as stopped. A second report would replace the exit
+/// code of the first.
+bool IsReportedStopped(const std::wstring& name) noexcept
+{
+    const Basalt::CServiceHandle manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
+    const Basalt::CServiceHandle service(::OpenServiceW(manager.Get(), name.c_str(), SERVICE_QUERY_STATUS));
+    SERVICE_STATUS status{};
+    return service && ::QueryServiceStatus(service.Get(), &status) != FALSE &&
+           status.dwCurrentState == SERVICE_STOPPED;
+}
+
+void WINAPI IgnoreControl(DWORD /*control*/)
+{
+}
+
+} // namespace
+
+Basalt::CLock CTxSvcHostProxy::s_instanceLock;
+std::shared_ptr<CTxSvcHostProxy::Instance> CTxSvcHostProxy::s_instance;
+
+CTxSvcHostProxy::CTxSvcHostProxy()
+{
+    const Basalt::CLockGuard guard(s_instanceLock);
+    if (s_instance == nullptr)
+    {
+        s_instance = std::make_shared<Instance>();
+    }
+}
+
+CTxSvcHostProxy::~CTxSvcHostProxy()
+{
+    const Basalt::CLockGuard guard(s_instanceLock);
+    s_instance.reset();
+}
+
+std::shared_ptr<CTxSvcHostProxy::Instance> CTxSvcHostProxy::currentInstance() noexcept
+{
+    const Basalt::CLockGuard guard(s_instanceLock);
+    return s_instance;
+}
+
+void WINAPI CTxSvcHostProxy::GenericServiceMain(DWORD argc, LPWSTR* argv) noexcept
+{
+    constexpr wchar_t kFunction[] = L"CTxSvcHostProxy::GenericServiceMain";
+    if (argc < 1)
+    {
+        TX_LOG(LogError, kFunction, L"Insufficient arguments to ServiceMain");
+        return;
+    }
+    if (argv == nullptr)
+    {
+        TX_LOG(LogError, kFunction, L"NULL passed as argv ");
+        return;
+    }
+    const wchar_t* const name = argv[0] != nullptr ? argv[0] : L"";
+    if (IsReduceRestartStopping())
+    {
+        TX_LOG(LogError, kFunction, L"GenericServiceMain is called when shutdown, argv[0] = %s", name);
+        return;
+    }
+    ::SetThreadPriority(::GetCurrentThread(), THREAD_PRIORITY_ABOVE_NORMAL);
+
+    // A reference of our own: the dispatcher returns, and the host goes on to destroy its proxy, as soon as the
+    // last service has reported that it is stopped, while this thread may still be inside the load lock.
+    const std::shared_ptr<Instance> instance = currentInstance();
+    if (instance == nullptr)
+    {
+        TX_LOG(LogError, kFunction, L"No instance for CTxSvcHostProxy");
+        return;
+    }
+    try
+    {
+        ProxyServiceMain(*instance, name, argc, argv);
+    }
+    catch (const std::exception&)
+    {
+        // Out of memory in our own code. The other services of the group may still have enough.
+        TX_LOG(LogError, kFunction, L"Out of memory, stopping service '%s'", name);
+        SetServiceStoppedStatus(name);
+    }
+}
+
+void CTxSvcHostProxy::ProxyServiceMain(Instance& instance, const std::wstring& name, DWORD argc, LPWSTR* argv)
+{
+    constexpr wchar_t kFunction[] = L"CTxSvcHostProxy::ProxyServiceMain";
+    TX_LOG(LogNormal, kFunction, L"Entering ServiceMain for '%s'", name);
+    const CStopwatch sinceStart;
+
+    const CComApartment com;
+    if (FAILED(com.Result()))
+    {
+        // Without COM nothing of the service exists yet; no status is reported.
+        TX_LOG(LogError, kFunction, L"Failed to initialize COM (0x%08X)", com.Result());
+        return;
+    }
+    TX_LOG(LogNormal, kFunction, L"ServiceMain for '%s' starting (%0.04fs)", name, sinceStart.Seconds());
+
+    CSubsystemHolder holder;
+    if (!admitAndLoad(instance, name, sinceStart, holder))
+    {
+        return;
+    }
+
+    const RunResult result = SafeExecuteServiceMain(holder, argc, argv);
+    TX_LOG(
+        LogNormal,
+        kFunction,
+        L"The ITxSvcSubsystem(%s)->TxServiceMain returned 0x%08X",
+        name,
+        result.code);
+
+    const bool unload = result.code == kTxSvcUnloadModule;
+    holder.ReleaseInterface();
+    if (unload)
+    {
+        ::Sleep(kUnloadDelayMs);
+        holder.UnloadModule();
+    }
+    TX_LOG(
+        LogNormal,
+        kFunction,
+        L"ServiceMain for %s completed after %0.02fs",
+        name,
+        sinceStart.Seconds());
+    if (unload)
+    {
+        SignalWorkingSetEvent();
+    }
+    if (result.failed && !IsReportedStopped(name))
+    {
+        // It will not report anything any more: without this the group's process would never end.
+        SetServiceStoppedStatus(name);
+    }
+}
+
+bool CTxSvcHostProxy::admitAndLoad(
+    Instance& instance,
+    const std::wstring& name,
+    const CStopwatch& sinceStart,
+    CSubsystemHolder& holder)
+{
+    const CStopwatch sinceAdmission;
+    if (!CTxSvcHostConfig::GetInstance().IsSerialLoad())
+    {
+        return loadOrReportStopped(name, sinceStart, sinceAdmission, holder);
+    }
+    // Hosted code runs under this lock: loading one subsystem at a time is what it is for.
+    const Basalt::CLockGuard guard(instance.loadLock);
+    return loadOrReportStopped(name, sinceStart, sinceAdmission, holder);
+}
+
+bool CTxSvcHostProxy::loadOrReportStopped(
+    const std::wstring& name,
+    const CStopwatch& sinceStart,
+    const CStopwatch& sinceAdmission,
+    CSubsystemHolder& holder)
+{
+    constexpr wchar_t kFunction[] = L"CTxSvcHostProxy::ProxyServiceMain";
+    if (!GetSubsystem(name, holder) || holder.Interface() == nullptr)
+    {
+        TX_LOG(LogError, kFunction, L"Failed to get the subsystem interface for '%s'", name);
+        SetServiceStoppedStatus(name);
+        holder.ReleaseInterface();
+        return false;
+    }
+    TX_LOG(
+        LogNormal,
+        kFunction,
+        L"Loading of %s subsystem took %0.04fs (%0.04fs from start)",
+        name,
+        sinceAdmission.Seconds(),
+        sinceStart.Seconds());
+    return true;
+}
+
+bool CTxSvcHostProxy::GetSubsystem(const std::wstring& name, CSubsystemHolder& holder)
+{
+    constexpr wchar_t kFunction[] = L"CTxSvcHostProxy::GetSubsystem";
+    holder.ReleaseInterface();
+
+    std::wstring clsidText;
+    if (!CTxSvcHostConfig::GetInstance().GetSvcCLSID(name, clsidText))
+    {
+        TX_LOG(LogError, kFunction, L"Failed to get the subsystem clsid");
+        return false;
+    }
+    TX_LOG(LogNormal, kFunction, L"Subsystem ClsID = '%s'", clsidText);
+    CLSID clsid{};
+    std::wstring path;
+    if (!ConvertStringToCLSID(clsidText, clsid) || !LookupPathnameFromCLSID(clsidText, path))
+    {
+        return false;
+    }
+    TX_LOG(LogNormal, kFunction, L"Subsystem DLL path: '%s'", path);
+
+    const CStopwatch sinceLoad;
+    holder.SetModule(::LoadLibraryW(path.c_str()));
+    if (holder.Module() == nullptr)
+    {
+        TX_LOG(LogError, kFunction, L"Unable to load module '%s'", path);
+        return false;
+    }
+    const auto getClassObject = reinterpret_cast<LPFNGETCLASSOBJECT>(
+        Basalt::FindExport<std::remove_pointer_t<LPFNGETCLASSOBJECT>>(holder.Module(), "DllGetClassObject"));
+    if (getClassObject == nullptr)
+    {
+        TX_LOG(LogError, kFunction, L"Module '%s' does not contain correct entry point", path);
+        holder.UnloadModule();
+        return false;
+    }
+    TX_LOG(LogNormal, kFunction, L"Module '%s' loaded in %0.04fs", name, sinceLoad.Seconds());
+
+    // From here on the module stays loaded, also on failure: it has run code of its own.
+    const CStopwatch sinceCreate;
+    ITxSvcClassObject* classObject = nullptr;
+    HRESULT result = GetClassObject(getClassObject, clsid, &classObject);
+    if (FAILED(result))
+    {
+        TX_LOG(LogError, kFunction, L"DllGetClassObject failed (0x%08X)", result);
+        return false;
+    }
+    result = CreateSubsystem(classObject, holder);
+    if (FAILED(result))
+    {
+        TX_LOG(LogError, kFunction, L"CreateObject failed (0x%08X)", result);
+        return false;
+    }
+    TX_LOG(LogNormal, kFunction, L"Object '%s' created in %0.04fs", name, sinceCreate.Seconds());
+    return true;
+}
+
+bool CTxSvcHostProxy::ConvertStringToCLSID(const std::wstring& text, CLSID& clsid) noexcept
+{
+    if (text.empty() || text == L"{}")
+    {
+        return false;
+    }
+    const HRESULT result = ::CLSIDFromString(text.c_str(), &clsid);
+    if (FAILED(result))
+    {
+        TX_LOG(
+            LogError,
+            L"CTxSvcHostProxy::ConvertStringToCLSID",
+            L"Failed to convert the string clsid to clsid '%s' (0x%08X)",
+            text,
+            result);
+        return false;
+    }
+    return true;
+}
+
+bool CTxSvcHostProxy::LookupPathnameFromCLSID(const std::wstring& clsidText, std::wstring& path)
+{
+    constexpr wchar_t kFunction[] = L"CTxSvcHostProxy::LookupPathnameFromCLSID";
+    const std::wstring keyPath = L"CLSID\\" + clsidText + L"\\InprocServer32";
+    Basalt::CRegKey key;
+    // Write access is asked for on purpose although only reading follows: a registration that the host's account
+    // may not write is not one of ours.
+    const DWORD status = key.Open(HKEY_CLASSES_ROOT, keyPath.c_str(), KEY_READ | KEY_WRITE);
+    if (status != ERROR_SUCCESS)
+    {
+        TX_LOG(
+            LogError,
+            kFunction,
+            L"Unable to open registry path HKEY_CLASSES_ROOT\\%s (0x%08X)",
+            keyPath,
+            status);
+        return false;
+    }
+    if (key.ReadString(L"", path) != ERROR_SUCCESS)
+    {
+        TX_LOG(LogError, kFunction, L"Unable to load pathname, no default key");
+        return false;
+    }
+    return true;
+}
+
+CTxSvcHostProxy::RunResult
+CTxSvcHostProxy::SafeExecuteServiceMain(const CSubsystemHolder& holder, DWORD argc, LPWSTR* argv) noexcept
+{
+    constexpr wchar_t kFunction[] = L"CTxSvcHostProxy::SafeExecuteServiceMain";
+    HRESULT status = S_OK;
+    DWORD result = 0;
+    if (!Basalt::CallGuarded([&] { status = holder.Interface()->TxServiceMain(argc, argv, &result); }))
+    {
+        TX_LOG(
+            LogError,
+            kFunction,
+            L"Exception found & suppressed in service, returning 0x%08X",
+            kExceptionCode);
+        return {kExceptionCode, true};
+    }
+    if (FAILED(status))
+    {
+        TX_LOG(LogError, kFunction, L"Failed to start sub-service (hr=0x%08X)", status);
+        return {ERROR_FUNCTION_FAILED, true};
+    }
+    return {result, false};
+}
+
+bool CTxSvcHostProxy::SetServiceStoppedStatus(const std::wstring& name) noexcept
+{
+    constexpr wchar_t kFunction[] = L"CTxSvcHostProxy::SetServiceStoppedStatus";
+    const SERVICE_STATUS_HANDLE handle = ::RegisterServiceCtrlHandlerW(name.c_str(), &IgnoreControl);
+    if (handle == nullptr)
+    {
+        TX_LOG(LogError, kFunction, L"RegisterServiceCtrlHandler failed");
+        return false;
+    }
+    SERVICE_STATUS status{};
+    status.dwServiceType = SERVICE_WIN32_SHARE_PROCESS;
+    status.dwCurrentState = SERVICE_STOPPED;
+    if (::SetServiceStatus(handle, &status) == FALSE)
+    {
+        const DWORD error = ::GetLastError();
+        TX_LOG(LogError, kFunction, L"Failed to set the service status, error %d", error);
+        return false;
+    }
+    return true;
+}

@@ -1,0 +1,78 @@
+#pragma once
+
+#include <windows.h>
+
+#include <memory>
+#include <string>
+
+#include "base/Lock.h"
+#include "base/Stopwatch.h"
+#include "proxy/SubsystemHolder.h"
+
+/// Runs the services of the group: every service of the process has GenericServiceMain as its entry point, which
+/// loads the service's subsystem and hands it the service's thread.
+///
+/// Constructing one makes sure that the process's proxy instance exists, destroying it releases the instance. The
+/// host makes one before the service control dispatcher starts and destroys it after the dispatcher has returned.
+/// Threads: GenericServiceMain runs on a thread of the service control manager for each service; the rest of the
+/// interface on any thread.
+/// Errors: each is logged where it is seen and ends the one service.
+/// @see https://learn.microsoft.com/windows/win32/services/service-servicemain-function
+class CTxSvcHostProxy
+{
+public:
+    CTxSvcHostProxy();
+    ~CTxSvcHostProxy();
+    CTxSvcHostProxy(const CTxSvcHostProxy&) = delete;
+    CTxSvcHostProxy& operator=(const CTxSvcHostProxy&) = delete;
+
+    /// @param argv the service's name, then the arguments given to StartServiceW.
+    static void WINAPI GenericServiceMain(DWORD argc, LPWSTR* argv) noexcept;
+
+    /// Loads the module that is configured for the service and creates its subsystem.
+    [[nodiscard]] static bool GetSubsystem(const std::wstring& name, CSubsystemHolder& holder);
+
+    /// An empty text and "{}" are refused without a log line: that is how a service without a subsystem is
+    /// written.
+    [[nodiscard]] static bool ConvertStringToCLSID(const std::wstring& text, CLSID& clsid) noexcept;
+
+    /// @param clsidText as configured; it is not brought into the canonical form.
+    [[nodiscard]] static bool LookupPathnameFromCLSID(const std::wstring& clsidText, std::wstring& path);
+
+    /// What became of a call of TxServiceMain.
+    struct RunResult
+    {
+        DWORD code;  ///< what the subsystem set, or ERROR_FUNCTION_FAILED or ERROR_INVALID_OPERATION
+        bool failed; ///< by a failed HRESULT or an exception
+    };
+    [[nodiscard]] static RunResult
+    SafeExecuteServiceMain(const CSubsystemHolder& holder, DWORD argc, LPWSTR* argv) noexcept;
+
+    /// Reports a service that never ran to the service control manager as stopped.
+    static bool SetServiceStoppedStatus(const std::wstring& name) noexcept;
+
+private:
+    /// What the process's services share.
+    struct Instance
+    {
+        /// Held while a subsystem loads, when the group's services load one after another. Loads are short
+        /// enough for a waiting thread to spin first.
+        Basalt::CLock loadLock{4000};
+    };
+
+    [[nodiscard]] static std::shared_ptr<Instance> currentInstance() noexcept;
+    static void ProxyServiceMain(Instance& instance, const std::wstring& name, DWORD argc, LPWSTR* argv);
+    [[nodiscard]] static bool admitAndLoad(
+        Instance& instance,
+        const std::wstring& name,
+        const Basalt::CStopwatch& sinceStart,
+        CSubsystemHolder& holder);
+    [[nodiscard]] static bool loadOrReportStopped(
+        const std::wstring& name,
+        const Basalt::CStopwatch& sinceStart,
+        const Basalt::CStopwatch& sinceAdmission,
+        CSubsystemHolder& holder);
+
+    static Basalt::CLock s_instanceLock;
+    static std::shared_ptr<Instance> s_instance TX_GUARDED_BY(s_instanceLock);
+};
