@@ -30,13 +30,15 @@ __declspec(noinline) bool CallCatchingCpp(void (*function)(void* context), void*
 
 #if defined(__clang__) || defined(_MSC_VER)
 
-int KeepCode(DWORD code, DWORD& kept) noexcept
+int KeepCode(DWORD code, DWORD& kept)
 {
     kept = code; // Valid in the filter only.
     return EXCEPTION_EXECUTE_HANDLER;
 }
 
-bool CallCatchingAll(void (*function)(void* context), void* context) noexcept
+/// The outer layer: everything else. It lets nothing out, yet must not be noexcept: clang would then unwind with
+/// the C++ rules only and end the process on a hardware fault.
+bool CallCatchingAll(void (*function)(void* context), void* context)
 {
     bool returned = false;
     DWORD code = 0;

@@ -31,7 +31,7 @@ DWORD Overflow(DWORD depth)
 {
     volatile BYTE frame[4096];
     frame[0] = static_cast<BYTE>(depth);
-    return Overflow(depth + 1) + frame[0];
+    return depth == MAXDWORD ? 0 : Overflow(depth + 1) + frame[0]; // Never gets that deep.
 }
 
 DWORD WINAPI OverflowTwice(void* context)
