@@ -1,7 +1,6 @@
 #include "base/CallGuard.h"
 
 #include <windows.h>
-
 #include <malloc.h>
 
 namespace Basalt
@@ -36,8 +35,8 @@ int KeepCode(DWORD code, DWORD& kept)
     return EXCEPTION_EXECUTE_HANDLER;
 }
 
-/// The outer layer: everything else. It lets nothing out, yet must not be noexcept: clang would then unwind with
-/// the C++ rules only and end the process on a hardware fault.
+/// The outer layer: everything else. It lets nothing out, yet must not be noexcept: clang would then unwind
+/// with the C++ rules only and end the process on a hardware fault.
 bool CallCatchingAll(void (*function)(void* context), void* context)
 {
     bool returned = false;

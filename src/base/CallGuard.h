@@ -21,7 +21,8 @@ template <typename Callable>
 [[nodiscard]] bool CallGuarded(Callable&& callable) noexcept
 {
     using Target = std::remove_reference_t<Callable>;
-    static_assert(!std::is_nothrow_invocable_v<Target&>, "a noexcept callable ends the process when it throws");
+    static_assert(
+        !std::is_nothrow_invocable_v<Target&>, "a noexcept callable ends the process when it throws");
     return CallGuarded(
         [](void* context) { (*static_cast<Target*>(context))(); },
         const_cast<void*>(static_cast<const void*>(std::addressof(callable))));

@@ -16,8 +16,8 @@ namespace Basalt
 /// promise is that a value that is not scrambled, is damaged, or was copied from another value's name is
 /// reported and never read as garbage.
 ///
-/// A value is stored as REG_BINARY: 4 bytes mark ("TXO1"), 4 bytes salt, then the scrambled type and data, then
-/// a scrambled 4-byte check over type, data and the value's name.
+/// A value is stored as REG_BINARY: 4 bytes mark ("TXO1"), 4 bytes salt, then the scrambled type and data,
+/// then a scrambled 4-byte check over type, data and the value's name.
 ///
 /// Results, errors and threads are as for CRegKey; beside them
 /// - ERROR_DATATYPE_MISMATCH: the value is stored plain, or holds another type than asked for;

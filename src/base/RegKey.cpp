@@ -71,8 +71,7 @@ DWORD CRegKey::Create(HKEY root, const wchar_t* path, REGSAM access, DWORD optio
 {
     Close();
     HKEY key = nullptr;
-    const LSTATUS status =
-        ::RegCreateKeyExW(root, path, 0, nullptr, options, access, nullptr, &key, nullptr);
+    const LSTATUS status = ::RegCreateKeyExW(root, path, 0, nullptr, options, access, nullptr, &key, nullptr);
     if (status == ERROR_SUCCESS)
     {
         m_key = key;
@@ -194,8 +193,7 @@ DWORD CRegKey::WriteDword(const wchar_t* name, DWORD value) noexcept
 
 DWORD CRegKey::WriteValue(const wchar_t* name, DWORD type, const void* data, DWORD size) noexcept
 {
-    return static_cast<DWORD>(
-        ::RegSetValueExW(m_key, name, 0, type, static_cast<const BYTE*>(data), size));
+    return static_cast<DWORD>(::RegSetValueExW(m_key, name, 0, type, static_cast<const BYTE*>(data), size));
 }
 
 DWORD CRegKey::DeleteValue(const wchar_t* name) noexcept

@@ -36,10 +36,7 @@ public:
     /// Opens a key, creating it and the missing keys above it. What the object held before is closed first.
     /// @param options as for RegCreateKeyExW: REG_OPTION_CREATE_LINK, REG_OPTION_OPEN_LINK and the like.
     [[nodiscard]] DWORD Create(
-        HKEY root,
-        const wchar_t* path,
-        REGSAM access,
-        DWORD options = REG_OPTION_NON_VOLATILE) noexcept;
+        HKEY root, const wchar_t* path, REGSAM access, DWORD options = REG_OPTION_NON_VOLATILE) noexcept;
 
     void Close() noexcept;
     [[nodiscard]] explicit operator bool() const noexcept { return m_key != nullptr; }

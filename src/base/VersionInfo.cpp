@@ -12,7 +12,8 @@ DWORD GetFileVersion(const std::wstring& path, Version& version) noexcept
 try
 {
     const CModule library = LoadSystemLibrary(L"version.dll");
-    const auto getSize = FindExport<decltype(::GetFileVersionInfoSizeW)>(library.Get(), "GetFileVersionInfoSizeW");
+    const auto getSize =
+        FindExport<decltype(::GetFileVersionInfoSizeW)>(library.Get(), "GetFileVersionInfoSizeW");
     const auto getInfo = FindExport<decltype(::GetFileVersionInfoW)>(library.Get(), "GetFileVersionInfoW");
     const auto query = FindExport<decltype(::VerQueryValueW)>(library.Get(), "VerQueryValueW");
     if (getSize == nullptr || getInfo == nullptr || query == nullptr)

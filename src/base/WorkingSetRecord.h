@@ -2,8 +2,8 @@
 
 #include <windows.h>
 
-/// The settings of working-set reduction, filled by the host's configuration and copied by value into the code
-/// that trims. The defaults stand with the configuration.
+/// The settings of working-set reduction, filled by the host's configuration and copied by value into the
+/// code that trims. The defaults stand with the configuration.
 struct WorkingSetRecord
 {
     DWORD dwEnabled = 0;

@@ -56,19 +56,12 @@ bool CRegistryStore::OpenRegistryKey(HKEY parent, const std::wstring& path, Basa
     return TakeKey(L"CRegistryStore::OpenRegistryKey", status, key, path, slot);
 }
 
-bool CRegistryStore::OpenOrCreateRegistryKey(HKEY parent, const std::wstring& path, Basalt::CRegKey& slot) noexcept
+bool CRegistryStore::OpenOrCreateRegistryKey(
+    HKEY parent, const std::wstring& path, Basalt::CRegKey& slot) noexcept
 {
     HKEY key = nullptr;
     const LSTATUS status = ::RegCreateKeyExW(
-        parent,
-        path.c_str(),
-        0,
-        nullptr,
-        REG_OPTION_NON_VOLATILE,
-        KEY_ALL_ACCESS,
-        nullptr,
-        &key,
-        nullptr);
+        parent, path.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_ALL_ACCESS, nullptr, &key, nullptr);
     return TakeKey(L"CRegistryStore::OpenOrCreateRegistryKey", status, key, path, slot);
 }
 
@@ -89,12 +82,7 @@ bool CRegistryStore::QueryRegistryDWORDValue(HKEY key, const std::wstring& name,
 }
 
 bool CRegistryStore::QueryRegistryDWORDValue(
-    HKEY key,
-    const std::wstring& name,
-    DWORD& value,
-    DWORD minimum,
-    DWORD maximum,
-    DWORD fallback) noexcept
+    HKEY key, const std::wstring& name, DWORD& value, DWORD minimum, DWORD maximum, DWORD fallback) noexcept
 {
     DWORD stored = 0;
     const bool read = QueryRegistryDWORDValue(key, name, stored);
@@ -125,12 +113,7 @@ bool CRegistryStore::QueryRegistryStringValue(HKEY key, const std::wstring& name
 bool CRegistryStore::SetRegistryDWORDValue(HKEY key, const std::wstring& name, DWORD value) noexcept
 {
     const LSTATUS status = ::RegSetValueExW(
-        key,
-        name.c_str(),
-        0,
-        REG_DWORD,
-        reinterpret_cast<const BYTE*>(&value),
-        sizeof(value));
+        key, name.c_str(), 0, REG_DWORD, reinterpret_cast<const BYTE*>(&value), sizeof(value));
     return status == ERROR_SUCCESS || Fail(L"CRegistryStore::SetRegistryDWORDValue", status, name);
 }
 
@@ -169,9 +152,7 @@ bool CRegistryStore::QueryRegistryInfoKey(HKEY key, DWORD& subKeyCount, DWORD& v
 }
 
 bool CRegistryStore::EnumerateRegistryValuesIntoContainer(
-    HKEY key,
-    std::vector<std::wstring>& names,
-    bool lowerCase)
+    HKEY key, std::vector<std::wstring>& names, bool lowerCase)
 {
     constexpr wchar_t kFunction[] = L"CRegistryStore::EnumerateRegistryValuesIntoContainer";
     names.clear();

@@ -9,9 +9,10 @@
 
 /// How the host's configuration reads and writes its values.
 ///
-/// A missing key or value (ERROR_FILE_NOT_FOUND) is silent, since the caller has a default; every other failure
-/// is logged here, once, with the code and the name, and gives false. Keys are opened with KEY_ALL_ACCESS in the
-/// process's own registry view. Out-parameters stay untouched on failure unless an operation says otherwise.
+/// A missing key or value (ERROR_FILE_NOT_FOUND) is silent, since the caller has a default; every other
+/// failure is logged here, once, with the code and the name, and gives false. Keys are opened with
+/// KEY_ALL_ACCESS in the process's own registry view. Out-parameters stay untouched on failure unless an
+/// operation says otherwise.
 ///
 /// Threads: holds no state; any thread.
 /// @see https://learn.microsoft.com/windows/win32/sysinfo/registry-functions
@@ -21,13 +22,15 @@ public:
     CRegistryStore() = delete;
 
     /// @param slot receives the key; another key that it held is closed.
-    [[nodiscard]] static bool OpenRegistryKey(HKEY parent, const std::wstring& path, Basalt::CRegKey& slot) noexcept;
-    [[nodiscard]] static bool
-    OpenOrCreateRegistryKey(HKEY parent, const std::wstring& path, Basalt::CRegKey& slot) noexcept;
+    [[nodiscard]] static bool OpenRegistryKey(
+        HKEY parent, const std::wstring& path, Basalt::CRegKey& slot) noexcept;
+    [[nodiscard]] static bool OpenOrCreateRegistryKey(
+        HKEY parent, const std::wstring& path, Basalt::CRegKey& slot) noexcept;
 
     /// True only when the stored type is REG_DWORD. Another type is a failure like any other; when the query
     /// itself succeeded, the line that reports it carries the code 0.
-    [[nodiscard]] static bool QueryRegistryDWORDValue(HKEY key, const std::wstring& name, DWORD& value) noexcept;
+    [[nodiscard]] static bool QueryRegistryDWORDValue(
+        HKEY key, const std::wstring& name, DWORD& value) noexcept;
 
     /// Reads a value that has a valid range, both ends included.
     /// @param value the stored value, or @p fallback when it is missing, mistyped or out of range.
@@ -42,7 +45,8 @@ public:
 
     /// Reads up to 1022 bytes of any type as text, up to the first NUL. A longer value fails with
     /// ERROR_MORE_DATA.
-    [[nodiscard]] static bool QueryRegistryStringValue(HKEY key, const std::wstring& name, std::wstring& value);
+    [[nodiscard]] static bool QueryRegistryStringValue(
+        HKEY key, const std::wstring& name, std::wstring& value);
 
     [[nodiscard]] static bool SetRegistryDWORDValue(HKEY key, const std::wstring& name, DWORD value) noexcept;
 
@@ -53,6 +57,6 @@ public:
     /// @param names      cleared first.
     /// @param lowerCase  lower-cases the names.
     /// @return false for a null key and when the enumeration itself fails.
-    [[nodiscard]] static bool
-    EnumerateRegistryValuesIntoContainer(HKEY key, std::vector<std::wstring>& names, bool lowerCase);
+    [[nodiscard]] static bool EnumerateRegistryValuesIntoContainer(
+        HKEY key, std::vector<std::wstring>& names, bool lowerCase);
 };

@@ -29,7 +29,7 @@ constexpr wchar_t kServiceSeparators[] = L";:,";
 struct RangedSetting
 {
     const wchar_t* name;
-    DWORD WorkingSetRecord::*field;
+    DWORD WorkingSetRecord::* field;
     DWORD minimum;
     DWORD maximum;
     DWORD fallback;
@@ -63,7 +63,8 @@ void RenameOccurrenceCount(HKEY key) noexcept
     {
         return;
     }
-    // A failed write is logged by the store; the misspelt value goes all the same, or each start would try again.
+    // A failed write is logged by the store; the misspelt value goes all the same, or each start would try
+    // again.
     static_cast<void>(CRegistryStore::SetRegistryDWORDValue(key, kOccurrenceCountValue, value));
     ::RegDeleteValueW(key, kMisspeltOccurrenceCountValue);
     TX_LOG(
@@ -287,9 +288,7 @@ void CTxSvcHostConfig::loadWorkingSetValues(HKEY rootKey) noexcept
     {
         m_workingSet.dwBucketRange = kDefaultBucketRange;
         TX_LOG(
-            LogWarning,
-            L"CTxSvcHostConfig::LoadWorkingSetValues",
-            L"Failed to read Bucket range reg value");
+            LogWarning, L"CTxSvcHostConfig::LoadWorkingSetValues", L"Failed to read Bucket range reg value");
     }
     RenameOccurrenceCount(rootKey);
     kOccurrenceCount.Load(rootKey, m_workingSet);
@@ -301,9 +300,7 @@ void CTxSvcHostConfig::loadGroupValues()
     Basalt::CRegKey groupKey;
     if (CRegistryStore::OpenRegistryKey(HKEY_LOCAL_MACHINE, groupKeyPath(), groupKey) &&
         !CRegistryStore::QueryRegistryDWORDValue(
-            groupKey.Get(),
-            kOptimalBucketValue,
-            m_workingSet.stOptimalBucketUpperLimit))
+            groupKey.Get(), kOptimalBucketValue, m_workingSet.stOptimalBucketUpperLimit))
     {
         m_workingSet.stOptimalBucketUpperLimit = 0;
         TX_LOG(

@@ -1,7 +1,6 @@
 #include "control/RegistryLink.h"
 
 #include <windows.h>
-
 #include <shlwapi.h>
 
 #include <cwchar>
@@ -42,7 +41,8 @@ bool RemoveExistingKey(const wchar_t* linkPath) noexcept
     Basalt::CRegKey existing;
     DWORD subKeys = 0;
     DWORD values = 0;
-    if (existing.Create(HKEY_LOCAL_MACHINE, linkPath, KEY_ALL_ACCESS, REG_OPTION_OPEN_LINK) != ERROR_SUCCESS ||
+    if (existing.Create(HKEY_LOCAL_MACHINE, linkPath, KEY_ALL_ACCESS, REG_OPTION_OPEN_LINK) !=
+            ERROR_SUCCESS ||
         existing.GetInfo(subKeys, values) != ERROR_SUCCESS)
     {
         return false;
@@ -72,7 +72,8 @@ bool IsRegistryLink(const wchar_t* linkPath) noexcept
            type == REG_LINK;
 }
 
-bool CreateRegistryLink(const wchar_t* linkPath, const wchar_t* targetPath, bool force, bool ensureTarget) noexcept
+bool CreateRegistryLink(
+    const wchar_t* linkPath, const wchar_t* targetPath, bool force, bool ensureTarget) noexcept
 {
     if (IsEmpty(linkPath) || IsEmpty(targetPath))
     {

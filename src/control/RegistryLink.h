@@ -6,8 +6,8 @@
 
 /// @file
 /// The product keeps its machine-wide settings in the 32-bit registry view. 64-bit components that open
-/// "Software\Tarvex" in their own view reach the same data through a registry symbolic link, which every start
-/// of the host makes sure of.
+/// "Software\Tarvex" in their own view reach the same data through a registry symbolic link, which every
+/// start of the host makes sure of.
 ///
 /// All paths are below HKEY_LOCAL_MACHINE, without a backslash in front, in the process's own view. The
 /// operations log nothing and report no code: the host starts with or without the link.
@@ -25,7 +25,8 @@ inline constexpr wchar_t kProductKey32[] = L"Software\\Wow6432Node\\Tarvex";
 /// @param ensureTarget creates the target key when it is missing.
 /// @return true when the link was made. On failure the link path may be left empty or as a link that leads
 ///         nowhere; the next call with @p force mends it.
-bool CreateRegistryLink(const wchar_t* linkPath, const wchar_t* targetPath, bool force, bool ensureTarget) noexcept;
+bool CreateRegistryLink(
+    const wchar_t* linkPath, const wchar_t* targetPath, bool force, bool ensureTarget) noexcept;
 
 /// Creates a new link key that leads nowhere yet, removing an existing key of that path when @p force is set.
 /// @param depth number of the pass, 0 for a caller; the removal gives up after a few.

@@ -66,9 +66,7 @@ bool CProcessSecurity::setOwnerAndGroup() noexcept
     m_group = QueryToken(token.Get(), TokenPrimaryGroup);
     return m_owner != nullptr && m_group != nullptr &&
            ::SetSecurityDescriptorOwner(
-               &m_descriptor,
-               reinterpret_cast<const TOKEN_OWNER*>(m_owner.get())->Owner,
-               FALSE) != FALSE &&
+               &m_descriptor, reinterpret_cast<const TOKEN_OWNER*>(m_owner.get())->Owner, FALSE) != FALSE &&
            ::SetSecurityDescriptorGroup(
                &m_descriptor,
                reinterpret_cast<const TOKEN_PRIMARY_GROUP*>(m_group.get())->PrimaryGroup,
@@ -89,7 +87,8 @@ CProcessSecurity::Buffer CProcessSecurity::lookUpAccount(const wchar_t* account)
     Buffer sid = Allocate(sidSize);
     const std::unique_ptr<wchar_t[]> domain(new (std::nothrow) wchar_t[domainLength]);
     if (sid == nullptr || domain == nullptr ||
-        ::LookupAccountNameW(nullptr, account, sid.get(), &sidSize, domain.get(), &domainLength, &use) == FALSE)
+        ::LookupAccountNameW(nullptr, account, sid.get(), &sidSize, domain.get(), &domainLength, &use) ==
+            FALSE)
     {
         return nullptr;
     }

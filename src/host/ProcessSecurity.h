@@ -4,8 +4,8 @@
 
 #include <memory>
 
-/// The security descriptor with which the process opens COM to everyone: owner and primary group of the calling
-/// thread's token, and a DACL that lets the account "Everyone" execute.
+/// The security descriptor with which the process opens COM to everyone: owner and primary group of the
+/// calling thread's token, and a DACL that lets the account "Everyone" execute.
 ///
 /// Threads: the one that initialises COM security. The descriptor points into the object, which must outlive
 /// its use.
@@ -17,8 +17,8 @@ public:
     CProcessSecurity(const CProcessSecurity&) = delete;
     CProcessSecurity& operator=(const CProcessSecurity&) = delete;
 
-    /// Builds the descriptor. A failing sub-step is not reported: the descriptor is used as it then stands, since
-    /// a host with COM's own defaults is better than no host.
+    /// Builds the descriptor. A failing sub-step is not reported: the descriptor is used as it then stands,
+    /// since a host with COM's own defaults is better than no host.
     void Build() noexcept;
 
     /// Adds an entry that allows the account the access, behind the entries that the DACL already has.

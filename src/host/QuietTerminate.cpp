@@ -1,6 +1,6 @@
 /// @file
-/// libstdc++'s own handler prints the exception's demangled name to a console that a service does not have, and
-/// brings the demangler and a printf of its own for it: a third of this program's size.
+/// libstdc++'s own handler prints the exception's demangled name to a console that a service does not have,
+/// and brings the demangler and a printf of its own for it: a third of this program's size.
 
 #include <cstdlib>
 

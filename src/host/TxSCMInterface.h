@@ -46,7 +46,8 @@ public:
     [[nodiscard]] bool LoadServicesIntoArray(CServiceTable& table) const;
 
     /// Runs the services; returns when all of them have stopped.
-    /// @return 0, ERROR_INTERNAL_ERROR (1359) when there is nothing to run, or why the dispatcher did not start.
+    /// @return 0, ERROR_INTERNAL_ERROR (1359) when there is nothing to run, or why the dispatcher did not
+    /// start.
     [[nodiscard]] DWORD RegisterServicesToSCM();
 
 private:

@@ -1,7 +1,6 @@
 #include "host/TxSvcHost.h"
 
 #include <windows.h>
-
 #include <objbase.h>
 
 #include <vector>
@@ -25,9 +24,7 @@ DWORD LowWord(HRESULT result) noexcept
 
 } // namespace
 
-CTxSvcHost::CTxSvcHost() : m_groupDelimiter(L"/"), m_groupIndex(1)
-{
-}
+CTxSvcHost::CTxSvcHost() : m_groupDelimiter(L"/"), m_groupIndex(1) {}
 
 CTxSvcHost::~CTxSvcHost() = default;
 
@@ -37,8 +34,8 @@ DWORD CTxSvcHost::Start(int argc, wchar_t** argv)
     const Basalt::CStopwatch sinceStart;
     TX_LOG(LogNormal, kFunction, L"---");
 
-    // Declared in the order in which they must outlive one another: COM is uninitialised first, then the table
-    // goes, then the descriptor.
+    // Declared in the order in which they must outlive one another: COM is uninitialised first, then the
+    // table goes, then the descriptor.
     CProcessSecurity security;
     CTxSCMInterface scmInterface;
     DWORD result = prepareGroup(argc, argv, scmInterface);
@@ -129,7 +126,8 @@ bool CTxSvcHost::ParseCommandLine(int argc, wchar_t** argv, std::wstring& groupN
         TX_LOG(
             LogError,
             kFunction,
-            L"The group index is greater, mostly insufficient arguments, group index %d, number of arguments %d",
+            L"The group index is greater, mostly insufficient arguments, group index %d, number of arguments "
+            L"%d",
             m_groupIndex,
             argc);
         return false;

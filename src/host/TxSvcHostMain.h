@@ -1,7 +1,7 @@
 #pragma once
 
-/// The process from its entry to its exit code: logging, the one-shot switch "/startservices", the banner, the
-/// registry view link, and the service group's whole run.
+/// The process from its entry to its exit code: logging, the one-shot switch "/startservices", the banner,
+/// the registry view link, and the service group's whole run.
 ///
 /// @return the process's exit code (CTxSvcHost::Start).
 [[nodiscard]] int TxSvcHostMain(int argc, wchar_t** argv);

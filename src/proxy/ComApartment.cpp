@@ -1,7 +1,6 @@
 #include "proxy/ComApartment.h"
 
 #include <windows.h>
-
 #include <objbase.h>
 
 #include "base/CallGuard.h"
@@ -16,9 +15,7 @@ constexpr wchar_t kLogSource[] = L"ComApartment";
 
 } // namespace
 
-CComApartment::CComApartment() noexcept : m_result(::CoInitializeEx(nullptr, COINIT_MULTITHREADED))
-{
-}
+CComApartment::CComApartment() noexcept : m_result(::CoInitializeEx(nullptr, COINIT_MULTITHREADED)) {}
 
 CComApartment::~CComApartment()
 {

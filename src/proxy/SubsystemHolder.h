@@ -6,8 +6,8 @@
 
 /// The loaded subsystem of one running service: its interface and its module.
 ///
-/// The interface is released with the object. The module is not freed with it: a subsystem may have left threads
-/// or objects behind that run its code, so it stays loaded unless the subsystem asked to be unloaded.
+/// The interface is released with the object. The module is not freed with it: a subsystem may have left
+/// threads or objects behind that run its code, so it stays loaded unless the subsystem asked to be unloaded.
 /// Threads: the service's own.
 class CSubsystemHolder
 {

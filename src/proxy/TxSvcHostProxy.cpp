@@ -1,7 +1,6 @@
 #include "proxy/TxSvcHostProxy.h"
 
 #include <windows.h>
-
 #include <objbase.h>
 
 #include <exception>
@@ -37,7 +36,8 @@ constexpr DWORD kUnloadDelayMs = 100;
 using ClassObjectReference = Basalt::CComReference<ITxSvcClassObject>;
 
 /// DllGetClassObject, with an exception turned into a status.
-HRESULT GetClassObject(LPFNGETCLASSOBJECT getClassObject, const CLSID& clsid, ITxSvcClassObject** object) noexcept
+HRESULT GetClassObject(
+    LPFNGETCLASSOBJECT getClassObject, const CLSID& clsid, ITxSvcClassObject** object) noexcept
 {
     HRESULT result = kExceptionResult;
     void* found = nullptr;
@@ -84,8 +84,8 @@ void SignalWorkingSetEvent()
     }
 }
 
-/// Whether the service control manager already has the service as stopped. A second report would replace the exit
-/// code of the first.
+/// Whether the service control manager already has the service as stopped. A second report would replace the
+/// exit code of the first.
 bool IsReportedStopped(const std::wstring& name) noexcept
 {
     const Basalt::CServiceHandle manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
@@ -95,9 +95,7 @@ bool IsReportedStopped(const std::wstring& name) noexcept
            status.dwCurrentState == SERVICE_STOPPED;
 }
 
-void WINAPI IgnoreControl(DWORD /*control*/)
-{
-}
+void WINAPI IgnoreControl(DWORD /*control*/) {}
 
 } // namespace
 
@@ -146,8 +144,8 @@ void WINAPI CTxSvcHostProxy::GenericServiceMain(DWORD argc, LPWSTR* argv) noexce
     }
     ::SetThreadPriority(::GetCurrentThread(), THREAD_PRIORITY_ABOVE_NORMAL);
 
-    // A reference of our own: the dispatcher returns, and the host goes on to destroy its proxy, as soon as the
-    // last service has reported that it is stopped, while this thread may still be inside the load lock.
+    // A reference of our own: the dispatcher returns, and the host goes on to destroy its proxy, as soon as
+    // the last service has reported that it is stopped, while this thread may still be inside the load lock.
     const std::shared_ptr<Instance> instance = currentInstance();
     if (instance == nullptr)
     {
@@ -189,11 +187,7 @@ void CTxSvcHostProxy::ProxyServiceMain(Instance& instance, const std::wstring& n
 
     const RunResult result = SafeExecuteServiceMain(holder, argc, argv);
     TX_LOG(
-        LogNormal,
-        kFunction,
-        L"The ITxSvcSubsystem(%s)->TxServiceMain returned 0x%08X",
-        name,
-        result.code);
+        LogNormal, kFunction, L"The ITxSvcSubsystem(%s)->TxServiceMain returned 0x%08X", name, result.code);
 
     const bool unload = result.code == kTxSvcUnloadModule;
     holder.ReleaseInterface();
@@ -202,12 +196,7 @@ void CTxSvcHostProxy::ProxyServiceMain(Instance& instance, const std::wstring& n
         ::Sleep(kUnloadDelayMs);
         holder.UnloadModule();
     }
-    TX_LOG(
-        LogNormal,
-        kFunction,
-        L"ServiceMain for %s completed after %0.02fs",
-        name,
-        sinceStart.Seconds());
+    TX_LOG(LogNormal, kFunction, L"ServiceMain for %s completed after %0.02fs", name, sinceStart.Seconds());
     if (unload)
     {
         SignalWorkingSetEvent();
@@ -220,10 +209,7 @@ void CTxSvcHostProxy::ProxyServiceMain(Instance& instance, const std::wstring& n
 }
 
 bool CTxSvcHostProxy::admitAndLoad(
-    Instance& instance,
-    const std::wstring& name,
-    const CStopwatch& sinceStart,
-    CSubsystemHolder& holder)
+    Instance& instance, const std::wstring& name, const CStopwatch& sinceStart, CSubsystemHolder& holder)
 {
     const CStopwatch sinceAdmission;
     if (!CTxSvcHostConfig::GetInstance().IsSerialLoad())
@@ -340,8 +326,8 @@ bool CTxSvcHostProxy::LookupPathnameFromCLSID(const std::wstring& clsidText, std
     constexpr wchar_t kFunction[] = L"CTxSvcHostProxy::LookupPathnameFromCLSID";
     const std::wstring keyPath = L"CLSID\\" + clsidText + L"\\InprocServer32";
     Basalt::CRegKey key;
-    // Write access is asked for on purpose although only reading follows: a registration that the host's account
-    // may not write is not one of ours.
+    // Write access is asked for on purpose although only reading follows: a registration that the host's
+    // account may not write is not one of ours.
     const DWORD status = key.Open(HKEY_CLASSES_ROOT, keyPath.c_str(), KEY_READ | KEY_WRITE);
     if (status != ERROR_SUCCESS)
     {
@@ -361,8 +347,8 @@ bool CTxSvcHostProxy::LookupPathnameFromCLSID(const std::wstring& clsidText, std
     return true;
 }
 
-CTxSvcHostProxy::RunResult
-CTxSvcHostProxy::SafeExecuteServiceMain(const CSubsystemHolder& holder, DWORD argc, LPWSTR* argv) noexcept
+CTxSvcHostProxy::RunResult CTxSvcHostProxy::SafeExecuteServiceMain(
+    const CSubsystemHolder& holder, DWORD argc, LPWSTR* argv) noexcept
 {
     constexpr wchar_t kFunction[] = L"CTxSvcHostProxy::SafeExecuteServiceMain";
     HRESULT status = S_OK;

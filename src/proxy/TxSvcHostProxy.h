@@ -9,14 +9,13 @@
 #include "base/Stopwatch.h"
 #include "proxy/SubsystemHolder.h"
 
-/// Runs the services of the group: every service of the process has GenericServiceMain as its entry point, which
-/// loads the service's subsystem and hands it the service's thread.
+/// Runs the services of the group: every service of the process has GenericServiceMain as its entry point,
+/// which loads the service's subsystem and hands it the service's thread.
 ///
-/// Constructing one makes sure that the process's proxy instance exists, destroying it releases the instance. The
-/// host makes one before the service control dispatcher starts and destroys it after the dispatcher has returned.
-/// Threads: GenericServiceMain runs on a thread of the service control manager for each service; the rest of the
-/// interface on any thread.
-/// Errors: each is logged where it is seen and ends the one service.
+/// Constructing one makes sure that the process's proxy instance exists, destroying it releases the instance.
+/// The host makes one before the service control dispatcher starts and destroys it after the dispatcher has
+/// returned. Threads: GenericServiceMain runs on a thread of the service control manager for each service;
+/// the rest of the interface on any thread. Errors: each is logged where it is seen and ends the one service.
 /// @see https://learn.microsoft.com/windows/win32/services/service-servicemain-function
 class CTxSvcHostProxy
 {
@@ -45,8 +44,8 @@ public:
         DWORD code;  ///< what the subsystem set, or ERROR_FUNCTION_FAILED or ERROR_INVALID_OPERATION
         bool failed; ///< by a failed HRESULT or an exception
     };
-    [[nodiscard]] static RunResult
-    SafeExecuteServiceMain(const CSubsystemHolder& holder, DWORD argc, LPWSTR* argv) noexcept;
+    [[nodiscard]] static RunResult SafeExecuteServiceMain(
+        const CSubsystemHolder& holder, DWORD argc, LPWSTR* argv) noexcept;
 
     /// Reports a service that never ran to the service control manager as stopped.
     static bool SetServiceStoppedStatus(const std::wstring& name) noexcept;

@@ -3,7 +3,6 @@
 #include <windows.h>
 
 #include <gtest/gtest.h>
-
 #include <stdexcept>
 
 namespace
@@ -63,12 +62,7 @@ TEST(CallGuard, SwallowsAStackOverflowAgainAndAgain)
     int swallowed = 0;
     constexpr SIZE_T kStackBytes = 256 * 1024;
     const HANDLE thread = ::CreateThread(
-        nullptr,
-        kStackBytes,
-        &OverflowTwice,
-        &swallowed,
-        STACK_SIZE_PARAM_IS_A_RESERVATION,
-        nullptr);
+        nullptr, kStackBytes, &OverflowTwice, &swallowed, STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
     ASSERT_NE(thread, nullptr);
 
     EXPECT_EQ(::WaitForSingleObject(thread, 30000), DWORD{WAIT_OBJECT_0});

@@ -3,7 +3,6 @@
 #include <windows.h>
 
 #include <gtest/gtest.h>
-
 #include <string>
 #include <vector>
 
@@ -17,7 +16,8 @@ class ObfuscatedRegKeyTest : public ::testing::Test
 protected:
     void SetUp() override
     {
-        ASSERT_EQ(m_key.Open(HKEY_LOCAL_MACHINE, m_plain.Path().c_str(), KEY_ALL_ACCESS), DWORD{ERROR_SUCCESS});
+        ASSERT_EQ(
+            m_key.Open(HKEY_LOCAL_MACHINE, m_plain.Path().c_str(), KEY_ALL_ACCESS), DWORD{ERROR_SUCCESS});
     }
 
     std::vector<BYTE> Stored(const wchar_t* name)

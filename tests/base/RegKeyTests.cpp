@@ -3,7 +3,6 @@
 #include <windows.h>
 
 #include <gtest/gtest.h>
-
 #include <string>
 #include <utility>
 #include <vector>
@@ -85,8 +84,7 @@ TEST_F(RegKeyTest, ReportsEachFailureAndLeavesTheOutParameterUntouched)
 
     Basalt::CRegKey absent;
     EXPECT_EQ(
-        absent.Open(HKEY_LOCAL_MACHINE, L"SOFTWARE\\TxTest\\Absent", KEY_READ),
-        DWORD{ERROR_FILE_NOT_FOUND});
+        absent.Open(HKEY_LOCAL_MACHINE, L"SOFTWARE\\TxTest\\Absent", KEY_READ), DWORD{ERROR_FILE_NOT_FOUND});
     EXPECT_FALSE(absent);
     EXPECT_EQ(absent.ReadDword(L"number", value), DWORD{ERROR_INVALID_HANDLE});
 }

@@ -2,9 +2,8 @@
 
 #include <windows.h>
 
-#include <gtest/gtest.h>
-
 #include <fstream>
+#include <gtest/gtest.h>
 
 #include "base/Stopwatch.h"
 #include "support/ImportPatch.h"

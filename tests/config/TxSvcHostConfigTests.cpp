@@ -3,7 +3,6 @@
 #include <windows.h>
 
 #include <gtest/gtest.h>
-
 #include <string>
 #include <vector>
 
@@ -29,7 +28,10 @@ protected:
         CTxSvcHostConfig::ReleaseInstance();
     }
 
-    void SetRoot(const wchar_t* name, DWORD value) { ASSERT_EQ(m_root.Key().WriteDword(name, value), DWORD{0}); }
+    void SetRoot(const wchar_t* name, DWORD value)
+    {
+        ASSERT_EQ(m_root.Key().WriteDword(name, value), DWORD{0});
+    }
     WorkingSetRecord InitAndGetRecord()
     {
         WorkingSetRecord record;
@@ -79,7 +81,7 @@ TEST_F(TxSvcHostConfigTest, EachSettingKeepsItsRange)
     const struct
     {
         const wchar_t* name;
-        DWORD WorkingSetRecord::*field;
+        DWORD WorkingSetRecord::* field;
         DWORD minimum;
         DWORD maximum;
         DWORD fallback;

@@ -2,9 +2,8 @@
 
 #include <windows.h>
 
-#include <gtest/gtest.h>
-
 #include <cstring>
+#include <gtest/gtest.h>
 
 #include "support/ImportPatch.h"
 
@@ -76,14 +75,8 @@ BOOL WINAPI NoToken(HANDLE, DWORD, BOOL, HANDLE*)
     ::SetLastError(ERROR_ACCESS_DENIED);
     return FALSE;
 }
-BOOL WINAPI LookupSucceedsAtOnce(
-    const wchar_t*,
-    const wchar_t*,
-    PSID,
-    DWORD*,
-    wchar_t*,
-    DWORD*,
-    SID_NAME_USE*)
+BOOL WINAPI
+LookupSucceedsAtOnce(const wchar_t*, const wchar_t*, PSID, DWORD*, wchar_t*, DWORD*, SID_NAME_USE*)
 {
     return TRUE;
 }

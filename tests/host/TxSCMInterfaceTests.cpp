@@ -3,7 +3,6 @@
 #include <windows.h>
 
 #include <gtest/gtest.h>
-
 #include <string>
 #include <vector>
 
@@ -15,9 +14,7 @@ using namespace ETWLogging;
 namespace
 {
 
-void WINAPI SomeServiceMain(DWORD, LPWSTR*)
-{
-}
+void WINAPI SomeServiceMain(DWORD, LPWSTR*) {}
 
 /// Stands in for the service control manager: records the table and answers as told.
 class CRecordingScmInterface : public CTxSCMInterface

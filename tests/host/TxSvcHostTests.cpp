@@ -1,12 +1,10 @@
 #include "host/TxSvcHost.h"
 
 #include <windows.h>
-
 #include <objbase.h>
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
+#include <gtest/gtest.h>
 #include <string>
 #include <vector>
 
@@ -148,7 +146,8 @@ TEST_F(TxSvcHostTest, TheNumberOfArgumentsIsLookedAtBeforeTheArguments)
         EXPECT_FALSE(host.ParseCommandLine(count, nullptr, group));
     }
     EXPECT_FALSE(host.ParseCommandLine(2, nullptr, group));
-    EXPECT_EQ(m_log.CountContaining(LogError, L"The group index is greater, mostly insufficient arguments, "), 3U);
+    EXPECT_EQ(
+        m_log.CountContaining(LogError, L"The group index is greater, mostly insufficient arguments, "), 3U);
     EXPECT_TRUE(m_log.Has(LogError, L"The argv is NULL"));
 }
 
@@ -160,8 +159,7 @@ TEST_F(TxSvcHostTest, ANormalRunGoesThroughAllItsStepsInOrder)
     EXPECT_EQ(Start(L"/g"), 0U);
 
     EXPECT_EQ(
-        g_calls,
-        (std::vector<std::string>{"initialise COM", "secure COM", "dispatch", "uninitialise COM"}));
+        g_calls, (std::vector<std::string>{"initialise COM", "secure COM", "dispatch", "uninitialise COM"}));
     const std::vector<std::wstring> messages = m_log.Messages();
     EXPECT_EQ(messages.front(), L"---");
     const auto added = std::find(messages.begin(), messages.end(), L"Adding services to the SCM interface");

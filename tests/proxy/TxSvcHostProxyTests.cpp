@@ -1,13 +1,11 @@
 #include "proxy/TxSvcHostProxy.h"
 
 #include <windows.h>
-
 #include <objbase.h>
-
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstring>
+#include <gtest/gtest.h>
 #include <string>
 #include <thread>
 #include <vector>
@@ -372,7 +370,8 @@ TEST_F(TxSvcHostProxyTest, WhatTheHostedCodeDoesWrongEndsItsOwnServiceOnly)
 
         EXPECT_TRUE(m_log.Has(LogError, row.cause));
         EXPECT_TRUE(row.consequence.empty() || m_log.Has(LogError, row.consequence));
-        EXPECT_EQ(m_log.CountContaining(LogNormal, L"ServiceMain for svc completed"), row.consequence.empty());
+        EXPECT_EQ(
+            m_log.CountContaining(LogNormal, L"ServiceMain for svc completed"), row.consequence.empty());
         EXPECT_EQ(g_seen.liveObjects, 0);
         EXPECT_EQ(std::count(g_seen.events.begin(), g_seen.events.end(), "free"), row.freed);
         ASSERT_EQ(g_seen.reports.size(), 1U);
@@ -389,9 +388,8 @@ TEST_F(TxSvcHostProxyTest, AnExceptionOutOfReleaseIsSwallowed)
 
     RunService();
 
-    EXPECT_EQ(
-        m_log.Count(LogError, L"Exception found & suppressed in service, returning 0x000010DD"),
-        2U) << "class object and subsystem";
+    EXPECT_EQ(m_log.Count(LogError, L"Exception found & suppressed in service, returning 0x000010DD"), 2U)
+        << "class object and subsystem";
     EXPECT_EQ(m_log.CountContaining(LogNormal, L"ServiceMain for svc completed"), 1U);
 }
 
@@ -470,8 +468,7 @@ TEST_F(TxSvcHostProxyTest, AStatusThatCannotBeReportedIsLogged)
     EXPECT_EQ(
         m_log.Messages(),
         (std::vector<std::wstring>{
-            L"Failed to set the service status, error 1052",
-            L"RegisterServiceCtrlHandler failed"}));
+            L"Failed to set the service status, error 1052", L"RegisterServiceCtrlHandler failed"}));
 }
 
 TEST(TxSvcHostProxy, WithoutAnInstanceOrDuringAStopNothingRuns)

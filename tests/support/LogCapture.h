@@ -31,7 +31,10 @@ public:
     [[nodiscard]] std::vector<LogLine> Lines() const;
     /// Number of messages with this level and exact text.
     [[nodiscard]] std::size_t Count(DWORD level, const std::wstring& message) const;
-    [[nodiscard]] bool Has(DWORD level, const std::wstring& message) const { return Count(level, message) != 0; }
+    [[nodiscard]] bool Has(DWORD level, const std::wstring& message) const
+    {
+        return Count(level, message) != 0;
+    }
     /// Number of messages of this level whose text contains the part.
     [[nodiscard]] std::size_t CountContaining(DWORD level, const std::wstring& part) const;
     /// The texts alone, in their order.

@@ -19,5 +19,6 @@ private:
     std::wstring m_path;
 };
 
-/// Full path of a file in the folder of the running test program, where all programs and DLLs of the build are.
+/// Full path of a file in the folder of the running test program, where all programs and DLLs of the build
+/// are.
 [[nodiscard]] std::wstring BesideTest(const std::wstring& name);
