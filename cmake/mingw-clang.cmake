@@ -10,6 +10,7 @@ set(CMAKE_AR x86_64-w64-mingw32-ar CACHE FILEPATH "archiver")
 set(CMAKE_RANLIB x86_64-w64-mingw32-ranlib CACHE FILEPATH "archive indexer")
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-fuse-ld=lld")
 set(CMAKE_SHARED_LINKER_FLAGS_INIT "-fuse-ld=lld")
+set(CMAKE_MODULE_LINKER_FLAGS_INIT "-fuse-ld=lld")
 
 set(CMAKE_FIND_ROOT_PATH /usr/x86_64-w64-mingw32)
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
