@@ -1,15 +1,15 @@
 #pragma once
 
 #include <windows.h>
-
 #include <unknwn.h>
 
 /// @file
 /// What the shared service host and a hosted service (a subsystem) agree on.
 ///
 /// A subsystem is a 64-bit COM in-process DLL named by a CLSID. The host loads the DLL that
-/// HKEY_CLASSES_ROOT\CLSID\{...}\InprocServer32 names, asks its DllGetClassObject for ITxSvcClassObject, creates
-/// the ITxSvcSubsystem with it and hands it the service's thread. TxSubsystemModule.h writes all of that for you.
+/// HKEY_CLASSES_ROOT\CLSID\{...}\InprocServer32 names, asks its DllGetClassObject for ITxSvcClassObject,
+/// creates the ITxSvcSubsystem with it and hands it the service's thread. TxSubsystemModule.h writes all of
+/// that for you.
 
 /// {98C36371-A729-44C7-A177-F8D76CE567C7}
 inline constexpr IID IID_ITxSvcSubsystem = {
@@ -19,8 +19,9 @@ inline constexpr IID IID_ITxSvcSubsystem = {
 inline constexpr IID IID_ITxSvcClassObject = {
     0xFD542581, 0x722E, 0x45BE, {0xBE, 0xD4, 0x62, 0xA1, 0xBE, 0x46, 0xAF, 0x03}};
 
-/// Set as TxServiceMain's result, asks the host to unload the subsystem's DLL (100 ms after it returned) and to
-/// trim the process's working set. Only for a DLL that has no thread of its own left and no object given out.
+/// Set as TxServiceMain's result, asks the host to unload the subsystem's DLL (100 ms after it returned) and
+/// to trim the process's working set. Only for a DLL that has no thread of its own left and no object given
+/// out.
 inline constexpr DWORD kTxSvcUnloadModule = 0xDEADBABE;
 
 /// One hosted service.
@@ -41,7 +42,8 @@ struct ITxSvcSubsystem : IUnknown
     virtual HRESULT STDMETHODCALLTYPE TxServiceMain(DWORD argc, LPWSTR* argv, DWORD* result) = 0;
 };
 
-/// What a module's DllGetClassObject returns: a class object with two arguments instead of IClassFactory's three.
+/// What a module's DllGetClassObject returns: a class object with two arguments instead of IClassFactory's
+/// three.
 struct ITxSvcClassObject : IUnknown
 {
     /// @param object receives the interface with one reference, or null on failure.
