@@ -44,7 +44,7 @@ build() { # PRESET
     say "Building ($1)"
     local log=build/$1.log
     mkdir -p build
-    { cmake --preset "$1" && cmake --build --preset "$1"; } >"$log" 2>&1 || {
+    { cmake --fresh --preset "$1" && cmake --build --preset "$1"; } >"$log" 2>&1 || {
         tail -n 40 "$log" >&2
         fail "the build broke; the whole log is in $log"
     }
