@@ -85,9 +85,16 @@ DWORD CETWLogging::Stop() noexcept
     // No callback comes, nor is one still running, when this returns; the callback takes no lock.
     const ULONG status = ::UnregisterTraceGuids(m_registration);
     m_registration = 0;
-    m_session = 0;
     m_started = false;
+    endSession();
     return status;
+}
+
+void CETWLogging::endSession() noexcept
+{
+    m_session = 0;
+    m_sessionLevel = 0;
+    m_sessionFlags = 0;
 }
 
 ULONG WINAPI
@@ -96,9 +103,7 @@ CETWLogging::onControl(WMIDPREQUESTCODE code, void* context, ULONG* /*size*/, vo
     auto& logger = *static_cast<CETWLogging*>(context);
     if (code == WMI_DISABLE_EVENTS)
     {
-        logger.m_session = 0;
-        logger.m_sessionLevel = 0;
-        logger.m_sessionFlags = 0;
+        logger.endSession();
         return ERROR_SUCCESS;
     }
     if (code != WMI_ENABLE_EVENTS)

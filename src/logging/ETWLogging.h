@@ -22,7 +22,7 @@ namespace ETWLogging
 ///
 /// It writes no text lines: the option word and the application tag do not apply to it.
 /// @see https://learn.microsoft.com/windows/win32/api/evntrace/nf-evntrace-registertraceguidsw
-class CETWLogging final : public CLoggingIf_ex
+class CETWLogging : public CLoggingIf_ex
 {
 public:
     CETWLogging() noexcept = default;
@@ -84,6 +84,7 @@ public:
 
 private:
     static ULONG WINAPI onControl(WMIDPREQUESTCODE code, void* context, ULONG* size, void* buffer) noexcept;
+    void endSession() noexcept;
     [[nodiscard]] bool isWantedBySession(DWORD level) const noexcept;
 
     std::wstring m_group; ///< This and the next two are set before other threads log.

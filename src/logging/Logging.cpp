@@ -3,8 +3,9 @@
 #include <algorithm>
 #include <cwchar>
 #include <exception>
-#include <iterator>
+#include <string>
 
+#include "base/Text.h"
 #include "logging/LogLine.h"
 
 namespace ETWLogging
@@ -38,39 +39,35 @@ std::wstring DefaultFolder()
     const DWORD length = ::GetEnvironmentVariableW(L"ProgramData", path, MAX_PATH);
     if (length != 0 && length < MAX_PATH)
     {
-        return path + std::wstring(L"\\Tarvex\\Log");
+        return Basalt::FormatText(L"%s\\Tarvex\\Log", path);
     }
     ::GetWindowsDirectoryW(path, MAX_PATH);
-    return path + std::wstring(L"\\Temp\\Tarvex\\Log");
+    return Basalt::FormatText(L"%s\\Temp\\Tarvex\\Log", path);
 }
 
 /// The group's name, made fit for a file.
-std::wstring DefaultFileName(const std::wstring& group)
+std::wstring DefaultFileName(const wchar_t* group)
 {
-    std::wstring name = group;
-    std::replace_if(
-        name.begin(),
-        name.end(),
-        [](wchar_t character) {
-            return character < L' ' || std::wcschr(L"<>:\"/\\|?*", character) != nullptr;
-        },
-        L'_');
-    return name + L".log";
+    std::wstring name = Basalt::FormatText(L"%s.log", group);
+    for (wchar_t& character : name)
+    {
+        if (character < L' ' || std::wcschr(L"<>:\"/\\|?*", character) != nullptr)
+        {
+            character = L'_';
+        }
+    }
+    return name;
 }
 
 /// File name of the running program without its extension.
 std::wstring ProgramName()
 {
-    std::wstring path(MAX_PATH, L'\0');
-    DWORD length = ::GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size()));
-    while (length == path.size()) // Cut: the buffer is too short.
-    {
-        path.resize(path.size() * 2);
-        length = ::GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size()));
-    }
-    path.resize(length);
-    const std::wstring name = path.substr(path.rfind(L'\\') + 1);
-    return name.substr(0, name.rfind(L'.'));
+    constexpr DWORD kLongestPath = 32767;
+    std::wstring name(kLongestPath, L'\0');
+    name.resize(::GetModuleFileNameW(nullptr, name.data(), kLongestPath));
+    name.erase(0, name.rfind(L'\\') + 1);
+    name.resize(std::min(name.size(), name.rfind(L'.')));
+    return name;
 }
 
 std::wstring FullPath(const std::wstring& path)
@@ -95,7 +92,7 @@ try
     m_group = group == nullptr ? L"" : group;
     m_host = host == nullptr ? L"" : host;
     m_tag = ProgramName();
-    m_fileName = DefaultFileName(m_group);
+    m_fileName = DefaultFileName(m_group.c_str());
     const LogSettings settings = ReadLogSettings();
     m_folder = settings.folder.empty() ? DefaultFolder() : settings.folder;
     m_threshold = settings.threshold;
@@ -110,7 +107,7 @@ catch (const std::exception&)
 void CLogging::Activate() noexcept
 try
 {
-    m_file.SetPath(FullPath(m_folder + L'\\' + m_fileName));
+    m_file.SetPath(FullPath(Basalt::FormatText(L"%s\\%s", m_folder.c_str(), m_fileName.c_str())));
     if (m_useMutex)
     {
         m_mutex.Create(m_file.GetPath());

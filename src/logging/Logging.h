@@ -17,7 +17,7 @@ namespace ETWLogging
 ///
 /// Log writes whatever has a level name: the threshold only answers IsLevelEnabled.
 /// Folder, file name, rotation and mutex take effect with Activate.
-class CLogging final : public CLoggingIf
+class CLogging : public CLoggingIf
 {
 public:
     /// Asked before every write, with the file's mutex held where there is one; false refuses the message.

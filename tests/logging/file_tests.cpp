@@ -1,0 +1,349 @@
+#include <process.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <iterator>
+#include <memory>
+#include <set>
+#include <string>
+#include <thread>
+#include <tuple>
+#include <vector>
+
+#include "base/ObfuscatedRegKey.h"
+#include "logging/Logging.h"
+#include "support/ImportPatch.h"
+#include "support/TestFolder.h"
+#include "support/TestKey.h"
+
+using namespace ETWLogging;
+
+namespace
+{
+
+using Counts = std::vector<std::size_t>;
+
+bool Exists(const std::wstring& path)
+{
+    return ::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
+/// The lines without their ends, and without the byte order mark that must be there.
+std::vector<std::wstring> ReadLines(const std::wstring& path)
+{
+    std::ifstream stream(std::filesystem::path(path), std::ios::binary);
+    const std::string bytes(std::istreambuf_iterator<char>(stream), {});
+    const std::wstring text(reinterpret_cast<const wchar_t*>(bytes.data()), bytes.size() / sizeof(wchar_t));
+    EXPECT_TRUE(text.empty() || text[0] == L'\xFEFF');
+    std::vector<std::wstring> lines;
+    for (std::size_t from = 1, end = 0; (end = text.find(L"\r\n", from)) != std::wstring::npos;
+         from = end + 2)
+    {
+        lines.push_back(text.substr(from, end - from));
+    }
+    return lines;
+}
+
+/// Starts log_probe; EndOf waits for it.
+std::intptr_t Start(const wchar_t* mode, const std::wstring& folder = {}, const wchar_t* count = nullptr)
+{
+    return ::_wspawnl(
+        _P_NOWAIT, BesideTest(L"log_probe.exe").c_str(), L"log_probe", mode, folder.c_str(), count, nullptr);
+}
+
+int EndOf(std::intptr_t process)
+{
+    int exitCode = -1;
+    ::_cwait(&exitCode, process, 0);
+    return exitCode;
+}
+
+DWORD s_waitResult = WAIT_TIMEOUT;
+DWORD s_waitedMs = 0;
+
+DWORD WINAPI FakeWait(HANDLE /*mutex*/, DWORD milliseconds)
+{
+    s_waitedMs = milliseconds;
+    return s_waitResult;
+}
+
+BOOL WINAPI FakeRelease(HANDLE /*mutex*/)
+{
+    return TRUE; // Whoever holds the mutex takes it along to the end of its thread.
+}
+
+std::vector<std::wstring> s_mutexNames;
+
+HANDLE WINAPI
+FakeCreateMutex(SECURITY_ATTRIBUTES* security, const wchar_t* name, DWORD /*flags*/, DWORD access)
+{
+    EXPECT_NE(security, nullptr);
+    EXPECT_EQ(access, DWORD{SYNCHRONIZE | MUTEX_MODIFY_STATE});
+    s_mutexNames.emplace_back(name);
+    return nullptr;
+}
+
+class FileLoggerTest : public ::testing::Test
+{
+protected:
+    /// A logger that is ready to write shared.log in the test's folder, or in another one.
+    std::unique_ptr<CLogging> Make(
+        DWORD entries, DWORD oldFiles, bool mutex = true, const wchar_t* folder = nullptr)
+    {
+        auto logger = std::make_unique<CLogging>();
+        EXPECT_EQ(logger->Initialize(L"shared", 0, nullptr, 0), 0u);
+        EXPECT_EQ(logger->SetFolder(folder == nullptr ? m_folder.Path().c_str() : folder), 0u);
+        EXPECT_EQ(logger->SetRotation(entries, oldFiles), 0u);
+        EXPECT_EQ(logger->SetMutexEnabled(mutex), 0u);
+        logger->Activate();
+        return logger;
+    }
+
+    static DWORD Log(CLogging& logger, const wchar_t* text, DWORD level = LogError)
+    {
+        return logger.Log(L"f", L"f", 1, level, text);
+    }
+
+    static void Write(CLogging& logger, int count)
+    {
+        for (int i = 0; i < count; ++i)
+        {
+            ASSERT_EQ(Log(logger, L"text"), 0u);
+        }
+    }
+
+    std::wstring File(std::size_t number) const
+    {
+        return m_folder.File(number == 0 ? L"shared.log" : L"shared." + std::to_wstring(number) + L".log");
+    }
+
+    /// Number of lines in shared.log, shared.1.log and so on, up to the first that is missing.
+    Counts LineCounts() const
+    {
+        Counts counts;
+        while (Exists(File(counts.size())))
+        {
+            counts.push_back(ReadLines(File(counts.size())).size());
+        }
+        return counts;
+    }
+
+    CTestFolder m_folder;
+};
+
+TEST_F(FileLoggerTest, WritesWhateverHasALevelNameAndRefusesTheRest)
+{
+    const std::tuple<DWORD, const wchar_t*, DWORD> table[] = {
+        {LogNormal, L"below", 0},
+        {LogInformation2, L"text", 0},
+        {0, L"text", 87},
+        {7, L"text", 87},
+        {MAXDWORD, L"text", 87},
+        {LogError, L"", 87},
+        {LogError, nullptr, 87}};
+    const auto logger = Make(100, 1);
+    for (const auto& [level, message, status] : table)
+    {
+        EXPECT_EQ(Log(*logger, message, level), status);
+    }
+    EXPECT_EQ(logger->IsLevelEnabled(LogWarning), 0u);
+    EXPECT_NE(logger->IsLevelEnabled(LogInformation), 0u);
+    EXPECT_EQ(LineCounts(), Counts{2});
+    EXPECT_NE(ReadLines(File(0))[0].find(L"(Normal)$ [  logging_tests]$ below"), std::wstring::npos);
+
+    // The file comes before the line.
+    ASSERT_TRUE(::DeleteFileW(File(0).c_str()) && ::CreateDirectoryW(File(0).c_str(), nullptr));
+    EXPECT_EQ(Log(*logger, L"text", 0), DWORD{ERROR_ACCESS_DENIED});
+}
+
+TEST_F(FileLoggerTest, MakesTheFolderWithItsParentsOrSwitchesItselfOff)
+{
+    const auto good = Make(100, 1, true, m_folder.File(L"a\\b\\c").c_str());
+    Write(*good, 1);
+    const std::wstring obstacle = m_folder.File(L"a\\b\\c\\shared.log");
+    EXPECT_TRUE(Exists(obstacle));
+
+    for (const std::wstring& folder : {std::wstring(), obstacle, obstacle + L"\\below"})
+    {
+        const auto logger = Make(100, 1, true, folder.c_str());
+        EXPECT_EQ(Log(*logger, L"text"), 87u);
+
+        // For good, whatever is configured later.
+        ASSERT_EQ(logger->SetFolder(m_folder.Path().c_str()), 0u);
+        logger->Activate();
+        logger->SetThreshold(LogNormal);
+        EXPECT_EQ(Log(*logger, L"text"), 87u);
+        EXPECT_EQ(logger->IsLevelEnabled(LogInformation2), 0u);
+        EXPECT_EQ(logger->GetThreshold(), 10000u);
+        EXPECT_FALSE(logger->IsStarted());
+    }
+
+    good->SetWriteGate([](CLogging&) { return false; });
+    EXPECT_EQ(Log(*good, L"text"), 87u);
+}
+
+TEST_F(FileLoggerTest, RotatesByTheEntriesOfAllWriters)
+{
+    const auto first = Make(10, 3);
+    const auto second = Make(10, 3);
+    Write(*first, 7);
+    Write(*second, 3);
+    EXPECT_EQ(LineCounts(), Counts{10}); // Full, but the next file waits for the next line.
+    EXPECT_EQ(Log(*first, L"two\nlines"), 0u);
+    Write(*second, 8);
+    Write(*first, 1);
+    EXPECT_EQ(LineCounts(), (Counts{1, 9, 10}));
+    Write(*second, 40);
+    EXPECT_EQ(LineCounts(), (Counts{1, 10, 10, 10}));
+
+    // Another file of this name, about which the first logger knows nothing.
+    ASSERT_TRUE(::DeleteFileW(File(0).c_str()));
+    Write(*second, 9);
+    Write(*first, 2);
+    EXPECT_EQ(LineCounts(), (Counts{1, 10, 10, 10}));
+
+    Write(*Make(10, 0), 10); // Keeps no old file: deletes the full one.
+    EXPECT_EQ(LineCounts(), (Counts{1, 10, 10, 10}));
+}
+
+TEST_F(FileLoggerTest, AReaderThatBlocksARenameCostsNoLineAndNoOldFile)
+{
+    for (const std::size_t held : {0U, 1U})
+    {
+        SCOPED_TRACE(held);
+        for (const std::size_t old : {0U, 1U, 2U})
+        {
+            ::DeleteFileW(File(old).c_str());
+        }
+        const auto logger = Make(5, 2);
+        Write(*logger, 15);
+        {
+            constexpr DWORD kShare = FILE_SHARE_READ | FILE_SHARE_WRITE;
+            const Basalt::CFile reader(
+                ::CreateFileW(File(held).c_str(), GENERIC_READ, kShare, nullptr, OPEN_EXISTING, 0, nullptr));
+            ASSERT_TRUE(reader);
+            Write(*logger, 4);
+            EXPECT_EQ(ReadLines(File(0)).size(), 9u);
+            EXPECT_EQ(ReadLines(File(2)).size(), 5u);
+        }
+        Write(*logger, 1);
+        EXPECT_EQ(LineCounts(), (Counts{1, 9, 5}));
+    }
+}
+
+TEST_F(FileLoggerTest, WithoutTheMutexItGoesOnButDoesNotRotate)
+{
+    const auto logger = Make(3, 1);
+    const auto unserialised = Make(3, 1, false);
+    const CImportPatch patch("WaitForSingleObject", &FakeWait);
+    ASSERT_TRUE(patch.IsActive());
+
+    Write(*logger, 2);
+    s_waitResult = WAIT_FAILED;
+    Write(*logger, 2);
+    EXPECT_EQ(s_waitedMs, 7000u);
+    EXPECT_EQ(LineCounts(), Counts{4});
+
+    s_waitedMs = 0;
+    Write(*unserialised, 2); // Told to do without, it rotates.
+    EXPECT_EQ(s_waitedMs, 0u);
+    EXPECT_EQ(LineCounts(), (Counts{2, 4}));
+}
+
+TEST_F(FileLoggerTest, AMutexWhoseHolderDiedIsHeldAgain)
+{
+    const auto logger = Make(3, 1);
+    {
+        const CImportPatch patch("ReleaseMutex", &FakeRelease);
+        ASSERT_TRUE(patch.IsActive());
+        std::jthread([&logger] { Write(*logger, 1); }).join();
+    }
+
+    Write(*logger, 3);
+
+    EXPECT_EQ(LineCounts(), (Counts{1, 3}));
+}
+
+TEST_F(FileLoggerTest, EachFileHasItsMutexHoweverItsPathIsSpelt)
+{
+    const CImportPatch patch("CreateMutexExW", &FakeCreateMutex);
+    ASSERT_TRUE(patch.IsActive());
+    std::wstring upper = m_folder.Path();
+    std::transform(upper.begin(), upper.end(), upper.begin(), ::towupper);
+
+    Make(3, 1);
+    Make(3, 1, true, (upper + L"\\.").c_str());
+    const auto other = Make(3, 1, true, m_folder.File(L"2").c_str());
+
+    ASSERT_EQ(s_mutexNames.size(), 3u);
+    EXPECT_EQ(s_mutexNames[0], s_mutexNames[1]);
+    EXPECT_NE(s_mutexNames[0], s_mutexNames[2]);
+    EXPECT_EQ(s_mutexNames[0].substr(0, 7), L"Global\\");
+    Write(*other, 4); // No mutex could be made: it never rotates.
+    EXPECT_FALSE(Exists(m_folder.File(L"2\\shared.1.log")));
+}
+
+TEST_F(FileLoggerTest, ManyProcessesLoseAndTearNoLine)
+{
+    constexpr std::size_t kEach = 300;
+    const std::wstring folder = L'"' + m_folder.Path() + L'"';
+    const std::intptr_t probes[] = {Start(L"write", folder, L"300"), Start(L"write", folder, L"300")};
+    const auto logger = Make(100, 20);
+    for (std::size_t i = 0; i < kEach; ++i)
+    {
+        EXPECT_EQ(Log(*logger, (L"own/" + std::to_wstring(i)).c_str()), 0u);
+    }
+    EXPECT_EQ(EndOf(probes[0]) | EndOf(probes[1]), 0);
+
+    EXPECT_EQ(LineCounts(), Counts(9, 100));
+    std::set<std::wstring> texts;
+    for (std::size_t i = 0; i < 9; ++i)
+    {
+        for (const std::wstring& line : ReadLines(File(i)))
+        {
+            EXPECT_EQ(line.substr(22, 15), L"$ -- (Error)$ [");
+            texts.insert(line.substr(line.rfind(L' ')));
+        }
+    }
+    EXPECT_EQ(texts.size(), 3 * kEach);
+}
+
+/// A process whose settings say: the text file, in the test's folder.
+class LogProcessTest : public FileLoggerTest
+{
+protected:
+    LogProcessTest()
+    {
+        Basalt::CObfuscatedRegKey settings;
+        EXPECT_EQ(settings.Open(HKEY_LOCAL_MACHINE, kLogSettingsKey, KEY_WRITE), 0u);
+        EXPECT_EQ(settings.WriteDword(kMechanismValue, kFileMechanism), 0u);
+        EXPECT_EQ(settings.WriteString(kFolderValue, m_folder.Path()), 0u);
+    }
+
+    const CTestKey m_key{HKEY_LOCAL_MACHINE, kLogSettingsKey};
+    const std::wstring m_file = m_folder.File(L"_no_group.log");
+};
+
+TEST_F(LogProcessTest, TheFirstLogCallDecidesAndTheBridgeFollows)
+{
+    EXPECT_EQ(EndOf(Start(L"identity")), 0);
+
+    const std::vector<std::wstring> lines = ReadLines(m_file);
+    ASSERT_EQ(lines.size(), 6u);
+    EXPECT_NE(lines[3].find(L"(Error)$ [      log_probe]$ first"), std::wstring::npos);
+    EXPECT_NE(lines[4].find(L"(Normal)$ [      log_probe]$ below the threshold"), std::wstring::npos);
+    EXPECT_NE(lines[5].find(L"(Error)$ [      log_probe]$ bridged 7"), std::wstring::npos);
+    EXPECT_FALSE(Exists(m_folder.File(L"PLATFORM.log")));
+}
+
+TEST_F(LogProcessTest, EndsWhileThreadsStillLog)
+{
+    EXPECT_EQ(EndOf(Start(L"exit")), 0);
+
+    EXPECT_GE(ReadLines(m_file).size(), 40u);
+}
+
+} // namespace
