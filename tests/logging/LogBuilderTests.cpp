@@ -1,3 +1,5 @@
+#include "logging/LogBuilder.h"
+
 #include <gtest/gtest.h>
 #include <string>
 #include <tuple>
@@ -5,7 +7,6 @@
 
 #include "base/ObfuscatedRegKey.h"
 #include "logging/ETWLogging.h"
-#include "logging/LogBuilder.h"
 #include "logging/LogSettings.h"
 #include "logging/Logging.h"
 #include "support/TestKey.h"
@@ -36,18 +37,14 @@ public:
         {
             EXPECT_EQ(m_key.Key().WriteDword(name, number), 0u);
         }
-        else if (how == Stored::Good || how == Stored::Damaged)
+        else if (how == Stored::Damaged)
+        {
+            EXPECT_EQ(m_key.Key().WriteValue(name, REG_BINARY, "TXO1 and then some", 16), 0u);
+        }
+        else if (how == Stored::Good)
         {
             EXPECT_EQ(scrambled.Open(HKEY_LOCAL_MACHINE, kLogSettingsKey, KEY_WRITE), 0u);
             EXPECT_EQ(scrambled.WriteDword(name, number), 0u);
-        }
-        if (how == Stored::Damaged)
-        {
-            DWORD type = 0;
-            std::vector<BYTE> data;
-            EXPECT_EQ(m_key.Key().ReadValue(name, type, data), 0u);
-            data.back() ^= 1;
-            EXPECT_EQ(m_key.Key().WriteValue(name, type, data.data(), static_cast<DWORD>(data.size())), 0u);
         }
     }
 

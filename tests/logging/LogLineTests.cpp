@@ -1,9 +1,10 @@
+#include "logging/LogLine.h"
+
 #include <gtest/gtest.h>
 #include <string>
 #include <tuple>
 
 #include "base/Text.h"
-#include "logging/LogLine.h"
 #include "logging/LoggingIf.h"
 #include "support/ImportPatch.h"
 

@@ -1,3 +1,5 @@
+#include "logging/BasaltLogger.h"
+
 #include <cstdint>
 #include <cstdlib>
 #include <gtest/gtest.h>
@@ -7,7 +9,6 @@
 
 #include "base/Text.h"
 #include "logging/BasaltLogHandler.h"
-#include "logging/BasaltLogger.h"
 #include "logging/DefaultLoggingHandler.h"
 #include "logging/Log.h"
 #include "support/ImportPatch.h"
@@ -18,40 +19,20 @@ using Basalt::CLogger;
 namespace
 {
 
+using Text = const wchar_t*;
 using Lines = std::vector<std::wstring>;
 Lines s_lines;
 Lines s_debugger;
 
-class CRecorder final : public Basalt::ILoggingHandler
+struct Recorder final : Basalt::ILoggingHandler
 {
-public:
-    explicit CRecorder(const wchar_t* name) : m_name(name) {}
-    void Handle(
-        DWORD level,
-        const wchar_t* file,
-        const wchar_t* function,
-        DWORD line,
-        const wchar_t* text) noexcept override
+    explicit Recorder(Text text) : name(text) {}
+    void Handle(DWORD level, Text file, Text function, DWORD line, Text text) noexcept override
     {
-        s_lines.push_back(
-            Basalt::FormatText(L"%s %u %s %s %u %s", m_name, level, file, function, line, text));
+        s_lines.push_back(Basalt::FormatText(L"%s %u %s %s %u %s", name, level, file, function, line, text));
     }
-
-private:
-    const wchar_t* m_name;
+    Text name;
 };
-
-void WINAPI FakeOutputDebugString(const wchar_t* text)
-{
-    s_debugger.emplace_back(text);
-}
-
-constexpr std::size_t kLongLength = 54321;
-
-void* FakeMalloc(std::size_t size)
-{
-    return size == (kLongLength + 1) * sizeof(wchar_t) ? nullptr : std::calloc(1, size);
-}
 
 DWORD Number(const void* pointer)
 {
@@ -75,30 +56,30 @@ protected:
         CLogger::UnregisterHandler(&m_b);
     }
 
-    const CImportPatch m_debugger{"OutputDebugStringW", &FakeOutputDebugString};
-    CRecorder m_a{L"a"};
-    CRecorder m_b{L"b"};
+    const CImportPatch m_debugger{"OutputDebugStringW", +[](Text text) { s_debugger.emplace_back(text); }};
+    Recorder m_a{L"a"};
+    Recorder m_b{L"b"};
 };
 
 TEST_F(BasaltTest, OneHandlerAtATimeIsRegistered)
 {
     const DWORD a = Number(&m_a);
     const DWORD b = Number(&m_b);
-    const auto line = [](const wchar_t* start, DWORD error, const wchar_t* text, DWORD one, DWORD two) {
+    const auto line = [](Text start, DWORD error, Text text, DWORD one, DWORD two) {
         return Basalt::FormatText(start, L"Logging\\internal_logging Basalt::CLogger::") +
                Basalt::SystemMessage(error) + Basalt::FormatText(text, one, two);
     };
-    const wchar_t* const mismatch =
+    Text const mismatch =
         L": Failed to Unregister Logging handler (requested handler 0x%08X != registered handler 0x%08X)";
-    const wchar_t* const none = L": Request to Unregister Logging handler 0x%08X, but none are registered";
-    const wchar_t* const kept = L": Registered Logging Handler 0x%08X cannot be replaced with 0x%08X";
-    const wchar_t* const nullIn = L": Cannot Register (NULL) handler";
-    const wchar_t* const nullOut = L": Cannot Unregister (NULL) handler";
+    Text const none = L": Request to Unregister Logging handler 0x%08X, but none are registered";
+    Text const kept = L": Registered Logging Handler 0x%08X cannot be replaced with 0x%08X";
+    Text const nullIn = L": Cannot Register (NULL) handler";
+    Text const nullOut = L": Cannot Unregister (NULL) handler";
     const Lines mismatches{
         line(L"a 2 %sUnregisterHandler 110 ", 5023, mismatch, b, a),
         line(L"b 2 %sUnregisterHandler 115 ", 5023, mismatch, b, a)};
     using Operation = DWORD (*)(Basalt::ILoggingHandler*);
-    const std::tuple<Operation, CRecorder*, DWORD, Lines> table[] = {
+    const std::tuple<Operation, Recorder*, DWORD, Lines> table[] = {
         {&CLogger::UnregisterHandler, &m_a, 5023, {line(L"a 2 %sUnregisterHandler 102 ", 5023, none, a, 0)}},
         {&CLogger::RegisterHandler, &m_a, 0, {}},
         {&CLogger::RegisterHandler, &m_a, 0, {}},
@@ -135,11 +116,11 @@ TEST_F(BasaltTest, TheDefaultHandlerSendsTheBareMessageToTheDebuggerUntilItIsRep
 TEST_F(BasaltTest, WithoutMemoryTheHandlerGetsAFixedMessage)
 {
     ASSERT_EQ(CLogger::RegisterHandler(&m_a), 0u);
-    const std::wstring longText(kLongLength, L'x');
+    const std::wstring longText(54320, L'x');
 
     {
-        const CImportPatch patch("malloc", &FakeMalloc);
-        ASSERT_TRUE(patch.IsActive());
+        const CImportPatch patch(
+            "malloc", +[](std::size_t size) { return size == 2 * 54321 ? nullptr : std::calloc(1, size); });
         CLogger::Log(1, L"file", L"f", 3, L"%s", longText.c_str());
     }
 

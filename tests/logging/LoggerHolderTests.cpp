@@ -1,3 +1,5 @@
+#include "logging/LoggerHolder.h"
+
 #include <cstdarg>
 #include <gtest/gtest.h>
 #include <string>
@@ -5,19 +7,14 @@
 #include <tuple>
 #include <vector>
 
-#include "logging/BasaltLogger.h"
 #include "logging/ETWLogging.h"
-#include "logging/LoggerHolder.h"
 #include "logging/LoggerSlot.h"
 #include "logging/Logging.h"
-#include "support/LogCapture.h"
 
 using namespace ETWLogging;
 
 namespace
 {
-
-constexpr wchar_t kLogSource[] = L"facade_tests";
 
 using Text = const wchar_t*;
 using Slot = std::unique_ptr<CLoggingIf>;
@@ -170,21 +167,6 @@ TEST(LoggerHolder, FallsBackToThePlainBuild)
     }
 }
 
-TEST(LoggerHolder, KeepsTheBridgeRegisteredWhileItLives)
-{
-    struct : Basalt::ILoggingHandler
-    {
-        void Handle(DWORD, Text, Text, DWORD, Text) noexcept override {}
-    } other;
-    auto holder = Make(false);
-
-    EXPECT_EQ(Basalt::CLogger::RegisterHandler(&other), 5023u);
-    holder.reset();
-    EXPECT_EQ(Basalt::CLogger::RegisterHandler(&other), 0u);
-    Make(false).reset(); // A handler that was there first stays.
-    EXPECT_EQ(Basalt::CLogger::UnregisterHandler(&other), 0u);
-}
-
 TEST(LoggerSlot, TeardownWaitsForTheUsersAndLeaksWhatTheyKeep)
 {
     CLoggerSlot slot;
@@ -214,21 +196,6 @@ TEST(LoggerSlot, TeardownWaitsForTheUsersAndLeaksWhatTheyKeep)
     }
     slot.Teardown(INFINITE);
     EXPECT_EQ(s_fake.destroyed, 1);
-}
-
-TEST(Log, ReachesTheSessionWithAllThatTheCallSiteKnows)
-{
-    const CLogCapture capture;
-
-    TX_LOG(LogError, L"CClass::Method", L"Error 0x%08X on '%s'", 5, std::wstring(L"key"));
-
-    const std::vector<LogLine> lines = capture.Lines();
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(lines[0].level, DWORD{LogError});
-    EXPECT_EQ(lines[0].source, L"facade_tests");
-    EXPECT_EQ(lines[0].function, L"CClass::Method");
-    EXPECT_EQ(lines[0].line, DWORD{__LINE__ - 7});
-    EXPECT_EQ(lines[0].message, L"Error 0x00000005 on 'key'");
 }
 
 } // namespace

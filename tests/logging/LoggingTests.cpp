@@ -1,3 +1,5 @@
+#include "logging/Logging.h"
+
 #include <process.h>
 
 #include <algorithm>
@@ -14,7 +16,6 @@
 #include <vector>
 
 #include "base/ObfuscatedRegKey.h"
-#include "logging/Logging.h"
 #include "support/ImportPatch.h"
 #include "support/TestFolder.h"
 #include "support/TestKey.h"
@@ -25,6 +26,7 @@ namespace
 {
 
 using Counts = std::vector<std::size_t>;
+using Text = const wchar_t*;
 
 bool Exists(const std::wstring& path)
 {
@@ -36,7 +38,7 @@ std::vector<std::wstring> ReadLines(const std::wstring& path)
 {
     std::ifstream stream(std::filesystem::path(path), std::ios::binary);
     const std::string bytes(std::istreambuf_iterator<char>(stream), {});
-    const std::wstring text(reinterpret_cast<const wchar_t*>(bytes.data()), bytes.size() / sizeof(wchar_t));
+    const std::wstring text(reinterpret_cast<Text>(bytes.data()), bytes.size() / sizeof(wchar_t));
     EXPECT_TRUE(text.empty() || text[0] == L'\xFEFF');
     std::vector<std::wstring> lines;
     for (std::size_t from = 1, end = 0; (end = text.find(L"\r\n", from)) != std::wstring::npos;
@@ -48,7 +50,7 @@ std::vector<std::wstring> ReadLines(const std::wstring& path)
 }
 
 /// Starts log_probe; EndOf waits for it.
-std::intptr_t Start(const wchar_t* mode, const std::wstring& folder = {}, const wchar_t* count = nullptr)
+std::intptr_t Start(Text mode, const std::wstring& folder = {}, Text count = nullptr)
 {
     return ::_wspawnl(
         _P_NOWAIT, BesideTest(L"log_probe.exe").c_str(), L"log_probe", mode, folder.c_str(), count, nullptr);
@@ -63,35 +65,13 @@ int EndOf(std::intptr_t process)
 
 DWORD s_waitResult = WAIT_TIMEOUT;
 DWORD s_waitedMs = 0;
-
-DWORD WINAPI FakeWait(HANDLE /*mutex*/, DWORD milliseconds)
-{
-    s_waitedMs = milliseconds;
-    return s_waitResult;
-}
-
-BOOL WINAPI FakeRelease(HANDLE /*mutex*/)
-{
-    return TRUE; // Whoever holds the mutex takes it along to the end of its thread.
-}
-
 std::vector<std::wstring> s_mutexNames;
-
-HANDLE WINAPI
-FakeCreateMutex(SECURITY_ATTRIBUTES* security, const wchar_t* name, DWORD /*flags*/, DWORD access)
-{
-    EXPECT_NE(security, nullptr);
-    EXPECT_EQ(access, DWORD{SYNCHRONIZE | MUTEX_MODIFY_STATE});
-    s_mutexNames.emplace_back(name);
-    return nullptr;
-}
 
 class FileLoggerTest : public ::testing::Test
 {
 protected:
     /// A logger that is ready to write shared.log in the test's folder, or in another one.
-    std::unique_ptr<CLogging> Make(
-        DWORD entries, DWORD oldFiles, bool mutex = true, const wchar_t* folder = nullptr)
+    std::unique_ptr<CLogging> Make(DWORD entries, DWORD oldFiles, bool mutex = true, Text folder = nullptr)
     {
         auto logger = std::make_unique<CLogging>();
         EXPECT_EQ(logger->Initialize(L"shared", 0, nullptr, 0), 0u);
@@ -102,7 +82,7 @@ protected:
         return logger;
     }
 
-    static DWORD Log(CLogging& logger, const wchar_t* text, DWORD level = LogError)
+    static DWORD Log(CLogging& logger, Text text, DWORD level = LogError)
     {
         return logger.Log(L"f", L"f", 1, level, text);
     }
@@ -136,7 +116,7 @@ protected:
 
 TEST_F(FileLoggerTest, WritesWhateverHasALevelNameAndRefusesTheRest)
 {
-    const std::tuple<DWORD, const wchar_t*, DWORD> table[] = {
+    const std::tuple<DWORD, Text, DWORD> table[] = {
         {LogNormal, L"below", 0},
         {LogInformation2, L"text", 0},
         {0, L"text", 87},
@@ -238,7 +218,8 @@ TEST_F(FileLoggerTest, WithoutTheMutexItGoesOnButDoesNotRotate)
 {
     const auto logger = Make(3, 1);
     const auto unserialised = Make(3, 1, false);
-    const CImportPatch patch("WaitForSingleObject", &FakeWait);
+    const CImportPatch patch(
+        "WaitForSingleObject", +[](HANDLE, DWORD ms) { return s_waitedMs = ms, s_waitResult; });
     ASSERT_TRUE(patch.IsActive());
 
     Write(*logger, 2);
@@ -257,7 +238,8 @@ TEST_F(FileLoggerTest, AMutexWhoseHolderDiedIsHeldAgain)
 {
     const auto logger = Make(3, 1);
     {
-        const CImportPatch patch("ReleaseMutex", &FakeRelease);
+        // The thread takes the mutex along to its end.
+        const CImportPatch patch("ReleaseMutex", +[](HANDLE) -> BOOL { return TRUE; });
         ASSERT_TRUE(patch.IsActive());
         std::jthread([&logger] { Write(*logger, 1); }).join();
     }
@@ -269,8 +251,13 @@ TEST_F(FileLoggerTest, AMutexWhoseHolderDiedIsHeldAgain)
 
 TEST_F(FileLoggerTest, EachFileHasItsMutexHoweverItsPathIsSpelt)
 {
-    const CImportPatch patch("CreateMutexExW", &FakeCreateMutex);
-    ASSERT_TRUE(patch.IsActive());
+    const CImportPatch patch(
+        "CreateMutexExW", +[](SECURITY_ATTRIBUTES* security, Text name, DWORD, DWORD access) -> HANDLE {
+            EXPECT_NE(security, nullptr);
+            EXPECT_EQ(access, DWORD{SYNCHRONIZE | MUTEX_MODIFY_STATE});
+            s_mutexNames.emplace_back(name);
+            return nullptr;
+        });
     std::wstring upper = m_folder.Path();
     std::transform(upper.begin(), upper.end(), upper.begin(), ::towupper);
 

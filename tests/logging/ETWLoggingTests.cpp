@@ -1,9 +1,10 @@
+#include "logging/ETWLogging.h"
+
 #include <gtest/gtest.h>
 #include <string>
 #include <tuple>
 #include <vector>
 
-#include "logging/ETWLogging.h"
 #include "logging/EventRecord.h"
 #include "support/ImportPatch.h"
 
@@ -35,46 +36,18 @@ ULONG Control(WMIDPREQUESTCODE code)
     return s_provider.callback(code, s_provider.context, &size, &node);
 }
 
-using Registration = TRACE_GUID_REGISTRATION;
-using Name = const wchar_t*;
+using Classes = TRACE_GUID_REGISTRATION;
+using Text = const wchar_t*;
 
-ULONG WINAPI FakeRegister(
-    WMIDPREQUEST callback,
-    void* context,
-    const GUID* id,
-    ULONG,
-    Registration* classes,
-    Name,
-    Name,
-    TRACEHANDLE*)
+ULONG WINAPI
+FakeRegister(WMIDPREQUEST call, void* context, GUID* id, ULONG, Classes* classes, Text, Text, PTRACEHANDLE)
 {
     EXPECT_EQ(*id, kEventProvider);
     EXPECT_EQ(*classes[0].Guid, kMessageEventClass);
-    s_provider.callback = callback;
+    s_provider.callback = call;
     s_provider.context = context;
     ++s_provider.registered;
     return s_provider.enableEarly ? Control(WMI_ENABLE_EVENTS) : s_provider.status;
-}
-
-ULONG WINAPI FakeUnregister(TRACEHANDLE /*registration*/)
-{
-    ++s_provider.unregistered;
-    return ERROR_SUCCESS;
-}
-
-TRACEHANDLE WINAPI FakeLoggerHandle(void* /*buffer*/)
-{
-    return kSession;
-}
-
-UCHAR WINAPI FakeEnableLevel(TRACEHANDLE session)
-{
-    return session == kSession ? s_provider.level : UCHAR{0};
-}
-
-ULONG WINAPI FakeEnableFlags(TRACEHANDLE session)
-{
-    return session == kSession ? s_provider.flags : 0;
 }
 
 ULONG WINAPI FakeTraceEvent(TRACEHANDLE session, EVENT_TRACE_HEADER* header)
@@ -100,10 +73,10 @@ protected:
 
     const CImportPatch m_patches[6] = {
         {"RegisterTraceGuidsW", &FakeRegister},
-        {"UnregisterTraceGuids", &FakeUnregister},
-        {"GetTraceLoggerHandle", &FakeLoggerHandle},
-        {"GetTraceEnableLevel", &FakeEnableLevel},
-        {"GetTraceEnableFlags", &FakeEnableFlags},
+        {"UnregisterTraceGuids", +[](TRACEHANDLE) { return ++s_provider.unregistered, ULONG{0}; }},
+        {"GetTraceLoggerHandle", +[](void*) { return kSession; }},
+        {"GetTraceEnableLevel", +[](TRACEHANDLE) { return s_provider.level; }},
+        {"GetTraceEnableFlags", +[](TRACEHANDLE) { return s_provider.flags; }},
         {"TraceEvent", &FakeTraceEvent}};
     CETWLogging m_logger;
 };
