@@ -1,0 +1,39 @@
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+
+namespace TxCtl
+{
+
+/// Where commands write. One call is one line, or several joined by "\n"; the line end is added.
+class IConsole
+{
+public:
+    virtual ~IConsole() = default;
+
+    virtual void Out(const std::wstring& text) = 0;
+    /// Messages about what went wrong, and notes that must not get into a redirected result.
+    virtual void Error(const std::wstring& text) = 0;
+};
+
+/// Standard output and standard error of the process. A console window gets UTF-16 and so shows every
+/// character whatever its code page; a file or pipe gets UTF-8 without a byte-order mark.
+/// @see https://learn.microsoft.com/windows/console/writeconsole
+class CStandardConsole final : public IConsole
+{
+public:
+    void Out(const std::wstring& text) override;
+    void Error(const std::wstring& text) override;
+
+    /// True when some output was lost, as on a full disk: the result must not count as success then.
+    [[nodiscard]] bool HasFailed() const noexcept { return m_hasFailed; }
+
+private:
+    void write(DWORD standardHandle, const std::wstring& text);
+
+    bool m_hasFailed = false;
+};
+
+} // namespace TxCtl

@@ -1,0 +1,16 @@
+#pragma once
+
+#include "txsvcctl/Console.h"
+
+namespace CLI
+{
+class App;
+}
+
+namespace TxCtl
+{
+
+/// Adds log set and log get, as AddServiceCommands adds the others.
+void AddLogCommands(CLI::App& app, IConsole& console);
+
+} // namespace TxCtl

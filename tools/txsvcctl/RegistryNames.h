@@ -1,0 +1,18 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "base/RegKey.h"
+
+namespace TxCtl
+{
+
+/// The names of a key's direct sub-keys or of its values (the default value's is empty), in the registry's
+/// order.
+/// @param path for the message.
+/// @throws CToolError
+[[nodiscard]] std::vector<std::wstring> SubKeyNames(const Basalt::CRegKey& key, const std::wstring& path);
+[[nodiscard]] std::vector<std::wstring> ValueNames(const Basalt::CRegKey& key, const std::wstring& path);
+
+} // namespace TxCtl

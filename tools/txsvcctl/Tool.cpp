@@ -1,0 +1,82 @@
+#include "txsvcctl/Tool.h"
+
+#include <CLI/CLI.hpp>
+#include <exception>
+
+#include "txsvcctl/LogCommands.h"
+#include "txsvcctl/ServiceCommands.h"
+#include "txsvcctl/Utf8.h"
+
+namespace TxCtl
+{
+
+namespace
+{
+
+/// The library ends its texts with a line feed, the console adds one.
+std::wstring LinesOf(const std::string& text)
+{
+    std::wstring lines = FromUtf8(text);
+    lines.erase(lines.find_last_not_of(L'\n') + 1);
+    return lines;
+}
+
+void Parse(CLI::App& app, const std::vector<std::wstring>& arguments)
+{
+    std::vector<std::string> reversed; // The library takes them from the back.
+    for (auto argument = arguments.rbegin(); argument != arguments.rend(); ++argument)
+    {
+        reversed.push_back(ToUtf8(*argument));
+    }
+    app.parse(std::move(reversed));
+}
+
+ExitCode Run(const std::vector<std::wstring>& arguments, IConsole& console)
+{
+    CLI::App app("Registers, controls and shows the services of the Tarvex Shared Service Host.", "txsvcctl");
+    // Options begin with hyphens only: "/name" is then seen as the wrong name it is, not as an unknown
+    // option.
+    app.allow_windows_style_options(false);
+    app.require_subcommand(1);
+    app.set_version_flag("--version", TX_VERSION);
+    AddServiceCommands(app, console);
+    AddLogCommands(app, console);
+    try
+    {
+        Parse(app, arguments);
+    }
+    catch (const CLI::CallForHelp&)
+    {
+        console.Out(LinesOf(app.help()));
+    }
+    catch (const CLI::CallForVersion& version)
+    {
+        console.Out(LinesOf(version.what()));
+    }
+    catch (const CLI::ParseError& error)
+    {
+        ThrowUsage(
+            LinesOf(error.what()) + L"\nRun 'txsvcctl --help' or 'txsvcctl COMMAND --help' for the usage.");
+    }
+    return ExitCode::Success;
+}
+
+} // namespace
+
+ExitCode RunTool(const std::vector<std::wstring>& arguments, IConsole& console) noexcept
+try
+{
+    return Run(arguments, console);
+}
+catch (const CToolError& error)
+{
+    ReportError(console, error);
+    return error.Code();
+}
+catch (const std::exception& error)
+{
+    ReportError(console, CToolError(ExitCode::Failed, FromUtf8(error.what())));
+    return ExitCode::Failed;
+}
+
+} // namespace TxCtl

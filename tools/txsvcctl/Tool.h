@@ -1,0 +1,16 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "txsvcctl/Console.h"
+#include "txsvcctl/ToolError.h"
+
+namespace TxCtl
+{
+
+/// The whole program but for the process around it: parses the command line and runs the command.
+/// @param arguments without the program's name.
+[[nodiscard]] ExitCode RunTool(const std::vector<std::wstring>& arguments, IConsole& console) noexcept;
+
+} // namespace TxCtl
