@@ -40,11 +40,13 @@ install_missing_packages() {
         fail "apt-get could not install ${missing[*]}"
 }
 
-build() { # PRESET
+build() { # PRESET [TARGET...]
     say "Building ($1)"
-    local log=build/$1.log
+    local preset=$1 log=build/$1.log
+    shift
     mkdir -p build
-    { cmake --fresh --preset "$1" && cmake --build --preset "$1"; } >"$log" 2>&1 || {
+    # --fresh: a tree that an older version of the presets configured would keep its flags.
+    { cmake --fresh --preset "$preset" && cmake --build --preset "$preset" ${1:+--target "$@"}; } >"$log" 2>&1 || {
         tail -n 40 "$log" >&2
         fail "the build broke; the whole log is in $log"
     }
