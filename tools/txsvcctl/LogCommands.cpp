@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "txsvcctl/LogStore.h"
+#include "txsvcctl/ToolError.h"
 #include "txsvcctl/Utf8.h"
 #include "txsvcctl/ViewLink.h"
 
@@ -84,7 +85,13 @@ void GetLogSettings(const std::optional<std::wstring>& name, bool json, IConsole
 void AddLogCommands(CLI::App& app, IConsole& console)
 {
     CLI::App* const log = app.add_subcommand("log", "Show or change the logging settings of all groups");
-    log->require_subcommand(1);
+    log->require_subcommand(0, 1); // With (1) a mistyped command would be called a missing one.
+    log->callback([log] {
+        if (log->get_subcommands().empty())
+        {
+            ThrowUsage(L"log needs a command: set or get");
+        }
+    });
     const auto arguments = std::make_shared<Arguments>();
 
     CLI::App* const set = log->add_subcommand("set", "Change a setting");

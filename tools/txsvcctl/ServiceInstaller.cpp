@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "base/Owned.h"
 #include "txsvcctl/ImagePath.h"
 #include "txsvcctl/ModuleFile.h"
 #include "txsvcctl/Names.h"
@@ -16,6 +17,9 @@ namespace
 {
 
 constexpr wchar_t kHostName[] = L"TxSvcHost.exe";
+
+constexpr wchar_t kMutexName[] = L"Global\\TarvexTxSvcCtl";
+constexpr DWORD kMutexTimeoutMs = 30000;
 
 std::wstring Quoted(const GroupService& service)
 {
@@ -116,6 +120,31 @@ void CheckEntryIsOurs(const ServiceConfig& entry, const GroupService& service)
     }
 }
 
+/// Keeps other runs of this program out: both would read a group's list, and the second to write would lose
+/// the name that the first one added.
+class CExclusive
+{
+public:
+    CExclusive() : m_mutex(::CreateMutexW(nullptr, FALSE, kMutexName))
+    {
+        if (!m_mutex)
+        {
+            ThrowFailure(L"create mutex", kMutexName, ::GetLastError());
+        }
+        const DWORD result = ::WaitForSingleObject(m_mutex.Get(), kMutexTimeoutMs);
+        if (result != WAIT_OBJECT_0 && result != WAIT_ABANDONED)
+        {
+            ThrowFailed(L"another txsvcctl is changing services; try again when it has ended");
+        }
+    }
+    ~CExclusive() { ::ReleaseMutex(m_mutex.Get()); }
+    CExclusive(const CExclusive&) = delete;
+    CExclusive& operator=(const CExclusive&) = delete;
+
+private:
+    Basalt::CHandle m_mutex;
+};
+
 /// Runs steps that all record themselves in the change, and undoes them when one fails.
 template <typename Steps>
 void AllOrNothing(Steps steps)
@@ -170,6 +199,7 @@ void InstallService(const InstallRequest& request, IConsole& console)
     const std::wstring module = CheckedModule(request.module);
     const std::wstring host = CheckedHost(request.host);
 
+    const CExclusive exclusive;
     const CGroupStore store;
     CheckNoOtherGroup(store, service);
     if (!request.replaceModule)
@@ -209,6 +239,7 @@ void RemoveService(const GroupService& service, IConsole& console)
 {
     CheckGroupName(service.group);
     CheckServiceName(service.service);
+    const CExclusive exclusive;
     const CGroupStore store;
     const CServiceManager manager(SC_MANAGER_CONNECT);
     const std::optional<std::wstring> clsid = store.Clsid(service.group, service.service);

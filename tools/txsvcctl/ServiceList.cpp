@@ -78,6 +78,10 @@ void ReportEntry(const CServiceManager& manager, const std::wstring& group, Serv
         return;
     }
     report.state = manager.FindState(report.name);
+    if (report.entry->type != SERVICE_WIN32_SHARE_PROCESS)
+    {
+        report.problems.push_back(L"its entry is not one of a share-process service");
+    }
     const ImagePath imagePath = ParseImagePath(report.entry->imagePath);
     if (!RunsGroup(imagePath, group))
     {

@@ -106,6 +106,19 @@ std::wstring DescribeExit(const ServiceState& state)
     return state.exitCode == NO_ERROR ? number : number + L" (" + DescribeError(state.exitCode) + L")";
 }
 
+/// A process that ends before it has answered the service manager gives this error instead of an exit code;
+/// what the service reported last tells more.
+[[noreturn]] void ThrowStartFailure(const CServiceHandle& service, const std::wstring& name, DWORD error)
+{
+    std::wstring text = DescribeFailure(kStartService, name, error);
+    if (error == ERROR_SERVICE_REQUEST_TIMEOUT)
+    {
+        const ServiceState state = QueryState(service, name);
+        text += L" It is " + DescribeState(state) + L" with " + DescribeExit(state);
+    }
+    ThrowFailed(std::move(text));
+}
+
 const wchar_t* TextOrNull(const std::optional<std::wstring>& text)
 {
     return text ? text->c_str() : nullptr;
@@ -254,7 +267,7 @@ ServiceState CServiceManager::Start(const std::wstring& name, DWORD timeoutMs) c
             const DWORD error = ::GetLastError();
             if (error != ERROR_SERVICE_ALREADY_RUNNING)
             {
-                ThrowFailure(kStartService, name, error);
+                ThrowStartFailure(service, name, error);
             }
         }
         state = WaitWhilePending(service, name, deadline, kStartService);

@@ -13,6 +13,8 @@ namespace TxCtl
 namespace
 {
 
+constexpr wchar_t kUsageHint[] = L"\nRun 'txsvcctl --help' or 'txsvcctl COMMAND --help' for the usage.";
+
 /// The library ends its texts with a line feed, the console adds one.
 std::wstring LinesOf(const std::string& text)
 {
@@ -37,13 +39,17 @@ ExitCode Run(const std::vector<std::wstring>& arguments, IConsole& console)
     // Options begin with hyphens only: "/name" is then seen as the wrong name it is, not as an unknown
     // option.
     app.allow_windows_style_options(false);
-    app.require_subcommand(1);
+    app.require_subcommand(0, 1); // With (1) a mistyped command would be called a missing one.
     app.set_version_flag("--version", TX_VERSION);
     AddServiceCommands(app, console);
     AddLogCommands(app, console);
     try
     {
         Parse(app, arguments);
+        if (app.get_subcommands().empty())
+        {
+            ThrowUsage(std::wstring(L"a command is missing") + kUsageHint);
+        }
     }
     catch (const CLI::CallForHelp&)
     {
@@ -55,8 +61,7 @@ ExitCode Run(const std::vector<std::wstring>& arguments, IConsole& console)
     }
     catch (const CLI::ParseError& error)
     {
-        ThrowUsage(
-            LinesOf(error.what()) + L"\nRun 'txsvcctl --help' or 'txsvcctl COMMAND --help' for the usage.");
+        ThrowUsage(LinesOf(error.what()) + kUsageHint);
     }
     return ExitCode::Success;
 }
