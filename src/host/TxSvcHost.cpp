@@ -6,9 +6,9 @@
 #include <vector>
 
 #include "base/Stopwatch.h"
+#include "control/ComApartment.h"
 #include "host/ProcessSecurity.h"
 #include "logging/Log.h"
-#include "proxy/ComApartment.h"
 
 using namespace ETWLogging;
 

@@ -14,9 +14,9 @@
 #include "base/Text.h"
 #include "base/WorkingSetEvent.h"
 #include "config/TxSvcHostConfig.h"
+#include "control/ComApartment.h"
 #include "control/ReduceRestart.h"
 #include "logging/Log.h"
-#include "proxy/ComApartment.h"
 
 using Basalt::CStopwatch;
 using namespace ETWLogging;

@@ -1,7 +1,4 @@
-#include "proxy/ComApartment.h"
-
-#include <windows.h>
-#include <objbase.h>
+#include "control/ComApartment.h"
 
 #include "base/CallGuard.h"
 #include "logging/Log.h"
@@ -15,7 +12,7 @@ constexpr wchar_t kLogSource[] = L"ComApartment";
 
 } // namespace
 
-CComApartment::CComApartment() noexcept : m_result(::CoInitializeEx(nullptr, COINIT_MULTITHREADED)) {}
+CComApartment::CComApartment(COINIT model) noexcept : m_result(::CoInitializeEx(nullptr, model)) {}
 
 CComApartment::~CComApartment()
 {
