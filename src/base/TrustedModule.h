@@ -18,7 +18,7 @@ namespace Basalt
 /// it. The network is never asked: the check also runs at boot. Wine 8 is laxer (see
 /// docs/trust-and-start.md).
 ///
-/// wintrust.dll and crypt32.dll are loaded from the system folder for the check and freed after it.
+/// wintrust.dll and crypt32.dll are loaded from the system folder when the first check is made.
 /// Threads: an object belongs to one thread at a time; checks may run side by side.
 /// @see https://learn.microsoft.com/windows/win32/api/wintrust/nf-wintrust-winverifytrust
 class CTrustedFile

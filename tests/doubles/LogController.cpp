@@ -1,0 +1,61 @@
+/// @file
+/// A log controller library that records its calls. Modes: "fail" (Start gives 1234), "throw" (all throw).
+
+#include <windows.h>
+
+#include "doubles/Record.h"
+
+namespace
+{
+
+DWORD Perform(const std::wstring& call, DWORD result = ERROR_SUCCESS)
+{
+    Record(call);
+    if (IsMode(L"throw"))
+    {
+        throw 5;
+    }
+    return result;
+}
+
+} // namespace
+
+extern "C"
+{
+    __declspec(dllexport) DWORD WINAPI Start(const wchar_t* name)
+    {
+        return Perform(std::wstring(L"Start ") + name, IsMode(L"fail") ? 1234 : ERROR_SUCCESS);
+    }
+    __declspec(dllexport) DWORD WINAPI Stop(DWORD_PTR zero, const wchar_t* name)
+    {
+        return Perform(L"Stop " + std::to_wstring(zero) + L" " + name);
+    }
+    __declspec(dllexport) DWORD WINAPI RestartSession(const wchar_t*)
+    {
+        return Perform(L"RestartSession");
+    }
+#ifndef TX_WITHOUT_FLUSH
+    __declspec(dllexport) DWORD WINAPI FlushBuffers(const wchar_t*)
+    {
+        return Perform(L"FlushBuffers");
+    }
+    __declspec(dllexport) DWORD WINAPI DllAddRef()
+    {
+        ::SetLastError(ERROR_BUSY);
+        return Perform(L"DllAddRef");
+    }
+    __declspec(dllexport) DWORD WINAPI DllRelease()
+    {
+        return Perform(L"DllRelease");
+    }
+#endif
+}
+
+BOOL WINAPI DllMain(HINSTANCE, DWORD reason, void*)
+{
+    if (reason == DLL_PROCESS_DETACH)
+    {
+        Record(L"unloaded");
+    }
+    return TRUE;
+}
