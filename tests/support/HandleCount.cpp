@@ -1,0 +1,56 @@
+#include "support/HandleCount.h"
+
+#include <windows.h>
+
+#include <algorithm>
+#include <vector>
+
+#include "base/SystemLibrary.h"
+
+namespace
+{
+
+constexpr ULONG kSystemExtendedHandleInformation = 64;
+constexpr LONG kStatusInfoLengthMismatch = static_cast<LONG>(0xC0000004);
+
+struct HandleEntry
+{
+    void* object;
+    ULONG_PTR processId;
+    ULONG_PTR handle;
+    ULONG access;
+    USHORT creatorBackTraceIndex;
+    USHORT objectTypeIndex;
+    ULONG attributes;
+    ULONG reserved;
+};
+struct HandleTable
+{
+    ULONG_PTR count;
+    ULONG_PTR reserved;
+    HandleEntry entries[1];
+};
+
+using NtQuerySystemInformationFunction =
+    LONG NTAPI(ULONG infoClass, void* buffer, ULONG size, ULONG* returned);
+
+} // namespace
+
+std::size_t CountOwnHandles()
+{
+    static auto* const query = Basalt::FindExport<NtQuerySystemInformationFunction>(
+        ::GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation");
+    std::vector<BYTE> buffer(1U << 16);
+    while (
+        query(kSystemExtendedHandleInformation, buffer.data(), static_cast<ULONG>(buffer.size()), nullptr) ==
+        kStatusInfoLengthMismatch)
+    {
+        buffer.resize(buffer.size() * 2);
+    }
+    const auto& table = *reinterpret_cast<const HandleTable*>(buffer.data());
+    const HandleEntry* entries = table.entries;
+    return static_cast<std::size_t>(std::count_if(
+        entries, entries + table.count, [self = ::GetCurrentProcessId()](const HandleEntry& entry) {
+            return entry.processId == self;
+        }));
+}

@@ -1,0 +1,8 @@
+#pragma once
+
+#include <cstddef>
+
+/// Number of handles that this process holds, from the system's own list: GetProcessHandleCount gives no
+/// usable number everywhere. The thread pool's handles are among them, so let it warm up before the first
+/// count.
+[[nodiscard]] std::size_t CountOwnHandles();
