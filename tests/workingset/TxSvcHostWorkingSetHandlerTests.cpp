@@ -1,7 +1,9 @@
 #include "workingset/TxSvcHostWorkingSetHandler.h"
 
+#include <algorithm>
 #include <atomic>
 #include <gtest/gtest.h>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -159,8 +161,7 @@ TEST_F(WorkingSetHandlerTest, DueTimeSpansTheRangeWithBothEnds)
 {
     const struct
     {
-        DWORD base;
-        DWORD range;
+        DWORD base, range;
         int random;
         DWORD due;
     } rows[] = {
@@ -194,9 +195,8 @@ TEST_F(WorkingSetHandlerTest, OneTimerIsArmedAtMost)
     EXPECT_TRUE(m_handler.scheduleWsTimer());
     EXPECT_TRUE(m_handler.scheduleWsTimer());
     EXPECT_EQ(s_dueTimes.size(), 3U);
-    EXPECT_EQ(
-        s_completions,
-        (std::vector<HANDLE>{nullptr, nullptr})); // Never blocking: it may be inside a callback.
+    // Never blocking: it may be inside a callback.
+    EXPECT_EQ(s_completions, (std::vector<HANDLE>{nullptr, nullptr}));
 
     // Another run arms the timer between the two steps of this one.
     s_whileDrawing = [] { s_handler->scheduleWsTimer(); };
@@ -283,9 +283,7 @@ TEST_F(WorkingSetHandlerTest, FailuresOfTheTearDownAreReported)
             {"CloseHandle", &FailingClose}};
 
         EXPECT_FALSE(m_handler.DeInitialize());
-        {
-            const CTxSvcHostWorkingSetHandler other;
-        }
+        std::make_unique<CTxSvcHostWorkingSetHandler>().reset();
     }
     EXPECT_EQ(m_log.Count(LogWarning, L"Failed to unregister wait (GLE=0x00000008)"), 1U);
     EXPECT_EQ(m_log.Count(LogWarning, L"Failed to delete the timer queue (GLE=0x00000008)"), 1U);
@@ -332,7 +330,8 @@ TEST_F(WorkingSetHandlerInRealTime, TimerAndEventTrimUntilDeInitialize)
     const CImportPatch trim("SetProcessWorkingSetSize", &CountingTrim);
     ASSERT_TRUE(trim.IsActive());
     WorkingSetRecord record = Settings();
-    record.dwCpuUsageLimit = 1000;
+    record.dwCpuUsageLimit = 0xFFFFFFFF; // What this process really uses is of no interest.
+    record.dwCpuUsageDuration = 1;
     s_trims = 0;
 
     ASSERT_TRUE(m_handler.Initialize(record));
@@ -346,7 +345,6 @@ TEST_F(WorkingSetHandlerInRealTime, TimerAndEventTrimUntilDeInitialize)
 
     record.dwTimerIntervalBase = 1;
     record.dwRandomizationRange = 3;
-    record.dwCpuUsageDuration = 1;
     record.dwOptimalOccuranceCount = 1000; // No band is found, so that every run trims.
     ASSERT_TRUE(m_handler.Initialize(record));
     EXPECT_TRUE(Reaches(s_trims, 6)); // Four runs of a timer that is armed again after each.
@@ -372,8 +370,7 @@ TEST_F(WorkingSetHandlerInRealTime, TearDownEndsRunningCallbacksAtOnceAndLosesNo
     for (int cycle = 0; cycle < kWarmUp + kCycles; ++cycle)
     {
         handles = cycle == kWarmUp ? CountOwnHandles() : handles;
-        const bool idle =
-            cycle % 2 == 0; // The timer's run waits for idle; else it measures. The event's measures.
+        const bool idle = cycle % 2 == 0; // The timer's run waits for idle; in between both runs measure.
         record.dwCpuUsageDuration = idle ? 1 : 60000;
         s_measured = 0;
         ASSERT_TRUE(m_handler.Initialize(record));

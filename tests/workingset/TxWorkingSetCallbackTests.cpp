@@ -200,8 +200,7 @@ TEST_F(WorkingSetCallbackTest, CpuUsageIsTheShareOfAllProcessorsAndFailsWithARea
     const struct
     {
         const char* trace;
-        LONGLONG elapsed;
-        LONGLONG used;
+        LONGLONG elapsed, used;
         float usage;
         DWORD error = ERROR_SUCCESS;
         DWORD processors = 4;
@@ -241,11 +240,7 @@ TEST_F(WorkingSetCallbackTest, InitRejectsZerosInTheirOrderAndTakesTheStoredLimi
 {
     const struct
     {
-        DWORD range;
-        DWORD factor;
-        DWORD count;
-        DWORD idle;
-        DWORD stored;
+        DWORD range, factor, count, idle, stored;
         const wchar_t* rejected;
         ULONGLONG limit;
     } rows[] = {
@@ -293,10 +288,11 @@ TEST_F(WorkingSetCallbackTest, InitialSamplingTrimsEveryTimeAndFindsTheBand)
 TEST_F(WorkingSetCallbackTest, RegularRunsTrimBeyondTheCeilingAndRecordAfterATrim)
 {
     // With an occurrence count of 1 every recorded sample shows at once, as the new band.
-    Restart(Settings());
+    Restart(Settings(1, 22 * kMb));
     Play({
-        {'T', 15 * kMb, "ws arm", 20 * kMb},     // The lower edge is within range.
-        {'T', 15 * kMb - 1, "ws arm", 15 * kMb}, // Below it is always recorded: the band moves.
+        {'T', 17 * kMb, "ws arm", 22 * kMb},     // The lower edge is within range.
+        {'T', 17 * kMb - 1, "ws arm", 20 * kMb}, // Below it is always recorded: the band moves.
+        {'T', 15 * kMb - 1, "ws arm", 15 * kMb},
         {'T', 39 * kMb / 2, "ws arm", 15 * kMb}, // Within 1.3 times the upper edge, no trim before it.
         {'T', 39 * kMb / 2 + 1, "ws cpu trim arm", 15 * kMb}, // Beyond: trimmed, the first time not recorded.
         {'T', 16 * kMb, "ws arm", 20 * kMb},                  // Recorded, and the mark is gone:
@@ -310,8 +306,9 @@ TEST_F(WorkingSetCallbackTest, RegularRunsTrimBeyondTheCeilingAndRecordAfterATri
     });
 }
 
-TEST_F(WorkingSetCallbackTest, RunsEndEarlyWithoutArmingTheTimer)
+TEST_F(WorkingSetCallbackTest, BusyProcessesWaitAndRunsEndEarlyWithoutArmingTheTimer)
 {
+    constexpr LONGLONG kLong = 1'000'000'000'000;
     constexpr ULONGLONG kBelow = 1 * kMb;
     constexpr ULONGLONG kWithin = 17 * kMb;
     constexpr ULONGLONG kAbove = 50 * kMb;
@@ -324,6 +321,7 @@ TEST_F(WorkingSetCallbackTest, RunsEndEarlyWithoutArmingTheTimer)
         std::deque<LONGLONG> used;
         const char* trace;
         bool result;
+        LONGLONG elapsed = kMeasureTicks;
     } rows[] = {
         {true, 'T', kAbove, "cpu", {}, "cpu idle", false},
         {true, 'T', kAbove, "idle", {kBusy}, "cpu idle", false},
@@ -334,7 +332,11 @@ TEST_F(WorkingSetCallbackTest, RunsEndEarlyWithoutArmingTheTimer)
         {false, 'T', kWithin, "ws", {}, "ws arm", true}, // It is for the handler to refuse.
         {false, 'T', kAbove, "cpu", {}, "ws cpu idle", false},
         {false, 'T', kAbove, "", {kBusy}, "ws cpu idle cpu trim arm", true},
-        {false, 'E', kAbove, "", {kBusy}, "cpu", true},
+        {false, 'E', kAbove, "", {kBusy}, "cpu", true}, // Left alone, and the timer is armed already.
+        {false, 'E', kAbove, "", {kLong / 5}, "cpu trim arm", true, kLong},     // Exactly the limit.
+        {false, 'E', kAbove, "", {kLong / 5 + 1}, "cpu trim arm", true, kLong}, // Not in single precision.
+        {false, 'E', kAbove, "", {kLong / 5 + 99999}, "cpu", true, kLong},
+        {false, 'E', kAbove, "", {}, "cpu", true, -1}, // Time runs backwards.
         {false, 'E', kAbove, "cpu", {}, "cpu", true},
         {false, 'E', kAbove, "info", {}, "cpu", false},
         {false, 'E', kAbove, "trim", {}, "cpu trim", false},
@@ -346,40 +348,15 @@ TEST_F(WorkingSetCallbackTest, RunsEndEarlyWithoutArmingTheTimer)
         s_machine.stopped = false;
         s_machine.stopAt = row.stopAt;
         s_machine.usedTicks = row.used;
+        s_machine.elapsedTicks = row.elapsed;
 
         EXPECT_EQ(Run(row.trigger, row.workingSet, row.result), row.trace);
     }
+    EXPECT_EQ(m_log.Count(LogError, L"GetProcessCpuUsage failed (GLE=0x0000000D)"), 1U);
     s_machine.stopAt.clear();
     s_machine.stopped = false;
     s_machine.arms = false;
     EXPECT_EQ(Run('T', kWithin, false), "ws arm");
-}
-
-TEST_F(WorkingSetCallbackTest, UsageIsComparedAsSinglePrecision)
-{
-    constexpr LONGLONG kElapsed = 1'000'000'000'000;
-    constexpr LONGLONG kLimit = 4 * kElapsed / 20;
-    const struct
-    {
-        LONGLONG elapsed;
-        LONGLONG used;
-        const char* trace;
-    } rows[] = {
-        {kElapsed, kLimit, "cpu trim arm"},
-        {kElapsed, kLimit + 1, "cpu trim arm"}, // Not more in single precision.
-        {kElapsed, kLimit + 100000, "cpu"},
-        {-1, 0, "cpu"},
-    };
-    Restart(Settings());
-    for (const auto& row : rows)
-    {
-        SCOPED_TRACE(testing::Message() << row.elapsed << ' ' << row.used);
-        s_machine.elapsedTicks = row.elapsed;
-        s_machine.usedTicks = {row.used};
-
-        EXPECT_EQ(Run('E', 0), row.trace);
-    }
-    EXPECT_TRUE(m_log.Has(LogError, L"GetProcessCpuUsage failed (GLE=0x0000000D)"));
 }
 
 TEST_F(WorkingSetCallbackTest, CeilingIsExactAndStaysWithinSixtyFourBits)
@@ -387,9 +364,7 @@ TEST_F(WorkingSetCallbackTest, CeilingIsExactAndStaysWithinSixtyFourBits)
     constexpr ULONGLONG kHuge = 1ULL << 60;
     const struct
     {
-        DWORD factor;
-        DWORD range;
-        DWORD stored;
+        DWORD factor, range, stored;
         ULONGLONG learnt; ///< Size to record first; 0: none.
         ULONGLONG ceiling;
     } rows[] = {
@@ -525,13 +500,16 @@ TEST_F(WorkingSetCallbackTest, WithoutInitTheEntrySaysSoAndGoesOn)
 TEST(WorkingSetCallback, OverlappingRunsLoseNoSample)
 {
     constexpr int kThreads = 4;
-    constexpr int kRuns = 2000;
+    constexpr int kRuns = 30000;
     static std::atomic<int> s_armed = 0;
     struct CCountingTimer final : IWorkingSetTimer
     {
         bool scheduleWsTimer() noexcept override { return ++s_armed != 0; }
     } timer;
     const Basalt::CHandle stopEvent(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    s_machine = Machine();
+    s_machine.stopEvent = stopEvent.Get();
+    const CImportPatch wait("WaitForSingleObject", &FakeWait); // Real waits would keep the runs apart.
     const CImportPatch memory(
         "K32GetProcessMemoryInfo",
         static_cast<BOOL(WINAPI*)(HANDLE, PROCESS_MEMORY_COUNTERS*, DWORD)>(
@@ -548,10 +526,14 @@ TEST(WorkingSetCallback, OverlappingRunsLoseNoSample)
         &timer,
         {1, 0, 5, 0, 0, 0, 0xFFFFFFFF, 0xFFFFFFFF, 100, kThreads * kRuns / 2, kIdleMs}));
 
+    std::atomic<int> ready = 0;
     std::vector<std::jthread> threads;
     for (int i = 0; i < kThreads; ++i)
     {
-        threads.emplace_back([&callback] {
+        threads.emplace_back([&callback, &ready] {
+            for (++ready; ready < kThreads;) // All at once.
+            {
+            }
             for (int run = 0; run < kRuns; ++run)
             {
                 callback.OnCallback(true);
@@ -562,6 +544,7 @@ TEST(WorkingSetCallback, OverlappingRunsLoseNoSample)
     {
         const ULONGLONG limit = callback.GetOptimalBucketUpperLimit();
         ASSERT_TRUE(limit == 0xFFFFFFFF || limit == 100) << limit;
+        ::Sleep(1);
     }
     threads.clear();
 
