@@ -21,7 +21,7 @@
 
 /// Logs with the file's kLogSource and the current line. Evaluates its arguments also when nobody listens:
 /// ask LogIsEnabled first where they are costly.
-#define TX_LOG(level, function, ...) \
+#define TX_LOG(level, function, ...)                                                                         \
     static_cast<void>(::ETWLogging::LogWrite((level), kLogSource, (function), __LINE__, __VA_ARGS__))
 
 namespace ETWLogging
@@ -30,11 +30,11 @@ namespace ETWLogging
 /// What the process logger is created with, read once, at the first logging call.
 struct LoggingIdentity
 {
-    void* context = nullptr;                ///< null in this program
-    const wchar_t* group = L"_no_group";    ///< borrowed: a literal
-    DWORD context2 = 0;                     ///< zero in this program
-    const wchar_t* host = L"_no_host";      ///< borrowed: a literal, or null
-    DWORD mechanismOverride = 0;            ///< 1 forces the file logger
+    void* context = nullptr;             ///< null in this program
+    const wchar_t* group = L"_no_group"; ///< borrowed: a literal
+    DWORD context2 = 0;                  ///< zero in this program
+    const wchar_t* host = L"_no_host";   ///< borrowed: a literal, or null
+    DWORD mechanismOverride = 0;         ///< 1 forces the file logger
 };
 
 /// Replaces the process's logging identity. Without effect once the logger exists.

@@ -40,7 +40,8 @@ public:
     virtual ~CLoggingIf() = default;
 
     /// @param group, host borrowed for the call; host may be null.
-    virtual DWORD Initialize(const wchar_t* group, DWORD context2, const wchar_t* host, DWORD reserved) noexcept = 0;
+    virtual DWORD Initialize(
+        const wchar_t* group, DWORD context2, const wchar_t* host, DWORD reserved) noexcept = 0;
 
     /// Makes the logger ready on first use; later calls cost next to nothing.
     virtual DWORD Start() noexcept = 0;
@@ -54,8 +55,12 @@ public:
     [[nodiscard]] virtual DWORD GetProcessId() const noexcept = 0;
 
     /// Writes one finished message.
-    virtual DWORD
-    Log(const wchar_t* file, const wchar_t* function, DWORD line, DWORD level, const wchar_t* message) noexcept = 0;
+    virtual DWORD Log(
+        const wchar_t* file,
+        const wchar_t* function,
+        DWORD line,
+        DWORD level,
+        const wchar_t* message) noexcept = 0;
 
     /// Nonzero when a message of that level is to be written.
     [[nodiscard]] virtual DWORD IsLevelEnabled(DWORD level) const noexcept = 0;
@@ -91,8 +96,12 @@ public:
         const wchar_t* host,
         DWORD reserved) noexcept = 0;
 
-    virtual DWORD
-    LogEx(DWORD level, const wchar_t* file, const wchar_t* function, DWORD line, const wchar_t* message) noexcept = 0;
+    virtual DWORD LogEx(
+        DWORD level,
+        const wchar_t* file,
+        const wchar_t* function,
+        DWORD line,
+        const wchar_t* message) noexcept = 0;
 };
 
 } // namespace ETWLogging

@@ -188,6 +188,7 @@ TEST(LoggerSlot, TeardownWaitsForTheUsersAndLeaksWhatTheyKeep)
         {
             ::Sleep(0);
         }
+        ::Sleep(20); // Enough for one that would not wait.
         EXPECT_EQ(s_fake.destroyed, 0);
     });
     while (!inside)

@@ -241,10 +241,10 @@ TEST_F(FileLoggerTest, AMutexWhoseHolderDiedIsHeldAgain)
         // The thread takes the mutex along to its end.
         const CImportPatch patch("ReleaseMutex", +[](HANDLE) -> BOOL { return TRUE; });
         ASSERT_TRUE(patch.IsActive());
-        std::jthread([&logger] { Write(*logger, 1); }).join();
+        std::jthread([&logger] { Write(*logger, 3); }).join();
     }
 
-    Write(*logger, 3);
+    Write(*logger, 1); // The first one already rotates.
 
     EXPECT_EQ(LineCounts(), (Counts{1, 3}));
 }
