@@ -79,9 +79,9 @@ void CLogger::Log(
         }
     }
 
-    va_list arguments;
+    va_list arguments{};
     va_start(arguments, format);
-    va_list measured;
+    va_list measured{};
     va_copy(measured, arguments);
     const int length = ::_vscwprintf(format, measured);
     va_end(measured);

@@ -39,9 +39,8 @@ void CDefaultLoggingHandler::Handle(
         // Built and dropped on purpose: the debugger has always been sent the bare message.
         static_cast<void>(FormatText(FormatOf(level), file, line, function, message));
     }
-    catch (const std::exception&)
+    catch (const std::exception&) // NOLINT(bugprone-empty-catch): without memory there is nothing to drop.
     {
-        // Without memory for it there is just nothing to drop.
     }
     ::OutputDebugStringW(message);
 }

@@ -30,7 +30,7 @@ void SetText(MessageEvent& event, EventField field, const wchar_t* text) noexcep
 
 CETWLogging::~CETWLogging()
 {
-    static_cast<void>(Stop());
+    static_cast<void>(CETWLogging::Stop());
 }
 
 DWORD CETWLogging::Initialize(

@@ -68,7 +68,7 @@ DWORD LogWriteUnchecked(
     {
         return ERROR_SUCCESS;
     }
-    va_list arguments;
+    va_list arguments{};
     va_start(arguments, format);
     const DWORD status = use.Get()->Write(level, file, function, line, format, arguments);
     va_end(arguments);

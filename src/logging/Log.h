@@ -152,7 +152,7 @@ private:
 };
 
 template <typename T>
-[[nodiscard]] const T& Pass(const T& argument) noexcept
+[[nodiscard]] T Pass(const T& argument) noexcept
 {
     return argument;
 }

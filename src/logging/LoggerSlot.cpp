@@ -26,7 +26,7 @@ const CTeardown g_teardown;
 
 void CLoggerSlot::Teardown(DWORD waitMs) noexcept
 {
-    std::unique_ptr<CLoggerHolder> holder(m_holder.exchange(nullptr));
+    CLoggerHolder* const holder = m_holder.exchange(nullptr);
     if (holder == nullptr)
     {
         return;
@@ -37,11 +37,11 @@ void CLoggerSlot::Teardown(DWORD waitMs) noexcept
     {
         if (::GetTickCount64() - start >= waitMs)
         {
-            static_cast<void>(holder.release());
-            return;
+            return; // It stays allocated: somebody writes with it.
         }
         ::Sleep(1);
     }
+    const std::unique_ptr<CLoggerHolder> unused(holder); // Nobody can reach it any more.
 }
 
 CLoggerSlot& ProcessLoggerSlot() noexcept

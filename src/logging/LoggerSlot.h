@@ -26,14 +26,25 @@ public:
     class CUse
     {
     public:
-        explicit CUse(CLoggerSlot& slot) noexcept : m_slot(slot)
+        explicit CUse(CLoggerSlot& slot) noexcept
         {
-            // Counted first, looked second, both sequentially consistent: Teardown does it the other way
-            // round, so one of the two sees the other.
-            m_slot.m_users.fetch_add(1);
-            m_holder = m_slot.m_holder.load();
+            if (slot.m_holder.load() == nullptr)
+            {
+                return; // Not counted: the teardown shall not wait for those that come too late.
+            }
+            // Counted first, looked again second, both sequentially consistent: Teardown does it the other
+            // way round, so one of the two sees the other.
+            m_slot = &slot;
+            m_slot->m_users.fetch_add(1);
+            m_holder = m_slot->m_holder.load();
         }
-        ~CUse() { m_slot.m_users.fetch_sub(1); }
+        ~CUse()
+        {
+            if (m_slot != nullptr)
+            {
+                m_slot->m_users.fetch_sub(1);
+            }
+        }
         CUse(const CUse&) = delete;
         CUse& operator=(const CUse&) = delete;
 
@@ -41,8 +52,8 @@ public:
         [[nodiscard]] CLoggerHolder* Get() const noexcept { return m_holder; }
 
     private:
-        CLoggerSlot& m_slot;
-        CLoggerHolder* m_holder;
+        CLoggerSlot* m_slot = nullptr; ///< Where it is counted.
+        CLoggerHolder* m_holder = nullptr;
     };
 
     /// Puts the holder into the slot, which must be empty.

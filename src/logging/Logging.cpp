@@ -113,9 +113,8 @@ try
         m_mutex.Create(m_file.GetPath());
     }
 }
-catch (const std::exception&)
+catch (const std::exception&) // NOLINT(bugprone-empty-catch): every message then fails to open the file.
 {
-    // Without a path every message fails to open the file; without a mutex nobody waits.
 }
 
 DWORD CLogging::Log(

@@ -120,7 +120,7 @@ TEST_F(BasaltTest, WithoutMemoryTheHandlerGetsAFixedMessage)
 
     {
         const CImportPatch patch(
-            "malloc", +[](std::size_t size) { return size == 2 * 54321 ? nullptr : std::calloc(1, size); });
+            "malloc", +[](std::size_t size) { return size == 108642 ? nullptr : std::calloc(1, size); });
         CLogger::Log(1, L"file", L"f", 3, L"%s", longText.c_str());
     }
 

@@ -93,6 +93,8 @@ TEST_F(EtwTest, AnEventCarriesTheMessageFieldByField)
     s_provider.enableEarly = true;
     ASSERT_EQ(m_logger.InitializeEx(nullptr, L"GROUP", 0, nullptr, 0), 0u);
     ASSERT_EQ(m_logger.Start(), 0u);
+    const std::wstring ids = Field(::GetCurrentProcessId()) + Field(::GetCurrentThreadId());
+    const std::wstring group = std::wstring(L"GROUP") + L'\0';
     for (const auto& [level, carried, text] : table)
     {
         SCOPED_TRACE(level);
@@ -100,10 +102,12 @@ TEST_F(EtwTest, AnEventCarriesTheMessageFieldByField)
         EXPECT_EQ(m_logger.LogEx(level, text, text, 0x1234567, text), 0u);
 
         const std::wstring field = std::wstring(text == nullptr ? L"" : text) + L'\0';
-        const std::wstring ids = Field(::GetCurrentProcessId()) + Field(::GetCurrentThreadId());
-        EXPECT_EQ(
-            s_provider.events.back(),
-            Field(carried) + field + field + Field(0x1234567) + std::wstring(L"GROUP", 6) + ids + field);
+        std::wstring expected;
+        for (const std::wstring& part : {Field(carried), field, field, Field(0x1234567), group, ids, field})
+        {
+            expected += part;
+        }
+        EXPECT_EQ(s_provider.events.back(), expected);
     }
 }
 

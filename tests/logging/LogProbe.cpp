@@ -61,7 +61,7 @@ int WriteLines(const wchar_t* folder, unsigned long count)
     CLogging logger;
     logger.Initialize(L"shared", 0, nullptr, 0);
     logger.SetFolder(folder);
-    logger.SetRotation(100, 20);
+    logger.SetRotation(25, 20);
     logger.Activate();
     DWORD failed = 0;
     for (unsigned long i = 0; i < count; ++i)

@@ -76,7 +76,7 @@ struct FakeBuilderEx : CLogBuilderIf_ex
 
 DWORD Write(CLoggerHolder& holder, DWORD level, Text format, ...)
 {
-    va_list arguments;
+    va_list arguments{};
     va_start(arguments, format);
     const DWORD status = holder.Write(level, L"file", L"function", 1, format, arguments);
     va_end(arguments);

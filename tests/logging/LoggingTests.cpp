@@ -275,19 +275,19 @@ TEST_F(FileLoggerTest, EachFileHasItsMutexHoweverItsPathIsSpelt)
 
 TEST_F(FileLoggerTest, ManyProcessesLoseAndTearNoLine)
 {
-    constexpr std::size_t kEach = 300;
+    constexpr std::size_t kEach = 100;
     const std::wstring folder = L'"' + m_folder.Path() + L'"';
-    const std::intptr_t probes[] = {Start(L"write", folder, L"300"), Start(L"write", folder, L"300")};
-    const auto logger = Make(100, 20);
+    const std::intptr_t probes[] = {Start(L"write", folder, L"100"), Start(L"write", folder, L"100")};
+    const auto logger = Make(25, 20);
     for (std::size_t i = 0; i < kEach; ++i)
     {
         EXPECT_EQ(Log(*logger, (L"own/" + std::to_wstring(i)).c_str()), 0u);
     }
     EXPECT_EQ(EndOf(probes[0]) | EndOf(probes[1]), 0);
 
-    EXPECT_EQ(LineCounts(), Counts(9, 100));
+    EXPECT_EQ(LineCounts(), Counts(12, 25));
     std::set<std::wstring> texts;
-    for (std::size_t i = 0; i < 9; ++i)
+    for (std::size_t i = 0; i < 12; ++i)
     {
         for (const std::wstring& line : ReadLines(File(i)))
         {
