@@ -59,7 +59,11 @@ HRESULT GetClassObject(
     for (const IID& iid : {IID_ITxSvcClassObject, IID_ITxSvcClassObjectOld})
     {
         void* found = nullptr;
-        result = ::CoGetClassObject(clsid, context, nullptr, iid, &found);
+        // Loads an in-process server and runs its DllGetClassObject.
+        if (!CallGuarded([&] { result = ::CoGetClassObject(clsid, context, nullptr, iid, &found); }))
+        {
+            return kForeignCallFailed;
+        }
         if (SUCCEEDED(result))
         {
             classObject.Reset(static_cast<ITxSvcClassObject*>(found));

@@ -247,17 +247,12 @@ bool CTxSvcHostConfig::SetIsOobeCheckRequired(DWORD required) noexcept
 }
 
 bool CTxSvcHostConfig::SetGroupOptimalBucketUpperLimit(DWORD upperLimit) noexcept
-try
 {
     if (!m_bInitialized)
     {
         return false;
     }
-    Basalt::CRegKey rootKey;
-    Basalt::CRegKey groupKey;
-    if (!CRegistryStore::OpenRegistryKey(HKEY_LOCAL_MACHINE, kRootKey, rootKey) ||
-        !CRegistryStore::OpenOrCreateRegistryKey(rootKey.Get(), m_groupName, groupKey) ||
-        !CRegistryStore::SetRegistryDWORDValue(groupKey.Get(), kOptimalBucketValue, upperLimit))
+    if (!storeOptimalBucketUpperLimit(upperLimit))
     {
         TX_LOG(
             LogWarning,
@@ -267,9 +262,19 @@ try
     }
     return true;
 }
+
+bool CTxSvcHostConfig::storeOptimalBucketUpperLimit(DWORD upperLimit) const noexcept
+try
+{
+    Basalt::CRegKey rootKey;
+    Basalt::CRegKey groupKey;
+    return CRegistryStore::OpenRegistryKey(HKEY_LOCAL_MACHINE, kRootKey, rootKey) &&
+           CRegistryStore::OpenOrCreateRegistryKey(rootKey.Get(), m_groupName, groupKey) &&
+           CRegistryStore::SetRegistryDWORDValue(groupKey.Get(), kOptimalBucketValue, upperLimit);
+}
 catch (const std::bad_alloc&)
 {
-    return false; // No memory for a value's name: the band is learnt again after the next start.
+    return false;
 }
 
 std::wstring CTxSvcHostConfig::groupKeyPath() const

@@ -58,6 +58,7 @@ private:
     ~CTxSvcHostConfig() = default;
 
     [[nodiscard]] std::wstring groupKeyPath() const;
+    [[nodiscard]] bool storeOptimalBucketUpperLimit(DWORD upperLimit) const noexcept;
     void loadWorkingSetValues(HKEY rootKey) noexcept;
     void loadGroupValues();
     bool loadOobeExclusionList();

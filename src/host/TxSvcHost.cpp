@@ -3,6 +3,7 @@
 #include <windows.h>
 #include <objbase.h>
 
+#include <new>
 #include <vector>
 
 #include "base/Stopwatch.h"
@@ -26,7 +27,11 @@ DWORD LowWord(HRESULT result) noexcept
 
 CTxSvcHost::CTxSvcHost() : m_groupDelimiter(L"/"), m_groupIndex(1) {}
 
-CTxSvcHost::~CTxSvcHost() = default;
+CTxSvcHost::~CTxSvcHost()
+{
+    // Only does something when the dispatcher could not be started; the learnt band is stored all the same.
+    DeInitializeWSS();
+}
 
 DWORD CTxSvcHost::Start(int argc, wchar_t** argv)
 {
@@ -67,6 +72,9 @@ DWORD CTxSvcHost::Start(int argc, wchar_t** argv)
         return LowWord(secured);
     }
 
+    TX_LOG(LogNormal, kFunction, L"Initializing working set reduction");
+    InitializeWSS();
+
     TX_LOG(LogNormal, kFunction, L"Starting SCM after %0.04fs", sinceStart.Seconds());
     result = scmInterface.RegisterServicesToSCM();
     if (result != ERROR_SUCCESS)
@@ -76,12 +84,65 @@ DWORD CTxSvcHost::Start(int argc, wchar_t** argv)
     }
     TX_LOG(LogNormal, kFunction, L"SCM stopped after %0.04fs", sinceStart.Seconds());
 
+    TX_LOG(LogNormal, kFunction, L"De-initializing working set reduction");
+    DeInitializeWSS();
     if (!CTxSvcHostConfig::GetInstance().DeInit())
     {
         TX_LOG(LogWarning, kFunction, L"Failed to deinitialize CTxSvcHostConfig");
     }
     CTxSvcHostConfig::ReleaseInstance();
     return ERROR_SUCCESS;
+}
+
+bool CTxSvcHost::InitializeWSS()
+{
+    constexpr wchar_t kFunction[] = L"CTxSvcHost::InitializeWSS";
+    WorkingSetRecord record;
+    if (!CTxSvcHostConfig::GetInstance().GetWorkingSetRecord(record))
+    {
+        TX_LOG(LogError, kFunction, L"Failed to get the WSS configurations");
+        return false;
+    }
+    if (record.dwEnabled == 0)
+    {
+        TX_LOG(LogWarning, kFunction, L"Working set adjustment is disabled");
+        return true;
+    }
+    try
+    {
+        m_workingSetHandler = std::make_unique<CTxSvcHostWorkingSetHandler>();
+    }
+    catch (const std::bad_alloc&)
+    {
+        TX_LOG(LogError, kFunction, L"Failed to create working set handler");
+        return false;
+    }
+    if (!m_workingSetHandler->Initialize(record))
+    {
+        TX_LOG(LogError, kFunction, L"Failed to initialize working set handler");
+        m_workingSetHandler.reset();
+        return false;
+    }
+    TX_LOG(LogNormal, kFunction, L"Working set handler initialized");
+    return true;
+}
+
+bool CTxSvcHost::DeInitializeWSS() noexcept
+{
+    if (m_workingSetHandler == nullptr)
+    {
+        return false;
+    }
+    const ULONGLONG upperLimit = m_workingSetHandler->GetOptimalBucketUpperLimit();
+    if (!m_workingSetHandler->DeInitialize())
+    {
+        TX_LOG(LogError, L"CTxSvcHost::DeInitializeWSS", L"Working set handler de-initialization failed");
+        return false;
+    }
+    // The registry keeps 32 bits, also of a band beyond 4 GiB.
+    CTxSvcHostConfig::GetInstance().SetGroupOptimalBucketUpperLimit(static_cast<DWORD>(upperLimit));
+    m_workingSetHandler.reset();
+    return true;
 }
 
 DWORD CTxSvcHost::prepareGroup(int argc, wchar_t** argv, CTxSCMInterface& scmInterface)

@@ -8,6 +8,7 @@
 #include "config/TxSvcHostConfig.h"
 #include "host/TxSCMInterface.h"
 #include "proxy/TxSvcHostProxy.h"
+#include "workingset/TxSvcHostWorkingSetHandler.h"
 
 /// Runs one service group from its command line to the end of its last service.
 ///
@@ -34,10 +35,17 @@ public:
     [[nodiscard]] static bool AddServicesToScmInterface(
         const CTxSvcHostConfig& config, CTxSCMInterface& scmInterface);
 
+    /// Starts working-set reduction unless it is switched off.
+    bool InitializeWSS();
+    /// Ends working-set reduction and stores the learnt band for the group. The handler is kept when it
+    /// cannot be ended.
+    bool DeInitializeWSS() noexcept;
+
 private:
     [[nodiscard]] DWORD prepareGroup(int argc, wchar_t** argv, CTxSCMInterface& scmInterface);
 
     std::wstring m_groupDelimiter;
     WORD m_groupIndex; ///< where the group's entry stands in argv
+    std::unique_ptr<CTxSvcHostWorkingSetHandler> m_workingSetHandler; ///< null while nothing is reduced
     std::unique_ptr<CTxSvcHostProxy> m_proxy;
 };

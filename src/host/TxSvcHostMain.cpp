@@ -4,9 +4,12 @@
 
 #include <cwchar>
 
+#include "control/InstallingUpdate.h"
 #include "control/RegistryLink.h"
 #include "host/TxSvcHost.h"
+#include "logging/AutoLogController.h"
 #include "logging/Log.h"
+#include "privileges/NvidiaDriverFix.h"
 
 using namespace ETWLogging;
 
@@ -41,11 +44,18 @@ int TxSvcHostMain(int argc, wchar_t** argv)
     // A damaged module must fail to load, not put up a box that nobody can click away in a service's session.
     ::SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOOPENFILEERRORBOX);
 
+    // Before and after all logging: it owns the session that receives the events.
+    const AutoLogController logController(L"WSS");
+
     LoggingIdentity identity;
     identity.group = L"PLATFORM";
     identity.host = nullptr;
     SetLoggingIdentity(identity);
 
+    if (IsInstallingUpdate() != 0)
+    {
+        return ERROR_SUCCESS; // The installer stops and starts the group itself.
+    }
     if (std::wcsstr(::GetCommandLineW(), kStartServicesSwitch) != nullptr)
     {
         return ERROR_SUCCESS;
@@ -56,6 +66,7 @@ int TxSvcHostMain(int argc, wchar_t** argv)
     {
         CreateRegistryLink(kProductKey, kProductKey32, true, true);
     }
+    const CNvidiaDriverFix privileges(true);
     CTxSvcHost host;
     return static_cast<int>(host.Start(argc, argv));
 }

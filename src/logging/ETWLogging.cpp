@@ -135,9 +135,12 @@ DWORD CETWLogging::IsLevelEnabled(DWORD level) const noexcept
 
 bool CETWLogging::isWantedBySession(DWORD level) const noexcept
 {
-    constexpr DWORD kFlagBits = 32;
     const DWORD flags = m_sessionFlags;
-    return flags == 0 || (level >= 1 && level <= kFlagBits && (flags >> (level - 1) & 1U) != 0);
+    if (flags == 0 || level < LogNormal || level > LogInformation2 || level == LogInformation)
+    {
+        return true; // Information reaches every session, and what has no name passes as it is.
+    }
+    return (flags >> (level - 1) & 1U) != 0;
 }
 
 DWORD CETWLogging::Log(

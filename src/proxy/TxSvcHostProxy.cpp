@@ -99,28 +99,35 @@ void WINAPI IgnoreControl(DWORD /*control*/) {}
 
 } // namespace
 
-Basalt::CLock CTxSvcHostProxy::s_instanceLock;
-std::shared_ptr<CTxSvcHostProxy::Instance> CTxSvcHostProxy::s_instance;
+CTxSvcHostProxy::Slot& CTxSvcHostProxy::slot()
+{
+    // Never destroyed: a forced stop ends the process through its exit handlers while services still run.
+    static Slot* const s_slot = new Slot;
+    return *s_slot;
+}
 
 CTxSvcHostProxy::CTxSvcHostProxy()
 {
-    const Basalt::CLockGuard guard(s_instanceLock);
-    if (s_instance == nullptr)
+    Slot& shared = slot();
+    const Basalt::CLockGuard guard(shared.lock);
+    if (shared.instance == nullptr)
     {
-        s_instance = std::make_shared<Instance>();
+        shared.instance = std::make_shared<Instance>();
     }
 }
 
 CTxSvcHostProxy::~CTxSvcHostProxy()
 {
-    const Basalt::CLockGuard guard(s_instanceLock);
-    s_instance.reset();
+    Slot& shared = slot();
+    const Basalt::CLockGuard guard(shared.lock);
+    shared.instance.reset();
 }
 
-std::shared_ptr<CTxSvcHostProxy::Instance> CTxSvcHostProxy::currentInstance() noexcept
+std::shared_ptr<CTxSvcHostProxy::Instance> CTxSvcHostProxy::currentInstance()
 {
-    const Basalt::CLockGuard guard(s_instanceLock);
-    return s_instance;
+    Slot& shared = slot();
+    const Basalt::CLockGuard guard(shared.lock);
+    return shared.instance;
 }
 
 void WINAPI CTxSvcHostProxy::GenericServiceMain(DWORD argc, LPWSTR* argv) noexcept
@@ -204,7 +211,7 @@ void CTxSvcHostProxy::ProxyServiceMain(Instance& instance, const std::wstring& n
     if (result.failed && !IsReportedStopped(name))
     {
         // It will not report anything any more: without this the group's process would never end.
-        SetServiceStoppedStatus(name);
+        SetServiceStoppedStatus(name.c_str());
     }
 }
 
@@ -212,6 +219,15 @@ bool CTxSvcHostProxy::admitAndLoad(
     Instance& instance, const std::wstring& name, const CStopwatch& sinceStart, CSubsystemHolder& holder)
 {
     const CStopwatch sinceAdmission;
+    if (!instance.firstRunGate.shouldExecuteService(name))
+    {
+        TX_LOG(
+            LogWarning,
+            L"CTxSvcHostProxy::ProxyServiceMain",
+            L"The service should not be executed, stopping service");
+        SetServiceStoppedStatus(name.c_str());
+        return false;
+    }
     if (!CTxSvcHostConfig::GetInstance().IsSerialLoad())
     {
         return loadOrReportStopped(name, sinceStart, sinceAdmission, holder);
@@ -231,7 +247,7 @@ bool CTxSvcHostProxy::loadOrReportStopped(
     if (!GetSubsystem(name, holder) || holder.Interface() == nullptr)
     {
         TX_LOG(LogError, kFunction, L"Failed to get the subsystem interface for '%s'", name);
-        SetServiceStoppedStatus(name);
+        SetServiceStoppedStatus(name.c_str());
         holder.ReleaseInterface();
         return false;
     }
@@ -370,10 +386,10 @@ CTxSvcHostProxy::RunResult CTxSvcHostProxy::SafeExecuteServiceMain(
     return {result, false};
 }
 
-bool CTxSvcHostProxy::SetServiceStoppedStatus(const std::wstring& name) noexcept
+bool CTxSvcHostProxy::SetServiceStoppedStatus(const wchar_t* name) noexcept
 {
     constexpr wchar_t kFunction[] = L"CTxSvcHostProxy::SetServiceStoppedStatus";
-    const SERVICE_STATUS_HANDLE handle = ::RegisterServiceCtrlHandlerW(name.c_str(), &IgnoreControl);
+    const SERVICE_STATUS_HANDLE handle = ::RegisterServiceCtrlHandlerW(name, &IgnoreControl);
     if (handle == nullptr)
     {
         TX_LOG(LogError, kFunction, L"RegisterServiceCtrlHandler failed");

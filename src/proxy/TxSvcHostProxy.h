@@ -7,6 +7,7 @@
 
 #include "base/Lock.h"
 #include "base/Stopwatch.h"
+#include "proxy/FirstRunGate.h"
 #include "proxy/SubsystemHolder.h"
 
 /// Runs the services of the group: every service of the process has GenericServiceMain as its entry point,
@@ -48,7 +49,7 @@ public:
         const CSubsystemHolder& holder, DWORD argc, LPWSTR* argv) noexcept;
 
     /// Reports a service that never ran to the service control manager as stopped.
-    static bool SetServiceStoppedStatus(const std::wstring& name) noexcept;
+    static bool SetServiceStoppedStatus(const wchar_t* name) noexcept;
 
 private:
     /// What the process's services share.
@@ -57,9 +58,10 @@ private:
         /// Held while a subsystem loads, when the group's services load one after another. Loads are short
         /// enough for a waiting thread to spin first.
         Basalt::CLock loadLock{4000};
+        CFirstRunGate firstRunGate;
     };
 
-    [[nodiscard]] static std::shared_ptr<Instance> currentInstance() noexcept;
+    [[nodiscard]] static std::shared_ptr<Instance> currentInstance();
     static void ProxyServiceMain(Instance& instance, const std::wstring& name, DWORD argc, LPWSTR* argv);
     [[nodiscard]] static bool admitAndLoad(
         Instance& instance,
@@ -72,6 +74,11 @@ private:
         const Basalt::CStopwatch& sinceAdmission,
         CSubsystemHolder& holder);
 
-    static Basalt::CLock s_instanceLock;
-    static std::shared_ptr<Instance> s_instance TX_GUARDED_BY(s_instanceLock);
+    /// The process's one instance and what guards it.
+    struct Slot
+    {
+        Basalt::CLock lock;
+        std::shared_ptr<Instance> instance TX_GUARDED_BY(lock);
+    };
+    [[nodiscard]] static Slot& slot();
 };

@@ -124,8 +124,9 @@ TEST_F(EtwTest, TheSessionChoosesTheLevels)
         {false, 1, 0, 1, false, false},
         {false, 1, 0, 4, true, false},
         {true, 1, 1U << 3, 4, true, true},
-        {true, 1, 1U << 3, 3, true, false},
-        {true, 1, MAXDWORD, 33, true, false}, // No flag could stand for it.
+        {true, 1, 1U << 3, 5, true, false},
+        {true, 1, 1U << 3, 3, true, true},  // Information reaches every session.
+        {true, 1, 1U << 3, 33, true, true}, // No flag stands for it.
     };
     ASSERT_EQ(m_logger.Start(), 0u);
     m_logger.SetThreshold(4);

@@ -187,6 +187,7 @@ protected:
         g_seen = {};
         ASSERT_EQ(m_group.Create(m_root.Key().Get(), kGroup, KEY_ALL_ACCESS), DWORD{0});
         ASSERT_EQ(m_group.WriteString(L"svc", kClsid), DWORD{0});
+        ASSERT_EQ(m_root.Key().WriteDword(L"IsOobeCheckRequired", 0), DWORD{0});
         SetModulePath(kModulePath);
         ASSERT_TRUE(CTxSvcHostConfig::GetInstance().Init(kGroup));
         m_log.Clear();
@@ -240,6 +241,7 @@ TEST_F(TxSvcHostProxyTest, RunsAServiceFromItsEntryToItsEnd)
     const std::vector<std::wstring> starts = {
         L"Entering ServiceMain for 'svc'",
         L"ServiceMain for 'svc' starting (",
+        L"Oobe completed, disabling OOBE check",
         std::wstring(L"Mapping svc => ") + kClsid + L" (0x00000000)",
         std::wstring(L"Subsystem ClsID = '") + kClsid + L"'",
         std::wstring(L"Subsystem DLL path: '") + kModulePath + L"'",

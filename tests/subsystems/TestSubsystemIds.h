@@ -56,7 +56,7 @@ inline constexpr wchar_t kNoExportModule[] = L"NoExportSubsystem.dll";
 /// - "Unloaded-<process id>", REG_DWORD 1: the module was freed while its process went on.
 inline constexpr wchar_t kTestRecordKey[] = L"SOFTWARE\\TxTest";
 
-inline constexpr DWORD kSlowLoadMs = 300;
+inline constexpr DWORD kSlowLoadMs = 800;
 
 /// Performance counter at both ends of a slow CreateObject. Loads one at a time do not overlap.
 struct SlowLoadTimes
