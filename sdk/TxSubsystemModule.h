@@ -19,7 +19,7 @@
 ///     };
 ///
 ///     // {your own new GUID}
-///     TX_SUBSYSTEM_MODULE(CMyService, {0x..., 0x..., 0x..., {0x..., ...}});
+///     TX_SUBSYSTEM_MODULE(CMyService, {0x..., 0x..., 0x..., {0x..., ...}})
 ///
 /// linked with advapi32. The host makes one object of the class for each start of the service.
 
@@ -454,6 +454,7 @@ template <typename Service>
 /// @param Service a class derived from TxSdk::CSubsystem that can be constructed without arguments.
 /// @param ...     the CLSID, as the initialiser of a GUID: {0x..., 0x..., 0x..., {0x..., ...}}.
 #define TX_SUBSYSTEM_MODULE(Service, ...)                                                                    \
+    static_assert(std::is_base_of_v<::TxSdk::CSubsystem, Service>, "derive it from TxSdk::CSubsystem");      \
     TX_SUBSYSTEM_EXPORTS                                                                                     \
     STDAPI DllGetClassObject(REFCLSID clsid, REFIID iid, void** object)                                      \
     {                                                                                                        \
@@ -463,5 +464,4 @@ template <typename Service>
     STDAPI DllCanUnloadNow()                                                                                 \
     {                                                                                                        \
         return ::TxSdk::CanUnloadNow();                                                                      \
-    }                                                                                                        \
-    static_assert(std::is_base_of_v<::TxSdk::CSubsystem, Service>, "derive it from TxSdk::CSubsystem")
+    }

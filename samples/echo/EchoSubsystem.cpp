@@ -29,7 +29,7 @@ HANDLE CreatePipe(const std::wstring& name, DWORD& error)
         error = ::GetLastError();
         return nullptr;
     }
-    const HANDLE pipe = ::CreateNamedPipeW(
+    HANDLE pipe = ::CreateNamedPipeW(
         name.c_str(),
         PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED | FILE_FLAG_FIRST_PIPE_INSTANCE,
         PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_WAIT | PIPE_REJECT_REMOTE_CLIENTS,
@@ -144,4 +144,4 @@ class CEchoService : public TxSdk::CSubsystem
 
 // {0E0C3F5B-6D52-4E0B-9B57-2D4F9C7A1E02}
 TX_SUBSYSTEM_MODULE(
-    CEchoService, {0x0E0C3F5B, 0x6D52, 0x4E0B, {0x9B, 0x57, 0x2D, 0x4F, 0x9C, 0x7A, 0x1E, 0x02}});
+    CEchoService, {0x0E0C3F5B, 0x6D52, 0x4E0B, {0x9B, 0x57, 0x2D, 0x4F, 0x9C, 0x7A, 0x1E, 0x02}})

@@ -28,7 +28,7 @@ void Print(const std::wstring& text)
 } // namespace
 
 /// EchoClient SERVICE TEXT: prints the answer of the hosted echo service.
-int wmain(int argc, wchar_t** argv)
+int wmain(int argc, wchar_t** argv) // NOLINT(misc-use-internal-linkage): the runtime calls it
 {
     if (argc != 3)
     {

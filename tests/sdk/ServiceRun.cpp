@@ -77,6 +77,7 @@ CServiceRun::CServiceRun(
     arguments.insert(arguments.begin(), m_name);
     m_thread = std::thread([this, arguments]() mutable {
         std::vector<LPWSTR> argv;
+        argv.reserve(arguments.size());
         for (std::wstring& argument : arguments)
         {
             argv.push_back(argument.data());

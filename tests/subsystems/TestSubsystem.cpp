@@ -210,6 +210,7 @@ STDAPI DllCanUnloadNow()
     return TxSdk::CanUnloadNow();
 }
 
+// NOLINTNEXTLINE(misc-use-internal-linkage): the runtime calls it
 BOOL WINAPI DllMain(HINSTANCE /*module*/, DWORD reason, void* processEnds)
 {
     if (reason == DLL_PROCESS_DETACH && processEnds == nullptr)
