@@ -233,7 +233,9 @@ HMODULE WINAPI RefuseOthers(const wchar_t* path, HANDLE file, DWORD flags)
 
 TEST_F(AutoLogControllerTest, AFailedLoadIsTheStatusAndTheFileIsHeldUntilThen)
 {
-    g_load = &::LoadLibraryExW;
+    // Not by its name: an optimiser would look that up in the patched table again.
+    g_load =
+        Basalt::FindExport<decltype(::LoadLibraryExW)>(::GetModuleHandleW(L"kernel32.dll"), "LoadLibraryExW");
     Install(L"tarvex");
     const std::wstring path = m_folder.File(L"TxSvcHost\\LogCntrl.dll");
     const CImportPatch patch("LoadLibraryExW", &RefuseOthers);

@@ -186,9 +186,12 @@ void* FakeMalloc(std::size_t size)
 
 TEST_F(NvidiaDriverFixTest, AFailureAtAnyStepIsLoggedOnceAndTheOtherPrivilegesAreSet)
 {
-    g_getTokenInformation = &::GetTokenInformation;
-    g_lookup = &::LookupPrivilegeValueW;
-    g_adjust = &::AdjustTokenPrivileges;
+    // Not by their names: an optimiser would look those up in the patched table again.
+    const HMODULE advapi = ::GetModuleHandleW(L"advapi32.dll");
+    g_getTokenInformation =
+        Basalt::FindExport<decltype(::GetTokenInformation)>(advapi, "GetTokenInformation");
+    g_lookup = Basalt::FindExport<decltype(::LookupPrivilegeValueW)>(advapi, "LookupPrivilegeValueW");
+    g_adjust = Basalt::FindExport<decltype(::AdjustTokenPrivileges)>(advapi, "AdjustTokenPrivileges");
     // Its address here would be the patched thunk's.
     g_malloc = Basalt::FindExport<void*(std::size_t)>(::GetModuleHandleW(L"msvcrt.dll"), "malloc");
     const auto pointer = [](auto* function) { return reinterpret_cast<void*>(function); };
