@@ -61,30 +61,13 @@ bool IsStarted(const std::wstring& name) noexcept
            status.dwCurrentState != SERVICE_STOPPED;
 }
 
-/// The base address and the end of the DLL that has the dispatcher, in another process.
-std::pair<const BYTE*, const BYTE*> DispatcherModule(DWORD processId)
-{
-    const Basalt::CFile modules(::CreateToolhelp32Snapshot(TH32CS_SNAPMODULE, processId));
-    MODULEENTRY32W entry{};
-    entry.dwSize = sizeof(entry);
-    for (BOOL more = modules ? ::Module32FirstW(modules.Get(), &entry) : FALSE; more;
-         more = ::Module32NextW(modules.Get(), &entry))
-    {
-        if (::lstrcmpiW(entry.szModule, L"sechost.dll") == 0)
-        {
-            return {entry.modBaseAddr, entry.modBaseAddr + entry.modBaseSize};
-        }
-    }
-    return {};
-}
-
 const BYTE* StartAddress(HANDLE thread)
 {
     constexpr auto kStartAddress = static_cast<THREADINFOCLASS>(9); // ThreadQuerySetWin32StartAddress
     static auto* const s_query = Basalt::FindExport<decltype(NtQueryInformationThread)>(
         ::GetModuleHandleW(L"ntdll.dll"), "NtQueryInformationThread");
     const BYTE* address = nullptr;
-    s_query(thread, kStartAddress, &address, sizeof(address), nullptr);
+    s_query(thread, kStartAddress, static_cast<void*>(&address), sizeof(address), nullptr);
     return address;
 }
 
@@ -110,6 +93,7 @@ CGroupRunner::CGroupRunner(const std::wstring& commandLine, DWORD timeoutMs)
     try
     {
         waitForConnection();
+        findDispatcher();
     }
     catch (...)
     {
@@ -142,13 +126,13 @@ DWORD CGroupRunner::Start(const std::wstring& name, const std::vector<std::wstri
         text += argument + L'\0';
     }
     const std::vector<DWORD> before = dispatcherThreads();
+    m_threads[name] = 0; // From here on the manager is told of its end, whatever happens.
     const DWORD answer = transact(name, kControlStart, text + L'\0');
     if (answer != ERROR_SUCCESS)
     {
         ThrowIfFailed(MarkState(name, SERVICE_STOPPED), L"cannot mark " + name + L" as stopped");
         return answer;
     }
-    m_threads[name] = 0;
     for (const DWORD thread : dispatcherThreads())
     {
         if (std::find(before.begin(), before.end(), thread) == before.end())
@@ -162,29 +146,27 @@ DWORD CGroupRunner::Start(const std::wstring& name, const std::vector<std::wstri
 void CGroupRunner::StartAndWait(const std::wstring& name, const std::vector<std::wstring>& arguments)
 {
     ThrowIfFailed(Start(name, arguments), L"cannot start " + name);
-    if (!WaitForState(name, SERVICE_RUNNING, m_timeoutMs))
-    {
-        ThrowError(name + L" does not run but is " + ServiceStateName(QueryService(name).dwCurrentState));
-    }
+    awaitState(name, SERVICE_RUNNING);
 }
 
 DWORD CGroupRunner::Control(const std::wstring& name, DWORD control)
 {
+    if (QueryService(name).dwCurrentState == SERVICE_STOPPED)
+    {
+        return ERROR_SERVICE_NOT_ACTIVE; // As the manager answers: the handler is not there any more.
+    }
     return transact(name, control, {});
 }
 
 void CGroupRunner::Stop(const std::wstring& name)
 {
     const DWORD answer = Control(name, SERVICE_CONTROL_STOP);
-    if (answer !=
-        ERROR_PROCESS_ABORTED) // The last service's end may end the process before its answer is out.
+    // The last service's end may end the process before its answer is out.
+    if (answer != ERROR_PROCESS_ABORTED)
     {
         ThrowIfFailed(answer, L"cannot stop " + name);
     }
-    if (!WaitForState(name, SERVICE_STOPPED, m_timeoutMs))
-    {
-        ThrowError(name + L" does not stop but is " + ServiceStateName(QueryService(name).dwCurrentState));
-    }
+    awaitState(name, SERVICE_STOPPED);
     if (!WaitForThreadEnd(name, m_timeoutMs))
     {
         ThrowError(L"the thread of " + name + L" goes on after it reported the end");
@@ -224,6 +206,18 @@ std::optional<DWORD> CGroupRunner::WaitForExit(DWORD timeoutMs) const
         return std::nullopt;
     }
     return exitCode;
+}
+
+void CGroupRunner::awaitState(const std::wstring& name, DWORD state) const
+{
+    if (!WaitForState(name, state, m_timeoutMs))
+    {
+        const SERVICE_STATUS_PROCESS status = QueryService(name);
+        ThrowError(
+            name + L" should be " + ServiceStateName(state) + L" but is " +
+            ServiceStateName(status.dwCurrentState) + L", exit code " +
+            std::to_wstring(status.dwWin32ExitCode) + (WaitForExit(0) ? L"; the host has ended" : L""));
+    }
 }
 
 /// Takes the next pipe number for the host that is started afterwards.
@@ -303,6 +297,25 @@ void CGroupRunner::waitForConnection()
             L" ms, or another service was started meanwhile");
     }
     ThrowIfFailed(error, L"ConnectNamedPipe(" + m_pipeName + L")");
+}
+
+/// Finds where the code of the dispatcher's DLL is in the process, to know its threads by where they begin.
+void CGroupRunner::findDispatcher()
+{
+    const Basalt::CFile modules(::CreateToolhelp32Snapshot(TH32CS_SNAPMODULE, m_processId));
+    MODULEENTRY32W entry{};
+    entry.dwSize = sizeof(entry);
+    for (BOOL more = modules ? ::Module32FirstW(modules.Get(), &entry) : FALSE; more;
+         more = ::Module32NextW(modules.Get(), &entry))
+    {
+        if (::lstrcmpiW(entry.szModule, L"sechost.dll") == 0)
+        {
+            m_dispatcherBegin = entry.modBaseAddr;
+            m_dispatcherEnd = entry.modBaseAddr + entry.modBaseSize;
+            return;
+        }
+    }
+    ThrowError(L"the host has no sechost.dll");
 }
 
 /// Sends one request and reads its answer.
@@ -386,7 +399,6 @@ DWORD CGroupRunner::finish(BOOL completed, OVERLAPPED& operation, DWORD& transfe
 /// The threads that Wine's dispatcher made: its own, and one for each running service.
 std::vector<DWORD> CGroupRunner::dispatcherThreads() const
 {
-    const auto [begin, end] = DispatcherModule(m_processId);
     std::vector<DWORD> found;
     const Basalt::CFile threads(::CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0));
     THREADENTRY32 entry{};
@@ -400,7 +412,7 @@ std::vector<DWORD> CGroupRunner::dispatcherThreads() const
         }
         const Basalt::CHandle thread(::OpenThread(THREAD_QUERY_INFORMATION, FALSE, entry.th32ThreadID));
         const BYTE* const address = thread ? StartAddress(thread.Get()) : nullptr;
-        if (address >= begin && address < end)
+        if (address >= m_dispatcherBegin && address < m_dispatcherEnd)
         {
             found.push_back(entry.th32ThreadID);
         }

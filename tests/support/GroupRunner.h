@@ -25,8 +25,9 @@
 /// work is thrown as std::runtime_error with a text that names the operation and the code. Every wait has an
 /// end.
 ///
-/// What the real manager does itself for its own processes does not reach this one: ControlService and
-/// StartServiceW of the real manager know nothing of the pipe. Use Control, Start and Stop.
+/// The real manager has no process of its own behind these services: its ControlService fails with 1061 and
+/// its StartServiceW starts a second process. Use Control, Start and Stop; test what calls those two itself
+/// (the group's stop through COM, "/startservices") with services that the real manager started.
 ///
 /// Threads: one at a time. Only one program may start services meanwhile: the next start of any other service
 /// takes the pipe number which this host looks for until it is connected.
@@ -49,16 +50,16 @@ public:
 
     /// Marks the service as pending and has the dispatcher start its thread; does not wait for the service.
     /// @param arguments what ServiceMain gets after the service's name.
-    /// @return 0 or why it was not started: 1060 when the manager does not know it, 1056 when it is not
-    /// stopped,
-    ///         else the dispatcher's answer (ERROR_INVALID_PARAMETER for a name that is not in its table).
+    /// @return 0; or 1060 when the manager does not know the service, 1056 when it is not stopped, else the
+    ///         dispatcher's refusal (ERROR_INVALID_PARAMETER for a name that is not in its table).
     [[nodiscard]] DWORD Start(const std::wstring& name, const std::vector<std::wstring>& arguments = {});
 
     /// Start, then waits for SERVICE_RUNNING; throws when either fails.
     void StartAndWait(const std::wstring& name, const std::vector<std::wstring>& arguments = {});
 
-    /// Sends a control (SERVICE_CONTROL_STOP, ...) and returns the answer of the service's handler, or
-    /// ERROR_PROCESS_ABORTED when the process ended before it answered.
+    /// Sends a control (SERVICE_CONTROL_STOP, ...), whether or not the service says that it accepts it, and
+    /// returns the answer of its handler; ERROR_SERVICE_NOT_ACTIVE when it is stopped, ERROR_PROCESS_ABORTED
+    /// when the process ended before it answered.
     [[nodiscard]] DWORD Control(const std::wstring& name, DWORD control);
 
     /// Stops a service: sends the control, waits for SERVICE_STOPPED and for the end of its thread. Throws
@@ -92,6 +93,8 @@ private:
     void createPipe();
     void startProcess(const std::wstring& commandLine);
     void waitForConnection();
+    void findDispatcher();
+    void awaitState(const std::wstring& name, DWORD state) const;
     DWORD transact(const std::wstring& name, DWORD control, const std::wstring& arguments);
     DWORD transfer(void* data, DWORD size, EDirection direction);
     DWORD finish(BOOL completed, OVERLAPPED& operation, DWORD& transferred);
@@ -105,5 +108,7 @@ private:
     Basalt::CHandle m_event; ///< Signalled by the end of the one pipe operation at a time.
     Basalt::CHandle m_process;
     DWORD m_processId = 0;
+    const BYTE* m_dispatcherBegin = nullptr; ///< In the host's address space, as the end.
+    const BYTE* m_dispatcherEnd = nullptr;
     std::map<std::wstring, DWORD> m_threads; ///< Services started; id of the thread, 0 when it was not seen.
 };

@@ -150,7 +150,7 @@ std::vector<HostLogLine> ParseHostLog(const std::wstring& text)
     return lines;
 }
 
-CHostLog::CHostLog(std::wstring folder) : m_path(folder + L"\\PLATFORM.log")
+CHostLog::CHostLog(const std::wstring& folder) : m_path(folder + L"\\PLATFORM.log")
 {
     if (!IsRegistryLink(kProductKey) && !CreateRegistryLink(kProductKey, kProductKey32, true, true))
     {

@@ -40,7 +40,7 @@ class CHostLog
 {
 public:
     /// @param folder absolute; the host creates it when it is missing.
-    explicit CHostLog(std::wstring folder);
+    explicit CHostLog(const std::wstring& folder);
     ~CHostLog();
     CHostLog(const CHostLog&) = delete;
     CHostLog& operator=(const CHostLog&) = delete;

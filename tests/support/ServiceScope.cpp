@@ -9,8 +9,8 @@ namespace
 
 constexpr DWORD kStopTimeoutMs = 10000;
 constexpr DWORD kPollMs = 5;
-/// The manager keeps a deleted entry until its last handle is closed, by whatever process.
-constexpr int kCreateAttempts = 200;
+/// The manager keeps a deleted entry until it has closed the last handle to it, those of ended processes too.
+constexpr DWORD kGoneTimeoutMs = 10000;
 
 SERVICE_STATUS_PROCESS Query(SC_HANDLE service, const std::wstring& name)
 {
@@ -27,7 +27,7 @@ SERVICE_STATUS_PROCESS Query(SC_HANDLE service, const std::wstring& name)
 Basalt::CServiceHandle CreateEntry(
     SC_HANDLE manager, const std::wstring& name, const std::wstring& imagePath, DWORD serviceType)
 {
-    for (int attempt = 1;; ++attempt)
+    for (const ULONGLONG end = ::GetTickCount64() + kGoneTimeoutMs;;)
     {
         Basalt::CServiceHandle service(::CreateServiceW(
             manager,
@@ -50,7 +50,7 @@ Basalt::CServiceHandle CreateEntry(
         }
         const bool isLeftover = error == ERROR_SERVICE_EXISTS || error == ERROR_SERVICE_MARKED_FOR_DELETE ||
                                 error == ERROR_DUPLICATE_SERVICE_NAME;
-        if (!isLeftover || attempt == kCreateAttempts)
+        if (!isLeftover || ::GetTickCount64() >= end)
         {
             ThrowError(L"CreateServiceW(" + name + L")", error);
         }
@@ -81,17 +81,23 @@ CServiceScope::~CServiceScope()
     {
         return; // Moved from.
     }
-    SERVICE_STATUS status{};
-    if (::ControlService(m_service.Get(), SERVICE_CONTROL_STOP, &status))
+    SERVICE_STATUS_PROCESS status{};
+    DWORD needed = 0;
+    auto* const buffer = reinterpret_cast<BYTE*>(&status);
+    ::QueryServiceStatusEx(m_service.Get(), SC_STATUS_PROCESS_INFO, buffer, sizeof(status), &needed);
+    const Basalt::CHandle process(::OpenProcess(SYNCHRONIZE, FALSE, status.dwProcessId));
+    SERVICE_STATUS answer{};
+    if (::ControlService(m_service.Get(), SERVICE_CONTROL_STOP, &answer) && process)
     {
-        const ULONGLONG end = ::GetTickCount64() + kStopTimeoutMs;
-        while (status.dwCurrentState != SERVICE_STOPPED && ::GetTickCount64() < end &&
-               ::QueryServiceStatus(m_service.Get(), &status))
-        {
-            ::Sleep(kPollMs);
-        }
+        ::WaitForSingleObject(process.Get(), kStopTimeoutMs);
     }
     ::DeleteService(m_service.Get());
+    m_service.Reset();
+    const ULONGLONG end = ::GetTickCount64() + kGoneTimeoutMs;
+    while (OpenServiceByName(m_name, SERVICE_QUERY_STATUS) && ::GetTickCount64() < end)
+    {
+        ::Sleep(kPollMs);
+    }
 }
 
 Basalt::CServiceHandle OpenServiceByName(const std::wstring& name, DWORD access)

@@ -15,7 +15,7 @@ public:
     /// @throws std::runtime_error
     CServiceScope(
         std::wstring name, const std::wstring& imagePath, DWORD serviceType = SERVICE_WIN32_SHARE_PROCESS);
-    /// Stops the service if it runs, and waits a while for that, so that no process outlives its entry.
+    /// Stops the service if it runs, and waits for the end of its process, which must not outlive its entry.
     ~CServiceScope();
     CServiceScope(CServiceScope&& other) noexcept = default;
     CServiceScope& operator=(CServiceScope&&) = delete;

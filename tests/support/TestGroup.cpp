@@ -4,7 +4,8 @@
 
 #include "support/Errors.h"
 
-CTestGroup::CTestGroup(std::wstring name, std::vector<TestSubsystem> subsystems, std::wstring hostPath)
+CTestGroup::CTestGroup(
+    std::wstring name, const std::vector<TestSubsystem>& subsystems, const std::wstring& hostPath)
     : m_name(std::move(name)), m_commandLine(L"\"" + hostPath + L"\" /" + m_name)
 {
     const std::wstring path = std::wstring(kHostKey) + L"\\" + m_name;

@@ -36,8 +36,8 @@ class CTestGroup
 public:
     CTestGroup(
         std::wstring name,
-        std::vector<TestSubsystem> subsystems,
-        std::wstring hostPath = BesideTest(L"TxSvcHost.exe"));
+        const std::vector<TestSubsystem>& subsystems,
+        const std::wstring& hostPath = BesideTest(L"TxSvcHost.exe"));
     ~CTestGroup();
     CTestGroup(const CTestGroup&) = delete;
     CTestGroup& operator=(const CTestGroup&) = delete;

@@ -17,7 +17,6 @@
 
 #include "base/Owned.h"
 #include "base/RegKey.h"
-#include "base/Stopwatch.h"
 #include "base/Text.h"
 #include "support/Errors.h"
 #include "support/GroupRunner.h"
@@ -93,18 +92,12 @@ std::vector<std::wstring> ServicesOfGroup(const std::wstring& group)
 
 void StartServices(CGroupRunner& host, const Options& options)
 {
-    Print(L"  %-24s %-14s %10s %12s\n", L"SERVICE", L"STATE", L"PROCESS", L"STARTED IN");
+    Print(L"  %-24s %-14s %s\n", L"SERVICE", L"STATE", L"PROCESS");
     for (const std::wstring& name : options.services)
     {
-        const Basalt::CStopwatch watch;
         host.StartAndWait(name);
-        const double milliseconds = watch.Seconds() * 1000;
-        Print(
-            L"  %-24s %-14s %10lu %9.1f ms\n",
-            name.c_str(),
-            ServiceStateName(QueryService(name).dwCurrentState),
-            host.ProcessId(),
-            milliseconds);
+        const wchar_t* const state = ServiceStateName(QueryService(name).dwCurrentState);
+        Print(L"  %-24s %-14s %7lu\n", name.c_str(), state, host.ProcessId());
     }
 }
 
@@ -140,11 +133,11 @@ bool RunCommand(const std::wstring& command)
 /// @return whether the host ended with 0.
 bool StopServices(CGroupRunner& host, const Options& options)
 {
-    Print(L"\n  %-24s %-14s\n", L"SERVICE", L"STATE");
+    Print(L"\n  %-24s %s\n", L"SERVICE", L"STATE");
     for (const std::wstring& name : options.services)
     {
         host.Stop(name);
-        Print(L"  %-24s %-14s\n", name.c_str(), ServiceStateName(QueryService(name).dwCurrentState));
+        Print(L"  %-24s %s\n", name.c_str(), ServiceStateName(QueryService(name).dwCurrentState));
     }
     const std::optional<DWORD> exitCode = host.WaitForExit();
     if (!exitCode)
@@ -162,12 +155,7 @@ bool Run(Options options)
         options.services = ServicesOfGroup(options.group);
     }
     CGroupRunner host(L"\"" + options.host + L"\" /" + options.group);
-    Print(
-        L"Group %s: %u services in process %lu of %s\n\n",
-        options.group.c_str(),
-        static_cast<unsigned>(options.services.size()),
-        host.ProcessId(),
-        options.host.c_str());
+    Print(L"Group %s in one process of %s\n\n", options.group.c_str(), options.host.c_str());
     StartServices(host, options);
     const bool isCommandGood = options.command.empty() || RunCommand(options.command);
     return StopServices(host, options) && isCommandGood;
