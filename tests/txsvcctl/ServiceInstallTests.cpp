@@ -18,10 +18,12 @@ namespace
 class ServiceInstallTest : public CtlTest
 {
 protected:
-    static std::optional<ServiceConfig> Entry(const std::wstring& service)
+    /// Without image path when there is none.
+    static ServiceConfig Entry(const std::wstring& service)
     {
-        return CServiceManager(SC_MANAGER_CONNECT).FindConfig(service);
+        return CServiceManager(SC_MANAGER_CONNECT).FindConfig(service).value_or(ServiceConfig{});
     }
+    static bool HasEntry(const std::wstring& service) { return !Entry(service).imagePath.empty(); }
 
     static std::wstring ServerKey(const std::wstring& clsid = kTestClsid)
     {
@@ -34,8 +36,8 @@ protected:
         std::wstring text;
         for (const wchar_t* const service : {L"txctl-a", L"txctl-b"})
         {
-            const std::optional<ServiceConfig> entry = Entry(service);
-            text += entry ? entry->imagePath + L"|" + entry->displayName : L"no entry";
+            const ServiceConfig entry = Entry(service);
+            text += entry.imagePath + L"|" + entry.displayName;
             text += L"|" + Text(GroupKey(), service).value_or(L"no CLSID") + L"\n";
         }
         for (const wchar_t* const clsid : {kTestClsid, kOtherClsid})
@@ -99,12 +101,11 @@ TEST_F(ServiceInstallTest, AServiceIsInstalledWhereTheHostLooksAndRemovedWithout
     EXPECT_EQ(Text(hostsKey, service), kTestClsid);
     EXPECT_EQ(Text(ServerKey()), Module());
     EXPECT_EQ(Text(ServerKey(), L"ThreadingModel"), L"Both");
-    const std::optional<ServiceConfig> entry = Entry(service);
-    ASSERT_TRUE(entry);
-    EXPECT_EQ(entry->type, DWORD{SERVICE_WIN32_SHARE_PROCESS});
-    EXPECT_EQ(entry->startType, DWORD{SERVICE_AUTO_START});
-    EXPECT_EQ(entry->imagePath, L"\"" + Host() + L"\" /" + kTestGroup);
-    EXPECT_EQ(entry->displayName, L"Name \u00e4");
+    const ServiceConfig entry = Entry(service);
+    EXPECT_EQ(entry.type, DWORD{SERVICE_WIN32_SHARE_PROCESS});
+    EXPECT_EQ(entry.startType, DWORD{SERVICE_AUTO_START});
+    EXPECT_EQ(entry.imagePath, L"\"" + Host() + L"\" /" + kTestGroup);
+    EXPECT_EQ(entry.displayName, L"Name \u00e4");
 
     // A host that ran has left its learnt band, which does not keep a group alive.
     Basalt::CRegKey key;
@@ -115,7 +116,7 @@ TEST_F(ServiceInstallTest, AServiceIsInstalledWhereTheHostLooksAndRemovedWithout
     const CtlResult removed = Run({L"remove", kTestGroup, service});
 
     EXPECT_EQ(removed.exitCode, 0) << Narrow(removed.error);
-    EXPECT_FALSE(Entry(service));
+    EXPECT_FALSE(HasEntry(service));
     EXPECT_FALSE(HasKey(GroupKey()));
     EXPECT_FALSE(HasKey(ClassKey()));
 }
@@ -133,8 +134,8 @@ TEST_F(ServiceInstallTest, InstallingAgainUpdatesWhatIsGivenAndKeepsTheRest)
     const CtlResult changed = Install(L"txctl-a", {L"--start", L"auto"}, kTestGroup, kOtherClsid);
 
     EXPECT_EQ(changed.exitCode, 0) << Narrow(changed.error);
-    EXPECT_EQ(Entry(L"txctl-a")->displayName, L"Shown");
-    EXPECT_EQ(Entry(L"txctl-a")->startType, DWORD{SERVICE_AUTO_START});
+    EXPECT_EQ(Entry(L"txctl-a").displayName, L"Shown");
+    EXPECT_EQ(Entry(L"txctl-a").startType, DWORD{SERVICE_AUTO_START});
     EXPECT_EQ(Text(GroupKey(), L"txctl-a"), kOtherClsid);
     EXPECT_EQ(Text(ServerKey(kOtherClsid)), Module());
     EXPECT_FALSE(HasKey(ClassKey(kTestClsid)));
@@ -198,7 +199,7 @@ TEST_F(ServiceInstallTest, RemovingClearsHalfAServiceAndLeavesAForeignEntry)
 
     EXPECT_EQ(foreign.exitCode, 0) << Narrow(foreign.error);
     EXPECT_NE(foreign.error.find(L"stays"), std::wstring::npos);
-    EXPECT_TRUE(Entry(L"MSIServer"));
+    EXPECT_TRUE(HasEntry(L"MSIServer"));
     EXPECT_EQ(half.exitCode, 0) << Narrow(half.error);
     EXPECT_FALSE(HasKey(GroupKey()));
 }
@@ -259,7 +260,7 @@ TEST_F(ServiceInstallTest, AKeyInPlaceOfTheLinkIsReplacedOnlyOnRequest)
         EXPECT_NE(refused.error.find(L"--replace-key"), std::wstring::npos) << Narrow(refused.error);
     }
     EXPECT_EQ(Text(std::wstring(kProductKey) + L"\\Old", L"setting"), L"kept");
-    EXPECT_FALSE(Entry(L"txctl-a"));
+    EXPECT_FALSE(HasEntry(L"txctl-a"));
     EXPECT_NE(Run({L"list"}).error.find(L"warning"), std::wstring::npos);
 
     EXPECT_EQ(Run({L"log", L"set", L"level", L"4", L"--replace-key"}).exitCode, 0);

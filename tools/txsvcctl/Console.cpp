@@ -70,7 +70,7 @@ void CStandardConsole::Error(const std::wstring& text)
 
 void CStandardConsole::write(DWORD standardHandle, const std::wstring& text)
 {
-    const HANDLE handle = ::GetStdHandle(standardHandle);
+    HANDLE handle = ::GetStdHandle(standardHandle);
     if (handle == nullptr || handle == INVALID_HANDLE_VALUE)
     {
         return; // Started without this stream: nobody is there to miss the text.

@@ -37,9 +37,8 @@ CRegistryChange::~CRegistryChange()
     {
         static_cast<void>(Rollback());
     }
-    catch (const std::exception&)
+    catch (const std::exception&) // NOLINT(bugprone-empty-catch): who wants to know calls Rollback.
     {
-        // Out of memory while undoing: whoever wants to know what was left calls Rollback.
     }
 }
 
@@ -112,7 +111,8 @@ void CRegistryChange::DeleteKey(const std::wstring& path)
     }
     for (const std::wstring& name : SubKeyNames(key, path))
     {
-        DeleteKey(path + L"\\" + name);
+        std::wstring subKey = path;
+        DeleteKey(subKey.append(L"\\").append(name));
     }
     for (const std::wstring& name : ValueNames(key, path))
     {

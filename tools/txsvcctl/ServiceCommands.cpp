@@ -119,6 +119,7 @@ void AddList(CLI::App& app, IConsole& console)
 std::vector<std::wstring> ServicesOf(const Arguments& arguments)
 {
     std::vector<std::wstring> names;
+    names.reserve(arguments.services.size());
     for (const std::string& name : arguments.services)
     {
         names.push_back(FromUtf8(name));

@@ -4,7 +4,7 @@
 
 namespace CLI
 {
-class App;
+class App; // NOLINT(readability-identifier-naming): the library's own name.
 }
 
 namespace TxCtl

@@ -32,15 +32,15 @@ void Attempt(std::vector<std::wstring>& problems, Step step)
     }
 }
 
-void ReportModule(ServiceReport& report)
+void ReportModule(const std::wstring& module, ServiceReport& report)
 {
-    const ModuleCheck check = CheckModuleFile(*report.module);
+    const ModuleCheck check = CheckModuleFile(module);
     if (check.fault != ModuleFault::None)
     {
-        report.problems.push_back(L"the module '" + *report.module + L"' " + DescribeModuleFault(check));
+        report.problems.push_back(L"the module '" + module + L"' " + DescribeModuleFault(check));
     }
     Basalt::Version version;
-    if (Basalt::GetFileVersion(*report.module, version) == ERROR_SUCCESS)
+    if (Basalt::GetFileVersion(module, version) == ERROR_SUCCESS)
     {
         report.moduleVersion = std::to_wstring(version.major) + L"." + std::to_wstring(version.minor) + L"." +
                                std::to_wstring(version.build) + L"." + std::to_wstring(version.revision);
@@ -66,7 +66,7 @@ void ReportClass(const CGroupStore& store, const std::wstring& group, ServiceRep
         report.problems.push_back(L"the class is not registered");
         return;
     }
-    ReportModule(report);
+    ReportModule(*report.module, report);
 }
 
 void ReportEntry(const CServiceManager& manager, const std::wstring& group, ServiceReport& report)
