@@ -6,7 +6,7 @@ set(is_clang $<CXX_COMPILER_ID:Clang>)
 set(is_release $<CONFIG:Release>)
 
 # What ships is built for size: a service host is loaded at every boot, its code runs rarely.
-set(CMAKE_CXX_FLAGS_RELEASE "-Os -DNDEBUG")
+set(CMAKE_CXX_FLAGS_RELEASE "-Oz -DNDEBUG")
 
 add_library(host_options INTERFACE)
 target_compile_definitions(host_options INTERFACE

@@ -8,8 +8,6 @@
 namespace
 {
 
-volatile int* g_nowhere = nullptr;
-
 TEST(CallGuard, ReturnsTrueWhenTheFunctionReturns)
 {
     int calls = 0;
@@ -25,6 +23,8 @@ TEST(CallGuard, SwallowsCppExceptions)
 }
 
 #if defined(__clang__) // The other compiler has no structured exception handling.
+
+volatile int* g_nowhere = nullptr;
 
 /// Frames of a page each: Wine ends the thread when a mere call runs into the end of the stack.
 DWORD Overflow(DWORD depth)
