@@ -136,7 +136,7 @@ TEST(LoggerHolder, ReturnsTheErrorsOfStartAndOfTheFile)
     {
         const auto holder = Make(events);
         s_fake.logStatus = ERROR_DISK_FULL;
-        EXPECT_EQ(Write(*holder, LogError, L"text"), DWORD{events ? ERROR_SUCCESS : ERROR_DISK_FULL});
+        EXPECT_EQ(Write(*holder, LogError, L"text"), static_cast<DWORD>(events ? ERROR_SUCCESS : ERROR_DISK_FULL));
         EXPECT_EQ(holder->WriteFinished(0, L"", L"", 1, L"text"), DWORD{ERROR_DISK_FULL});
         s_fake.startStatus = ERROR_NO_SYSTEM_RESOURCES;
         EXPECT_EQ(Write(*holder, LogError, L"text"), DWORD{ERROR_NO_SYSTEM_RESOURCES});
