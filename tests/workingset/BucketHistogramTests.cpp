@@ -4,64 +4,47 @@
 #include <gtest/gtest.h>
 #include <list>
 #include <random>
+#include <ranges>
 #include <utility>
 
 namespace
 {
 
 using Buckets = std::vector<std::uint64_t>;
-using Chains = std::vector<std::list<std::pair<std::uint64_t, std::uint16_t>>>;
-
-Chains Rebuilt(Chains& old, std::size_t entryCount)
-{
-    std::size_t size = 13007; // More than any test reaches.
-    for (const std::size_t prime : {257U, 211U, 163U, 131U, 103U, 83U, 67U, 53U, 41U, 37U, 29U, 23U, 17U})
-    {
-        size = prime >= static_cast<std::size_t>(static_cast<float>(entryCount) / 0.75F) ? prime : size;
-    }
-    Chains chains(size);
-    for (auto& chain : old)
-    {
-        for (const auto& entry : chain)
-        {
-            chains[static_cast<std::uint32_t>(entry.first) % size].push_front(entry);
-        }
-    }
-    return chains;
-}
+using Entry = std::pair<std::uint64_t, std::uint16_t>;
+using Chains = std::vector<std::list<Entry>>;
+constexpr std::size_t kChainCounts[] = {17, 23, 29, 37, 41, 53, 67, 83, 103, 131, 163, 211, 257};
 
 /// The same answer the long way round: lists, built afresh for every question.
 std::optional<std::uint64_t> ModelFirstReaching(const Buckets& buckets, std::uint32_t count)
 {
     Chains chains(17);
+    const auto chainOf = [&](auto bucket) {
+        return &chains[static_cast<std::uint32_t>(bucket) % chains.size()];
+    };
     std::size_t entryCount = 0;
     for (const std::uint64_t bucket : buckets)
     {
-        auto& chain = chains[static_cast<std::uint32_t>(bucket) % chains.size()];
-        const auto found = std::find_if(
-            chain.begin(), chain.end(), [&](const auto& entry) { return entry.first == bucket; });
-        if (found != chain.end())
+        auto& chain = *chainOf(bucket);
+        if (const auto found = std::ranges::find(chain, bucket, &Entry::first); found != chain.end())
         {
             ++found->second;
             continue;
         }
         chain.emplace_front(bucket, std::uint16_t{1});
-        if (++entryCount > static_cast<std::size_t>(2.25 * static_cast<double>(chains.size())))
+        if (++entryCount * 4 > chains.size() * 9)
         {
-            chains = Rebuilt(chains, entryCount);
-        }
-    }
-    for (const auto& chain : chains)
-    {
-        for (const auto& entry : chain)
-        {
-            if (entry.second >= count)
+            Chains old(*std::ranges::lower_bound(kChainCounts, entryCount * 4 / 3));
+            old.swap(chains);
+            for (const Entry& entry : old | std::views::join)
             {
-                return entry.first;
+                chainOf(entry.first)->push_front(entry);
             }
         }
     }
-    return std::nullopt;
+    auto entries = chains | std::views::join;
+    const auto found = std::ranges::find_if(entries, [&](auto& entry) { return entry.second >= count; });
+    return found == entries.end() ? std::nullopt : std::optional(found->first);
 }
 
 TEST(BucketHistogram, AgreesWithAModelBuiltAfreshOverManySequences)
@@ -73,8 +56,7 @@ TEST(BucketHistogram, AgreesWithAModelBuiltAfreshOverManySequences)
         {
             CBucketHistogram histogram;
             Buckets buckets;
-            const std::size_t length = 30 + random() % 150;
-            while (buckets.size() < length)
+            for (std::size_t left = 30 + random() % 150; left > 0; --left)
             {
                 buckets.push_back(random() % spread * (sequence % 3 == 0 ? 17 : 1));
                 histogram.Add(buckets.back());
@@ -88,22 +70,17 @@ TEST(BucketHistogram, AgreesWithAModelBuiltAfreshOverManySequences)
     }
 }
 
-TEST(BucketHistogram, ThirtyNinthBucketRebuildsTheTable)
+TEST(BucketHistogram, ThirtyNinthBucketRebuildsTheTableAndCountersWrapAtSixteenBits)
 {
     CBucketHistogram histogram;
     for (std::uint64_t i = 38; i >= 1; --i)
     {
         histogram.Add(i * 17); // All in chain 0 of 17.
     }
-
     EXPECT_EQ(histogram.FirstReaching(1), 17U); // First seen last.
     histogram.Add(17 * 39);
     EXPECT_EQ(histogram.FirstReaching(1), 17U * 25); // In chain 1 of 53, the lowest in use.
-}
-
-TEST(BucketHistogram, CountersWrapAtSixteenBits)
-{
-    CBucketHistogram histogram;
+    histogram.Clear();
     for (int i = 0; i < 65535; ++i)
     {
         histogram.Add(1);
@@ -113,9 +90,7 @@ TEST(BucketHistogram, CountersWrapAtSixteenBits)
     EXPECT_EQ(histogram.FirstReaching(1), std::nullopt);
     EXPECT_EQ(histogram.FirstReaching(0), 1U);
     EXPECT_EQ(histogram.FirstReaching(65536), std::nullopt);
-
     histogram.Clear();
-
     EXPECT_EQ(histogram.FirstReaching(0), std::nullopt);
 }
 
