@@ -18,14 +18,12 @@ constexpr TRACEHANDLE kSession = 0x5E55;
 /// The system's side of a provider: what it was told, and what it answers.
 struct Provider
 {
-    WMIDPREQUEST callback = nullptr;
-    void* context = nullptr;
-    int registered = 0;
-    int unregistered = 0;
-    ULONG status = ERROR_SUCCESS;
-    bool enableEarly = false; ///< inside RegisterTraceGuidsW
-    UCHAR level = 0;
-    ULONG flags = 0;
+    WMIDPREQUEST callback;
+    void* context;
+    int registered, unregistered;
+    ULONG status, flags;
+    UCHAR level;
+    bool enableEarly;                 ///< inside RegisterTraceGuidsW
     std::vector<std::wstring> events; ///< the fields one after the other, as they stand in the trace
 } s_provider;
 
@@ -66,9 +64,8 @@ ULONG WINAPI FakeTraceEvent(TRACEHANDLE session, EVENT_TRACE_HEADER* header)
     return ERROR_SUCCESS;
 }
 
-class EtwTest : public ::testing::Test
+struct EtwTest : ::testing::Test
 {
-protected:
     EtwTest() { s_provider = {}; }
 
     const CImportPatch m_patches[6] = {
@@ -97,17 +94,10 @@ TEST_F(EtwTest, AnEventCarriesTheMessageFieldByField)
     const std::wstring group = std::wstring(L"GROUP") + L'\0';
     for (const auto& [level, carried, text] : table)
     {
-        SCOPED_TRACE(level);
-
         EXPECT_EQ(m_logger.LogEx(level, text, text, 0x1234567, text), 0u);
-
         const std::wstring field = std::wstring(text == nullptr ? L"" : text) + L'\0';
-        std::wstring expected;
-        for (const std::wstring& part : {Field(carried), field, field, Field(0x1234567), group, ids, field})
-        {
-            expected += part;
-        }
-        EXPECT_EQ(s_provider.events.back(), expected);
+        const std::wstring start = Field(carried) + field + field + Field(0x1234567);
+        EXPECT_EQ(s_provider.events.back(), start + group + ids + field) << level;
     }
 }
 

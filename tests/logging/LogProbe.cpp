@@ -1,8 +1,6 @@
 #include <windows.h>
 
 #include <atomic>
-#include <cstdlib>
-#include <cwchar>
 #include <string>
 #include <thread>
 
@@ -22,12 +20,10 @@ constexpr wchar_t kLogSource[] = L"log_probe";
 int LogAroundIdentity()
 {
     std::atomic<DWORD> failed = 0;
+    const auto first = [&failed] { failed += LogWrite(LogError, kLogSource, L"f", 1, L"first"); };
     {
-        std::jthread threads[4];
-        for (std::jthread& thread : threads)
-        {
-            thread = std::jthread([&failed] { failed += LogWrite(LogError, kLogSource, L"f", 1, L"first"); });
-        }
+        const std::jthread threads[] = {
+            std::jthread(first), std::jthread(first), std::jthread(first), std::jthread(first)};
     }
     SetLoggingIdentity({nullptr, L"PLATFORM", 0, nullptr, 0});
     failed += LogWrite(LogNormal, kLogSource, L"f", 1, L"below the %s", L"threshold");
@@ -56,7 +52,7 @@ int ExitUnderLoad()
 }
 
 /// Writes numbered lines into FOLDER\shared.log.
-int WriteLines(const wchar_t* folder, unsigned long count)
+int WriteLines(const wchar_t* folder)
 {
     CLogging logger;
     logger.Initialize(L"shared", 0, nullptr, 0);
@@ -64,7 +60,7 @@ int WriteLines(const wchar_t* folder, unsigned long count)
     logger.SetRotation(25, 20);
     logger.Activate();
     DWORD failed = 0;
-    for (unsigned long i = 0; i < count; ++i)
+    for (int i = 0; i < 100; ++i)
     {
         const std::wstring text = std::to_wstring(::GetCurrentProcessId()) + L"/" + std::to_wstring(i);
         failed |= logger.Log(L"f", L"f", 1, LogError, text.c_str());
@@ -77,9 +73,5 @@ int WriteLines(const wchar_t* folder, unsigned long count)
 int wmain(int argc, wchar_t** argv)
 {
     const std::wstring mode = argc > 1 ? argv[1] : L"";
-    if (mode == L"write" && argc == 4)
-    {
-        return WriteLines(argv[2], std::wcstoul(argv[3], nullptr, 10));
-    }
-    return mode == L"exit" ? ExitUnderLoad() : LogAroundIdentity();
+    return mode == L"write" ? WriteLines(argv[2]) : mode == L"exit" ? ExitUnderLoad() : LogAroundIdentity();
 }

@@ -1,9 +1,6 @@
 #include "logging/Logging.h"
 
-#include <process.h>
-
 #include <algorithm>
-#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
@@ -16,7 +13,10 @@
 #include <vector>
 
 #include "base/ObfuscatedRegKey.h"
+#include "base/Text.h"
+#include "logging/LogLine.h"
 #include "support/ImportPatch.h"
+#include "support/Process.h"
 #include "support/TestFolder.h"
 #include "support/TestKey.h"
 
@@ -27,6 +27,49 @@ namespace
 
 using Counts = std::vector<std::size_t>;
 using Text = const wchar_t*;
+WORD s_hour = 0;
+
+TEST(LogLine, HoldsTheTimeOnATwelveHourClockTheLevelAndTheFieldsThatTheOptionsChoose)
+{
+    const CImportPatch time(
+        "GetLocalTime", +[](SYSTEMTIME* now) { *now = {2024, 3, 0, 9, s_hour, 5, 7, 0}; });
+    const std::wstring ids = Basalt::FormatText(L" [PID:   42 TID:%5d]$", ::GetCurrentThreadId());
+    Text const longFile = L"NoBackslashInThisSourceName.cpp";
+    Text const longName = L"CClass0123456789::CInner0123456789::Method0123456789";
+    const std::wstring cutFile = L" [NoBackslashInThisSou:   12]$";
+    const std::wstring cutName = L" [CClass0123456789::CInner0123456789::Meth()]$";
+    const std::wstring run = L" [" + std::wstring(30, L' ') + L"CHost::Run()]$";
+    const std::tuple<DWORD, Text, Text, Text, Text, std::wstring> rows[] = {
+        {0x10, L"TxSvcHost", L"f", L"g", L"text", L" [      TxSvcHost]$ text\r\n"},
+        {0x10, L"ABCDEFGHIJKLMNOPQ", L"f", L"g", L"text", L" [ABCDEFGHIJKLMNO]$ text\r\n"},
+        {0x14, L"t", L"f", L"g", L"text", L" [              t]$" + ids + L" text\r\n"},
+        {0x0C, L"t", L"C:\\s\\H.cpp", L"g", L"text", ids + L" [               H.cpp:   12]$ text\r\n"},
+        {0x28, L"t", longFile, L"CHost::Run", L"text", cutFile + run + L" text\r\n"},
+        {0x3C, L"", longFile, longName, L"text", L" " + ids + cutFile + cutName + L" text\r\n"},
+        {0x38, L"", nullptr, L"", L"text", L"    text\r\n"}, // Missing values leave their blanks.
+        {0x00, L"", L"", L"", L"text\n", L" text\n"},
+        {0x00, L"", L"", L"", L"text\r", L" text\r\r\n"}};
+    std::wstring line;
+    for (const auto& [options, tag, file, function, message, tail] : rows)
+    {
+        EXPECT_EQ(BuildLogLine({options, tag, 42}, file, function, 12, LogError, message, line), 0u);
+        EXPECT_EQ(line, L"03/09/2024 12:05:07 AM$ -- (Error)$" + tail);
+    }
+
+    const std::tuple<WORD, DWORD, Text> starts[] = {
+        {0, 1, L"03/09/2024 12:05:07 AM$ -- (Normal)$ x\r\n"},
+        {1, 2, L"03/09/2024 01:05:07 AM$ -- (Warning)$ x\r\n"},
+        {11, 3, L"03/09/2024 11:05:07 AM$ -- (Information)$ x\r\n"},
+        {12, 4, L"03/09/2024 12:05:07 PM$ -- (Error)$ x\r\n"},
+        {13, 5, L"03/09/2024 01:05:07 PM$ -- (Critical)$ x\r\n"},
+        {23, 6, L"03/09/2024 11:05:07 PM$ -- (Information)$ x\r\n"}};
+    for (const auto& [hour, level, expected] : starts)
+    {
+        s_hour = hour;
+        EXPECT_EQ(BuildLogLine({}, L"", L"", 1, level, L"x", line), 0u);
+        EXPECT_EQ(line, expected);
+    }
+}
 
 bool Exists(const std::wstring& path)
 {
@@ -41,52 +84,39 @@ std::vector<std::wstring> ReadLines(const std::wstring& path)
     const std::wstring text(reinterpret_cast<Text>(bytes.data()), bytes.size() / sizeof(wchar_t));
     EXPECT_TRUE(text.empty() || text[0] == L'\xFEFF');
     std::vector<std::wstring> lines;
-    for (std::size_t from = 1, end = 0; (end = text.find(L"\r\n", from)) != std::wstring::npos;
-         from = end + 2)
+    for (std::size_t from = 1, end = 0; (end = text.find(L"\r\n", from)) != text.npos; from = end + 2)
     {
         lines.push_back(text.substr(from, end - from));
     }
     return lines;
 }
 
-/// Starts log_probe; EndOf waits for it.
-std::intptr_t Start(Text mode, const std::wstring& folder = {}, Text count = nullptr)
+DWORD Probe(const std::wstring& arguments)
 {
-    return ::_wspawnl(
-        _P_NOWAIT, BesideTest(L"log_probe.exe").c_str(), L"log_probe", mode, folder.c_str(), count, nullptr);
-}
-
-int EndOf(std::intptr_t process)
-{
-    int exitCode = -1;
-    ::_cwait(&exitCode, process, 0);
-    return exitCode;
+    return RunProcess(L"\"" + BesideTest(L"log_probe.exe") + L"\" " + arguments);
 }
 
 DWORD s_waitResult = WAIT_TIMEOUT;
 DWORD s_waitedMs = 0;
 std::vector<std::wstring> s_mutexNames;
 
-class FileLoggerTest : public ::testing::Test
+struct FileLoggerTest : ::testing::Test
 {
-protected:
     /// A logger that is ready to write shared.log in the test's folder, or in another one.
     std::unique_ptr<CLogging> Make(DWORD entries, DWORD oldFiles, bool mutex = true, Text folder = nullptr)
     {
         auto logger = std::make_unique<CLogging>();
-        EXPECT_EQ(logger->Initialize(L"shared", 0, nullptr, 0), 0u);
-        EXPECT_EQ(logger->SetFolder(folder == nullptr ? m_folder.Path().c_str() : folder), 0u);
-        EXPECT_EQ(logger->SetRotation(entries, oldFiles), 0u);
-        EXPECT_EQ(logger->SetMutexEnabled(mutex), 0u);
+        logger->Initialize(L"shared", 0, nullptr, 0);
+        logger->SetFolder(folder == nullptr ? m_folder.Path().c_str() : folder);
+        logger->SetRotation(entries, oldFiles);
+        logger->SetMutexEnabled(mutex);
         logger->Activate();
         return logger;
     }
-
     static DWORD Log(CLogging& logger, Text text, DWORD level = LogError)
     {
         return logger.Log(L"f", L"f", 1, level, text);
     }
-
     static void Write(CLogging& logger, int count)
     {
         for (int i = 0; i < count; ++i)
@@ -94,12 +124,10 @@ protected:
             ASSERT_EQ(Log(logger, L"text"), 0u);
         }
     }
-
     std::wstring File(std::size_t number) const
     {
         return m_folder.File(number == 0 ? L"shared.log" : L"shared." + std::to_wstring(number) + L".log");
     }
-
     /// Number of lines in shared.log, shared.1.log and so on, up to the first that is missing.
     Counts LineCounts() const
     {
@@ -116,7 +144,7 @@ protected:
 
 TEST_F(FileLoggerTest, WritesWhateverHasALevelNameAndRefusesTheRest)
 {
-    const std::tuple<DWORD, Text, DWORD> table[] = {
+    const std::tuple<DWORD, Text, DWORD> rows[] = {
         {LogNormal, L"below", 0},
         {LogInformation2, L"text", 0},
         {0, L"text", 87},
@@ -125,7 +153,7 @@ TEST_F(FileLoggerTest, WritesWhateverHasALevelNameAndRefusesTheRest)
         {LogError, L"", 87},
         {LogError, nullptr, 87}};
     const auto logger = Make(100, 1);
-    for (const auto& [level, message, status] : table)
+    for (const auto& [level, message, status] : rows)
     {
         EXPECT_EQ(Log(*logger, message, level), status);
     }
@@ -145,22 +173,19 @@ TEST_F(FileLoggerTest, MakesTheFolderWithItsParentsOrSwitchesItselfOff)
     Write(*good, 1);
     const std::wstring obstacle = m_folder.File(L"a\\b\\c\\shared.log");
     EXPECT_TRUE(Exists(obstacle));
-
     for (const std::wstring& folder : {std::wstring(), obstacle, obstacle + L"\\below"})
     {
         const auto logger = Make(100, 1, true, folder.c_str());
         EXPECT_EQ(Log(*logger, L"text"), 87u);
 
         // For good, whatever is configured later.
-        ASSERT_EQ(logger->SetFolder(m_folder.Path().c_str()), 0u);
+        logger->SetFolder(m_folder.Path().c_str());
         logger->Activate();
         logger->SetThreshold(LogNormal);
         EXPECT_EQ(Log(*logger, L"text"), 87u);
         EXPECT_EQ(logger->IsLevelEnabled(LogInformation2), 0u);
-        EXPECT_EQ(logger->GetThreshold(), 10000u);
         EXPECT_FALSE(logger->IsStarted());
     }
-
     good->SetWriteGate([](CLogging&) { return false; });
     EXPECT_EQ(Log(*good, L"text"), 87u);
 }
@@ -184,7 +209,6 @@ TEST_F(FileLoggerTest, RotatesByTheEntriesOfAllWriters)
     Write(*second, 9);
     Write(*first, 2);
     EXPECT_EQ(LineCounts(), (Counts{1, 10, 10, 10}));
-
     Write(*Make(10, 0), 10); // Keeps no old file: deletes the full one.
     EXPECT_EQ(LineCounts(), (Counts{1, 10, 10, 10}));
 }
@@ -194,9 +218,9 @@ TEST_F(FileLoggerTest, AReaderThatBlocksARenameCostsNoLineAndNoOldFile)
     for (const std::size_t held : {0U, 1U})
     {
         SCOPED_TRACE(held);
-        for (const std::size_t old : {0U, 1U, 2U})
+        while (!LineCounts().empty())
         {
-            ::DeleteFileW(File(old).c_str());
+            ::DeleteFileW(File(LineCounts().size() - 1).c_str());
         }
         const auto logger = Make(5, 2);
         Write(*logger, 15);
@@ -220,8 +244,6 @@ TEST_F(FileLoggerTest, WithoutTheMutexItGoesOnButDoesNotRotate)
     const auto unserialised = Make(3, 1, false);
     const CImportPatch patch(
         "WaitForSingleObject", +[](HANDLE, DWORD ms) { return s_waitedMs = ms, s_waitResult; });
-    ASSERT_TRUE(patch.IsActive());
-
     Write(*logger, 2);
     s_waitResult = WAIT_FAILED;
     Write(*logger, 2);
@@ -240,12 +262,9 @@ TEST_F(FileLoggerTest, AMutexWhoseHolderDiedIsHeldAgain)
     {
         // The thread takes the mutex along to its end.
         const CImportPatch patch("ReleaseMutex", +[](HANDLE) -> BOOL { return TRUE; });
-        ASSERT_TRUE(patch.IsActive());
         std::jthread([&logger] { Write(*logger, 3); }).join();
     }
-
     Write(*logger, 1); // The first one already rotates.
-
     EXPECT_EQ(LineCounts(), (Counts{1, 3}));
 }
 
@@ -253,8 +272,7 @@ TEST_F(FileLoggerTest, EachFileHasItsMutexHoweverItsPathIsSpelt)
 {
     const CImportPatch patch(
         "CreateMutexExW", +[](SECURITY_ATTRIBUTES* security, Text name, DWORD, DWORD access) -> HANDLE {
-            EXPECT_NE(security, nullptr);
-            EXPECT_EQ(access, DWORD{SYNCHRONIZE | MUTEX_MODIFY_STATE});
+            EXPECT_TRUE(security != nullptr && access == DWORD{SYNCHRONIZE | MUTEX_MODIFY_STATE});
             s_mutexNames.emplace_back(name);
             return nullptr;
         });
@@ -276,14 +294,15 @@ TEST_F(FileLoggerTest, EachFileHasItsMutexHoweverItsPathIsSpelt)
 TEST_F(FileLoggerTest, ManyProcessesLoseAndTearNoLine)
 {
     constexpr std::size_t kEach = 100;
-    const std::wstring folder = L'"' + m_folder.Path() + L'"';
-    const std::intptr_t probes[] = {Start(L"write", folder, L"100"), Start(L"write", folder, L"100")};
-    const auto logger = Make(25, 20);
-    for (std::size_t i = 0; i < kEach; ++i)
+    const auto probe = [this] { EXPECT_EQ(Probe(L"write \"" + m_folder.Path() + L"\""), 0u); };
     {
-        EXPECT_EQ(Log(*logger, (L"own/" + std::to_wstring(i)).c_str()), 0u);
+        const std::jthread probes[] = {std::jthread(probe), std::jthread(probe)};
+        const auto logger = Make(25, 20);
+        for (std::size_t i = 0; i < kEach; ++i)
+        {
+            EXPECT_EQ(Log(*logger, (L"own/" + std::to_wstring(i)).c_str()), 0u);
+        }
     }
-    EXPECT_EQ(EndOf(probes[0]) | EndOf(probes[1]), 0);
 
     EXPECT_EQ(LineCounts(), Counts(12, 25));
     std::set<std::wstring> texts;
@@ -298,39 +317,25 @@ TEST_F(FileLoggerTest, ManyProcessesLoseAndTearNoLine)
     EXPECT_EQ(texts.size(), 3 * kEach);
 }
 
-/// A process whose settings say: the text file, in the test's folder.
-class LogProcessTest : public FileLoggerTest
+/// In processes whose settings say: the text file, in the test's folder.
+TEST_F(FileLoggerTest, TheFirstLogCallDecidesTheBridgeFollowsAndTheProcessEndsWhileThreadsStillLog)
 {
-protected:
-    LogProcessTest()
-    {
-        Basalt::CObfuscatedRegKey settings;
-        EXPECT_EQ(settings.Open(HKEY_LOCAL_MACHINE, kLogSettingsKey, KEY_WRITE), 0u);
-        EXPECT_EQ(settings.WriteDword(kMechanismValue, kFileMechanism), 0u);
-        EXPECT_EQ(settings.WriteString(kFolderValue, m_folder.Path()), 0u);
-    }
+    const CTestKey key(HKEY_LOCAL_MACHINE, kLogSettingsKey);
+    Basalt::CObfuscatedRegKey settings;
+    EXPECT_EQ(settings.Open(HKEY_LOCAL_MACHINE, kLogSettingsKey, KEY_WRITE), 0u);
+    EXPECT_EQ(settings.WriteDword(kMechanismValue, kFileMechanism), 0u);
+    EXPECT_EQ(settings.WriteString(kFolderValue, m_folder.Path()), 0u);
+    EXPECT_EQ(Probe(L"identity"), 0u);
 
-    const CTestKey m_key{HKEY_LOCAL_MACHINE, kLogSettingsKey};
-    const std::wstring m_file = m_folder.File(L"_no_group.log");
-};
-
-TEST_F(LogProcessTest, TheFirstLogCallDecidesAndTheBridgeFollows)
-{
-    EXPECT_EQ(EndOf(Start(L"identity")), 0);
-
-    const std::vector<std::wstring> lines = ReadLines(m_file);
+    const std::vector<std::wstring> lines = ReadLines(m_folder.File(L"_no_group.log"));
     ASSERT_EQ(lines.size(), 6u);
     EXPECT_NE(lines[3].find(L"(Error)$ [      log_probe]$ first"), std::wstring::npos);
     EXPECT_NE(lines[4].find(L"(Normal)$ [      log_probe]$ below the threshold"), std::wstring::npos);
     EXPECT_NE(lines[5].find(L"(Error)$ [      log_probe]$ bridged 7"), std::wstring::npos);
     EXPECT_FALSE(Exists(m_folder.File(L"PLATFORM.log")));
-}
 
-TEST_F(LogProcessTest, EndsWhileThreadsStillLog)
-{
-    EXPECT_EQ(EndOf(Start(L"exit")), 0);
-
-    EXPECT_GE(ReadLines(m_file).size(), 40u);
+    EXPECT_EQ(Probe(L"exit"), 0u);
+    EXPECT_GE(ReadLines(m_folder.File(L"_no_group.log")).size(), 46u);
 }
 
 } // namespace
