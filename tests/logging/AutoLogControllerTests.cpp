@@ -117,7 +117,7 @@ TEST_F(AutoLogControllerTest, TheLibraryBesideTheProgramComesFirstThenTheConfigu
     }
 }
 
-decltype(&::LoadLibraryExW) s_load = &::LoadLibraryExW;
+const auto s_load = RealFunction<decltype(::LoadLibraryExW)>("LoadLibraryExW");
 std::wstring s_loaded;
 
 TEST_F(AutoLogControllerTest, TheInstalledPathComesFromTheRegistryOrTheShell)

@@ -113,7 +113,7 @@ TEST(LoggerHolder, AsksOnlyTheEventLoggerForTheLevelAndReturnsTheErrorsOfStartAn
         EXPECT_EQ(Write(*holder, 2, L"text"), 0u);
         EXPECT_EQ(s_fake.texts.size(), events ? 0u : 1u);
         s_fake.logStatus = ERROR_DISK_FULL;
-        EXPECT_EQ(Write(*holder, 3, L"text"), DWORD{events ? ERROR_SUCCESS : ERROR_DISK_FULL});
+        EXPECT_EQ(Write(*holder, 3, L"text"), static_cast<DWORD>(events ? ERROR_SUCCESS : ERROR_DISK_FULL));
         EXPECT_EQ(holder->WriteFinished(0, L"", L"", 1, L"text"), DWORD{ERROR_DISK_FULL});
         s_fake.startStatus = ERROR_NO_SYSTEM_RESOURCES;
         EXPECT_EQ(Write(*holder, LogError, L"text"), DWORD{ERROR_NO_SYSTEM_RESOURCES});

@@ -34,3 +34,12 @@ private:
 
     std::vector<Slot> m_slots;
 };
+
+/// A function of kernel32 itself, whatever is patched: by its name, an optimiser would look it up in the
+/// patched table again.
+template <typename Function>
+[[nodiscard]] Function* RealFunction(const char* name) noexcept
+{
+    return reinterpret_cast<Function*>(
+        reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleW(L"kernel32.dll"), name)));
+}

@@ -40,7 +40,7 @@ HANDLE WINAPI Fail()
     return ::SetLastError(ERROR_NOT_ENOUGH_MEMORY), nullptr;
 }
 
-const auto s_createTimer = &::CreateTimerQueueTimer;
+const auto s_createTimer = RealFunction<decltype(::CreateTimerQueueTimer)>("CreateTimerQueueTimer");
 std::vector<DWORD> s_dueTimes;
 std::vector<HANDLE> s_completions;
 DWORD s_deleteError;
@@ -195,9 +195,9 @@ TEST_F(WorkingSetHandlerTest, CancelPassesOverARunningCallbackAndReportsTheRest)
     }
 }
 
-const auto s_unregister = &::UnregisterWaitEx;
-const auto s_deleteQueue = &::DeleteTimerQueueEx;
-const auto s_close = &::CloseHandle;
+const auto s_unregister = RealFunction<decltype(::UnregisterWaitEx)>("UnregisterWaitEx");
+const auto s_deleteQueue = RealFunction<decltype(::DeleteTimerQueueEx)>("DeleteTimerQueueEx");
+const auto s_close = RealFunction<decltype(::CloseHandle)>("CloseHandle");
 
 TEST_F(WorkingSetHandlerTest, FailuresOfTheTearDownAreReported)
 {

@@ -72,7 +72,7 @@ struct Machine final : IWorkingSetTimer
 } s_machine;
 
 const HANDLE s_stopEvent = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
-const auto s_realWait = &::WaitForSingleObject;
+const auto s_realWait = RealFunction<decltype(::WaitForSingleObject)>("WaitForSingleObject");
 DWORD WINAPI FakeWait(HANDLE object, DWORD ms)
 {
     return object == s_stopEvent ? s_machine.Wait(ms) : s_realWait(object, ms);
