@@ -12,8 +12,8 @@
 /// Objects of other people's modules, made through the product's own class-object interface.
 ///
 /// Nothing here trusts such an object further than its pointer: a method is called only when its table and
-/// its code can be read and run, and under the call guard. A dead or damaged object yields a status, not a
-/// crash. Threads: any that has initialised COM.
+/// its code can be read and run, and under the call guard. A dead or damaged object yields a status.
+/// Threads: any that has initialised COM.
 
 namespace Basalt
 {

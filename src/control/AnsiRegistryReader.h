@@ -9,9 +9,8 @@
 /// @param type receives the stored type.
 /// @param data receives the value as stored; strings arrive in the ANSI code page.
 /// @param size bytes of @p data in, bytes stored out.
-/// @return 0 or a Win32 error code; a buffer that is too small is ERROR_MORE_DATA. On failure take nothing
-/// from
-///         @p data.
+/// @return 0 or a Win32 error code; a buffer that is too small is ERROR_MORE_DATA. On failure take
+///         nothing from @p data.
 /// Threads: any.
 /// @see https://learn.microsoft.com/windows/win32/api/winreg/nf-winreg-regqueryvalueexa
 [[nodiscard]] DWORD ReadAnsiRegistryValue(

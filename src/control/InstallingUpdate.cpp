@@ -44,8 +44,13 @@ DWORD AskUpdateClient() noexcept
     const HRESULT asked = Basalt::CallForeign(client.Get(), kIsInstallingSlot, [&client, &installing] {
         return client.Get()->IsInstalling(&installing);
     });
-    // A client that died during the call may have left anything in there.
-    return SUCCEEDED(asked) ? installing : 0;
+    if (FAILED(asked))
+    {
+        TX_LOG(
+            LogError, kFunction, L"Reduce restart: Failed to ask ITxUpdateClientRot object,hr = 0x%x", asked);
+        return 0; // A client that died during the call may have left anything in there.
+    }
+    return installing;
 }
 
 } // namespace

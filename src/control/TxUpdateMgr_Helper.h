@@ -9,8 +9,8 @@
 /// The object holds the name of the update manager's instance and nothing else: make one for a query. Its
 /// operations keep this order, which other components of the product rely on.
 ///
-/// Every failure is logged. Threads: an object belongs to one thread at a time; CancelUpdate wants COM
-/// initialised.
+/// Every failure is logged.
+/// Threads: an object belongs to one thread at a time; CancelUpdate wants COM initialised.
 class CTxUpdateMgr_Helper
 {
 public:
@@ -20,8 +20,7 @@ public:
     /// For the instance "default".
     ///
     /// Replaces the process's logging identity: a process whose first log line comes after this logs under
-    /// the group "UPDMGR". Nothing puts the old one back, and once there is a logger nothing reads it any
-    /// more.
+    /// the group "UPDMGR". Nothing puts the old one back, and once there is a logger nothing reads it.
     CTxUpdateMgr_Helper() noexcept;
 
     /// Asks the update agent to cancel the running update.
@@ -39,8 +38,7 @@ public:
     /// @return S_OK; E_POINTER for a null pointer.
     virtual HRESULT IsUpdateRunning(BOOL* running) noexcept;
 
-    /// @param phase receives the running update's phase, 0 when it cannot be read; untouched when no update
-    /// runs.
+    /// @param phase receives the running update's phase, 0 when it cannot be read; untouched when none runs.
     /// @return S_OK; E_POINTER for a null pointer.
     virtual HRESULT IsUpdateRunning2(BOOL* running, DWORD* phase) noexcept;
 

@@ -6,8 +6,8 @@
 /// @file
 /// What the update manager offers to other components: names, identifiers and the methods that are called.
 
-/// Followed directly by the instance name. The event exists while an update runs; setting it reminds of a
-/// restart.
+/// Followed directly by the instance name. The event exists while an update runs; setting it reminds
+/// of a restart.
 inline constexpr wchar_t kUpdateEventPrefix[] = L"Global\\{834C46D9-6762-4FF9-8279-2C04C8B1162C}";
 
 /// Tells whether an update is being installed; a local server.

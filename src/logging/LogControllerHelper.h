@@ -28,14 +28,13 @@ public:
     LogControllerHelper& operator=(const LogControllerHelper&) = delete;
     virtual ~LogControllerHelper() = default;
 
-    /// @param path receives where the product's set-up puts the library; whether it is there is not asked.
+    /// @param path receives where the product's set-up puts the library; it need not be there.
     [[nodiscard]] virtual bool FindInstalledPath(std::wstring& path) noexcept;
 
     /// The trusted-module check. A file that passes stays open until the next check, LetGo or the end.
     [[nodiscard]] virtual bool IsTrusted(const std::wstring& path) noexcept;
 
-    /// @param path receives the library's path in the running program's folder; whether it is there is not
-    /// asked.
+    /// @param path receives the library's path in the running program's folder; it need not be there.
     [[nodiscard]] virtual bool FindBesideModule(std::wstring& path) noexcept;
 
     /// @return true when there is an installed library and it is trusted.

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <gtest/gtest.h>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -15,6 +14,8 @@
 #include "doubles/Record.h"
 #include "support/Doubles.h"
 #include "support/ImportPatch.h"
+
+using Basalt::kForeignCallFailed;
 
 namespace
 {
@@ -38,45 +39,43 @@ HRESULT WINAPI FakeCoGetClassObject(REFCLSID, DWORD context, COSERVERINFO*, REFI
     return S_OK;
 }
 
-/// A class object whose table is a copy of a test double's, to be damaged.
 class TrustedCreationTest : public ::testing::Test
 {
 protected:
+    void SetUp() override
+    {
+        g_asked.clear();
+        g_known = IID_ITxSvcClassObject;
+        PrepareDouble();
+        Load(L"tarvex");
+    }
+
+    /// Takes the class object of a test double, and a copy of its table to be damaged.
     void Load(const wchar_t* variant)
     {
         m_module = Basalt::CModule(::LoadLibraryW(SignedDouble(variant, L"UpdateManager.dll").c_str()));
         using Entry = HRESULT WINAPI(REFCLSID, REFIID, void**);
         auto* const entry = Basalt::FindExport<Entry>(m_module.Get(), "DllGetClassObject");
-        ASSERT_NE(entry, nullptr);
         ASSERT_EQ(entry(CLSID_TxUpdateClient, IID_ITxSvcClassObject, &g_classObject), S_OK);
         std::copy_n(*static_cast<void***>(g_classObject), kSlots, m_table);
     }
 
-    /// The class object with the copied table.
-    void UseCopy() { g_classObject = &m_object; }
-
-    void SetUp() override
+    HRESULT Create(bool isTrustRequired = true)
     {
-        ASSERT_TRUE(m_patch.IsActive());
-        g_asked.clear();
-        g_known = IID_ITxSvcClassObject;
-        PrepareDouble();
-    }
-
-    HRESULT Create(CreationTrust trust = CreationTrust::Required)
-    {
+        const auto create = [this](auto* function, auto... more) {
+            return function(
+                CLSID_TxUpdateClient, CLSCTX_LOCAL_SERVER, IID_ITxUpdateClientRot, &m_out, more...);
+        };
         m_out = kWild;
-        return trust == CreationTrust::Required
-                   ? CreateTrustedObject(
-                         CLSID_TxUpdateClient, CLSCTX_LOCAL_SERVER, IID_ITxUpdateClientRot, &m_out)
-                   : Basalt::CreateForeignObject(
-                         CLSID_TxUpdateClient, CLSCTX_LOCAL_SERVER, IID_ITxUpdateClientRot, &m_out);
+        const HRESULT result = isTrustRequired ? create(&CreateTrustedObject, CreationTrust::Required)
+                                               : create(&Basalt::CreateForeignObject);
+        EXPECT_EQ(m_out != nullptr, SUCCEEDED(result));
+        return result;
     }
 
     const CImportPatch m_patch{"CoGetClassObject", &FakeCoGetClassObject};
     Basalt::CModule m_module;
     void* m_table[kSlots] = {};
-    void** m_object = m_table;
     void* m_out = nullptr;
 };
 
@@ -85,77 +84,46 @@ TEST_F(TrustedCreationTest, OnlyAClassObjectOfATrustedModuleMayCreate)
     const struct
     {
         const wchar_t* variant;
-        CreationTrust trust;
+        bool isTrustRequired;
+        const wchar_t* mode;
         HRESULT result;
         const wchar_t* calls;
     } rows[] = {
-        {L"tarvex", CreationTrust::Required, S_OK, L"create;release;"},
-        {L"foreign", CreationTrust::Required, E_ACCESSDENIED, L"release;"},
-        {L"unsigned", CreationTrust::Required, E_ACCESSDENIED, L"release;"},
-        {L"unsigned", CreationTrust::NotAsked, S_OK, L"create;release;"},
+        {L"tarvex", true, L"", S_OK, L"create;release;"},
+        {L"tarvex", true, L"refuse", CLASS_E_NOAGGREGATION, L"create;release;"},
+        {L"tarvex", true, L"null", kForeignCallFailed, L"create;release;"},
+        {L"foreign", true, L"", E_ACCESSDENIED, L"release;"},
+        {L"unsigned", true, L"", E_ACCESSDENIED, L"release;"},
+        {L"unsigned", false, L"", S_OK, L"create;release;"},
     };
     for (const auto& row : rows)
     {
-        PrepareDouble();
         Load(row.variant);
-
-        EXPECT_EQ(Create(row.trust), row.result);
-
+        PrepareDouble(row.mode);
+        EXPECT_EQ(Create(row.isTrustRequired), row.result);
         EXPECT_EQ(RecordedCalls(), row.calls);
-        EXPECT_EQ(m_out != nullptr, SUCCEEDED(row.result));
     }
+    EXPECT_EQ(CreateTrustedObject(CLSID_TxUpdateClient, CLSCTX_LOCAL_SERVER, IID_NULL, nullptr), E_POINTER);
+    EXPECT_EQ(Basalt::CreateForeignObject(CLSID_NULL, CLSCTX_LOCAL_SERVER, IID_NULL, nullptr), E_POINTER);
 }
 
 TEST_F(TrustedCreationTest, TheOlderInterfaceIsTriedWhenTheFirstFails)
 {
-    Load(L"tarvex");
     g_known = Basalt::IID_ITxSvcClassObjectOld;
     EXPECT_EQ(Create(), S_OK);
     EXPECT_EQ(g_asked, (std::vector{IID_ITxSvcClassObject, Basalt::IID_ITxSvcClassObjectOld}));
 
     g_asked.clear();
     g_known = IID_NULL;
-    for (const CreationTrust trust : {CreationTrust::Required, CreationTrust::NotAsked})
-    {
-        g_asked.clear();
-        EXPECT_EQ(Create(trust), E_NOINTERFACE); // The second failure, not the first.
-        EXPECT_EQ(m_out, nullptr);
-    }
-}
-
-TEST_F(TrustedCreationTest, ARefusalIsPassedOnAndLeavesNoObject)
-{
-    Load(L"tarvex");
-    const struct
-    {
-        const wchar_t* mode;
-        HRESULT result;
-    } rows[] = {{L"refuse", CLASS_E_NOAGGREGATION}, {L"null", Basalt::kForeignCallFailed}};
-    for (const auto& row : rows)
-    {
-        PrepareDouble(row.mode);
-
-        EXPECT_EQ(Create(), row.result);
-
-        EXPECT_EQ(m_out, nullptr);
-        EXPECT_EQ(RecordedCalls(), L"create;release;");
-    }
-    EXPECT_EQ(
-        CreateTrustedObject(CLSID_TxUpdateClient, CLSCTX_LOCAL_SERVER, IID_ITxUpdateClientRot, nullptr),
-        E_POINTER);
-    EXPECT_EQ(
-        Basalt::CreateForeignObject(CLSID_TxUpdateClient, CLSCTX_LOCAL_SERVER, IID_NULL, nullptr), E_POINTER);
+    EXPECT_EQ(Create(), E_NOINTERFACE) << "the second failure, not the first";
 }
 
 TEST_F(TrustedCreationTest, DamagedClassObjectsGiveAStatus)
 {
-    Load(L"tarvex");
     void* nullTable = nullptr;
     void* wildTable = kWild;
-    int data = 0;
-    void* dataTable[kSlots];
-    std::fill(std::begin(dataTable), std::end(dataTable), &data);
-    void* inData = dataTable;
+    void* dataTable[kSlots] = {&nullTable, &nullTable, &nullTable, &nullTable};
+    void* inData = static_cast<void*>(dataTable);
     const struct
     {
         const char* name;
@@ -164,19 +132,17 @@ TEST_F(TrustedCreationTest, DamagedClassObjectsGiveAStatus)
         HRESULT plain;
     } rows[] = {
         {"no object", nullptr, E_NOINTERFACE, E_NOINTERFACE},
-        {"unreadable object", kWild, E_ACCESSDENIED, Basalt::kForeignCallFailed},
-        {"no table", &nullTable, E_ACCESSDENIED, Basalt::kForeignCallFailed},
-        {"unreadable table", &wildTable, E_ACCESSDENIED, Basalt::kForeignCallFailed},
-        {"methods in data", &inData, E_ACCESSDENIED, Basalt::kForeignCallFailed},
+        {"unreadable object", kWild, E_ACCESSDENIED, kForeignCallFailed},
+        {"no table", static_cast<void*>(&nullTable), E_ACCESSDENIED, kForeignCallFailed},
+        {"unreadable table", static_cast<void*>(&wildTable), E_ACCESSDENIED, kForeignCallFailed},
+        {"methods in data", static_cast<void*>(&inData), E_ACCESSDENIED, kForeignCallFailed},
     };
     for (const auto& row : rows)
     {
         SCOPED_TRACE(row.name);
         g_classObject = row.object;
         EXPECT_EQ(Create(), row.trusted);
-        EXPECT_EQ(m_out, nullptr);
-        EXPECT_EQ(Create(CreationTrust::NotAsked), row.plain);
-        EXPECT_EQ(m_out, nullptr);
+        EXPECT_EQ(Create(false), row.plain);
     }
 }
 
@@ -188,20 +154,15 @@ TEST_F(TrustedCreationTest, OneBadMethodGivesAStatus)
         HRESULT result;
         const wchar_t* calls;
     } rows[] = {
-        {0, E_ACCESSDENIED, L"release;"},
-        {2, S_OK, L"create;"},
-        {3, Basalt::kForeignCallFailed, L"release;"},
-    };
+        {0, E_ACCESSDENIED, L"release;"}, {2, S_OK, L"create;"}, {3, kForeignCallFailed, L"release;"}};
     for (const auto& row : rows)
     {
-        SCOPED_TRACE(row.slot);
         PrepareDouble();
         Load(L"tarvex");
-        UseCopy();
         m_table[row.slot] = kWild;
-
+        void** object = m_table;
+        g_classObject = static_cast<void*>(&object);
         EXPECT_EQ(Create(), row.result);
-
         EXPECT_EQ(RecordedCalls(), row.calls);
     }
 }
