@@ -8,6 +8,7 @@
 
 #include "base/Stopwatch.h"
 #include "control/ComApartment.h"
+#include "control/TxSvcSubsystemControlManager.h"
 #include "host/ProcessSecurity.h"
 #include "logging/Log.h"
 
@@ -37,6 +38,7 @@ DWORD CTxSvcHost::Start(int argc, wchar_t** argv)
 {
     constexpr wchar_t kFunction[] = L"CTxSvcHost::Start";
     const Basalt::CStopwatch sinceStart;
+    CoTxSvcSubsystemControlManagerClassFactory controlClass; // First, so that it is revoked last.
     TX_LOG(LogNormal, kFunction, L"---");
 
     // Declared in the order in which they must outlive one another: COM is uninitialised first, then the
@@ -76,12 +78,14 @@ DWORD CTxSvcHost::Start(int argc, wchar_t** argv)
     InitializeWSS();
 
     TX_LOG(LogNormal, kFunction, L"Starting SCM after %0.04fs", sinceStart.Seconds());
+    controlClass.RegisterClassObject(); // A group that cannot be stopped for an update can still run.
     result = scmInterface.RegisterServicesToSCM();
     if (result != ERROR_SUCCESS)
     {
         TX_LOG(LogError, kFunction, L"SCM interface failed to start (Err=0x%08X)", result);
         return ERROR_INTERNAL_ERROR;
     }
+    CTxSvcSubsystemControlManager::CloseCalls(); // They use the configuration.
     TX_LOG(LogNormal, kFunction, L"SCM stopped after %0.04fs", sinceStart.Seconds());
 
     TX_LOG(LogNormal, kFunction, L"De-initializing working set reduction");
@@ -91,6 +95,13 @@ DWORD CTxSvcHost::Start(int argc, wchar_t** argv)
         TX_LOG(LogWarning, kFunction, L"Failed to deinitialize CTxSvcHostConfig");
     }
     CTxSvcHostConfig::ReleaseInstance();
+
+    if (CTxSvcSubsystemControlManager::IsForcedStop())
+    {
+        // The updater's answer is on its way, and without COM it would be lost. Newcomers are turned away.
+        controlClass.Revoke();
+        CTxSvcSubsystemControlManager::WaitForForcedStop();
+    }
     return ERROR_SUCCESS;
 }
 

@@ -6,6 +6,7 @@
 
 #include "control/InstallingUpdate.h"
 #include "control/RegistryLink.h"
+#include "control/TxSvcSubsystemControlManager.h"
 #include "host/TxSvcHost.h"
 #include "logging/AutoLogController.h"
 #include "logging/Log.h"
@@ -58,6 +59,7 @@ int TxSvcHostMain(int argc, wchar_t** argv)
     }
     if (std::wcsstr(::GetCommandLineW(), kStartServicesSwitch) != nullptr)
     {
+        CTxSvcSubsystemControlManager::StartServices(true);
         return ERROR_SUCCESS;
     }
     LogBanner(argc, argv);

@@ -1,0 +1,280 @@
+#include "support/GroupControl.h"
+
+#include <windows.h>
+#include <objbase.h>
+
+#include <algorithm>
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
+
+#include "base/ClassObject.h"
+#include "base/ModuleFinder.h"
+#include "support/GroupRunner.h"
+#include "support/HostLog.h"
+#include "support/Process.h"
+#include "support/RawChannel.h"
+#include "support/ServiceScope.h"
+#include "support/TestFolder.h"
+#include "support/TestGroup.h"
+
+namespace
+{
+
+constexpr DWORD kTimeoutMs = 60000;
+constexpr wchar_t kForcedStop[] = L"Reduce restart: Enter MyTerminateThread";
+
+TestSubsystem Hosted(const std::wstring& service)
+{
+    return {service, L"{0E0C3F5B-6D52-4E0B-9B57-2D4F9C7A1E01}", BesideTest(L"MinimalSubsystem.dll")};
+}
+
+std::wstring Quoted(const std::wstring& program)
+{
+    return L"\"" + BesideTest(program) + L"\" ";
+}
+
+class GroupControlTest : public ::testing::Test
+{
+protected:
+    GroupControlTest() { ForgetClassObjects(); }
+    ~GroupControlTest() override { ::CoUninitialize(); }
+
+    const HRESULT m_com = ::CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+    CTestFolder m_folder;
+    CHostLog m_log{m_folder.Path()};
+};
+
+Basalt::CHandle StartProcess(std::wstring commandLine)
+{
+    STARTUPINFOW startup{};
+    startup.cb = sizeof(startup);
+    PROCESS_INFORMATION process{};
+    EXPECT_TRUE(::CreateProcessW(
+        nullptr,
+        commandLine.data(),
+        nullptr,
+        nullptr,
+        FALSE,
+        CREATE_NO_WINDOW,
+        nullptr,
+        nullptr,
+        &startup,
+        &process));
+    ::CloseHandle(process.hThread);
+    return Basalt::CHandle(process.hProcess);
+}
+
+DWORD ExitCodeOf(const Basalt::CHandle& process)
+{
+    DWORD exitCode = STILL_ACTIVE;
+    EXPECT_EQ(::WaitForSingleObject(process.Get(), kTimeoutMs), DWORD{WAIT_OBJECT_0});
+    ::GetExitCodeProcess(process.Get(), &exitCode);
+    return exitCode;
+}
+
+/// Starts the core group as an updater does, and opens the processes of its services.
+std::vector<Basalt::CHandle> StartCoreGroup(const std::vector<std::wstring>& services)
+{
+    EXPECT_EQ(RunProcess(Quoted(L"TxSvcHost.exe") + L"/startservices"), 0U);
+    std::vector<Basalt::CHandle> processes;
+    for (const std::wstring& name : services)
+    {
+        EXPECT_TRUE(WaitForServiceState(name, SERVICE_RUNNING, kTimeoutMs));
+        processes.emplace_back(::OpenProcess(
+            SYNCHRONIZE | PROCESS_QUERY_LIMITED_INFORMATION, FALSE, QueryService(name).dwProcessId));
+    }
+    return processes;
+}
+
+TEST_F(GroupControlTest, AnUpdaterStopsTheGroupInItsOrderAndStartsItAgain)
+{
+    const CProxyRegistration proxies(SignedProxies(L"tarvex"));
+    const std::vector<std::wstring> names = {L"TxKscSvc", L"TxGc1", L"TXPLTSVC", L"TxGc2"};
+    const CTestGroup group(
+        L"TxCoreSvc", {Hosted(names[0]), Hosted(names[1]), Hosted(names[2]), Hosted(names[3])});
+
+    // Wine's manager runs each service in a process of its own; the stop comes to one of them.
+    std::vector<Basalt::CHandle> processes = StartCoreGroup(names);
+    const GroupControl control = ConnectToControl();
+    DWORD processId = 0;
+    EXPECT_EQ(control.Get()->TxStopSvcSubsystem(0, &processId), E_FAIL);
+    const ULONGLONG answered = ::GetTickCount64();
+
+    const Basalt::CHandle host(::OpenProcess(SYNCHRONIZE | PROCESS_QUERY_INFORMATION, FALSE, processId));
+    ASSERT_TRUE(host);
+    EXPECT_EQ(ExitCodeOf(host), 0U);
+    EXPECT_GE(::GetTickCount64() - answered, 900U);
+    EXPECT_LE(::GetTickCount64() - answered, 5000U);
+    std::vector<std::wstring> ended;
+    for (const HostLogLine& line : m_log.Lines())
+    {
+        if (line.message.starts_with(L"ServiceMain for ") &&
+            line.message.find(L" completed") != std::wstring::npos)
+        {
+            ended.push_back(line.message.substr(16, line.message.find(L" completed") - 16));
+        }
+        EXPECT_TRUE(line.message != kForcedStop || line.processId == processId);
+    }
+    EXPECT_EQ(ended, (std::vector<std::wstring>{L"TxGc1", L"TxGc2", L"TXPLTSVC", L"TxKscSvc"}));
+    EXPECT_EQ(m_log.Count(L"Information", kForcedStop), 1U);
+    for (const Basalt::CHandle& process : processes)
+    {
+        EXPECT_EQ(ExitCodeOf(process), 0U);
+    }
+
+    processes = StartCoreGroup(names);
+    EXPECT_EQ(RunProcess(Quoted(L"Updater.exe") + L"stop", kTimeoutMs), 0U);
+    for (const std::wstring& name : names)
+    {
+        EXPECT_EQ(QueryService(name).dwCurrentState, DWORD{SERVICE_STOPPED});
+    }
+    EXPECT_EQ(m_log.Count(L"Information", kForcedStop), 2U);
+    EXPECT_EQ(RunProcess(Quoted(L"Updater.exe") + L"start " + Quoted(L"TxSvcHost.exe")), 0U);
+    for (const std::wstring& name : names)
+    {
+        EXPECT_TRUE(WaitForServiceState(name, SERVICE_RUNNING, kTimeoutMs));
+    }
+}
+
+TEST_F(GroupControlTest, OnlyTheStubOfASignedProxyDllGetsAManager)
+{
+    CTestGroup group(L"TxGcTrust", {Hosted(L"TxGcTrust1")});
+    group.SetRootValue(L"IsOobeCheckRequired", 0);
+    const struct
+    {
+        const wchar_t* variant;
+        DWORD expected;
+    } rows[] = {
+        {L"tarvex", 0},
+        {L"quintor", 0},
+        {L"foreign", ERROR_ACCESS_DENIED},
+        {L"changed", ERROR_ACCESS_DENIED},
+        {L"unsigned", ERROR_ACCESS_DENIED},
+    };
+    for (const auto& row : rows)
+    {
+        SCOPED_TRACE(testing::PrintToString(std::wstring(row.variant)));
+        const CProxyRegistration proxies(SignedProxies(row.variant));
+        CGroupRunner host(group.CommandLine());
+        host.StartAndWait(L"TxGcTrust1");
+
+        EXPECT_EQ(RunProcess(Quoted(L"ControlClient.exe") + L"2", kTimeoutMs), row.expected);
+
+        host.Stop(L"TxGcTrust1");
+        EXPECT_EQ(host.WaitForExit(), 0U);
+    }
+    EXPECT_EQ(m_log.CountContaining(L"Error", L""), 0U) << "a refusal leaves no line";
+}
+
+TEST_F(GroupControlTest, AServiceThatIsStartedAfterTheStopBeganIsNotRun)
+{
+    const CProxyRegistration proxies(SignedProxies(L"tarvex"));
+    const CTestGroup group(L"TxGcLate", {Hosted(L"TxGcLate1"), Hosted(L"TxGcLate2")});
+    CGroupRunner host(group.CommandLine());
+    host.StartAndWait(L"TxGcLate1");
+    const GroupControl control = ConnectToControl();
+    DWORD processId = 0;
+
+    // The manager does not know this process, so that the service runs on and only the forced stop ends it.
+    EXPECT_TRUE(FAILED(control.Get()->TxStopSvcSubsystem(0, &processId)));
+    EXPECT_EQ(host.Start(L"TxGcLate2"), DWORD{0});
+
+    EXPECT_EQ(processId, host.ProcessId());
+    EXPECT_EQ(host.WaitForExit(), 0U);
+    EXPECT_TRUE(m_log.Has(L"Information", L"Failed to stop service:TxGcLate1, error code 1061"));
+    EXPECT_TRUE(m_log.Has(L"Error", L"GenericServiceMain is called when shutdown, argv[0] = TxGcLate2"));
+    EXPECT_EQ(m_log.CountContaining(L"Normal", L"Entering ServiceMain for 'TxGcLate2'"), 0U);
+}
+
+TEST_F(GroupControlTest, ClientsThatDieOrCrowdDoNoHarm)
+{
+    const CProxyRegistration proxies(SignedProxies(L"tarvex"));
+    const CTestGroup group(L"TxGcCrowd", {Hosted(L"TxGcCrowd1")});
+    CGroupRunner host(group.CommandLine());
+    host.StartAndWait(L"TxGcCrowd1");
+    const GroupControl control = ConnectToControl();
+    constexpr wchar_t kForEver[] = L"1000000";
+
+    for (DWORD i = 0; i < 10; ++i)
+    {
+        const Basalt::CHandle client = StartProcess(Quoted(L"ControlClient.exe") + kForEver);
+        ::Sleep(i * 60); // From before the connection to the middle of some creation.
+        ::TerminateProcess(client.Get(), 99);
+    }
+    EXPECT_EQ(control.Get()->Reserved(), E_NOTIMPL);
+
+    const Basalt::CHandle created(::CreateEventW(nullptr, TRUE, FALSE, L"TxControlClientCreated"));
+    std::vector<Basalt::CHandle> clients;
+    for (int i = 0; i < 100; ++i)
+    {
+        clients.push_back(StartProcess(Quoted(L"ControlClient.exe") + kForEver));
+    }
+    EXPECT_EQ(::WaitForSingleObject(created.Get(), kTimeoutMs), DWORD{WAIT_OBJECT_0});
+    EXPECT_TRUE(FAILED(control.Get()->TxStopSvcSubsystem(0, nullptr)));
+
+    EXPECT_EQ(host.WaitForExit(kTimeoutMs), 0U);
+    for (const Basalt::CHandle& client : clients)
+    {
+        // The low word of an RPC error; more than that would be a crash.
+        const DWORD exitCode = ExitCodeOf(client);
+        EXPECT_TRUE(exitCode != 0 && exitCode != ERROR_ACCESS_DENIED && exitCode <= 0xFFFF) << exitCode;
+    }
+}
+
+TEST_F(GroupControlTest, AMalformedRequestIsAnsweredWithAnError)
+{
+    const CProxyRegistration proxies(SignedProxies(L"tarvex"));
+    const CTestGroup group(L"TxGcBad", {Hosted(L"TxGcBad1")});
+    CGroupRunner host(group.CommandLine());
+    host.StartAndWait(L"TxGcBad1");
+    const std::vector<BYTE> ones(4096, 0xFF);
+    const struct
+    {
+        const char* name;
+        ULONG method;
+        std::size_t size;
+    } rows[] = {
+        {"an IUnknown method", 0, 0},
+        {"another", 2, 64},
+        {"the next one", 5, 64},
+        {"far away", 0x7FFF, 64},
+        {"nothing", 4, 0},
+        {"cut", 4, 3},
+        {"cut", 4, 4},
+        {"cut", 4, 7},
+        {"a pointer to nothing", 4, 8},
+        {"cut", 4, 11},
+    };
+    {
+        const CRawChannel channel(IID_ITxSvcClassObject);
+        const ClassObject classObject = ConnectToHost();
+        for (std::size_t size = 0; size < sizeof(IID); ++size)
+        {
+            EXPECT_TRUE(FAILED(channel.Call(3, std::vector<BYTE>(size, 0x11)))) << size;
+        }
+        for (const ULONG method : {0U, 1U, 2U, 4U, 5U, 1000U, 0x7FFFU})
+        {
+            EXPECT_TRUE(FAILED(channel.Call(method, ones))) << method;
+        }
+    }
+    {
+        const CRawChannel channel(IID_ITxSvcSubsystemControlManager);
+        const GroupControl control = ConnectToControl();
+        for (const auto& row : rows)
+        {
+            SCOPED_TRACE(row.name);
+            EXPECT_TRUE(FAILED(channel.Call(row.method, std::vector<BYTE>(row.size, 0xFF))));
+        }
+    }
+    const GroupControl control = ConnectToControl();
+    EXPECT_EQ(control.Get()->Reserved(), E_NOTIMPL) << "still sound";
+    std::wstring path;
+    EXPECT_EQ(Basalt::FindModuleOfAddress(Basalt::MethodOf(control.Get(), 0), path), DWORD{0});
+    EXPECT_TRUE(path.ends_with(L"\\TxSvcHostPS.dll")) << "where the proxy's code is";
+
+    host.Stop(L"TxGcBad1");
+    EXPECT_EQ(host.WaitForExit(), 0U);
+}
+
+} // namespace
