@@ -7,7 +7,7 @@ namespace Basalt
 
 std::wstring FormatText(const wchar_t* format, ...)
 {
-    va_list arguments;
+    va_list arguments; // NOLINT(cppcoreguidelines-init-variables): va_start does.
     va_start(arguments, format);
     std::wstring text = FormatTextV(format, arguments);
     va_end(arguments);
@@ -16,7 +16,7 @@ std::wstring FormatText(const wchar_t* format, ...)
 
 std::wstring FormatTextV(const wchar_t* format, va_list arguments)
 {
-    va_list measured;
+    va_list measured; // NOLINT(cppcoreguidelines-init-variables): va_copy does.
     va_copy(measured, arguments);
     const int length = ::_vscwprintf(format, measured);
     va_end(measured);
