@@ -24,6 +24,22 @@ DWORD LowWord(HRESULT result) noexcept
     return static_cast<DWORD>(result) & 0xFFFFU;
 }
 
+/// @param security must outlive COM on this thread.
+HRESULT OpenComToEveryone(CProcessSecurity& security) noexcept
+{
+    security.Build();
+    return ::CoInitializeSecurity(
+        security.Descriptor(),
+        -1,
+        nullptr,
+        nullptr,
+        RPC_C_AUTHN_LEVEL_DEFAULT,
+        RPC_C_IMP_LEVEL_IMPERSONATE,
+        nullptr,
+        EOAC_NONE,
+        nullptr);
+}
+
 } // namespace
 
 CTxSvcHost::CTxSvcHost() : m_groupDelimiter(L"/"), m_groupIndex(1) {}
@@ -57,17 +73,7 @@ DWORD CTxSvcHost::Start(int argc, wchar_t** argv)
         TX_LOG(LogError, kFunction, L"CoInitialize failed (hr=0x%08X)", com.Result());
         return LowWord(com.Result());
     }
-    security.Build();
-    const HRESULT secured = ::CoInitializeSecurity(
-        security.Descriptor(),
-        -1,
-        nullptr,
-        nullptr,
-        RPC_C_AUTHN_LEVEL_DEFAULT,
-        RPC_C_IMP_LEVEL_IMPERSONATE,
-        nullptr,
-        EOAC_NONE,
-        nullptr);
+    const HRESULT secured = OpenComToEveryone(security);
     if (FAILED(secured))
     {
         TX_LOG(LogError, kFunction, L"CoInitializeSecurity failed (hr=0x%08X)", secured);
