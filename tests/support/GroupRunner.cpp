@@ -94,6 +94,7 @@ CGroupRunner::CGroupRunner(const std::wstring& commandLine, DWORD timeoutMs)
     {
         waitForConnection();
         findDispatcher();
+        m_knownThreads = dispatcherThreads();
     }
     catch (...)
     {
@@ -125,21 +126,23 @@ DWORD CGroupRunner::Start(const std::wstring& name, const std::vector<std::wstri
     {
         text += argument + L'\0';
     }
-    const std::vector<DWORD> before = dispatcherThreads();
     m_threads[name] = 0; // From here on the manager is told of its end, whatever happens.
     const DWORD answer = transact(name, kControlStart, text + L'\0');
     if (answer != ERROR_SUCCESS)
     {
+        m_threads.erase(name);
         ThrowIfFailed(MarkState(name, SERVICE_STOPPED), L"cannot mark " + name + L" as stopped");
         return answer;
     }
-    for (const DWORD thread : dispatcherThreads())
+    std::vector<DWORD> threads = dispatcherThreads();
+    for (const DWORD thread : threads)
     {
-        if (std::find(before.begin(), before.end(), thread) == before.end())
+        if (std::find(m_knownThreads.begin(), m_knownThreads.end(), thread) == m_knownThreads.end())
         {
             m_threads[name] = thread;
         }
     }
+    m_knownThreads = std::move(threads);
     return ERROR_SUCCESS;
 }
 

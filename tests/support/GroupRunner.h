@@ -34,7 +34,7 @@
 class CGroupRunner
 {
 public:
-    static constexpr DWORD kDefaultTimeoutMs = 10000;
+    static constexpr DWORD kDefaultTimeoutMs = 30000; ///< For a machine that does much else.
 
     /// Starts the executable and returns when it has called StartServiceCtrlDispatcherW.
     /// @param commandLine as the manager would have it in its image path: program (quoted) and arguments.
@@ -110,5 +110,6 @@ private:
     DWORD m_processId = 0;
     const BYTE* m_dispatcherBegin = nullptr; ///< In the host's address space, as the end.
     const BYTE* m_dispatcherEnd = nullptr;
+    std::vector<DWORD> m_knownThreads;       ///< The dispatcher's, after the last start.
     std::map<std::wstring, DWORD> m_threads; ///< Services started; id of the thread, 0 when it was not seen.
 };

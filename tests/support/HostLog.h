@@ -57,7 +57,7 @@ public:
     [[nodiscard]] std::size_t CountContaining(const std::wstring& level, const std::wstring& part) const;
     /// Waits for a message that another process or thread is about to write.
     [[nodiscard]] bool WaitFor(
-        const std::wstring& level, const std::wstring& message, DWORD timeoutMs = 10000) const;
+        const std::wstring& level, const std::wstring& message, DWORD timeoutMs = 30000) const;
 
     [[nodiscard]] const std::wstring& Path() const noexcept { return m_path; }
 
