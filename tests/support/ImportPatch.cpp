@@ -1,46 +1,58 @@
 #include "support/ImportPatch.h"
 
+#include <cstddef>
 #include <cstring>
 #include <functional>
 
 namespace
 {
 
-void Write(void** slot, void* value) noexcept
+// lld gives the import tables an alignment of four bytes, so no entry may be touched through its own type.
+
+template <typename T>
+T Read(const void* entry) noexcept
+{
+    T value{};
+    std::memcpy(&value, entry, sizeof(value));
+    return value;
+}
+
+void Write(void* slot, void* value) noexcept
 {
     DWORD protection = 0;
-    ::VirtualProtect(slot, sizeof(*slot), PAGE_READWRITE, &protection); // The table is read-only after load.
-    *slot = value;
-    ::VirtualProtect(slot, sizeof(*slot), protection, &protection);
+    ::VirtualProtect(slot, sizeof(value), PAGE_READWRITE, &protection); // The table is read-only after load.
+    std::memcpy(slot, &value, sizeof(value));
+    ::VirtualProtect(slot, sizeof(value), protection, &protection);
+}
+
+bool NameIs(const BYTE* entry, const char* functionName) noexcept
+{
+    return std::strcmp(
+               reinterpret_cast<const char*>(entry + offsetof(IMAGE_IMPORT_BY_NAME, Name)), functionName) ==
+           0;
 }
 
 /// Calls @p visit with every slot through which this executable calls the function, whatever DLL it names:
 /// a mingw import library may name another one than the documentation does.
-void ForEachSlot(const char* functionName, const std::function<void(void**)>& visit)
+void ForEachSlot(const char* functionName, const std::function<void(void*)>& visit)
 {
     auto* const base = reinterpret_cast<BYTE*>(::GetModuleHandleW(nullptr));
-    const auto* dos = reinterpret_cast<const IMAGE_DOS_HEADER*>(base);
-    const auto* headers = reinterpret_cast<const IMAGE_NT_HEADERS64*>(base + dos->e_lfanew);
-    const IMAGE_DATA_DIRECTORY& directory =
-        headers->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
-    for (const auto* import =
-             reinterpret_cast<const IMAGE_IMPORT_DESCRIPTOR*>(base + directory.VirtualAddress);
-         import->Name != 0;
-         ++import)
+    const auto dos = Read<IMAGE_DOS_HEADER>(base);
+    const auto headers = Read<IMAGE_NT_HEADERS64>(base + dos.e_lfanew);
+    const BYTE* import =
+        base + headers.OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT].VirtualAddress;
+    for (auto descriptor = Read<IMAGE_IMPORT_DESCRIPTOR>(import); descriptor.Name != 0;
+         descriptor = Read<IMAGE_IMPORT_DESCRIPTOR>(import += sizeof(descriptor)))
     {
-        const auto* name = reinterpret_cast<const IMAGE_THUNK_DATA64*>(base + import->OriginalFirstThunk);
-        auto* slot = reinterpret_cast<void**>(base + import->FirstThunk);
-        for (; name->u1.AddressOfData != 0; ++name, ++slot)
+        const BYTE* name = base + descriptor.OriginalFirstThunk;
+        BYTE* slot = base + descriptor.FirstThunk;
+        for (auto thunk = Read<ULONGLONG>(name); thunk != 0; thunk = Read<ULONGLONG>(name += sizeof(thunk)))
         {
-            if (IMAGE_SNAP_BY_ORDINAL64(name->u1.Ordinal))
-            {
-                continue;
-            }
-            const auto* entry = reinterpret_cast<const IMAGE_IMPORT_BY_NAME*>(base + name->u1.AddressOfData);
-            if (std::strcmp(reinterpret_cast<const char*>(entry->Name), functionName) == 0)
+            if (!IMAGE_SNAP_BY_ORDINAL64(thunk) && NameIs(base + thunk, functionName))
             {
                 visit(slot);
             }
+            slot += sizeof(void*);
         }
     }
 }
@@ -49,8 +61,8 @@ void ForEachSlot(const char* functionName, const std::function<void(void**)>& vi
 
 void CImportPatch::Patch(const char* functionName, void* replacement) noexcept
 {
-    ForEachSlot(functionName, [this, replacement](void** slot) {
-        m_slots.push_back({slot, *slot});
+    ForEachSlot(functionName, [this, replacement](void* slot) {
+        m_slots.push_back({slot, Read<void*>(slot)});
         Write(slot, replacement);
     });
 }

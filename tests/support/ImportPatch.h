@@ -26,7 +26,7 @@ public:
 private:
     struct Slot
     {
-        void** address;
+        void* address;
         void* original;
     };
 
