@@ -34,9 +34,7 @@ struct ITxSvcSubsystemControlManager : IUnknown
     /// @param reserved  0.
     /// @param processId receives the host's process id; may be null.
     /// @return S_OK for a group without services, which goes on. Otherwise a failure, also when every service
-    /// has
-    ///         stopped: the process ends in any case. A failure of the call itself (HRESULT_FACILITY
-    ///         FACILITY_WIN32 with an RPC error, or FACILITY_RPC) means that the process ended before it
-    ///         could answer.
+    ///         has stopped: the process ends in any case. A failure of the call itself (an RPC error) means
+    ///         that the process ended before it could answer.
     virtual HRESULT STDMETHODCALLTYPE TxStopSvcSubsystem(DWORD reserved, DWORD* processId) = 0;
 };

@@ -23,8 +23,7 @@ public:
 
     /// Blocks until every service of the group has stopped.
     /// @return the process's exit code: 0 after a normal end; ERROR_INVALID_PARAMETER (87) when the command
-    /// line
-    ///         names no usable group or the group has no service; ERROR_INTERNAL_ERROR (1359) when the
+    ///         line names no usable group or the group has no service; ERROR_INTERNAL_ERROR (1359) when the
     ///         group's configuration cannot be read or the dispatcher does not start; the low 16 bits of the
     ///         HRESULT when COM does not start.
     [[nodiscard]] DWORD Start(int argc, wchar_t** argv);
