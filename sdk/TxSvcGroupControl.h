@@ -9,8 +9,8 @@
 /// What the shared service host and the product's updater agree on, in both directions: the updater stops a
 /// running group, and a starting host asks the update client whether an update is being installed.
 ///
-/// All of it crosses processes: TxSvcHostPS.dll, registered and signed with one of the product's names,
-/// carries the calls. TxSvcHost.idl describes the same interfaces for it. docs/group-control.md shows an
+/// All of it crosses processes: TxSvHostPS.dll, registered and signed with one of the product's names,
+/// carries the calls. TxSvHost.idl describes the same interfaces for it. docs/group-control.md shows an
 /// updater.
 
 /// Class object that every running host registers (CLSCTX_LOCAL_SERVER); ask it for IID_ITxSvcClassObject.

@@ -2,7 +2,7 @@
 /// What an updater does around the exchange of files that hosted services hold open:
 ///
 ///     Updater stop                    stops the group of a running host and waits for the end of its process
-///     Updater start TxSvcHost.exe     starts the services of the core group again
+///     Updater start TxSvHost.exe     starts the services of the core group again
 ///
 /// Between the two the files are free. Exit code: 0, or 1 with the failing step on the standard error output.
 #include <windows.h>
@@ -49,7 +49,7 @@ bool ConnectToHost(ITxSvcSubsystemControlManager*& control)
     {
         return Fail("No host can be reached", result);
     }
-    // E_ACCESSDENIED: the host does not trust TxSvcHostPS.dll, which makes the call over there.
+    // E_ACCESSDENIED: the host does not trust TxSvHostPS.dll, which makes the call over there.
     result = classObject->CreateObject(IID_ITxSvcSubsystemControlManager, reinterpret_cast<void**>(&control));
     classObject->Release();
     return SUCCEEDED(result) || Fail("The host refuses its control", result);

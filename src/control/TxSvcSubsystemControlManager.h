@@ -81,7 +81,7 @@ class CGuardedClassObject : public ITxSvcGuardedClassObject
 {
 public:
     /// Creates the object for callers alone whose code is in a trusted module; a client in another process
-    /// calls through the stub in TxSvcHostPS.dll.
+    /// calls through the stub in TxSvHostPS.dll.
     /// @return E_ACCESSDENIED for other callers, who get no object and leave no trace in the log.
     HRESULT STDMETHODCALLTYPE CreateObject(REFIID iid, void** object) noexcept final;
 };

@@ -19,7 +19,7 @@ TEST(VersionInfo, ReadsTheHostsVersionAndRefusesOtherFiles)
     std::ofstream(Narrow(folder.File(L"text.dll"))) << "no module";
     Basalt::Version version;
 
-    EXPECT_EQ(Basalt::GetFileVersion(BesideTest(L"TxSvcHost.exe"), version), DWORD{ERROR_SUCCESS});
+    EXPECT_EQ(Basalt::GetFileVersion(BesideTest(L"TxSvHost.exe"), version), DWORD{ERROR_SUCCESS});
     EXPECT_EQ(version.major, 6);
     EXPECT_EQ(version.minor, 3);
     EXPECT_EQ(version.build, 3036);

@@ -76,7 +76,7 @@ DWORD ExitCodeOf(const Basalt::CHandle& process)
 /// Starts the core group as an updater does, and opens the processes of its services.
 std::vector<Basalt::CHandle> StartCoreGroup(const std::vector<std::wstring>& services)
 {
-    EXPECT_EQ(RunProcess(Quoted(L"TxSvcHost.exe") + L"/startservices"), 0U);
+    EXPECT_EQ(RunProcess(Quoted(L"TxSvHost.exe") + L"/startservices"), 0U);
     std::vector<Basalt::CHandle> processes;
     for (const std::wstring& name : services)
     {
@@ -130,7 +130,7 @@ TEST_F(GroupControlTest, AnUpdaterStopsTheGroupInItsOrderAndStartsItAgain)
         EXPECT_EQ(QueryService(name).dwCurrentState, DWORD{SERVICE_STOPPED});
     }
     EXPECT_EQ(m_log.Count(L"Information", kForcedStop), 2U);
-    EXPECT_EQ(RunProcess(Quoted(L"Updater.exe") + L"start " + Quoted(L"TxSvcHost.exe")), 0U);
+    EXPECT_EQ(RunProcess(Quoted(L"Updater.exe") + L"start " + Quoted(L"TxSvHost.exe")), 0U);
     for (const std::wstring& name : names)
     {
         EXPECT_TRUE(WaitForServiceState(name, SERVICE_RUNNING, kTimeoutMs));
@@ -271,7 +271,7 @@ TEST_F(GroupControlTest, AMalformedRequestIsAnsweredWithAnError)
     EXPECT_EQ(control.Get()->Reserved(), E_NOTIMPL) << "still sound";
     std::wstring path;
     EXPECT_EQ(Basalt::FindModuleOfAddress(Basalt::MethodOf(control.Get(), 0), path), DWORD{0});
-    EXPECT_TRUE(path.ends_with(L"\\TxSvcHostPS.dll")) << "where the proxy's code is";
+    EXPECT_TRUE(path.ends_with(L"\\TxSvHostPS.dll")) << "where the proxy's code is";
 
     host.Stop(L"TxGcBad1");
     EXPECT_EQ(host.WaitForExit(), 0U);

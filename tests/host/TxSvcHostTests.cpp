@@ -83,7 +83,7 @@ protected:
 
     static DWORD Start(std::wstring entry)
     {
-        wchar_t program[] = L"TxSvcHost.exe";
+        wchar_t program[] = L"TxSvHost.exe";
         wchar_t* argv[] = {program, entry.data(), nullptr};
         CTxSvcHost host;
         return host.Start(2, argv);
@@ -126,7 +126,7 @@ TEST_F(TxSvcHostTest, TheGroupIsWhatFollowsTheFirstDelimiter)
         SCOPED_TRACE(::testing::PrintToString(row.entry.substr(0, 20)));
         m_log.Clear();
         std::wstring entry = row.entry;
-        wchar_t program[] = L"TxSvcHost.exe";
+        wchar_t program[] = L"TxSvHost.exe";
         wchar_t ignored[] = L"/other";
         wchar_t* argv[] = {program, entry.data(), ignored, nullptr};
         std::wstring group;
@@ -246,7 +246,7 @@ TEST_F(TxSvcHostTest, EachFailureHasItsExitCodeAndLeavesComAsItWas)
     EXPECT_TRUE(m_log.Has(LogError, L"Failed to initialize CTxSvcHostConfig"));
 }
 
-wchar_t g_commandLine[] = L"C:\\odd/startservicesfolder\\TxSvcHost.exe /g";
+wchar_t g_commandLine[] = L"C:\\odd/startservicesfolder\\TxSvHost.exe /g";
 
 wchar_t* WINAPI FakeCommandLine()
 {
@@ -255,11 +255,11 @@ wchar_t* WINAPI FakeCommandLine()
 
 TEST_F(TxSvcHostTest, ProcessEntryWritesItsBannerUnlessTheLineHoldsTheSwitch)
 {
-    wchar_t program[] = L"TxSvcHost.exe";
+    wchar_t program[] = L"TxSvHost.exe";
     wchar_t* argv[] = {program, nullptr};
 
     EXPECT_EQ(TxSvcHostMain(1, argv), ERROR_INVALID_PARAMETER);
-    EXPECT_TRUE(m_log.Has(LogNormal, L"Tarvex Shared Service Host [TxSvcHost.exe] v6.3.3036.0 starting"));
+    EXPECT_TRUE(m_log.Has(LogNormal, L"Tarvex Shared Service Host [TxSvHost.exe] v6.3.3036.0 starting"));
     EXPECT_EQ(TxSvcHostMain(0, argv), ERROR_INVALID_PARAMETER);
     EXPECT_TRUE(m_log.Has(LogNormal, L"Tarvex Shared Service Host [n/a] v6.3.3036.0 starting"));
 

@@ -50,10 +50,10 @@ TEST(HostProcess, OutsideTheManagerItsExitCodeSaysWhatIsWrong)
         SCOPED_TRACE(testing::PrintToString(row.arguments.substr(0, 40)));
         SkipControlPipe();
 
-        EXPECT_EQ(RunProcess(L"\"" + BesideTest(L"TxSvcHost.exe") + L"\" " + row.arguments), row.expected);
+        EXPECT_EQ(RunProcess(L"\"" + BesideTest(L"TxSvHost.exe") + L"\" " + row.arguments), row.expected);
         EXPECT_NE(log.CountContaining(L"Error", row.line), 0U);
     }
-    EXPECT_EQ(RunProcess(L"\"" + BesideTest(L"TxSvcHost.exe") + L"\" /startservices"), 0U);
+    EXPECT_EQ(RunProcess(L"\"" + BesideTest(L"TxSvHost.exe") + L"\" /startservices"), 0U);
 }
 
 TEST(HostProcess, AStartLinksTheRegistryViewsAndASecondChangesNothing)
@@ -102,8 +102,8 @@ std::vector<std::wstring> ModulesOf(HANDLE process)
 TEST(HostProcess, LoadsNoLibraryThatWasPlantedBesideIt)
 {
     const CTestFolder folder;
-    const std::wstring host = folder.File(L"TxSvcHost.exe");
-    std::filesystem::copy_file(BesideTest(L"TxSvcHost.exe"), host);
+    const std::wstring host = folder.File(L"TxSvHost.exe");
+    std::filesystem::copy_file(BesideTest(L"TxSvHost.exe"), host);
     // Not version.dll: Wine's own user32 imports it by name, and Wine knows no protected list of system DLLs.
     for (const wchar_t* name : {L"wintrust.dll", L"crypt32.dll", L"cryptbase.dll", L"shell32.dll"})
     {
@@ -127,7 +127,7 @@ TEST(HostProcess, LoadsNoLibraryThatWasPlantedBesideIt)
         modules.begin(), modules.end(), std::back_inserter(fromFolder), [&](const std::wstring& path) {
             return path.starts_with(prefix);
         });
-    EXPECT_EQ(fromFolder, std::vector<std::wstring>{prefix + L"\\txsvchost.exe"});
+    EXPECT_EQ(fromFolder, std::vector<std::wstring>{prefix + L"\\txsvhost.exe"});
 }
 
 } // namespace

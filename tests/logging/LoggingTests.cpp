@@ -40,7 +40,7 @@ TEST(LogLine, HoldsTheTimeOnATwelveHourClockTheLevelAndTheFieldsThatTheOptionsCh
     const std::wstring cutName = L" [CClass0123456789::CInner0123456789::Meth()]$";
     const std::wstring run = L" [" + std::wstring(30, L' ') + L"CHost::Run()]$";
     const std::tuple<DWORD, Text, Text, Text, Text, std::wstring> rows[] = {
-        {0x10, L"TxSvcHost", L"f", L"g", L"text", L" [      TxSvcHost]$ text\r\n"},
+        {0x10, L"TxSvHost", L"f", L"g", L"text", L" [       TxSvHost]$ text\r\n"},
         {0x10, L"ABCDEFGHIJKLMNOPQ", L"f", L"g", L"text", L" [ABCDEFGHIJKLMNO]$ text\r\n"},
         {0x14, L"t", L"f", L"g", L"text", L" [              t]$" + ids + L" text\r\n"},
         {0x0C, L"t", L"C:\\s\\H.cpp", L"g", L"text", ids + L" [               H.cpp:   12]$ text\r\n"},

@@ -32,7 +32,7 @@ CProxyRegistration::~CProxyRegistration()
 
 std::wstring SignedProxies(const std::wstring& variant)
 {
-    return BesideTest(L"proxies\\" + variant + L"\\TxSvcHostPS.dll");
+    return BesideTest(L"proxies\\" + variant + L"\\TxSvHostPS.dll");
 }
 
 void ForgetClassObjects()

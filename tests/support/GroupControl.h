@@ -11,7 +11,7 @@
 using ClassObject = Basalt::CComReference<ITxSvcClassObject>;
 using GroupControl = Basalt::CComReference<ITxSvcSubsystemControlManager>;
 
-/// A TxSvcHostPS.dll, registered by its own entry points for the scope.
+/// A TxSvHostPS.dll, registered by its own entry points for the scope.
 class CProxyRegistration
 {
 public:
@@ -25,7 +25,7 @@ private:
     Basalt::CModule m_module;
 };
 
-/// Path of a copy of TxSvcHostPS.dll in the build; the variants are those of sign-test-files.sh.
+/// Path of a copy of TxSvHostPS.dll in the build; the variants are those of sign-test-files.sh.
 [[nodiscard]] std::wstring SignedProxies(const std::wstring& variant);
 
 /// Restarts Wine's RpcSs service. Wine does not notice that a process ended without revoking its class

@@ -14,7 +14,7 @@
 /// side of Wine's control pipe towards the executable; the states stay with the real manager, where the
 /// services must exist (CServiceScope, CTestGroup) and where everybody else sees them.
 ///
-///     CGroupRunner host(L"\"C:\\bin\\TxSvcHost.exe\" /Core");
+///     CGroupRunner host(L"\"C:\\bin\\TxSvHost.exe\" /Core");
 ///     host.StartAndWait(L"alpha");
 ///     host.StartAndWait(L"beta", {L"an argument"});
 ///     host.Stop(L"alpha");

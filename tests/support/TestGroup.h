@@ -37,7 +37,7 @@ public:
     CTestGroup(
         std::wstring name,
         const std::vector<TestSubsystem>& subsystems,
-        const std::wstring& hostPath = BesideTest(L"TxSvcHost.exe"));
+        const std::wstring& hostPath = BesideTest(L"TxSvHost.exe"));
     ~CTestGroup();
     CTestGroup(const CTestGroup&) = delete;
     CTestGroup& operator=(const CTestGroup&) = delete;

@@ -12,7 +12,7 @@ struct ImagePath
     std::wstring argument; ///< everything behind the program, without quotes around it
 };
 
-/// "C:\...\TxSvcHost.exe" /GROUP, the program always in quotes: without them Windows would try every part of
+/// "C:\...\TxSvHost.exe" /GROUP, the program always in quotes: without them Windows would try every part of
 /// a path with blanks as a program. A group name with blanks makes one quoted argument.
 [[nodiscard]] std::wstring FormatImagePath(const std::wstring& program, const std::wstring& group);
 

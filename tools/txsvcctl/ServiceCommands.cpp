@@ -68,7 +68,7 @@ void AddInstall(CLI::App& app, IConsole& console)
     command->add_option("--clsid", arguments->clsid, "CLSID of the service's subsystem, as {...}")
         ->required();
     command->add_option("--module", arguments->module, "64-bit DLL that holds the subsystem")->required();
-    command->add_option("--host", arguments->host, "Host program [TxSvcHost.exe beside this program]");
+    command->add_option("--host", arguments->host, "Host program [TxSvHost.exe beside this program]");
     command->add_option("--display-name", arguments->displayName, "Name that users see [the service's name]");
     command->add_option("--start", arguments->start, "When the service starts [manual]")
         ->check(CLI::IsMember({kManualStart, kAutoStart}));

@@ -16,7 +16,7 @@ namespace TxCtl
 namespace
 {
 
-constexpr wchar_t kHostName[] = L"TxSvcHost.exe";
+constexpr wchar_t kHostName[] = L"TxSvHost.exe";
 
 constexpr wchar_t kMutexName[] = L"Global\\TarvexTxSvcCtl";
 constexpr DWORD kMutexTimeoutMs = 30000;

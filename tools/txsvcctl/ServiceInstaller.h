@@ -16,7 +16,7 @@ struct InstallRequest
     GroupService service;
     std::wstring clsid;
     std::wstring module;
-    std::optional<std::wstring> host; ///< absent: TxSvcHost.exe beside this program
+    std::optional<std::wstring> host; ///< absent: TxSvHost.exe beside this program
     std::optional<std::wstring> displayName;
     std::optional<DWORD> startType;
     bool replaceKey = false;    ///< An ordinary key in the place of the registry link may go.

@@ -1,5 +1,5 @@
 /// @file
-/// The proxy/stub DLL: carries the interfaces of TxSvcHost.idl between processes. In C, since the generated
+/// The proxy/stub DLL: carries the interfaces of TxSvHost.idl between processes. In C, since the generated
 /// code and the system's interface for it are.
 ///
 /// The proxies and stubs are generated and compiled into this DLL as plain code ("-Os" stubs), never run by
@@ -50,15 +50,15 @@ InvokeChecked(IRpcStubBuffer* stub, RPCOLEMESSAGE* message, IRpcChannelBuffer* c
 #define CStdStubBuffer_Invoke InvokeChecked
 #pragma clang diagnostic push
 #pragma clang diagnostic ignored "-Wunused-parameter"
-#include "TxSvcHost_i.c"
-#include "TxSvcHost_p.c"
+#include "TxSvHost_i.c"
+#include "TxSvHost_p.c"
 #pragma clang diagnostic pop
 
 // {7D0C5E75-6887-4ED1-8216-8526BBB9161B}
 static const CLSID kProxyStubClass = {
     0x7D0C5E75, 0x6887, 0x4ED1, {0x82, 0x16, 0x85, 0x26, 0xBB, 0xB9, 0x16, 0x1B}};
 
-static const ProxyFileInfo* g_proxyFiles[] = {&TxSvcHost_ProxyFileInfo, NULL};
+static const ProxyFileInfo* g_proxyFiles[] = {&TxSvHost_ProxyFileInfo, NULL};
 static CStdPSFactoryBuffer g_factory;
 
 static HMODULE OwnModule(void)
