@@ -30,6 +30,7 @@ void SetText(MessageEvent& event, EventField field, const wchar_t* text) noexcep
 
 CETWLogging::~CETWLogging()
 {
+    m_watch.Stop();
     static_cast<void>(CETWLogging::Stop());
 }
 
@@ -49,7 +50,8 @@ try
 {
     m_group = group == nullptr ? L"" : group;
     m_host = host == nullptr ? L"" : host;
-    m_threshold = ReadLogSettings().threshold;
+    m_settings = ReadLogSettings();
+    m_threshold = m_settings.threshold;
     return ERROR_SUCCESS;
 }
 catch (const std::exception&)
@@ -72,6 +74,7 @@ DWORD CETWLogging::Start() noexcept
     const ULONG status = ::RegisterTraceGuidsW(
         &CETWLogging::onControl, this, &kEventProvider, 1, &eventClass, nullptr, nullptr, &m_registration);
     m_started = status == ERROR_SUCCESS;
+    updateGate();
     return status;
 }
 
@@ -95,6 +98,7 @@ void CETWLogging::endSession() noexcept
     m_session = 0;
     m_sessionLevel = 0;
     m_sessionFlags = 0;
+    updateGate();
 }
 
 ULONG WINAPI
@@ -119,7 +123,42 @@ CETWLogging::onControl(WMIDPREQUESTCODE code, void* context, ULONG* /*size*/, vo
     logger.m_sessionLevel = ::GetTraceEnableLevel(session);
     logger.m_sessionFlags = ::GetTraceEnableFlags(session);
     logger.m_session = session; // Last: whoever sees the session sees its level and flags.
+    logger.updateGate();
     return ERROR_SUCCESS;
+}
+
+void CETWLogging::SetThreshold(DWORD level) noexcept
+{
+    m_threshold = level;
+    updateGate();
+}
+
+void CETWLogging::SetLevelGate(CLevelGate* gate) noexcept
+{
+    {
+        const Basalt::CLockGuard guard(m_gateLock);
+        m_gate = gate;
+    }
+    updateGate();
+}
+
+/// Whoever comes last has seen the newest state: the lock makes looking and closing one step.
+void CETWLogging::updateGate() noexcept
+{
+    const Basalt::CLockGuard guard(m_gateLock);
+    if (m_gate == nullptr)
+    {
+        return;
+    }
+    DWORD closed = 0;
+    for (DWORD level = 0; level < CLevelGate::kLevels && m_started; ++level)
+    {
+        if (m_session == 0 || IsLevelEnabled(level) == 0 || !isWantedBySession(level))
+        {
+            closed |= 1U << level;
+        }
+    }
+    m_gate->Close(closed);
 }
 
 DWORD CETWLogging::GetThreshold() const noexcept

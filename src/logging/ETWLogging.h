@@ -8,6 +8,7 @@
 
 #include "base/Lock.h"
 #include "logging/LogSettings.h"
+#include "logging/LogSettingsWatch.h"
 #include "logging/LoggingIf.h"
 
 namespace ETWLogging
@@ -62,7 +63,7 @@ public:
     /// looked at when the event is written.
     [[nodiscard]] DWORD IsLevelEnabled(DWORD level) const noexcept override;
 
-    void SetThreshold(DWORD level) noexcept override { m_threshold = level; }
+    void SetThreshold(DWORD level) noexcept override;
     /// The session's while one is on that brings its own, otherwise the configured one.
     [[nodiscard]] DWORD GetThreshold() const noexcept override;
     void SetOptions(DWORD /*options*/) noexcept override {}
@@ -70,7 +71,9 @@ public:
     DWORD SetApplicationTag(const wchar_t* /*tag*/) noexcept override { return ERROR_NOT_SUPPORTED; }
     [[nodiscard]] const wchar_t* GetApplicationTag() const noexcept override { return L""; }
 
-    void Activate() noexcept override {}
+    void SetLevelGate(CLevelGate* gate) noexcept override TX_EXCLUDES(m_gateLock);
+
+    void Activate() noexcept override { m_watch.Start(*this, m_settings); }
 
     DWORD SetFolder(const wchar_t* /*folder*/) noexcept override { return ERROR_NOT_SUPPORTED; }
     [[nodiscard]] const wchar_t* GetFolder() const noexcept override { return L""; }
@@ -86,6 +89,7 @@ private:
     static ULONG WINAPI onControl(WMIDPREQUESTCODE code, void* context, ULONG* size, void* buffer) noexcept;
     void endSession() noexcept;
     [[nodiscard]] bool isWantedBySession(DWORD level) const noexcept;
+    void updateGate() noexcept TX_EXCLUDES(m_gateLock);
 
     std::wstring m_group; ///< This and the next two are set before other threads log.
     std::wstring m_host;
@@ -100,6 +104,12 @@ private:
     std::atomic<TRACEHANDLE> m_session = 0; ///< 0 when none listens.
     std::atomic<DWORD> m_sessionLevel = 0;  ///< 0 when the session brings no threshold.
     std::atomic<DWORD> m_sessionFlags = 0;  ///< 0 when the session wants all levels.
+
+    Basalt::CLock m_gateLock; ///< Held for a moment, calling nobody: the control callback takes it too.
+    CLevelGate* m_gate TX_GUARDED_BY(m_gateLock) = nullptr;
+
+    LogSettings m_settings;    ///< As they were read by InitializeEx.
+    CLogSettingsWatch m_watch; ///< Last: its thread uses all of the above.
 };
 
 } // namespace ETWLogging

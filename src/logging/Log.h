@@ -151,6 +151,9 @@ private:
     const wchar_t* m_text;
 };
 
+/// The process logger's gate.
+inline constinit CLevelGate g_levelGate;
+
 template <typename T>
 [[nodiscard]] T Pass(const T& argument) noexcept
 {
@@ -183,6 +186,10 @@ DWORD LogWrite(
     Detail::CFormat<std::type_identity_t<Arguments>...> format,
     const Arguments&... arguments) noexcept
 {
+    if (Detail::g_levelGate.IsClosed(level))
+    {
+        return ERROR_SUCCESS;
+    }
     return LogWriteUnchecked(level, file, function, line, format.Text(), Detail::Pass(arguments)...);
 }
 

@@ -22,7 +22,7 @@ DWORD ConfiguredMechanism(const ILogConfigReader* config) noexcept
         return ReadLogMechanism();
     }
     DWORD mechanism = 0;
-    static_cast<void>(config->ReadDword(kMechanismValue, mechanism)); // Absent: stays 0.
+    static_cast<void>(config->ReadDword(kMechanismSetting.name, mechanism)); // Absent: stays 0.
     return mechanism;
 }
 

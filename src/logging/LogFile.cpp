@@ -172,14 +172,15 @@ DWORD CLogFile::Write(COpened& file, const std::wstring& line)
 
 void CLogFile::rotate() const
 {
-    if (m_oldFiles == 0)
+    const DWORD oldFiles = m_oldFiles;
+    if (oldFiles == 0)
     {
         ::DeleteFileW(m_path.c_str());
         return;
     }
     // Only up to the first gap: after a failed rename the next attempt must not push out the oldest again.
     DWORD number = 1;
-    while (number < m_oldFiles && ::GetFileAttributesW(oldPath(number).c_str()) != INVALID_FILE_ATTRIBUTES)
+    while (number < oldFiles && ::GetFileAttributesW(oldPath(number).c_str()) != INVALID_FILE_ATTRIBUTES)
     {
         ++number;
     }

@@ -2,10 +2,12 @@
 
 #include <windows.h>
 
+#include <atomic>
 #include <string>
 
 #include "base/Lock.h"
 #include "base/Owned.h"
+#include "logging/LogSettings.h"
 
 namespace ETWLogging
 {
@@ -26,9 +28,6 @@ namespace ETWLogging
 class CLogFile
 {
 public:
-    static constexpr DWORD kDefaultEntries = 10000;
-    static constexpr DWORD kDefaultOldFiles = 5;
-
     /// A file opened for one message.
     class COpened
     {
@@ -45,7 +44,7 @@ public:
     void SetPath(const std::wstring& path) { m_path = path; }
     [[nodiscard]] const std::wstring& GetPath() const noexcept { return m_path; }
 
-    /// Before the first Open.
+    /// At any time, by any thread.
     /// @param entries per file; 0 switches rotation off.
     /// @param oldFiles how many are kept; with 0 a full file is deleted.
     void SetRotation(DWORD entries, DWORD oldFiles) noexcept;
@@ -68,8 +67,8 @@ private:
     [[nodiscard]] std::wstring oldPath(DWORD number) const;
 
     std::wstring m_path;
-    DWORD m_entriesPerFile = kDefaultEntries;
-    DWORD m_oldFiles = kDefaultOldFiles;
+    std::atomic<DWORD> m_entriesPerFile = kDefaultEntries;
+    std::atomic<DWORD> m_oldFiles = kDefaultOldFiles;
 
     Basalt::CLock m_lock; ///< For the threads of this process while the mutex is switched off.
     DWORD m_entries TX_GUARDED_BY(m_lock) = 0; ///< In the first m_counted bytes of file m_index.

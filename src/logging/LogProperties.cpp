@@ -1,10 +1,7 @@
 #include "logging/LogProperties.h"
 
-#include <windows.h>
-
 #include <exception>
 
-#include "base/ObfuscatedRegKey.h"
 #include "logging/LogSettings.h"
 
 namespace ETWLogging
@@ -17,10 +14,10 @@ try
     {
         return false;
     }
-    const std::wstring valueName = std::wstring(kControllerPathPrefix) + applicationName;
-    Basalt::CObfuscatedRegKey key;
-    return key.Open(HKEY_LOCAL_MACHINE, kLogSettingsKey, KEY_READ) == ERROR_SUCCESS &&
-           key.ReadString(valueName.c_str(), path) == ERROR_SUCCESS;
+    const std::wstring name = std::wstring(kControllerPathPrefix) + applicationName;
+    // Whatever is held counts: the trust check then refuses what is no full path.
+    const LogTextSetting setting = {name.c_str(), [](const std::wstring& /*path*/) noexcept { return true; }};
+    return CLogSettingsReader().ReadText(setting, path) != LogSettingOrigin::Default;
 }
 catch (const std::exception&)
 {

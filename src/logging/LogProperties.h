@@ -5,11 +5,8 @@
 namespace ETWLogging
 {
 
-/// The string value that holds an application's controller library is named so, with the application's name
-/// behind it. It is in the key of the logging settings and scrambled like they are.
-inline constexpr wchar_t kControllerPathPrefix[] = L"Controller Path ";
-
-/// What is configured about logging beside a logger's own settings (LogSettings.h), read each time.
+/// What is configured about logging beside a logger's own settings, in the same places as they
+/// (LogSettings.h), read each time.
 /// Threads: any.
 class LogProperties
 {

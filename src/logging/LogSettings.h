@@ -4,11 +4,16 @@
 
 #include <string>
 
+#include "base/ObfuscatedRegKey.h"
 #include "logging/LoggingIf.h"
 
 /// @file
-/// The logging settings in the registry. The values are scrambled (Basalt::CObfuscatedRegKey); one that is
-/// missing, damaged, of another type or out of range counts as absent and its default applies.
+/// The logging settings: what can be set, where it is looked for, and what applies when nothing is.
+///
+/// Each setting by itself is looked for in "log.ini" beside the program, then in the registry, and has its
+/// default when neither has it. A value that is damaged, of another type or out of range counts as absent
+/// and is reported. In the registry the values are scrambled (Basalt::CObfuscatedRegKey); in the file they
+/// stand plain, under the same names, in the section kLogIniSection.
 
 namespace ETWLogging
 {
@@ -16,26 +21,119 @@ namespace ETWLogging
 /// Below HKEY_LOCAL_MACHINE.
 inline constexpr wchar_t kLogSettingsKey[] = L"SOFTWARE\\Tarvex\\Logging";
 
-inline constexpr wchar_t kMechanismValue[] = L"Logging Mechanism"; ///< 32 bits: kFileMechanism or any other
-inline constexpr wchar_t kLevelValue[] = L"Logging Level";         ///< 32 bits: LogNormal to LogInformation2
-inline constexpr wchar_t kOptionsValue[] = L"Logging Options";     ///< 32 bits: LogOption bits
-inline constexpr wchar_t kFolderValue[] = L"Logging Folder";       ///< string: an absolute path
+inline constexpr wchar_t kLogIniName[] = L"log.ini";
+inline constexpr wchar_t kLogIniSection[] = L"Logging";
+
+/// A setting that is a 32-bit number: a DWORD in the registry, decimal or "0x..." in the file.
+struct LogNumberSetting
+{
+    const wchar_t* name;
+    DWORD least;
+    DWORD most;
+    DWORD bits; ///< The bits that may be set.
+    DWORD fallback;
+
+    [[nodiscard]] constexpr bool IsValid(DWORD number) const noexcept
+    {
+        return number >= least && number <= most && (number & ~bits) == 0;
+    }
+};
+
+/// A setting that is a text; it has no default here.
+struct LogTextSetting
+{
+    const wchar_t* name;
+    bool (*isValid)(const std::wstring& text) noexcept;
+};
+
+/// "C:\..." or "\\server\share...": a service's current folder says nothing.
+[[nodiscard]] bool IsAbsolutePath(const std::wstring& path) noexcept;
+/// A name with an extension, without a path.
+[[nodiscard]] bool IsLogFileName(const std::wstring& name) noexcept;
+[[nodiscard]] bool IsLogTag(const std::wstring& tag) noexcept;
 
 /// The mechanism that stands for the text file; any other number is event tracing.
 inline constexpr DWORD kFileMechanism = 1;
-
+inline constexpr DWORD kAllOptions = LogOptionProcess | LogOptionSource | LogOptionTag | LogOptionFunction;
 inline constexpr DWORD kDefaultThreshold = LogInformation;
 inline constexpr DWORD kDefaultOptions = LogOptionTag;
-inline constexpr DWORD kAllOptions = LogOptionProcess | LogOptionSource | LogOptionTag | LogOptionFunction;
+inline constexpr DWORD kDefaultEntries = 10000;
+inline constexpr DWORD kDefaultOldFiles = 5;
 
-struct LogSettings
+inline constexpr LogNumberSetting kMechanismSetting = {L"Logging Mechanism", 0, MAXDWORD, MAXDWORD, 0};
+inline constexpr LogNumberSetting kLevelSetting = {
+    L"Logging Level", LogNormal, LogInformation2, MAXDWORD, kDefaultThreshold};
+inline constexpr LogNumberSetting kOptionsSetting = {
+    L"Logging Options", 0, kAllOptions, kAllOptions, kDefaultOptions};
+/// Entries per file; 0 switches the rotation off.
+inline constexpr LogNumberSetting kEntriesSetting = {
+    L"Logging Entries", 0, 100'000'000, MAXDWORD, kDefaultEntries};
+inline constexpr LogNumberSetting kOldFilesSetting = {
+    L"Logging Old Files", 0, 99, MAXDWORD, kDefaultOldFiles};
+/// Whether the processes that write one file wait for each other.
+inline constexpr LogNumberSetting kMutexSetting = {L"Logging Mutex", 0, 1, MAXDWORD, 1};
+inline constexpr LogTextSetting kTagSetting = {L"Logging Tag", &IsLogTag};
+inline constexpr LogTextSetting kFolderSetting = {L"Logging Folder", &IsAbsolutePath};
+inline constexpr LogTextSetting kFileSetting = {L"Logging File", &IsLogFileName};
+/// The name of the setting that holds an application's controller library (LogProperties.h), with the
+/// application's name behind it.
+inline constexpr wchar_t kControllerPathPrefix[] = L"Controller Path ";
+
+/// Full path of the settings file: beside the running program.
+/// @throws std::bad_alloc
+[[nodiscard]] std::wstring LogIniPath();
+
+/// Where a setting was found.
+enum class LogSettingOrigin
 {
-    DWORD threshold = kDefaultThreshold;
-    DWORD options = kDefaultOptions;
-    std::wstring folder; ///< Empty when none is configured; without a backslash at the end.
+    Default,
+    Registry,
+    IniFile,
 };
 
-/// The settings of a logger, with the defaults in place of what is not usable.
+/// Reads single settings. Opens both places once: make a new object to see later changes.
+/// Threads: one. All operations may throw std::bad_alloc.
+class CLogSettingsReader
+{
+public:
+    explicit CLogSettingsReader(
+        const std::wstring& iniPath = LogIniPath(), const wchar_t* keyPath = kLogSettingsKey);
+
+    /// @param value receives the number, or the setting's default.
+    LogSettingOrigin ReadNumber(const LogNumberSetting& setting, DWORD& value);
+
+    /// @param value untouched when the setting is found nowhere.
+    LogSettingOrigin ReadText(const LogTextSetting& setting, std::wstring& value);
+
+    /// What was there but could not be used so far, for a message; empty when there was nothing of the kind.
+    [[nodiscard]] const std::wstring& Problems() const noexcept { return m_problems; }
+
+private:
+    void openIni();
+    [[nodiscard]] bool readIni(const wchar_t* name, std::wstring& text);
+    [[nodiscard]] bool isUsable(DWORD status, bool isValid, const wchar_t* name);
+    void addProblem(const wchar_t* what, const wchar_t* where);
+
+    std::wstring m_iniPath; ///< Empty unless there is a file that can be used.
+    Basalt::CObfuscatedRegKey m_key;
+    std::wstring m_problems;
+};
+
+/// All settings of a logger, with the defaults in place of what is missing or not usable.
+struct LogSettings
+{
+    DWORD mechanism = kMechanismSetting.fallback;
+    DWORD threshold = kDefaultThreshold;
+    DWORD options = kDefaultOptions;
+    DWORD entriesPerFile = kDefaultEntries;
+    DWORD oldFiles = kDefaultOldFiles;
+    bool useMutex = true;
+    std::wstring tag;    ///< Empty when none is set, as with the next two.
+    std::wstring folder; ///< Without a backslash at the end.
+    std::wstring fileName;
+    std::wstring problems; ///< What was there but could not be used.
+};
+
 /// @throws std::bad_alloc
 [[nodiscard]] LogSettings ReadLogSettings();
 

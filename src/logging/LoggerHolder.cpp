@@ -36,6 +36,10 @@ void CLoggerHolder::install(std::unique_ptr<CLoggingIf> logger) noexcept
 {
     m_loggerEx = dynamic_cast<CLoggingIf_ex*>(logger.get());
     m_logger = std::move(logger);
+    if (m_loggerEx != nullptr)
+    {
+        m_loggerEx->SetLevelGate(m_gate);
+    }
 
     Basalt::ILoggingHandler* const handler = &BasaltLogHandler();
     if (Basalt::CLogger::RegisterHandler(handler) != ERROR_SUCCESS)

@@ -20,7 +20,8 @@ namespace ETWLogging
 class CLoggerHolder
 {
 public:
-    CLoggerHolder() noexcept = default;
+    /// @param gate borrowed: closed by the logger for levels that nobody wants; null for none.
+    explicit CLoggerHolder(CLevelGate* gate = nullptr) noexcept : m_gate(gate) {}
     CLoggerHolder(const CLoggerHolder&) = delete;
     CLoggerHolder& operator=(const CLoggerHolder&) = delete;
     ~CLoggerHolder() { UnregisterHandler(); }
@@ -64,6 +65,7 @@ public:
 private:
     void install(std::unique_ptr<CLoggingIf> logger) noexcept;
 
+    CLevelGate* m_gate;
     std::unique_ptr<CLoggingIf> m_logger;
     CLoggingIf_ex* m_loggerEx = nullptr; ///< m_logger, when it is one of these.
     Basalt::ILoggingHandler* m_handler = nullptr;

@@ -91,12 +91,14 @@ try
 {
     m_group = group == nullptr ? L"" : group;
     m_host = host == nullptr ? L"" : host;
-    m_tag = ProgramName();
-    m_fileName = DefaultFileName(m_group.c_str());
-    const LogSettings settings = ReadLogSettings();
-    m_folder = settings.folder.empty() ? DefaultFolder() : settings.folder;
-    m_threshold = settings.threshold;
-    m_options = settings.options;
+    m_settings = ReadLogSettings();
+    m_tag = m_settings.tag.empty() ? ProgramName() : m_settings.tag;
+    m_fileName = m_settings.fileName.empty() ? DefaultFileName(m_group.c_str()) : m_settings.fileName;
+    m_folder = m_settings.folder.empty() ? DefaultFolder() : m_settings.folder;
+    m_threshold = m_settings.threshold;
+    m_options = m_settings.options;
+    m_useMutex = m_settings.useMutex;
+    m_file.SetRotation(m_settings.entriesPerFile, m_settings.oldFiles);
     return ERROR_SUCCESS;
 }
 catch (const std::exception&)
@@ -112,6 +114,7 @@ try
     {
         m_mutex.Create(m_file.GetPath());
     }
+    m_watch.Start(*this, m_settings);
 }
 catch (const std::exception&) // NOLINT(bugprone-empty-catch): every message then fails to open the file.
 {

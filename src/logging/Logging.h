@@ -8,6 +8,7 @@
 #include "logging/LogFile.h"
 #include "logging/LogMutex.h"
 #include "logging/LogSettings.h"
+#include "logging/LogSettingsWatch.h"
 #include "logging/LoggingIf.h"
 
 namespace ETWLogging
@@ -16,7 +17,7 @@ namespace ETWLogging
 /// The logger that appends each message to a text file, which is opened and closed for it.
 ///
 /// Log writes whatever has a level name: the threshold only answers IsLevelEnabled.
-/// Folder, file name, rotation and mutex take effect with Activate.
+/// Folder, file name and mutex take effect with Activate.
 class CLogging : public CLoggingIf
 {
 public:
@@ -90,6 +91,9 @@ private:
     std::atomic<DWORD> m_options = kDefaultOptions;
     std::atomic<bool> m_fileLogging = true;
     std::atomic<WriteGate> m_gate = &CLogging::firstUseGate;
+
+    LogSettings m_settings;    ///< As they were read by Initialize.
+    CLogSettingsWatch m_watch; ///< Last: its thread uses all of the above.
 };
 
 } // namespace ETWLogging

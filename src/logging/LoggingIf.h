@@ -2,6 +2,8 @@
 
 #include <windows.h>
 
+#include "logging/LevelGate.h"
+
 namespace ETWLogging
 {
 
@@ -65,7 +67,7 @@ public:
     /// Nonzero when a message of that level is to be written.
     [[nodiscard]] virtual DWORD IsLevelEnabled(DWORD level) const noexcept = 0;
 
-    // The threshold and the option word may be changed at any time, by any thread.
+    // Threshold, option word and rotation may be changed at any time, by any thread.
     virtual void SetThreshold(DWORD level) noexcept = 0;
     [[nodiscard]] virtual DWORD GetThreshold() const noexcept = 0;
     virtual void SetOptions(DWORD options) noexcept = 0; ///< LogOption bits.
@@ -102,6 +104,10 @@ public:
         const wchar_t* function,
         DWORD line,
         const wchar_t* message) noexcept = 0;
+
+    /// Has the logger close the gate, from its start on, for the levels that nobody wants at the time.
+    /// @param gate borrowed: outlives the logger, which leaves it open.
+    virtual void SetLevelGate(CLevelGate* gate) noexcept = 0;
 };
 
 } // namespace ETWLogging

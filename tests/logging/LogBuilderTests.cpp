@@ -60,7 +60,7 @@ TEST(DefaultLogBuilder, ChoosesTheLoggerByTheMechanism)
     for (const auto& [how, value, override, config, toFile] : table)
     {
         SCOPED_TRACE(testing::Message() << how << value << override);
-        const StoredValue stored(how, kMechanismValue, value);
+        const StoredValue stored(how, kMechanismSetting.name, value);
         std::unique_ptr<CLoggingIf> logger;
 
         ASSERT_TRUE(DefaultLogBuilder().Build(L"A:B", 0, nullptr, override, logger, config));
@@ -85,16 +85,16 @@ TEST(LogSettings, OnlyUsableValuesReplaceTheDefaults)
 {
     // What the registry holds; the threshold and the options that come of it.
     const std::tuple<char, Text, DWORD, DWORD, DWORD> table[] = {
-        {'a', kLevelValue, 5, 3, 0x10},
-        {'s', kLevelValue, 1, 1, 0x10},
-        {'s', kLevelValue, 6, 6, 0x10},
-        {'s', kLevelValue, 0, 3, 0x10},
-        {'s', kLevelValue, 7, 3, 0x10},
-        {'p', kLevelValue, 5, 3, 0x10},
-        {'s', kOptionsValue, 0, 3, 0},
-        {'s', kOptionsValue, 0x3C, 3, 0x3C},
-        {'s', kOptionsValue, 0x3D, 3, 0x10},
-        {'d', kOptionsValue, 0x3C, 3, 0x10}};
+        {'a', kLevelSetting.name, 5, 3, 0x10},
+        {'s', kLevelSetting.name, 1, 1, 0x10},
+        {'s', kLevelSetting.name, 6, 6, 0x10},
+        {'s', kLevelSetting.name, 0, 3, 0x10},
+        {'s', kLevelSetting.name, 7, 3, 0x10},
+        {'p', kLevelSetting.name, 5, 3, 0x10},
+        {'s', kOptionsSetting.name, 0, 3, 0},
+        {'s', kOptionsSetting.name, 0x3C, 3, 0x3C},
+        {'s', kOptionsSetting.name, 0x3D, 3, 0x10},
+        {'d', kOptionsSetting.name, 0x3C, 3, 0x10}};
     for (const auto& [how, name, number, threshold, options] : table)
     {
         SCOPED_TRACE(number);
@@ -120,7 +120,7 @@ TEST(LogSettings, OnlyUsableValuesReplaceTheDefaults)
     ASSERT_EQ(settings.Open(HKEY_LOCAL_MACHINE, kLogSettingsKey, KEY_WRITE), 0u);
     for (const auto& [configured, folder] : folders)
     {
-        ASSERT_EQ(settings.WriteString(kFolderValue, configured), 0u);
+        ASSERT_EQ(settings.WriteString(kFolderSetting.name, configured), 0u);
         CLogging logger;
         ASSERT_EQ(logger.Initialize(L"GROUP", 0, nullptr, 0), 0u);
         EXPECT_EQ(logger.GetFolder(), std::wstring(folder));

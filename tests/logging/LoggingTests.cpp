@@ -323,8 +323,8 @@ TEST_F(FileLoggerTest, TheFirstLogCallDecidesTheBridgeFollowsAndTheProcessEndsWh
     const CTestKey key(HKEY_LOCAL_MACHINE, kLogSettingsKey);
     Basalt::CObfuscatedRegKey settings;
     EXPECT_EQ(settings.Open(HKEY_LOCAL_MACHINE, kLogSettingsKey, KEY_WRITE), 0u);
-    EXPECT_EQ(settings.WriteDword(kMechanismValue, kFileMechanism), 0u);
-    EXPECT_EQ(settings.WriteString(kFolderValue, m_folder.Path()), 0u);
+    EXPECT_EQ(settings.WriteDword(kMechanismSetting.name, kFileMechanism), 0u);
+    EXPECT_EQ(settings.WriteString(kFolderSetting.name, m_folder.Path()), 0u);
     EXPECT_EQ(Probe(L"identity"), 0u);
 
     const std::vector<std::wstring> lines = ReadLines(m_folder.File(L"_no_group.log"));

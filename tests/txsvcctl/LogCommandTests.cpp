@@ -94,16 +94,16 @@ TEST_F(LogCommandTest, UnusableValuesAreShownAsSuchWithTheDefaultThatApplies)
 {
     Basalt::CObfuscatedRegKey key;
     ASSERT_EQ(key.Create(HKEY_LOCAL_MACHINE, kLogPath.c_str(), KEY_ALL_ACCESS), DWORD{0});
-    ASSERT_EQ(key.WriteDword(ETWLogging::kMechanismValue, 7), DWORD{0});
-    ASSERT_EQ(key.WriteString(ETWLogging::kOptionsValue, L"a number is wanted"), DWORD{0});
-    Write(kLogPath, ETWLogging::kFolderValue, L"C:\\plain");
+    ASSERT_EQ(key.WriteDword(ETWLogging::kMechanismSetting.name, 7), DWORD{0});
+    ASSERT_EQ(key.WriteString(ETWLogging::kOptionsSetting.name, L"a number is wanted"), DWORD{0});
+    Write(kLogPath, ETWLogging::kFolderSetting.name, L"C:\\plain");
 
     const json first = GetAsJson();
-    ASSERT_EQ(key.WriteDword(ETWLogging::kLevelValue, 4), DWORD{0});
-    ASSERT_EQ(key.WriteDword(ETWLogging::kOptionsValue, 0x1000), DWORD{0});
-    ASSERT_EQ(key.WriteString(ETWLogging::kFolderValue, L"relative"), DWORD{0});
+    ASSERT_EQ(key.WriteDword(ETWLogging::kLevelSetting.name, 4), DWORD{0});
+    ASSERT_EQ(key.WriteDword(ETWLogging::kOptionsSetting.name, 0x1000), DWORD{0});
+    ASSERT_EQ(key.WriteString(ETWLogging::kFolderSetting.name, L"relative"), DWORD{0});
     const BYTE cut[] = {'T', 'X', 'O', '1'};
-    ASSERT_EQ(::RegSetValueExW(key.Get(), ETWLogging::kMechanismValue, 0, REG_BINARY, cut, sizeof(cut)), 0);
+    ASSERT_EQ(::RegSetValueExW(key.Get(), ETWLogging::kMechanismSetting.name, 0, REG_BINARY, cut, sizeof(cut)), 0);
     const json second = GetAsJson();
 
     const auto setting = [](const char* value, const char* state) {

@@ -133,19 +133,19 @@ struct NumberSetting
 };
 constexpr NumberSetting kNumberSettings[] = {
     {L"mechanism",
-     ETWLogging::kMechanismValue,
+     ETWLogging::kMechanismSetting.name,
      L"file or events",
      kEventsMechanism,
      &ParseMechanism,
      &FormatMechanism},
     {L"level",
-     ETWLogging::kLevelValue,
+     ETWLogging::kLevelSetting.name,
      L"a number from 1 to 6",
      ETWLogging::kDefaultThreshold,
      &ParseLevel,
      &FormatLevel},
     {L"fields",
-     ETWLogging::kOptionsValue,
+     ETWLogging::kOptionsSetting.name,
      L"some of tag, process, source and function, joined by commas, or all or none",
      ETWLogging::kDefaultOptions,
      &ParseFields,
@@ -243,7 +243,7 @@ LogSettingReport GetFolder(const CObfuscatedRegKey& key)
 {
     LogSettingReport report{kFolderName, kDefaultFolder, {}};
     std::wstring folder;
-    const wchar_t* const valueName = ETWLogging::kFolderValue;
+    const wchar_t* const valueName = ETWLogging::kFolderSetting.name;
     const DWORD status = key ? key.ReadString(valueName, folder) : DWORD{ERROR_FILE_NOT_FOUND};
     report.state = StateOf(key, valueName, status);
     if (report.state == LogValueState::Set)
@@ -318,7 +318,7 @@ void CLogStore::Set(const std::wstring& name, const std::wstring& value) const
         L"open registry key",
         kSettingsPath);
     const NumberSetting* const setting = FindNumberSetting(name);
-    const wchar_t* const valueName = setting == nullptr ? ETWLogging::kFolderValue : setting->valueName;
+    const wchar_t* const valueName = setting == nullptr ? ETWLogging::kFolderSetting.name : setting->valueName;
     const DWORD status = setting == nullptr ? key.WriteString(valueName, FolderFrom(value))
                                             : key.WriteDword(valueName, NumberFrom(*setting, value));
     CheckStatus(status, L"write registry value", kSettingsPath + L"\\" + valueName);
