@@ -5,6 +5,34 @@
 namespace Basalt
 {
 
+namespace
+{
+
+void AppendFormatV(std::wstring& text, const wchar_t* format, va_list arguments)
+{
+    va_list measured; // NOLINT(cppcoreguidelines-init-variables): va_copy does.
+    va_copy(measured, arguments);
+    const int length = ::_vscwprintf(format, measured);
+    va_end(measured);
+    if (length <= 0)
+    {
+        return;
+    }
+    const std::size_t start = text.size();
+    text.resize(start + static_cast<std::size_t>(length));
+    // The underscore form: the standard one reads "%s" as a narrow string with this C++ library.
+    ::_vsnwprintf(&text[start], static_cast<std::size_t>(length), format, arguments);
+}
+
+} // namespace
+
+std::wstring FormatTextV(const wchar_t* format, va_list arguments)
+{
+    std::wstring text;
+    AppendFormatV(text, format, arguments);
+    return text;
+}
+
 std::wstring FormatText(const wchar_t* format, ...)
 {
     va_list arguments; // NOLINT(cppcoreguidelines-init-variables): va_start does.
@@ -14,20 +42,12 @@ std::wstring FormatText(const wchar_t* format, ...)
     return text;
 }
 
-std::wstring FormatTextV(const wchar_t* format, va_list arguments)
+void AppendFormat(std::wstring& text, const wchar_t* format, ...)
 {
-    va_list measured; // NOLINT(cppcoreguidelines-init-variables): va_copy does.
-    va_copy(measured, arguments);
-    const int length = ::_vscwprintf(format, measured);
-    va_end(measured);
-    if (length <= 0)
-    {
-        return {};
-    }
-    // The underscore form: the standard one reads "%s" as a narrow string with this C++ library.
-    std::wstring text(static_cast<std::size_t>(length), L'\0');
-    ::_vsnwprintf(text.data(), text.size(), format, arguments);
-    return text;
+    va_list arguments; // NOLINT(cppcoreguidelines-init-variables): va_start does.
+    va_start(arguments, format);
+    AppendFormatV(text, format, arguments);
+    va_end(arguments);
 }
 
 std::wstring SystemMessage(DWORD error)

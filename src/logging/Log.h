@@ -19,10 +19,13 @@
 /// "%s" takes a wide string or a std::wstring. A format that does not fit its arguments does not compile.
 /// Logging never fails its caller: without a logger the call does nothing.
 
-/// Logs with the file's kLogSource and the current line. Evaluates its arguments also when nobody listens:
-/// ask LogIsEnabled first where they are costly.
+/// Logs with the file's kLogSource and the current line. Arguments are not evaluated for a level that
+/// nobody is known to want; the text file wants all: ask LogIsEnabled first where they are costly.
 #define TX_LOG(level, function, ...)                                                                         \
-    static_cast<void>(::ETWLogging::LogWrite((level), kLogSource, (function), __LINE__, __VA_ARGS__))
+    (::ETWLogging::Detail::g_levelGate.IsClosed(level)                                                       \
+         ? static_cast<void>(0)                                                                              \
+         : static_cast<void>(                                                                                \
+               ::ETWLogging::LogWrite((level), kLogSource, (function), __LINE__, __VA_ARGS__)))
 
 namespace ETWLogging
 {
@@ -186,10 +189,6 @@ DWORD LogWrite(
     Detail::CFormat<std::type_identity_t<Arguments>...> format,
     const Arguments&... arguments) noexcept
 {
-    if (Detail::g_levelGate.IsClosed(level))
-    {
-        return ERROR_SUCCESS;
-    }
     return LogWriteUnchecked(level, file, function, line, format.Text(), Detail::Pass(arguments)...);
 }
 

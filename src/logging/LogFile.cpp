@@ -120,54 +120,88 @@ DWORD CLogFile::openFile(COpened& file) const noexcept
         OPEN_ALWAYS,
         FILE_ATTRIBUTE_NORMAL,
         nullptr));
-    BY_HANDLE_FILE_INFORMATION information{};
-    if (!file.m_file || !::GetFileInformationByHandle(file.m_file.Get(), &information))
+    LARGE_INTEGER size{};
+    if (!file.m_file || !::GetFileSizeEx(file.m_file.Get(), &size))
     {
         return ::GetLastError();
     }
-    file.m_index = ULONGLONG{information.nFileIndexHigh} << 32 | information.nFileIndexLow;
-    file.m_size = ULONGLONG{information.nFileSizeHigh} << 32 | information.nFileSizeLow;
+    file.m_size = static_cast<ULONGLONG>(size.QuadPart);
     return ERROR_SUCCESS;
 }
 
+/// Asks which file it is only when others have written: that costs far more than the size.
 void CLogFile::countOthers(const COpened& file)
 {
-    if (file.m_index != m_index || file.m_size < m_counted)
+    if (file.m_size == m_counted)
     {
-        m_index = file.m_index; // Another file, or emptied: it is counted from its start.
+        return;
+    }
+    BY_HANDLE_FILE_INFORMATION information{};
+    ::GetFileInformationByHandle(file.m_file.Get(), &information);
+    const ULONGLONG index = ULONGLONG{information.nFileIndexHigh} << 32 | information.nFileIndexLow;
+    if (index != m_index || file.m_size < m_counted)
+    {
+        m_index = index; // Another file, or emptied: it is counted from its start.
         m_counted = 0;
         m_entries = 0;
     }
-    if (file.m_size != m_counted)
-    {
-        m_entries += LineFeedsBetween(file.m_file.Get(), m_counted, file.m_size);
-        m_counted = file.m_size;
-    }
+    m_entries += LineFeedsBetween(file.m_file.Get(), m_counted, file.m_size);
+    m_counted = file.m_size;
 }
 
-DWORD CLogFile::Write(COpened& file, const std::wstring& line)
+DWORD CLogFile::Write(COpened& file, std::wstring line)
 {
-    const std::wstring text = file.m_size == 0 ? kByteOrderMark + line : line;
-    const auto size = static_cast<DWORD>(text.size() * sizeof(wchar_t));
-    DWORD written = 0;
-    if (!::WriteFile(file.m_file.Get(), text.data(), size, &written, nullptr))
+    const DWORD lineFeeds = LineFeedsIn(line.data(), line.size());
+    if (file.m_size == 0)
     {
-        return ::GetLastError();
+        line.insert(line.begin(), kByteOrderMark);
     }
-    LARGE_INTEGER end{};
-    if (!file.m_alone || !::GetFileSizeEx(file.m_file.Get(), &end))
+    const auto size = static_cast<DWORD>(line.size() * sizeof(wchar_t));
+    DWORD written = 0;
+    DWORD status = ERROR_SUCCESS;
+    if (!::WriteFile(file.m_file.Get(), line.data(), size, &written, nullptr))
     {
-        return ERROR_SUCCESS;
+        status = ::GetLastError();
+    }
+    else if (written != size)
+    {
+        status = ERROR_DISK_FULL;
+    }
+    if (!file.m_alone)
+    {
+        return status;
+    }
+    if (status != ERROR_SUCCESS)
+    {
+        cutBack(file.m_size);
+        return status;
     }
     const Basalt::CLockGuard guard(m_lock);
-    // A writer that did not get the mutex may have been faster. Then both lines are left to the next count.
-    if (m_index == file.m_index && m_counted == file.m_size &&
-        static_cast<ULONGLONG>(end.QuadPart) == file.m_size + size)
+    if (m_counted == file.m_size)
     {
-        m_entries += LineFeedsIn(line.data(), line.size());
+        // A writer that did not get the mutex may have come between: the next count then sees another size.
+        m_entries += lineFeeds;
         m_counted += size;
     }
     return ERROR_SUCCESS;
+}
+
+void CLogFile::cutBack(ULONGLONG size) const noexcept
+{
+    const Basalt::CFile file(::CreateFileW(
+        m_path.c_str(),
+        GENERIC_WRITE,
+        FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+        nullptr,
+        OPEN_EXISTING,
+        FILE_ATTRIBUTE_NORMAL,
+        nullptr));
+    LARGE_INTEGER end{};
+    end.QuadPart = static_cast<LONGLONG>(size);
+    if (file && ::SetFilePointerEx(file.Get(), end, nullptr, FILE_BEGIN))
+    {
+        ::SetEndOfFile(file.Get());
+    }
 }
 
 void CLogFile::rotate() const

@@ -21,8 +21,9 @@ namespace ETWLogging
 ///
 /// A file that holds its number of entries (line feeds) is renamed from NAME.log to NAME.1.log, NAME.1.log
 /// before that to NAME.2.log and so on, and a new one is begun. As many processes write, each keeps the count
-/// together with the size that the file then had, and counts only what others have added since. No line is
-/// ever dropped: where a rename fails because somebody reads the file, the file just grows.
+/// together with the size that the file then had; only a file of another size is looked at, and only what
+/// others have added is counted. No line is ever dropped: where a rename fails because somebody reads the
+/// file, the file just grows.
 ///
 /// Threads: any, once the path is set. Only one that has the file's mutex may count and rotate.
 class CLogFile
@@ -33,8 +34,7 @@ public:
     {
         friend class CLogFile;
         Basalt::CFile m_file;
-        ULONGLONG m_index = 0; ///< Which file it is, whatever its name is by now.
-        ULONGLONG m_size = 0;  ///< In bytes, when it was opened.
+        ULONGLONG m_size = 0; ///< In bytes, when it was opened.
         bool m_alone = false;
     };
 
@@ -55,14 +55,16 @@ public:
     /// @throws std::bad_alloc
     [[nodiscard]] DWORD Open(bool alone, COpened& file) TX_EXCLUDES(m_lock);
 
-    /// Appends the line, at the start of a file with a byte order mark before it, and counts it.
+    /// Appends the line, at the start of a file with a byte order mark before it, and counts it. Of a line
+    /// for which the disk has no room nothing stays.
     /// @return 0 or the Win32 error.
     /// @throws std::bad_alloc
-    [[nodiscard]] DWORD Write(COpened& file, const std::wstring& line) TX_EXCLUDES(m_lock);
+    [[nodiscard]] DWORD Write(COpened& file, std::wstring line) TX_EXCLUDES(m_lock);
 
 private:
     [[nodiscard]] DWORD openFile(COpened& file) const noexcept;
     void countOthers(const COpened& file) TX_REQUIRES(m_lock);
+    void cutBack(ULONGLONG size) const noexcept;
     void rotate() const;
     [[nodiscard]] std::wstring oldPath(DWORD number) const;
 
@@ -73,7 +75,7 @@ private:
     Basalt::CLock m_lock; ///< For the threads of this process while the mutex is switched off.
     DWORD m_entries TX_GUARDED_BY(m_lock) = 0; ///< In the first m_counted bytes of file m_index.
     ULONGLONG m_counted TX_GUARDED_BY(m_lock) = 0;
-    ULONGLONG m_index TX_GUARDED_BY(m_lock) = 0;
+    ULONGLONG m_index TX_GUARDED_BY(m_lock) = 0; ///< Which file it is, whatever its name is by now.
 };
 
 } // namespace ETWLogging

@@ -39,18 +39,19 @@ bool IsEmpty(const wchar_t* text) noexcept
 
 const wchar_t* BaseName(const wchar_t* path) noexcept
 {
-    const wchar_t* const backslash = std::wcsrchr(path, L'\\');
+    const wchar_t* const backslash = path == nullptr ? nullptr : std::wcsrchr(path, L'\\');
     return backslash == nullptr ? path : backslash + 1;
 }
 
 /// Local time on a 12-hour clock, then the level.
-std::wstring LineHead(const wchar_t* levelName)
+void AppendHead(std::wstring& text, const wchar_t* levelName)
 {
     constexpr int kNoon = 12;
     SYSTEMTIME now{};
     ::GetLocalTime(&now);
     const int hour = now.wHour % kNoon;
-    return Basalt::FormatText(
+    Basalt::AppendFormat(
+        text,
         L"%02hu/%02hu/%hu %02hu:%02hu:%02hu %s$ -- (%s)$",
         now.wMonth,
         now.wDay,
@@ -78,27 +79,25 @@ DWORD BuildLogLine(
     {
         return ERROR_INVALID_PARAMETER;
     }
-    std::wstring built = LineHead(levelName);
+    constexpr std::size_t kFieldsAtMost = 256;
+    std::wstring built;
+    built.reserve(kFieldsAtMost + std::wcslen(message));
+    AppendHead(built, levelName);
     // A field that is wanted but has no value leaves its blank: readers count fields.
-    const auto append = [&built, &fields](DWORD option, bool present, auto&& format) {
+    const auto append = [&built, &fields](DWORD option, bool present, const wchar_t* format, auto... values) {
         if ((fields.options & option) != 0)
         {
             built += L' ';
             if (present)
             {
-                built += format();
+                Basalt::AppendFormat(built, format, values...);
             }
         }
     };
-    append(LogOptionTag, !IsEmpty(fields.tag), [&] { return Basalt::FormatText(L"[%15.15s]$", fields.tag); });
-    append(LogOptionProcess, true, [&] {
-        return Basalt::FormatText(L"[PID:%5d TID:%5d]$", fields.processId, ::GetCurrentThreadId());
-    });
-    append(LogOptionSource, !IsEmpty(file), [&] {
-        return Basalt::FormatText(L"[%20.20s:%5d]$", BaseName(file), line);
-    });
-    append(
-        LogOptionFunction, !IsEmpty(function), [&] { return Basalt::FormatText(L"[%40.40s()]$", function); });
+    append(LogOptionTag, !IsEmpty(fields.tag), L"[%15.15s]$", fields.tag);
+    append(LogOptionProcess, true, L"[PID:%5d TID:%5d]$", fields.processId, ::GetCurrentThreadId());
+    append(LogOptionSource, !IsEmpty(file), L"[%20.20s:%5d]$", BaseName(file), line);
+    append(LogOptionFunction, !IsEmpty(function), L"[%40.40s()]$", function);
     built += L' ';
     built += message;
     if (built.back() != L'\n')

@@ -4,6 +4,7 @@
 #include <cwchar>
 #include <exception>
 #include <string>
+#include <utility>
 
 #include "base/Text.h"
 #include "logging/LogLine.h"
@@ -142,6 +143,10 @@ DWORD CLogging::writeLine(
 {
     CLogFile::COpened opened;
     DWORD status = m_file.Open(alone, opened);
+    if (status == ERROR_PATH_NOT_FOUND && EnsureLogFolder(m_folder))
+    {
+        status = m_file.Open(alone, opened); // Somebody had removed the folder.
+    }
     if (status != ERROR_SUCCESS)
     {
         return status;
@@ -149,7 +154,7 @@ DWORD CLogging::writeLine(
     const LogLineFields fields{m_options, m_tag.c_str(), m_processId};
     std::wstring text;
     status = BuildLogLine(fields, file, function, line, level, message, text);
-    return status == ERROR_SUCCESS ? m_file.Write(opened, text) : status;
+    return status == ERROR_SUCCESS ? m_file.Write(opened, std::move(text)) : status;
 }
 
 bool CLogging::firstUseGate(CLogging& logger)
