@@ -118,7 +118,11 @@ TEST_F(EtwTest, TheSessionChoosesTheLevels)
         {true, 1, 1U << 3, 3, true, true},  // Information reaches every session.
         {true, 1, 1U << 3, 33, true, true}, // No flag stands for it.
     };
+    CLevelGate gate;
+    m_logger.SetLevelGate(&gate);
+    EXPECT_FALSE(gate.IsClosed(1)); // Start is still to come, and may fail.
     ASSERT_EQ(m_logger.Start(), 0u);
+    EXPECT_TRUE(gate.IsClosed(4)) << "nobody listens yet";
     m_logger.SetThreshold(4);
     for (const auto& [session, sessionLevel, flags, level, enabled, written] : table)
     {
@@ -132,7 +136,10 @@ TEST_F(EtwTest, TheSessionChoosesTheLevels)
         EXPECT_EQ(m_logger.IsLevelEnabled(level) != 0, enabled);
         EXPECT_EQ(m_logger.Log(L"", L"", 1, level, L"text"), 0u);
         EXPECT_EQ(s_provider.events.size(), written ? 1u : 0u);
+        EXPECT_EQ(gate.IsClosed(level), level < CLevelGate::kLevels && !(enabled && written));
     }
+    EXPECT_EQ(m_logger.Stop(), 0u);
+    EXPECT_FALSE(gate.IsClosed(4));
 }
 
 TEST_F(EtwTest, RegistersOnceAndUnregistersWhatItRegistered)

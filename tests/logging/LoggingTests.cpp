@@ -291,6 +291,39 @@ TEST_F(FileLoggerTest, EachFileHasItsMutexHoweverItsPathIsSpelt)
     EXPECT_FALSE(Exists(m_folder.File(L"2\\shared.1.log")));
 }
 
+BOOL WINAPI DiskIsFull(HANDLE file, LPCVOID data, DWORD, LPDWORD written, LPOVERLAPPED)
+{
+    constexpr DWORD kRoom = 10;
+    RealFunction<decltype(::WriteFile)>("WriteFile")(file, data, kRoom, written, nullptr);
+    ::SetLastError(ERROR_DISK_FULL);
+    return FALSE;
+}
+
+TEST_F(FileLoggerTest, GoesOnWhenWhatKeptItFromWritingIsGone)
+{
+    const auto logger = Make(100, 1);
+    Write(*logger, 2);
+    {
+        const CImportPatch full("WriteFile", &DiskIsFull);
+        EXPECT_EQ(Log(*logger, L"lost"), DWORD{ERROR_DISK_FULL});
+    }
+    Write(*logger, 1);
+    EXPECT_EQ(LineCounts(), Counts{3}) << "nothing stays of a line that did not fit";
+
+    {
+        // As good as a file that is read-only, which means nothing to an administrator of Wine.
+        const Basalt::CFile held(::CreateFileW(
+            File(0).c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
+        EXPECT_EQ(Log(*logger, L"lost"), DWORD{ERROR_SHARING_VIOLATION});
+    }
+    Write(*logger, 1);
+    EXPECT_EQ(LineCounts(), Counts{4});
+
+    std::filesystem::remove_all(m_folder.Path());
+    Write(*logger, 1);
+    EXPECT_EQ(LineCounts(), Counts{1}) << "the folder is made again";
+}
+
 TEST_F(FileLoggerTest, ManyProcessesLoseAndTearNoLine)
 {
     constexpr std::size_t kEach = 100;
