@@ -5,8 +5,10 @@
 #include "CtlTest.h"
 #include "base/ObfuscatedRegKey.h"
 #include "control/RegistryLink.h"
+#include "logging/LogProperties.h"
 #include "logging/LogSettings.h"
 #include "support/Narrow.h"
+#include "support/TestFolder.h"
 
 using nlohmann::json;
 
@@ -15,16 +17,7 @@ namespace
 
 const std::wstring kLogPath = std::wstring(kProductKey32) + L"\\Logging";
 
-class LogCommandTest : public CtlTest
-{
-protected:
-    static json GetAsJson()
-    {
-        const CtlResult result = Run({L"log", L"get", L"--json"});
-        EXPECT_EQ(result.exitCode, 0) << Narrow(result.error);
-        return json::parse(Narrow(result.out));
-    }
-};
+using LogCommandTest = CtlTest;
 
 TEST_F(LogCommandTest, WhatIsSetIsWhatTheLoggerReadsAndGetShows)
 {
@@ -43,6 +36,12 @@ TEST_F(LogCommandTest, WhatIsSetIsWhatTheLoggerReadsAndGetShows)
         {L"Fields", L"function,Process", L"process,function"},
         {L"folder", L"d:/logs/../x y", L"d:\\x y"},
         {L"folder", L"\\\\server\\share\\\u00e4", L"\\\\server\\share\\\u00e4"},
+        {L"entries", L"0", L"0"},
+        {L"old-files", L"99", L"99"},
+        {L"mutex", L"off", L"off"},
+        {L"tag", L"Host one", L"Host one"},
+        {L"file", L"host.log", L"host.log"},
+        {L"controller:WSS", L"c:\\x\\c.dll", L"c:\\x\\c.dll"},
     };
     for (const auto& row : table)
     {
@@ -50,16 +49,42 @@ TEST_F(LogCommandTest, WhatIsSetIsWhatTheLoggerReadsAndGetShows)
         const CtlResult set = Run({L"log", L"set", row.name, row.value});
         const CtlResult get = Run({L"log", L"get", row.name});
         EXPECT_EQ(set.exitCode, 0) << Narrow(set.error);
-        EXPECT_EQ(get.out.substr(11), std::wstring(row.shown) + L"\n") << Narrow(get.out);
+        EXPECT_EQ(get.out.substr(16), std::wstring(row.shown) + L" (registry)\n") << Narrow(get.out);
     }
     const ETWLogging::LogSettings settings = ETWLogging::ReadLogSettings(); // Through the link.
-    EXPECT_EQ(ETWLogging::ReadLogMechanism(), ETWLogging::kFileMechanism);
+    EXPECT_EQ(settings.mechanism, ETWLogging::kFileMechanism);
     EXPECT_EQ(settings.threshold, DWORD{6});
     EXPECT_EQ(settings.options, DWORD{ETWLogging::LogOptionProcess | ETWLogging::LogOptionFunction});
     EXPECT_EQ(settings.folder, L"\\\\server\\share\\\u00e4");
+    EXPECT_EQ(settings.entriesPerFile + settings.oldFiles, DWORD{99});
+    EXPECT_FALSE(settings.useMutex);
+    EXPECT_EQ(settings.tag + settings.fileName, L"Host onehost.log");
+    std::wstring controller;
+    EXPECT_TRUE(ETWLogging::LogProperties().GetControllerPath(L"WSS", controller));
+    EXPECT_EQ(controller, L"c:\\x\\c.dll");
 
     EXPECT_EQ(Run({L"log", L"set", L"mechanism", L"events"}).exitCode, 0);
     EXPECT_EQ(ETWLogging::ReadLogMechanism(), DWORD{2});
+    EXPECT_NE(Run({L"log", L"unset", L"Level"}).out.find(L"is now 3"), std::wstring::npos);
+    EXPECT_NE(Run({L"log", L"unset", L"level"}).out.find(L"was not set"), std::wstring::npos);
+}
+
+TEST_F(LogCommandTest, WhatLogIniSaysComesFirstAndIsSaid)
+{
+    const CTestFolder folder;
+    const std::wstring ini = folder.File(L"log.ini");
+    ASSERT_TRUE(::WritePrivateProfileStringW(L"Logging", L"Logging Level", L"5", ini.c_str()));
+    ASSERT_TRUE(::WritePrivateProfileStringW(L"Logging", L"Logging Mutex", L"2", ini.c_str()));
+
+    const CtlResult set = Run({L"log", L"set", L"level", L"2", L"--ini", ini});
+
+    EXPECT_NE(set.out.find(L"log.ini, which comes first, says level is 5"), std::wstring::npos);
+    EXPECT_EQ(ETWLogging::ReadLogSettings().threshold, DWORD{2});
+    const json got = json::parse(Narrow(Run({L"log", L"get", L"--json", L"--ini", ini}).out));
+    EXPECT_EQ(got["level"], json({{"value", "5"}, {"origin", "log.ini"}}));
+    EXPECT_EQ(
+        got["mutex"],
+        json({{"value", "on"}, {"origin", "default"}, {"unusable", "Logging Mutex (log.ini)"}}));
 }
 
 TEST_F(LogCommandTest, WrongSettingsAreUsageErrorsAndStoreNothing)
@@ -79,6 +104,14 @@ TEST_F(LogCommandTest, WrongSettingsAreUsageErrorsAndStoreNothing)
         {L"folder", L"\\logs"},
         {L"folder", L"C:logs"},
         {L"folder", L"C:\\a?b"},
+        {L"entries", L"-1"},
+        {L"entries", L"100000001"},
+        {L"old-files", L"100"},
+        {L"mutex", L"1"},
+        {L"tag", L"a$b"},
+        {L"file", L"a\\b.log"},
+        {L"controller:WSS", L"c.dll"},
+        {L"controller:", L"C:\\c.dll"},
         {L"threshold", L"1"},
     };
     for (const std::vector<std::wstring>& row : table)
@@ -98,26 +131,19 @@ TEST_F(LogCommandTest, UnusableValuesAreShownAsSuchWithTheDefaultThatApplies)
     ASSERT_EQ(key.WriteString(ETWLogging::kOptionsSetting.name, L"a number is wanted"), DWORD{0});
     Write(kLogPath, ETWLogging::kFolderSetting.name, L"C:\\plain");
 
-    const json first = GetAsJson();
-    ASSERT_EQ(key.WriteDword(ETWLogging::kLevelSetting.name, 4), DWORD{0});
-    ASSERT_EQ(key.WriteDword(ETWLogging::kOptionsSetting.name, 0x1000), DWORD{0});
-    ASSERT_EQ(key.WriteString(ETWLogging::kFolderSetting.name, L"relative"), DWORD{0});
-    const BYTE cut[] = {'T', 'X', 'O', '1'};
-    ASSERT_EQ(::RegSetValueExW(key.Get(), ETWLogging::kMechanismSetting.name, 0, REG_BINARY, cut, sizeof(cut)), 0);
-    const json second = GetAsJson();
+    const CtlResult result = Run({L"log", L"get", L"--json"});
+    ASSERT_EQ(result.exitCode, 0) << Narrow(result.error);
+    const json got = json::parse(Narrow(result.out));
 
-    const auto setting = [](const char* value, const char* state) {
-        return json({{"value", value}, {"state", state}});
-    };
-    EXPECT_EQ(first["mechanism"], setting("events", "invalid"));
-    EXPECT_EQ(first["level"], setting("3", "missing"));
-    EXPECT_EQ(first["fields"], setting("tag", "damaged"));
-    EXPECT_EQ(first["folder"], setting("%ProgramData%\\Tarvex\\Log", "plain"));
-    EXPECT_EQ(second["mechanism"], setting("events", "damaged"));
-    EXPECT_EQ(second["level"], setting("4", "set"));
-    EXPECT_EQ(second["fields"], setting("tag", "invalid"));
-    EXPECT_EQ(second["folder"], setting("%ProgramData%\\Tarvex\\Log", "invalid"));
-    EXPECT_NE(Run({L"log", L"get"}).out.find(L"damaged"), std::wstring::npos);
+    const json bad = {{"value", "tag"}, {"origin", "default"}, {"unusable", "Logging Options (registry)"}};
+    EXPECT_EQ(got["mechanism"], json({{"value", "events"}, {"origin", "registry"}}));
+    EXPECT_EQ(got["fields"], bad);
+    EXPECT_EQ(got["folder"]["unusable"], "Logging Folder (registry)");
+    EXPECT_EQ(got["folder"]["value"], "%ProgramData%\\Tarvex\\Log");
+    EXPECT_EQ(got["controller:WSS"], json({{"value", "(searched for)"}, {"origin", "default"}}));
+    EXPECT_NE(
+        Run({L"log", L"get"}).out.find(L"tag (default; cannot be used: Logging Options (registry))"),
+        std::wstring::npos);
 }
 
 } // namespace

@@ -57,7 +57,7 @@ TEST_F(ValidationTest, WrongCommandLinesAreRefusedWithTheirReasonAndChangeNothin
         {"names and group", {L"start", service, L"--group", group}, 2, L"--group"},
         {"neither", {L"stop"}, 2, L"--group"},
         {"timeout", {L"stop", service, L"--timeout", L"0"}, 2, L"--timeout"},
-        {"log without command", {L"log"}, 2, L"set or get"},
+        {"log without command", {L"log"}, 2, L"set, unset, get"},
         {"unknown log command", {L"log", L"gte"}, 2, L"gte"},
         {"group without services", {L"start", L"--group", L"none"}, 1, L"'none'"},
         {"unknown group", {L"list", L"none"}, 1, L"'none'"},

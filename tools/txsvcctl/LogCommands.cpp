@@ -12,6 +12,7 @@
 #include "txsvcctl/Utf8.h"
 #include "txsvcctl/ViewLink.h"
 
+using ETWLogging::LogSettingOrigin;
 using nlohmann::ordered_json;
 
 namespace TxCtl
@@ -25,59 +26,85 @@ struct Arguments
 {
     std::optional<std::string> name;
     std::string value;
+    std::optional<std::string> ini;
     bool replaceKey = false;
     bool json = false;
+
+    [[nodiscard]] CLogStore Store() const { return ini ? CLogStore(FromUtf8(*ini)) : CLogStore(); }
 };
 
-void SetLogSetting(const std::wstring& name, const std::wstring& value, bool replaceKey, IConsole& console)
+/// What hosts will find now, and when they look.
+void ReportChange(const CLogStore& store, const std::wstring& name, IConsole& console)
 {
-    const CLogStore store;
+    const LogSettingReport report = store.Get(name);
+    if (report.origin == LogSettingOrigin::IniFile)
+    {
+        console.Out(
+            L"The registry is changed, but log.ini, which comes first, says " + name + L" is " +
+            report.value + L".");
+        return;
+    }
+    console.Out(
+        name + L" is now " + report.value +
+        (CLogStore::TakesEffectAtOnce(name) ? L"; running hosts take it up."
+                                            : L"; hosts read it when they start."));
+}
+
+void SetLogSetting(const Arguments& arguments, IConsole& console)
+{
+    const CLogStore store = arguments.Store();
+    const std::wstring name = FromUtf8(*arguments.name);
+    const std::wstring value = FromUtf8(arguments.value);
     store.Check(name, value); // First of all: a mistyped command must not replace a key.
-    EnsureViewLink(replaceKey, console);
+    EnsureViewLink(arguments.replaceKey, console);
     store.Set(name, value);
-    console.Out(name + L" is now " + store.Get(name).value + L"; hosts read it when they start.");
+    ReportChange(store, name, console);
+}
+
+void UnsetLogSetting(const Arguments& arguments, IConsole& console)
+{
+    const CLogStore store = arguments.Store();
+    const std::wstring name = FromUtf8(*arguments.name);
+    if (!store.Unset(name))
+    {
+        console.Out(name + L" was not set in the registry.");
+        return;
+    }
+    ReportChange(store, name, console);
 }
 
 std::wstring FormatSetting(const LogSettingReport& report)
 {
-    constexpr std::size_t kNameColumns = 11;
+    constexpr std::size_t kNameColumns = 16;
     std::wstring line = report.name;
     line.resize(kNameColumns, L' ');
-    line += report.value;
-    switch (report.state)
+    line += report.value + L" (" + OriginName(report.origin);
+    if (!report.unusable.empty())
     {
-    case LogValueState::Set:
-        break;
-    case LogValueState::Missing:
-        line += L" (default: not set)";
-        break;
-    case LogValueState::Plain:
-        line += L" (default: the stored value is plain, not scrambled)";
-        break;
-    case LogValueState::Damaged:
-        line += L" (default: the stored value is damaged)";
-        break;
-    case LogValueState::Invalid:
-        line += L" (default: the stored value is out of range)";
-        break;
+        line += L"; cannot be used: " + report.unusable;
     }
-    return line;
+    return line + L")";
 }
 
-void GetLogSettings(const std::optional<std::wstring>& name, bool json, IConsole& console)
+void GetLogSettings(const Arguments& arguments, IConsole& console)
 {
-    const CLogStore store;
+    const CLogStore store = arguments.Store();
     std::wstring lines;
     ordered_json object = ordered_json::object();
-    for (const std::wstring& setting : name ? std::vector{*name} : CLogStore::Names())
+    for (const std::wstring& setting :
+         arguments.name ? std::vector{FromUtf8(*arguments.name)} : CLogStore::Names())
     {
         const LogSettingReport report = store.Get(setting);
         lines += (lines.empty() ? L"" : L"\n") + FormatSetting(report);
-        object[ToUtf8(report.name)] = {
-            {"value", ToUtf8(report.value)}, {"state", ToUtf8(StateName(report.state))}};
+        ordered_json& entry = object[ToUtf8(report.name)];
+        entry = {{"value", ToUtf8(report.value)}, {"origin", ToUtf8(OriginName(report.origin))}};
+        if (!report.unusable.empty())
+        {
+            entry["unusable"] = ToUtf8(report.unusable);
+        }
     }
     WarnAboutViewLink(console);
-    console.Out(json ? FromUtf8(object.dump(2)) : lines);
+    console.Out(arguments.json ? FromUtf8(object.dump(2)) : lines);
 }
 
 } // namespace
@@ -89,25 +116,31 @@ void AddLogCommands(CLI::App& app, IConsole& console)
     log->callback([log] {
         if (log->get_subcommands().empty())
         {
-            ThrowUsage(L"log needs a command: set or get");
+            ThrowUsage(L"log needs a command: set, unset, get, show or trace");
         }
     });
     const auto arguments = std::make_shared<Arguments>();
+    const auto add = [log, arguments](const char* name, const char* text) {
+        CLI::App* const command = log->add_subcommand(name, text);
+        command->add_option("--ini", arguments->ini, "The hosts' log.ini [beside this program]");
+        return command;
+    };
 
-    CLI::App* const set = log->add_subcommand("set", "Change a setting");
-    set->add_option("name", arguments->name, "mechanism, level, fields or folder")->required();
+    CLI::App* const set = add("set", "Change a setting in the registry");
+    set->add_option("name", arguments->name, "mechanism, level, fields, folder ...: see the reference")
+        ->required();
     set->add_option("value", arguments->value, "Its value: see the reference")->required();
     set->add_flag("--replace-key", arguments->replaceKey, "Replace an ordinary key HKLM\\Software\\Tarvex");
-    set->callback([arguments, &console] {
-        SetLogSetting(FromUtf8(*arguments->name), FromUtf8(arguments->value), arguments->replaceKey, console);
-    });
+    set->callback([arguments, &console] { SetLogSetting(*arguments, console); });
 
-    CLI::App* const get = log->add_subcommand("get", "Show the settings and which of them are defaults");
+    CLI::App* const unset = add("unset", "Remove a setting from the registry");
+    unset->add_option("name", arguments->name, "As for set")->required();
+    unset->callback([arguments, &console] { UnsetLogSetting(*arguments, console); });
+
+    CLI::App* const get = add("get", "Show the settings and where each comes from");
     get->add_option("name", arguments->name, "Show this setting only");
     get->add_flag("--json", arguments->json, "Write JSON");
-    get->callback([arguments, &console] {
-        GetLogSettings(OptionalFromUtf8(arguments->name), arguments->json, console);
-    });
+    get->callback([arguments, &console] { GetLogSettings(*arguments, console); });
 }
 
 } // namespace TxCtl

@@ -8,11 +8,14 @@
 
 #include "base/ObfuscatedRegKey.h"
 #include "control/RegistryLink.h"
-#include "logging/LogSettings.h"
 #include "txsvcctl/Names.h"
 #include "txsvcctl/ToolError.h"
 
 using Basalt::CObfuscatedRegKey;
+using ETWLogging::CLogSettingsReader;
+using ETWLogging::LogNumberSetting;
+using ETWLogging::LogSettingOrigin;
+using ETWLogging::LogTextSetting;
 
 namespace TxCtl
 {
@@ -31,85 +34,82 @@ struct NamedNumber
     const wchar_t* name;
     DWORD number;
 };
-constexpr NamedNumber kMechanisms[] = {{L"file", ETWLogging::kFileMechanism}, {L"events", kEventsMechanism}};
 constexpr NamedNumber kFields[] = {
     {L"tag", ETWLogging::LogOptionTag},
     {L"process", ETWLogging::LogOptionProcess},
     {L"source", ETWLogging::LogOptionSource},
     {L"function", ETWLogging::LogOptionFunction}};
-constexpr NamedNumber kFieldSets[] = {{L"all", ETWLogging::kAllOptions}, {L"none", 0}};
 
-template <std::size_t Size>
-std::optional<DWORD> NumberOf(const NamedNumber (&table)[Size], const std::wstring& name)
+std::optional<DWORD> ParseDecimal(const std::wstring& text)
 {
-    const auto* found = std::find_if(std::begin(table), std::end(table), [&name](const NamedNumber& entry) {
-        return IsSameName(entry.name, name);
-    });
-    return found == std::end(table) ? std::nullopt : std::optional(found->number);
+    constexpr std::size_t kMostDigits = 9;
+    if (text.empty() || text.size() > kMostDigits ||
+        text.find_first_not_of(L"0123456789") != std::wstring::npos)
+    {
+        return std::nullopt;
+    }
+    return static_cast<DWORD>(std::stoul(text));
 }
 
-template <std::size_t Size>
-std::optional<std::wstring> NameOf(const NamedNumber (&table)[Size], DWORD number)
+std::wstring FormatDecimal(DWORD number)
 {
-    const auto* found = std::find_if(std::begin(table), std::end(table), [number](const NamedNumber& entry) {
-        return entry.number == number;
-    });
-    return found == std::end(table) ? std::nullopt : std::optional<std::wstring>(found->name);
+    return std::to_wstring(number);
 }
 
 std::optional<DWORD> ParseMechanism(const std::wstring& text)
 {
-    return NumberOf(kMechanisms, text);
+    return IsSameName(text, L"file")     ? std::optional(ETWLogging::kFileMechanism)
+           : IsSameName(text, L"events") ? std::optional(kEventsMechanism)
+                                         : std::nullopt;
 }
 
-std::optional<std::wstring> FormatMechanism(DWORD number)
+std::wstring FormatMechanism(DWORD number)
 {
-    return NameOf(kMechanisms, number);
+    return number == ETWLogging::kFileMechanism ? L"file" : L"events";
 }
 
-std::optional<DWORD> ParseLevel(const std::wstring& text)
+std::optional<DWORD> ParseSwitch(const std::wstring& text)
 {
-    const DWORD level = text.size() == 1 ? static_cast<DWORD>(text.front()) - L'0' : 0;
-    const bool isKnown = level >= ETWLogging::LogNormal && level <= ETWLogging::LogInformation2;
-    return isKnown ? std::optional(level) : std::nullopt;
+    return IsSameName(text, L"on")    ? std::optional<DWORD>(1)
+           : IsSameName(text, L"off") ? std::optional<DWORD>(0)
+                                      : std::nullopt;
 }
 
-std::optional<std::wstring> FormatLevel(DWORD number)
+std::wstring FormatSwitch(DWORD number)
 {
-    const std::wstring text = std::to_wstring(number);
-    return ParseLevel(text) ? std::optional(text) : std::nullopt;
+    return number != 0 ? L"on" : L"off";
 }
 
 std::optional<DWORD> ParseFields(const std::wstring& text)
 {
-    DWORD options = NumberOf(kFieldSets, text).value_or(0);
-    if (NumberOf(kFieldSets, text))
+    if (IsSameName(text, L"all") || IsSameName(text, L"none"))
     {
-        return options;
+        return IsSameName(text, L"all") ? ETWLogging::kAllOptions : 0;
     }
+    DWORD options = 0;
     for (std::size_t at = 0; at <= text.size();)
     {
         const std::size_t end = std::min(text.size(), text.find(L',', at));
-        const std::optional<DWORD> option = NumberOf(kFields, text.substr(at, end - at));
-        if (!option)
+        const std::wstring name = text.substr(at, end - at);
+        const auto* const field =
+            std::find_if(std::begin(kFields), std::end(kFields), [&name](const NamedNumber& known) {
+                return IsSameName(known.name, name);
+            });
+        if (field == std::end(kFields))
         {
             return std::nullopt;
         }
-        options |= *option;
+        options |= field->number;
         at = end + 1;
     }
     return options;
 }
 
-std::optional<std::wstring> FormatFields(DWORD number)
+std::wstring FormatFields(DWORD number)
 {
-    if ((number & ~ETWLogging::kAllOptions) != 0)
+    if (number == 0 || number == ETWLogging::kAllOptions)
     {
-        return std::nullopt;
-    }
-    if (const std::optional<std::wstring> set = NameOf(kFieldSets, number))
-    {
-        return set;
+        return number == 0 ? L"none" : L"all";
     }
     std::wstring text;
     for (const NamedNumber& field : kFields)
@@ -122,206 +122,247 @@ std::optional<std::wstring> FormatFields(DWORD number)
     return text;
 }
 
-struct NumberSetting
+/// A path in the form that the logger takes; what is no path stays as it is, for the logger's rule to refuse.
+std::wstring NormalPath(std::wstring path)
+{
+    std::replace(path.begin(), path.end(), L'/', L'\\');
+    // The logger would switch itself off over a name that Windows refuses.
+    const bool isUsable =
+        ETWLogging::IsAbsolutePath(path) && path.find_first_of(L"<>\"|?*") == std::wstring::npos;
+    return isUsable ? AbsolutePath(path) : std::wstring();
+}
+
+std::wstring SameText(std::wstring text)
+{
+    return text;
+}
+
+/// Either a number or a text.
+struct Setting
 {
     const wchar_t* name;
-    const wchar_t* valueName;
     const wchar_t* expected;
-    DWORD defaultNumber;
-    std::optional<DWORD> (*parse)(const std::wstring& text);
-    std::optional<std::wstring> (*format)(DWORD number);
-};
-constexpr NumberSetting kNumberSettings[] = {
-    {L"mechanism",
-     ETWLogging::kMechanismSetting.name,
-     L"file or events",
-     kEventsMechanism,
-     &ParseMechanism,
-     &FormatMechanism},
-    {L"level",
-     ETWLogging::kLevelSetting.name,
-     L"a number from 1 to 6",
-     ETWLogging::kDefaultThreshold,
-     &ParseLevel,
-     &FormatLevel},
-    {L"fields",
-     ETWLogging::kOptionsSetting.name,
-     L"some of tag, process, source and function, joined by commas, or all or none",
-     ETWLogging::kDefaultOptions,
-     &ParseFields,
-     &FormatFields},
+    bool atOnce = false; ///< Running hosts take a change up.
+    const LogNumberSetting* number = nullptr;
+    std::optional<DWORD> (*parse)(const std::wstring& text) = nullptr;
+    std::wstring (*format)(DWORD number) = nullptr;
+    LogTextSetting text{};
+    std::wstring (*normal)(std::wstring text) = nullptr;
+    const wchar_t* fallback = nullptr; ///< of a text
 };
 
-constexpr wchar_t kFolderName[] = L"folder";
-/// As the services' environment has it, which is not always that of this program.
-constexpr wchar_t kDefaultFolder[] = L"%ProgramData%\\Tarvex\\Log";
+constexpr wchar_t kControllerName[] = L"controller:";
+constexpr wchar_t kAbsolutePath[] = L"an absolute path";
 
-const NumberSetting* FindNumberSetting(const std::wstring& name)
+const Setting kSettings[] = {
+    {.name = L"mechanism",
+     .expected = L"file or events",
+     .number = &ETWLogging::kMechanismSetting,
+     .parse = &ParseMechanism,
+     .format = &FormatMechanism},
+    {.name = L"level",
+     .expected = L"a number from 1 to 6",
+     .atOnce = true,
+     .number = &ETWLogging::kLevelSetting,
+     .parse = &ParseDecimal,
+     .format = &FormatDecimal},
+    {.name = L"fields",
+     .expected = L"some of tag, process, source and function, joined by commas, or all or none",
+     .atOnce = true,
+     .number = &ETWLogging::kOptionsSetting,
+     .parse = &ParseFields,
+     .format = &FormatFields},
+    {.name = L"entries",
+     .expected = L"how many a file takes, at most 100000000, or 0 for any number",
+     .atOnce = true,
+     .number = &ETWLogging::kEntriesSetting,
+     .parse = &ParseDecimal,
+     .format = &FormatDecimal},
+    {.name = L"old-files",
+     .expected = L"a number up to 99",
+     .atOnce = true,
+     .number = &ETWLogging::kOldFilesSetting,
+     .parse = &ParseDecimal,
+     .format = &FormatDecimal},
+    {.name = L"mutex",
+     .expected = L"on or off",
+     .number = &ETWLogging::kMutexSetting,
+     .parse = &ParseSwitch,
+     .format = &FormatSwitch},
+    {.name = L"tag",
+     .expected = L"a text without $",
+     .text = ETWLogging::kTagSetting,
+     .normal = &SameText,
+     .fallback = L"TxSvHost"},
+    {.name = L"folder",
+     .expected = kAbsolutePath,
+     .text = ETWLogging::kFolderSetting,
+     .normal = &NormalPath,
+     // As the services' environment has it, which is not always that of this program.
+     .fallback = L"%ProgramData%\\Tarvex\\Log"},
+    {.name = L"file",
+     .expected = L"a file name with an extension",
+     .text = ETWLogging::kFileSetting,
+     .normal = &SameText,
+     .fallback = L"PLATFORM.log"},
+    {.name = kControllerName,
+     .expected = kAbsolutePath,
+     .text = {nullptr, &ETWLogging::IsAbsolutePath}, // The name has the application's behind it.
+     .normal = &NormalPath,
+     .fallback = L"(searched for)"},
+};
+
+/// A setting, and the name of its value in the registry and in the file.
+struct Found
 {
-    const auto* found = std::find_if(
-        std::begin(kNumberSettings), std::end(kNumberSettings), [&name](const NumberSetting& setting) {
-            return IsSameName(setting.name, name);
+    const Setting& setting;
+    std::wstring valueName;
+
+    [[nodiscard]] LogTextSetting Text() const { return {valueName.c_str(), setting.text.isValid}; }
+};
+
+Found Find(const std::wstring& name)
+{
+    constexpr std::size_t kPrefix = std::size(kControllerName) - 1;
+    const bool isController = name.size() > kPrefix && IsSameName(name.substr(0, kPrefix), kControllerName);
+    const std::wstring wanted = isController ? kControllerName : name;
+    const auto* const found =
+        std::find_if(std::begin(kSettings), std::end(kSettings), [&wanted](const Setting& setting) {
+            return IsSameName(setting.name, wanted);
         });
-    if (found != std::end(kNumberSettings))
+    if (found == std::end(kSettings) || (found->text.name == nullptr && !found->number && !isController))
     {
-        return found;
+        ThrowUsage(
+            L"'" + name +
+            L"' is no logging setting: give mechanism, level, fields, entries, old-files, "
+            L"mutex, tag, folder, file or controller:APPLICATION");
     }
-    if (!IsSameName(name, kFolderName))
-    {
-        ThrowUsage(L"'" + name + L"' is no logging setting: give mechanism, level, fields or folder");
-    }
-    return nullptr;
+    return {
+        *found,
+        isController               ? ETWLogging::kControllerPathPrefix + name.substr(kPrefix)
+        : found->number != nullptr ? found->number->name
+                                   : found->text.name};
 }
 
-/// "C:\..." or "\\server\share...". A service's current folder says nothing, so the logger takes no other.
-bool IsAbsoluteFolder(const std::wstring& path)
+[[noreturn]] void ThrowBadValue(const Setting& setting, const std::wstring& value)
 {
-    const std::wstring start = path.substr(0, 3);
-    const wchar_t letter = start.empty() ? L'\0' : static_cast<wchar_t>(start.front() | 0x20);
-    return (letter >= L'a' && letter <= L'z' && start.substr(1) == L":\\") ||
-           (start.size() == 3 && start.starts_with(L"\\\\"));
+    ThrowUsage(L"'" + value + L"' is no value for " + setting.name + L": give " + setting.expected);
 }
 
-DWORD NumberFrom(const NumberSetting& setting, const std::wstring& text)
+DWORD NumberFrom(const Setting& setting, const std::wstring& value)
 {
-    const std::optional<DWORD> number = setting.parse(text);
-    if (!number)
+    const std::optional<DWORD> number = setting.parse(value);
+    if (!number || !setting.number->IsValid(*number))
     {
-        ThrowUsage(L"'" + text + L"' is no value for " + setting.name + L": give " + setting.expected);
+        ThrowBadValue(setting, value);
     }
     return *number;
 }
 
-std::wstring FolderFrom(const std::wstring& text)
+std::wstring TextFrom(const Setting& setting, const std::wstring& value)
 {
-    std::wstring path = text;
-    std::replace(path.begin(), path.end(), L'/', L'\\');
-    // The logger would switch itself off over a name that Windows refuses, so none is let through here.
-    if (!IsAbsoluteFolder(path) || path.find_first_of(L"<>\"|?*") != std::wstring::npos)
+    const std::wstring text = setting.normal(value);
+    if (!setting.text.isValid(text))
     {
-        ThrowUsage(L"'" + text + L"' is no value for folder: give an absolute path");
+        ThrowBadValue(setting, value);
     }
-    return AbsolutePath(path);
-}
-
-/// @param status what the scrambled read returned.
-LogValueState StateOf(const CObfuscatedRegKey& key, const wchar_t* valueName, DWORD status)
-{
-    if (status == ERROR_SUCCESS)
-    {
-        return LogValueState::Set;
-    }
-    if (status == ERROR_FILE_NOT_FOUND)
-    {
-        return LogValueState::Missing;
-    }
-    if (status != ERROR_DATATYPE_MISMATCH && status != ERROR_INVALID_DATA)
-    {
-        ThrowFailure(L"read registry value", kSettingsPath + L"\\" + valueName, status);
-    }
-    DWORD type = REG_NONE;
-    ::RegQueryValueExW(key.Get(), valueName, nullptr, &type, nullptr, nullptr);
-    return type == REG_BINARY ? LogValueState::Damaged : LogValueState::Plain;
-}
-
-LogSettingReport GetNumber(const CObfuscatedRegKey& key, const NumberSetting& setting)
-{
-    LogSettingReport report{setting.name, setting.format(setting.defaultNumber).value_or(L""), {}};
-    DWORD number = 0;
-    const DWORD status = key ? key.ReadDword(setting.valueName, number) : DWORD{ERROR_FILE_NOT_FOUND};
-    report.state = StateOf(key, setting.valueName, status);
-    if (report.state == LogValueState::Set)
-    {
-        const std::optional<std::wstring> text = setting.format(number);
-        report.state = text ? LogValueState::Set : LogValueState::Invalid;
-        report.value = text.value_or(report.value);
-    }
-    return report;
-}
-
-LogSettingReport GetFolder(const CObfuscatedRegKey& key)
-{
-    LogSettingReport report{kFolderName, kDefaultFolder, {}};
-    std::wstring folder;
-    const wchar_t* const valueName = ETWLogging::kFolderSetting.name;
-    const DWORD status = key ? key.ReadString(valueName, folder) : DWORD{ERROR_FILE_NOT_FOUND};
-    report.state = StateOf(key, valueName, status);
-    if (report.state == LogValueState::Set)
-    {
-        const bool isUsable = IsAbsoluteFolder(folder);
-        report.state = isUsable ? LogValueState::Set : LogValueState::Invalid;
-        report.value = isUsable ? folder : report.value;
-    }
-    return report;
+    return text;
 }
 
 } // namespace
 
-std::wstring StateName(LogValueState state)
+std::wstring OriginName(LogSettingOrigin origin)
 {
-    switch (state)
+    switch (origin)
     {
-    case LogValueState::Set:
-        return L"set";
-    case LogValueState::Missing:
-        return L"missing";
-    case LogValueState::Plain:
-        return L"plain";
-    case LogValueState::Damaged:
-        return L"damaged";
-    case LogValueState::Invalid:
-        return L"invalid";
+    case LogSettingOrigin::IniFile:
+        return ETWLogging::kLogIniName;
+    case LogSettingOrigin::Registry:
+        return L"registry";
+    case LogSettingOrigin::Default:
+        break;
     }
-    return {};
+    return L"default";
 }
 
 std::vector<std::wstring> CLogStore::Names()
 {
     std::vector<std::wstring> names;
-    for (const NumberSetting& setting : kNumberSettings)
+    for (const Setting& setting : kSettings)
     {
         names.emplace_back(setting.name);
     }
-    names.emplace_back(kFolderName);
+    names.back() += L"WSS"; // The host's own name for its controller.
     return names;
+}
+
+bool CLogStore::TakesEffectAtOnce(const std::wstring& name)
+{
+    return Find(name).setting.atOnce;
 }
 
 LogSettingReport CLogStore::Get(const std::wstring& name) const
 {
-    const NumberSetting* const setting = FindNumberSetting(name);
-    CObfuscatedRegKey key;
-    const DWORD status = key.Open(HKEY_LOCAL_MACHINE, kSettingsPath.c_str(), KEY_READ);
-    if (status != ERROR_FILE_NOT_FOUND)
+    const Found found = Find(name);
+    CLogSettingsReader reader(m_iniPath, kSettingsPath.c_str());
+    LogSettingReport report{name, {}, {}, {}};
+    if (found.setting.number != nullptr)
     {
-        CheckStatus(status, L"open registry key", kSettingsPath);
+        DWORD number = 0;
+        report.origin = reader.ReadNumber(*found.setting.number, number);
+        report.value = found.setting.format(number);
     }
-    return setting == nullptr ? GetFolder(key) : GetNumber(key, *setting);
+    else
+    {
+        report.value = found.setting.fallback;
+        report.origin = reader.ReadText(found.Text(), report.value);
+    }
+    report.unusable = reader.Problems();
+    return report;
 }
 
 void CLogStore::Check(const std::wstring& name, const std::wstring& value) const
 {
-    const NumberSetting* const setting = FindNumberSetting(name);
-    if (setting == nullptr)
+    const Found found = Find(name);
+    if (found.setting.number != nullptr)
     {
-        static_cast<void>(FolderFrom(value));
+        static_cast<void>(NumberFrom(found.setting, value));
         return;
     }
-    static_cast<void>(NumberFrom(*setting, value));
+    static_cast<void>(TextFrom(found.setting, value));
 }
 
 void CLogStore::Set(const std::wstring& name, const std::wstring& value) const
 {
     Check(name, value);
+    const Found found = Find(name);
     CObfuscatedRegKey key;
     CheckStatus(
         key.Create(HKEY_LOCAL_MACHINE, kSettingsPath.c_str(), KEY_READ | KEY_WRITE),
         L"open registry key",
         kSettingsPath);
-    const NumberSetting* const setting = FindNumberSetting(name);
-    const wchar_t* const valueName = setting == nullptr ? ETWLogging::kFolderSetting.name : setting->valueName;
-    const DWORD status = setting == nullptr ? key.WriteString(valueName, FolderFrom(value))
-                                            : key.WriteDword(valueName, NumberFrom(*setting, value));
+    const wchar_t* const valueName = found.valueName.c_str();
+    const DWORD status = found.setting.number != nullptr
+                             ? key.WriteDword(valueName, NumberFrom(found.setting, value))
+                             : key.WriteString(valueName, TextFrom(found.setting, value));
     CheckStatus(status, L"write registry value", kSettingsPath + L"\\" + valueName);
+}
+
+bool CLogStore::Unset(const std::wstring& name) const
+{
+    const Found found = Find(name);
+    CObfuscatedRegKey key;
+    DWORD status = key.Open(HKEY_LOCAL_MACHINE, kSettingsPath.c_str(), KEY_READ | KEY_WRITE);
+    if (status == ERROR_SUCCESS)
+    {
+        status = key.DeleteValue(found.valueName.c_str());
+    }
+    if (status == ERROR_FILE_NOT_FOUND)
+    {
+        return false;
+    }
+    CheckStatus(status, L"delete registry value", kSettingsPath + L"\\" + found.valueName);
+    return true;
 }
 
 } // namespace TxCtl

@@ -3,43 +3,49 @@
 #include <string>
 #include <vector>
 
+#include "logging/LogSettings.h"
+
 namespace TxCtl
 {
 
-/// How a logging setting is stored. Unless it is Set, the default applies.
-enum class LogValueState
-{
-    Set,
-    Missing,
-    Plain,   ///< Written by somebody without scrambling.
-    Damaged, ///< Scrambled, but cut, changed, copied from another value or of another type.
-    Invalid, ///< Readable, but no value that the logger knows.
-};
-
+/// A logging setting as a host would find it.
 struct LogSettingReport
 {
     std::wstring name;  ///< as the command line has it
-    std::wstring value; ///< what applies, in the form that Set takes, but for a default folder
-    LogValueState state = LogValueState::Missing;
+    std::wstring value; ///< what applies, in the form that Set takes
+    ETWLogging::LogSettingOrigin origin = ETWLogging::LogSettingOrigin::Default;
+    std::wstring unusable; ///< what was passed over on the way there; empty when nothing was
 };
 
-/// "set", "missing" and so on.
-[[nodiscard]] std::wstring StateName(LogValueState state);
+/// "log.ini", "registry" or "default".
+[[nodiscard]] std::wstring OriginName(ETWLogging::LogSettingOrigin origin);
 
-/// The logging settings of all groups, which the logger reads when a group's process starts. They are stored
-/// scrambled below the 32-bit key and shown in clear.
+/// The logging settings of all groups. They are stored scrambled below the 32-bit key and shown in clear.
 /// All operations throw CToolError, with ExitCode::Usage for names and values that are wrong in themselves.
 class CLogStore
 {
 public:
-    /// mechanism, level, fields, folder
+    /// @param iniPath the hosts' settings file, which comes before the registry; it need not exist.
+    explicit CLogStore(std::wstring iniPath = ETWLogging::LogIniPath()) : m_iniPath(std::move(iniPath)) {}
+
+    /// All but the controllers of other applications than the host.
     [[nodiscard]] static std::vector<std::wstring> Names();
 
     [[nodiscard]] LogSettingReport Get(const std::wstring& name) const;
+
+    /// Changes the registry.
     void Set(const std::wstring& name, const std::wstring& value) const;
+    /// @return false when the registry does not have it.
+    bool Unset(const std::wstring& name) const;
 
     /// What Set would refuse, without storing anything.
     void Check(const std::wstring& name, const std::wstring& value) const;
+
+    /// Whether running hosts take a change up, or only those that start after it.
+    [[nodiscard]] static bool TakesEffectAtOnce(const std::wstring& name);
+
+private:
+    std::wstring m_iniPath;
 };
 
 } // namespace TxCtl
