@@ -7,28 +7,26 @@
 namespace ETWLogging
 {
 
-/// What the file logger adds to a message's line.
+/// The name of a level in a line; null when it has none.
+[[nodiscard]] const wchar_t* LogLevelName(DWORD level) noexcept;
+
+/// What a line tells about its message beside the text.
 struct LogLineFields
 {
     DWORD options = 0;        ///< LogOption bits: the optional fields wanted.
-    const wchar_t* tag = L""; ///< application tag; borrowed
+    const wchar_t* tag = L""; ///< application tag; borrowed, as all texts here
     DWORD processId = 0;
+    DWORD threadId = 0;
+    SYSTEMTIME time{};             ///< local
+    const wchar_t* file = nullptr; ///< When this or the function is null or empty, the field is a blank.
+    DWORD line = 0;
+    const wchar_t* function = nullptr;
 };
 
 /// Builds one line of the text log, with its line end; docs/logging.md shows it field by field.
-///
-/// @param file, function may be null or empty: the field is then a blank.
-/// @param message not empty.
-/// @param text untouched on failure.
-/// @return 0, or ERROR_INVALID_PARAMETER for an empty message or a level without a name.
+/// @param levelName, message not empty.
 /// @throws std::bad_alloc
-[[nodiscard]] DWORD BuildLogLine(
-    const LogLineFields& fields,
-    const wchar_t* file,
-    const wchar_t* function,
-    DWORD line,
-    DWORD level,
-    const wchar_t* message,
-    std::wstring& text);
+[[nodiscard]] std::wstring BuildLogLine(
+    const LogLineFields& fields, const wchar_t* levelName, const wchar_t* message);
 
 } // namespace ETWLogging

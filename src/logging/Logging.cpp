@@ -151,10 +151,15 @@ DWORD CLogging::writeLine(
     {
         return status;
     }
-    const LogLineFields fields{m_options, m_tag.c_str(), m_processId};
-    std::wstring text;
-    status = BuildLogLine(fields, file, function, line, level, message, text);
-    return status == ERROR_SUCCESS ? m_file.Write(opened, std::move(text)) : status;
+    const wchar_t* const levelName = LogLevelName(level);
+    if (levelName == nullptr)
+    {
+        return ERROR_INVALID_PARAMETER;
+    }
+    LogLineFields fields{
+        m_options, m_tag.c_str(), m_processId, ::GetCurrentThreadId(), {}, file, line, function};
+    ::GetLocalTime(&fields.time);
+    return m_file.Write(opened, BuildLogLine(fields, levelName, message));
 }
 
 bool CLogging::firstUseGate(CLogging& logger)

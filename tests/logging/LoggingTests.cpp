@@ -13,7 +13,6 @@
 #include <vector>
 
 #include "base/ObfuscatedRegKey.h"
-#include "base/Text.h"
 #include "logging/LogLine.h"
 #include "support/ImportPatch.h"
 #include "support/Process.h"
@@ -27,13 +26,11 @@ namespace
 
 using Counts = std::vector<std::size_t>;
 using Text = const wchar_t*;
-WORD s_hour = 0;
 
 TEST(LogLine, HoldsTheTimeOnATwelveHourClockTheLevelAndTheFieldsThatTheOptionsChoose)
 {
-    const CImportPatch time(
-        "GetLocalTime", +[](SYSTEMTIME* now) { *now = {2024, 3, 0, 9, s_hour, 5, 7, 0}; });
-    const std::wstring ids = Basalt::FormatText(L" [PID:   42 TID:%5d]$", ::GetCurrentThreadId());
+    const auto at = [](WORD hour) { return SYSTEMTIME{2024, 3, 0, 9, hour, 5, 7, 0}; };
+    const std::wstring ids = L" [PID:   42 TID:    7]$";
     Text const longFile = L"NoBackslashInThisSourceName.cpp";
     Text const longName = L"CClass0123456789::CInner0123456789::Method0123456789";
     const std::wstring cutFile = L" [NoBackslashInThisSou:   12]$";
@@ -49,11 +46,11 @@ TEST(LogLine, HoldsTheTimeOnATwelveHourClockTheLevelAndTheFieldsThatTheOptionsCh
         {0x38, L"", nullptr, L"", L"text", L"    text\r\n"}, // Missing values leave their blanks.
         {0x00, L"", L"", L"", L"text\n", L" text\n"},
         {0x00, L"", L"", L"", L"text\r", L" text\r\r\n"}};
-    std::wstring line;
     for (const auto& [options, tag, file, function, message, tail] : rows)
     {
-        EXPECT_EQ(BuildLogLine({options, tag, 42}, file, function, 12, LogError, message, line), 0u);
-        EXPECT_EQ(line, L"03/09/2024 12:05:07 AM$ -- (Error)$" + tail);
+        EXPECT_EQ(
+            BuildLogLine({options, tag, 42, 7, at(0), file, 12, function}, LogLevelName(LogError), message),
+            L"03/09/2024 12:05:07 AM$ -- (Error)$" + tail);
     }
 
     const std::tuple<WORD, DWORD, Text> starts[] = {
@@ -65,9 +62,7 @@ TEST(LogLine, HoldsTheTimeOnATwelveHourClockTheLevelAndTheFieldsThatTheOptionsCh
         {23, 6, L"03/09/2024 11:05:07 PM$ -- (Information)$ x\r\n"}};
     for (const auto& [hour, level, expected] : starts)
     {
-        s_hour = hour;
-        EXPECT_EQ(BuildLogLine({}, L"", L"", 1, level, L"x", line), 0u);
-        EXPECT_EQ(line, expected);
+        EXPECT_EQ(BuildLogLine({.time = at(hour)}, LogLevelName(level), L"x"), expected);
     }
 }
 
