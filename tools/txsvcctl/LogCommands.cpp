@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "txsvcctl/LogStore.h"
+#include "txsvcctl/LogTrace.h"
 #include "txsvcctl/ToolError.h"
 #include "txsvcctl/Utf8.h"
 #include "txsvcctl/ViewLink.h"
@@ -141,6 +142,8 @@ void AddLogCommands(CLI::App& app, IConsole& console)
     get->add_option("name", arguments->name, "Show this setting only");
     get->add_flag("--json", arguments->json, "Write JSON");
     get->callback([arguments, &console] { GetLogSettings(*arguments, console); });
+
+    AddTraceCommand(*log, console);
 }
 
 } // namespace TxCtl

@@ -1,0 +1,251 @@
+#include "txsvcctl/LogTrace.h"
+
+#include <windows.h>
+#include <evntcons.h>
+#include <evntrace.h>
+
+#include <cstring>
+#include <exception>
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "base/Owned.h"
+#include "base/Text.h"
+#include "logging/EventRecord.h"
+#include "logging/LogLine.h"
+#include "logging/LogSettings.h"
+#include "txsvcctl/ToolError.h"
+#include "txsvcctl/Utf8.h"
+
+using nlohmann::ordered_json;
+
+namespace TxCtl
+{
+
+namespace
+{
+
+struct TraceTraits
+{
+    using Type = TRACEHANDLE;
+    static Type Invalid() noexcept { return INVALID_PROCESSTRACE_HANDLE; }
+    static void Close(Type value) noexcept { ::CloseTrace(value); }
+};
+
+/// Hands out one field after the other; false when the rest is too short for it.
+class CFieldReader
+{
+public:
+    CFieldReader(const BYTE* data, std::size_t size) noexcept : m_at(data), m_left(size) {}
+
+    bool Read(ULONG& number) noexcept { return copy(&number, sizeof(number)); }
+
+    bool Read(std::wstring& text)
+    {
+        for (wchar_t character = 0; copy(&character, sizeof(character));)
+        {
+            if (character == L'\0')
+            {
+                return true;
+            }
+            text += character;
+        }
+        return false;
+    }
+
+    [[nodiscard]] bool IsAtEnd() const noexcept { return m_left == 0; }
+
+private:
+    bool copy(void* target, std::size_t size) noexcept
+    {
+        if (m_left < size)
+        {
+            return false;
+        }
+        std::memcpy(target, m_at, size);
+        m_at += size;
+        m_left -= size;
+        return true;
+    }
+
+    const BYTE* m_at;
+    std::size_t m_left;
+};
+
+struct Arguments
+{
+    std::string file; ///< UTF-8, from the command-line library
+    ULONG level = 0;
+    bool json = false;
+};
+
+SYSTEMTIME LocalTime(const LARGE_INTEGER& timeStamp)
+{
+    const FILETIME fileTime = {timeStamp.LowPart, static_cast<DWORD>(timeStamp.HighPart)};
+    SYSTEMTIME universal{};
+    SYSTEMTIME local{};
+    ::FileTimeToSystemTime(&fileTime, &universal);
+    ::SystemTimeToTzSpecificLocalTime(nullptr, &universal, &local);
+    return local;
+}
+
+std::wstring NameOfLevel(ULONG level)
+{
+    const wchar_t* const name = ETWLogging::LogLevelName(level);
+    return name != nullptr ? name : std::to_wstring(level); // Events may carry any number.
+}
+
+std::wstring FormatLine(const SYSTEMTIME& time, const TraceMessage& message)
+{
+    std::wstring line = ETWLogging::BuildLogLine(
+        {ETWLogging::kAllOptions,
+         message.group.c_str(),
+         message.processId,
+         message.threadId,
+         time,
+         message.file.c_str(),
+         message.line,
+         message.function.c_str()},
+        NameOfLevel(message.level).c_str(),
+        message.message.c_str());
+    line.erase(line.find_last_not_of(L"\r\n") + 1);
+    return line;
+}
+
+std::wstring FormatJson(const SYSTEMTIME& time, const TraceMessage& message)
+{
+    const ordered_json entry = {
+        {"time",
+         ToUtf8(Basalt::FormatText(
+             L"%04hu-%02hu-%02huT%02hu:%02hu:%02hu.%03hu",
+             time.wYear,
+             time.wMonth,
+             time.wDay,
+             time.wHour,
+             time.wMinute,
+             time.wSecond,
+             time.wMilliseconds))},
+        {"level", message.level},
+        {"levelName", ToUtf8(NameOfLevel(message.level))},
+        {"tag", ToUtf8(message.group)},
+        {"process", message.processId},
+        {"thread", message.threadId},
+        {"source", ToUtf8(message.file)},
+        {"line", message.line},
+        {"function", ToUtf8(message.function)},
+        {"message", ToUtf8(message.message)}};
+    return FromUtf8(entry.dump());
+}
+
+/// Prints the events of one trace as the system hands them out, the oldest first.
+class CTracePrinter
+{
+public:
+    CTracePrinter(const Arguments& arguments, IConsole& console) noexcept
+        : m_arguments(arguments), m_console(console)
+    {
+    }
+
+    void Print(const std::wstring& path)
+    {
+        std::wstring name = path;
+        EVENT_TRACE_LOGFILEW trace{};
+        trace.LogFileName = name.data();
+        trace.ProcessTraceMode = PROCESS_TRACE_MODE_EVENT_RECORD;
+        trace.EventRecordCallback = &CTracePrinter::onEvent;
+        trace.Context = this;
+        Basalt::COwned<TraceTraits> handle(::OpenTraceW(&trace));
+        if (!handle)
+        {
+            ThrowFailure(L"open trace", path, ::GetLastError());
+        }
+        TRACEHANDLE raw = handle.Get();
+        const ULONG status = ::ProcessTrace(&raw, 1, nullptr, nullptr);
+        if (m_failure)
+        {
+            std::rethrow_exception(m_failure);
+        }
+        CheckStatus(status, L"read trace", path);
+        if (m_damaged != 0 || m_others != 0)
+        {
+            m_console.Error(Basalt::FormatText(
+                L"Left out: %u events of other providers, %u that could not be read.", m_others, m_damaged));
+        }
+    }
+
+private:
+    /// Nothing may be thrown through the system's code.
+    static void WINAPI onEvent(EVENT_RECORD* record) noexcept
+    {
+        auto& printer = *static_cast<CTracePrinter*>(record->UserContext);
+        if (printer.m_failure)
+        {
+            return;
+        }
+        try
+        {
+            printer.print(*record);
+        }
+        catch (...)
+        {
+            printer.m_failure = std::current_exception();
+        }
+    }
+
+    /// The class of an event of this kind stands where newer ones have their provider.
+    void print(const EVENT_RECORD& record)
+    {
+        const EVENT_HEADER& header = record.EventHeader;
+        if (header.ProviderId != ETWLogging::kMessageEventClass ||
+            header.EventDescriptor.Opcode != ETWLogging::kMessageEventType ||
+            header.EventDescriptor.Version != ETWLogging::kMessageEventVersion)
+        {
+            ++m_others;
+            return;
+        }
+        const std::optional<TraceMessage> message =
+            DecodeTraceMessage(static_cast<const BYTE*>(record.UserData), record.UserDataLength);
+        if (!message)
+        {
+            ++m_damaged;
+            return;
+        }
+        if (message->level >= m_arguments.level)
+        {
+            const SYSTEMTIME time = LocalTime(header.TimeStamp);
+            m_console.Out(m_arguments.json ? FormatJson(time, *message) : FormatLine(time, *message));
+        }
+    }
+
+    const Arguments& m_arguments;
+    IConsole& m_console;
+    std::exception_ptr m_failure;
+    unsigned m_others = 0;
+    unsigned m_damaged = 0;
+};
+
+} // namespace
+
+std::optional<TraceMessage> DecodeTraceMessage(const BYTE* data, std::size_t size)
+{
+    CFieldReader reader(data, size);
+    TraceMessage message;
+    const bool isWhole = reader.Read(message.level) && reader.Read(message.file) &&
+                         reader.Read(message.function) && reader.Read(message.line) &&
+                         reader.Read(message.group) && reader.Read(message.processId) &&
+                         reader.Read(message.threadId) && reader.Read(message.message) && reader.IsAtEnd();
+    return isWhole ? std::optional(std::move(message)) : std::nullopt;
+}
+
+void AddTraceCommand(CLI::App& log, IConsole& console)
+{
+    const auto arguments = std::make_shared<Arguments>();
+    CLI::App* const trace = log.add_subcommand("trace", "Print the messages of an event trace file (.etl)");
+    trace->add_option("file", arguments->file, "The file that a trace session wrote")->required();
+    trace->add_option("--level", arguments->level, "Only messages of this level and above");
+    trace->add_flag("--json", arguments->json, "Write one JSON object per message");
+    trace->callback(
+        [arguments, &console] { CTracePrinter(*arguments, console).Print(FromUtf8(arguments->file)); });
+}
+
+} // namespace TxCtl
