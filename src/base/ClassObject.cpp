@@ -3,6 +3,8 @@
 #include <windows.h>
 #include <objbase.h>
 
+#include <cstdint>
+
 namespace Basalt
 {
 
@@ -35,8 +37,13 @@ const void* MethodOf(const void* object, std::size_t slot) noexcept
 {
     const void* table = nullptr;
     const void* method = nullptr;
-    if (object == nullptr || !ReadPointer(object, table) ||
-        !ReadPointer(static_cast<const BYTE*>(table) + slot * sizeof(void*), method) || !IsExecutable(method))
+    if (object == nullptr || !ReadPointer(object, table))
+    {
+        return nullptr;
+    }
+    // Counted as a number: pointer arithmetic is undefined for null and whatever else may stand there.
+    const auto at = reinterpret_cast<std::uintptr_t>(table) + slot * sizeof(void*);
+    if (!ReadPointer(reinterpret_cast<const void*>(at), method) || !IsExecutable(method))
     {
         return nullptr;
     }

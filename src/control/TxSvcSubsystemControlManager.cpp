@@ -36,18 +36,6 @@ SRWLOCK g_calls = SRWLOCK_INIT;
 /// The thread of the forced stop, null before. Its handle ends with the process.
 std::atomic<HANDLE> g_terminateThread = nullptr;
 
-class CSharedLock
-{
-public:
-    explicit CSharedLock(SRWLOCK& lock) noexcept : m_lock(lock) { ::AcquireSRWLockShared(&m_lock); }
-    ~CSharedLock() { ::ReleaseSRWLockShared(&m_lock); }
-    CSharedLock(const CSharedLock&) = delete;
-    CSharedLock& operator=(const CSharedLock&) = delete;
-
-private:
-    SRWLOCK& m_lock;
-};
-
 void BeginForcedStop(const wchar_t* function) noexcept
 {
     TX_LOG(
@@ -265,12 +253,17 @@ CTxSvcSubsystemControlManager::TxStopSvcSubsystem(DWORD /*reserved*/, DWORD* pro
     {
         *processId = ::GetCurrentProcessId();
     }
-    const CSharedLock call(g_calls);
+    // Not a wait: COM's end on the main thread may wait for this call in its turn.
+    if (::TryAcquireSRWLockShared(&g_calls) == FALSE)
+    {
+        return E_FAIL; // As for every stop: the process ends.
+    }
     const HRESULT result = StopServices(false);
     if (FAILED(result))
     {
         BeginForcedStop(kFunction);
     }
+    ::ReleaseSRWLockShared(&g_calls);
     return result;
 }
 

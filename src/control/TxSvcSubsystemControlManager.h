@@ -49,7 +49,7 @@ public:
 
     /// For the main thread on its way out, when all services of this process have stopped: a stop may still be
     /// under way, with services in other processes or with its answer. Waits until the running calls of
-    /// TxStopSvcSubsystem have returned, and holds back later ones for ever.
+    /// TxStopSvcSubsystem have returned; later ones, and those that come meanwhile, fail at once.
     static void CloseCalls() noexcept;
 
     /// True once MyTerminateThread is about to end the process.

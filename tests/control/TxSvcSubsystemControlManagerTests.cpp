@@ -1,12 +1,15 @@
 #include "control/TxSvcSubsystemControlManager.h"
 
-#include <algorithm>
+#include <windows.h>
+#include <psapi.h>
+
 #include <gtest/gtest.h>
 #include <map>
+#include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "base/Owned.h"
 #include "config/TxSvcHostConfig.h"
 #include "control/ReduceRestart.h"
 #include "logging/LoggingIf.h"
@@ -29,87 +32,64 @@ struct FakeService
     DWORD openError = 0;
     DWORD controlError = 0; ///< Also of StartServiceW.
     DWORD queryError = 0;
-    int pendingQueries =
-        0; ///< So many looks at the state find it pending, the one of ControlService included.
+    int pending = 0; ///< So many looks at the state find it pending, that of ControlService included.
 };
 
 std::map<std::wstring, FakeService> g_services; ///< Missing ones do not exist.
 std::vector<std::wstring> g_calls;
 DWORD g_managerError = 0;
-int g_opened = 0; ///< Handles opened and not closed.
+DWORD g_access = 0;       ///< What a service must be opened for.
+bool g_wasFlagSet = true; ///< Before each stop.
+int g_opened = 0;         ///< Handles opened and not closed.
 std::vector<DWORD> g_sleeps;
 
-SC_HANDLE Fail(DWORD error)
+using Texts = std::vector<std::wstring>;
+using Entry = std::pair<const std::wstring, FakeService>;
+
+/// The handle of a service is the address of its entry.
+SC_HANDLE Open(DWORD error, void* object)
 {
     ::SetLastError(error);
-    return nullptr;
+    g_opened += error == 0 ? 1 : 0;
+    return error == 0 ? static_cast<SC_HANDLE>(object) : nullptr;
 }
-
 SC_HANDLE WINAPI FakeOpenManager(const wchar_t* machine, const wchar_t* database, DWORD access)
 {
-    EXPECT_TRUE(machine == nullptr && database == nullptr);
-    EXPECT_EQ(access, DWORD{SC_MANAGER_ALL_ACCESS});
-    if (g_managerError != 0)
-    {
-        return Fail(g_managerError);
-    }
-    ++g_opened;
-    return reinterpret_cast<SC_HANDLE>(&g_opened);
+    EXPECT_TRUE(machine == nullptr && database == nullptr && access == SC_MANAGER_ALL_ACCESS);
+    return Open(g_managerError, &g_opened);
 }
-
-/// The handle is the address of the service's entry, whose key is its name.
 SC_HANDLE WINAPI FakeOpenService(SC_HANDLE, const wchar_t* name, DWORD access)
 {
-    EXPECT_TRUE(access == (SERVICE_STOP | SERVICE_QUERY_STATUS) || access == SERVICE_START);
+    EXPECT_EQ(access, g_access);
     const auto found = g_services.find(name);
-    if (found == g_services.end())
-    {
-        return Fail(ERROR_SERVICE_DOES_NOT_EXIST);
-    }
-    if (found->second.openError != 0)
-    {
-        return Fail(found->second.openError);
-    }
-    ++g_opened;
-    return reinterpret_cast<SC_HANDLE>(&*found);
-}
-
-std::pair<const std::wstring, FakeService>& EntryOf(SC_HANDLE handle)
-{
-    return *reinterpret_cast<std::pair<const std::wstring, FakeService>*>(handle);
-}
-
-BOOL LookAt(FakeService& service, DWORD error, SERVICE_STATUS* status)
-{
-    if (error != 0)
-    {
-        ::SetLastError(error);
-        return FALSE;
-    }
-    status->dwCurrentState = service.pendingQueries-- > 0 ? SERVICE_STOP_PENDING : SERVICE_STOPPED;
-    return TRUE;
-}
-
-BOOL WINAPI FakeControl(SC_HANDLE handle, DWORD control, SERVICE_STATUS* status)
-{
-    EXPECT_EQ(control, DWORD{SERVICE_CONTROL_STOP});
-    EXPECT_TRUE(IsReduceRestartStopping() || g_calls.empty());
-    auto& [name, service] = EntryOf(handle);
-    g_calls.push_back(name);
-    return LookAt(service, service.controlError, status);
+    return found == g_services.end() ? Open(ERROR_SERVICE_DOES_NOT_EXIST, nullptr)
+                                     : Open(found->second.openError, &*found);
 }
 BOOL WINAPI FakeQuery(SC_HANDLE handle, SERVICE_STATUS* status)
 {
-    FakeService& service = EntryOf(handle).second;
-    return LookAt(service, service.queryError, status);
+    FakeService& service = reinterpret_cast<Entry*>(handle)->second;
+    status->dwCurrentState = service.pending-- > 0 ? SERVICE_STOP_PENDING : SERVICE_STOPPED;
+    ::SetLastError(service.queryError);
+    return service.queryError == 0;
+}
+BOOL Act(SC_HANDLE handle)
+{
+    g_calls.push_back(reinterpret_cast<Entry*>(handle)->first);
+    ::SetLastError(reinterpret_cast<Entry*>(handle)->second.controlError);
+    return ::GetLastError() == 0;
+}
+BOOL WINAPI FakeControl(SC_HANDLE handle, DWORD control, SERVICE_STATUS* status)
+{
+    EXPECT_EQ(control, DWORD{SERVICE_CONTROL_STOP});
+    g_wasFlagSet = g_wasFlagSet && IsReduceRestartStopping();
+    FakeService& service = reinterpret_cast<Entry*>(handle)->second;
+    status->dwCurrentState = service.pending-- > 0 ? SERVICE_STOP_PENDING : SERVICE_STOPPED;
+    return Act(handle);
 }
 BOOL WINAPI FakeStart(SC_HANDLE handle, DWORD count, const wchar_t** arguments)
 {
     EXPECT_TRUE(count == 0 && arguments == nullptr);
-    const auto& [name, service] = EntryOf(handle);
-    g_calls.push_back(name);
-    ::SetLastError(service.controlError);
-    return service.controlError == 0;
+    return Act(handle);
 }
 BOOL WINAPI FakeClose(SC_HANDLE)
 {
@@ -131,6 +111,13 @@ protected:
         g_sleeps.clear();
         g_managerError = 0;
         g_opened = 0;
+        g_access = SERVICE_STOP | SERVICE_QUERY_STATUS;
+        m_log.Clear();
+        CTxSvcHostConfig::ReleaseInstance();
+        for (const CImportPatch& patch : m_patches)
+        {
+            ASSERT_TRUE(patch.IsActive());
+        }
     }
     void TearDown() override
     {
@@ -144,100 +131,68 @@ protected:
         ASSERT_EQ(group.Create(m_root.Key().Get(), name, KEY_ALL_ACCESS), DWORD{0});
         ASSERT_EQ(group.WriteString(L"", list), DWORD{0});
     }
-    void RunGroup(const std::wstring& list)
+    /// What this component has logged since the last call, under one function name: "level message".
+    Texts Lines(const wchar_t* function)
     {
-        SetGroup(L"g", list);
-        ASSERT_TRUE(CTxSvcHostConfig::GetInstance().Init(L"g"));
+        Texts own;
+        for (const LogLine& line : m_log.Lines())
+        {
+            if (line.source == L"TxSvcSubsystemControlManager")
+            {
+                EXPECT_EQ(line.function, function);
+                own.push_back(std::to_wstring(line.level) + L" " + line.message);
+            }
+        }
+        m_log.Clear();
+        return own;
+    }
+    static bool HasConfig()
+    {
+        std::wstring name;
+        return CTxSvcHostConfig::GetInstance().GetGroupName(name);
     }
 
     CTestKey m_root{HKEY_LOCAL_MACHINE, CTxSvcHostConfig::kRootKey};
     CLogCapture m_log;
-    CImportPatch m_patches[7] = {
+    CImportPatch m_patches[6] = {
         {"OpenSCManagerW", &FakeOpenManager},
         {"OpenServiceW", &FakeOpenService},
         {"ControlService", &FakeControl},
         {"QueryServiceStatus", &FakeQuery},
         {"StartServiceW", &FakeStart},
-        {"CloseServiceHandle", &FakeClose},
-        {"Sleep", &FakeSleep}};
+        {"CloseServiceHandle", &FakeClose}};
+    std::optional<CImportPatch> m_sleep{std::in_place, "Sleep", &FakeSleep};
 };
 
 TEST_F(ControlManagerTest, StopServiceHasAResultAndALineForEachOutcome)
 {
-    for (const CImportPatch& patch : m_patches)
-    {
-        ASSERT_TRUE(patch.IsActive());
-    }
+    constexpr HRESULT kOdd = static_cast<HRESULT>(0x80010001);
     const struct
     {
         const char* name;
-        DWORD managerError;
         FakeService service;
-        bool exists;
         HRESULT expected;
-        std::size_t sleeps;
-        DWORD level;
-        const wchar_t* line;
+        std::size_t sleeps = 0;
+        Texts lines;
+        DWORD managerError = 0;
+        bool exists = true;
     } rows[] = {
-        {"stops at once", 0, {}, true, S_OK, 0, 0, nullptr},
-        {"is pending once", 0, {0, 0, 0, 1}, true, S_OK, 1, 0, nullptr},
-        {"stops at the tenth query", 0, {0, 0, 0, 10}, true, S_OK, 10, 0, nullptr},
-        {"stops too late",
-         0,
-         {0, 0, 0, 11},
-         true,
-         E_FAIL,
-         10,
-         LogError,
-         L"Failed to QueryServiceStatus s after maximum attempts"},
-        {"cannot be queried",
-         0,
-         {0, 0, ERROR_ACCESS_DENIED, 9},
-         true,
-         kDenied,
-         1,
-         LogError,
-         L"Failed to QueryServiceStatus s, error code 5"},
-        {"does not exist", 0, {}, false, S_OK, 0, 0, nullptr},
-        {"cannot be opened",
-         0,
-         {ERROR_ACCESS_DENIED, 0, 0, 0},
-         true,
-         kDenied,
-         0,
-         LogInformation,
-         L"Failed to open service:s, error code 5"},
-        {"does not run", 0, {0, ERROR_SERVICE_NOT_ACTIVE, 0, 0}, true, S_OK, 0, 0, nullptr},
-        {"refuses",
-         0,
-         {0, ERROR_SERVICE_CANNOT_ACCEPT_CTRL, 0, 0},
-         true,
-         kBusy,
-         0,
-         LogInformation,
-         L"Failed to stop service:s, error code 1061"},
-        {"no manager",
-         ERROR_ACCESS_DENIED,
-         {},
-         true,
-         kDenied,
-         0,
-         LogError,
-         L"Open SCManager failed. Error code:5"},
-        {"an error that is an HRESULT already",
-         0x80010001,
-         {},
-         true,
-         static_cast<HRESULT>(0x80010001),
-         0,
-         LogError,
-         L"Open SCManager failed. Error code:-2147418111"},
+        {"stops at once", {}, S_OK, 0, {}},
+        {"is pending once", {0, 0, 0, 1}, S_OK, 1, {}},
+        {"stops at the tenth query", {0, 0, 0, 10}, S_OK, 10, {}},
+        {"late", {0, 0, 0, 11}, E_FAIL, 10, {L"4 Failed to QueryServiceStatus s after maximum attempts"}},
+        {"no query", {0, 0, 5, 9}, kDenied, 1, {L"4 Failed to QueryServiceStatus s, error code 5"}},
+        {"does not exist", {}, S_OK, 0, {}, 0, false},
+        {"no access", {5}, kDenied, 0, {L"3 Failed to open service:s, error code 5"}},
+        {"does not run", {0, ERROR_SERVICE_NOT_ACTIVE}, S_OK, 0, {}},
+        {"refuses", {0, 1061}, kBusy, 0, {L"3 Failed to stop service:s, error code 1061"}},
+        {"no manager", {}, kDenied, 0, {L"4 Open SCManager failed. Error code:5"}, 5},
+        {"an HRESULT", {}, kOdd, 0, {L"4 Open SCManager failed. Error code:-2147418111"}, 0x80010001},
     };
     for (const auto& row : rows)
     {
         SCOPED_TRACE(row.name);
         SetUp();
-        m_log.Clear();
         g_managerError = row.managerError;
         if (row.exists)
         {
@@ -246,157 +201,123 @@ TEST_F(ControlManagerTest, StopServiceHasAResultAndALineForEachOutcome)
 
         EXPECT_EQ(Manager::StopService(L"s"), row.expected);
         EXPECT_EQ(g_sleeps, std::vector<DWORD>(row.sleeps, 1000));
-        const std::vector<LogLine> lines = m_log.Lines();
-        ASSERT_EQ(lines.size(), row.line == nullptr ? 0U : 1U);
-        if (row.line != nullptr)
-        {
-            EXPECT_EQ(lines[0].message, row.line);
-            EXPECT_EQ(lines[0].level, row.level);
-            EXPECT_EQ(lines[0].function, L"StopService");
-            EXPECT_EQ(lines[0].source, L"TxSvcSubsystemControlManager");
-        }
+        EXPECT_EQ(Lines(L"StopService"), row.lines);
         EXPECT_EQ(g_opened, 0);
     }
 }
 
-TEST_F(ControlManagerTest, TheTwoBasicServicesAreStoppedLast)
+TEST_F(ControlManagerTest, APollWaitsASecondOfRealTime)
 {
-    using Names = std::vector<std::wstring>;
-    const struct
-    {
-        std::wstring list;
-        Names existing;
-        Names stopped;
-    } rows[] = {
-        {L"a", {L"a"}, {L"a"}},
-        {L"a;b", {L"a", L"b", L"txpltsvc", L"txkscsvc"}, {L"a", L"b", L"txpltsvc", L"txkscsvc"}},
-        {L"TXKSCSVC;b;TxPltSvc;a",
-         {L"a", L"b", L"txpltsvc", L"txkscsvc"},
-         {L"b", L"a", L"txpltsvc", L"txkscsvc"}},
-        {L"txkscsvc", {L"txkscsvc"}, {L"txkscsvc"}},
-        {L"txpltsvc2;xtxkscsvc", {L"txpltsvc2", L"xtxkscsvc"}, {L"txpltsvc2", L"xtxkscsvc"}},
-        {L"gone;b", {L"b"}, {L"b"}},
-    };
-    for (const auto& row : rows)
-    {
-        SCOPED_TRACE(::testing::PrintToString(row.list));
-        SetUp();
-        RunGroup(row.list);
-        for (const std::wstring& name : row.existing)
-        {
-            g_services[name] = {};
-        }
+    m_sleep.reset();
+    g_services[L"s"] = {0, 0, 0, 1};
+    const ULONGLONG begin = ::GetTickCount64();
 
-        EXPECT_EQ(Manager::StopServices(false), E_FAIL) << "on purpose, also when all went well";
-        EXPECT_EQ(g_calls, row.stopped);
-    }
+    EXPECT_EQ(Manager::StopService(L"s"), S_OK);
+    EXPECT_GE(::GetTickCount64() - begin, 950U);
 }
 
-TEST_F(ControlManagerTest, TheStopsOutcomesAreCombinedByOr)
+TEST_F(ControlManagerTest, StopServicesStopsTheTwoBasicServicesLastAndOrsTheOutcomes)
 {
-    RunGroup(L"a;b");
-    g_services[L"a"].controlError = 0x1234;
-    g_services[L"b"].openError = 0x0002;
-    g_services[L"txkscsvc"].openError = 0x0400;
-
-    EXPECT_EQ(
-        Manager::StopServices(false),
-        static_cast<HRESULT>(0x80004005 | 0x80071234 | 0x80070002 | 0x80070400));
-}
-
-TEST_F(ControlManagerTest, StoppingNeedsAConfiguredGroup)
-{
+    const std::map<std::wstring, FakeService> both = {{L"txpltsvc", {}}, {L"txkscsvc", {}}};
     const struct
     {
         const wchar_t* list; ///< Null: the configuration was never read.
-        HRESULT expected;
-        const wchar_t* line;
+        std::map<std::wstring, FakeService> services;
+        Texts stopped;
+        HRESULT expected = E_FAIL; ///< On purpose, also when all went well.
+        const wchar_t* line = nullptr;
     } rows[] = {
-        {nullptr, E_FAIL, L"Failed to get group services "},
-        {L";;", S_OK, L"There are no services in the group "},
+        {L"a", {{L"a", {}}}, {L"a"}}, // First, while the flag is not set yet.
+        {nullptr, both, {}, E_FAIL, L"4 Failed to get group services "},
+        {L";;", both, {}, S_OK, L"4 There are no services in the group "},
+        {L"a", both, {L"txpltsvc", L"txkscsvc"}},
+        {L"TXKSCSVC;TxPltSvc", both, {L"txpltsvc", L"txkscsvc"}},
+        {L"txkscsvc;b;a", {{L"a", {}}, {L"b", {}}, {L"txkscsvc", {}}}, {L"b", L"a", L"txkscsvc"}},
+        {L"txpltsvc2;xtxkscsvc", {{L"txpltsvc2", {}}, {L"xtxkscsvc", {}}}, {L"txpltsvc2", L"xtxkscsvc"}},
+        {L"a;b",
+         {{L"a", {0, 0x1234}}, {L"b", {2}}, {L"txkscsvc", {0x400}}},
+         {L"a"},
+         static_cast<HRESULT>(0x80004005 | 0x80071234 | 0x80070002 | 0x80070400)},
     };
-    g_services[L"txpltsvc"] = {};
     for (const auto& row : rows)
     {
+        SCOPED_TRACE(::testing::PrintToString(&row - rows));
+        SetUp();
         if (row.list != nullptr)
         {
-            RunGroup(row.list);
+            SetGroup(L"g", row.list);
         }
-        m_log.Clear();
+        for (const bool releaseConfig : {false, true})
+        {
+            ASSERT_TRUE(row.list == nullptr || CTxSvcHostConfig::GetInstance().Init(L"g"));
+            g_services = row.services;
+            g_calls.clear();
+            g_wasFlagSet = true;
+            m_log.Clear();
 
-        EXPECT_EQ(Manager::StopServices(true), row.expected);
-        EXPECT_TRUE(g_calls.empty());
-        EXPECT_TRUE(IsReduceRestartStopping());
-        EXPECT_TRUE(m_log.Has(LogInformation, L"Reduce restart: Calling TxSvHost StopServices"));
-        EXPECT_TRUE(m_log.Has(LogError, row.line));
-        std::wstring name;
-        EXPECT_FALSE(CTxSvcHostConfig::GetInstance().GetGroupName(name)) << "released, whatever the outcome";
+            EXPECT_EQ(Manager::StopServices(releaseConfig), row.expected);
+            EXPECT_EQ(g_calls, row.stopped);
+            EXPECT_TRUE(IsReduceRestartStopping() && g_wasFlagSet);
+            if (row.stopped.empty())
+            {
+                const Texts lines = {L"3 Reduce restart: Calling TxSvHost StopServices", row.line};
+                EXPECT_EQ(Lines(L"StopServices"), lines);
+            }
+            EXPECT_EQ(HasConfig(), row.list != nullptr && !releaseConfig);
+        }
     }
 }
 
 TEST_F(ControlManagerTest, StartServicesStartsTheCoreGroupAndIgnoresWhatFails)
 {
-    SetGroup(L"TxCoreSvc", L"a;gone;running;denied;z");
-    g_services[L"a"] = {};
-    g_services[L"running"].controlError = ERROR_SERVICE_ALREADY_RUNNING;
-    g_services[L"denied"].openError = ERROR_ACCESS_DENIED;
-    g_services[L"z"] = {};
-
-    EXPECT_EQ(Manager::StartServices(false), E_FAIL);
-
-    EXPECT_EQ(g_calls, (std::vector<std::wstring>{L"a", L"running", L"z"}));
-    const std::vector<LogLine> lines = m_log.Lines();
-    const auto first = std::find_if(
-        lines.begin(), lines.end(), [](const LogLine& line) { return line.function == L"StartServices"; });
-    ASSERT_NE(first, lines.end());
-    EXPECT_EQ(first->message, L"Reduce restart: Calling TxSvHost StartServices");
-    EXPECT_TRUE(m_log.Has(LogInformation, L"Failed to open service:gone, error code 1060"));
-    EXPECT_TRUE(m_log.Has(LogInformation, L"Failed to start service:running, error code 1056"));
-    EXPECT_TRUE(m_log.Has(LogInformation, L"Failed to open service:denied, error code 5"));
-    std::wstring name;
-    EXPECT_TRUE(CTxSvcHostConfig::GetInstance().GetGroupName(name)) << "kept";
-}
-
-TEST_F(ControlManagerTest, StartServicesReleasesTheConfigurationOnEveryRoad)
-{
+    constexpr wchar_t kBegin[] = L"3 Reduce restart: Calling TxSvHost StartServices";
+    constexpr wchar_t kAll[] = L"a;gone;running;denied;z";
     const struct
     {
-        const char* name;
         const wchar_t* list; ///< Null: no such group.
         bool hasRoot;
         DWORD managerError;
         HRESULT expected;
-        const wchar_t* line;
+        Texts started;
+        Texts lines;
     } rows[] = {
-        {"all started", L"a", true, 0, E_FAIL, nullptr},
-        {"no manager", L"a", true, ERROR_ACCESS_DENIED, kDenied, L"Open SCManager failed. Error code:5"},
-        {"no services", L";", true, 0, S_OK, L"There are no services in the group"},
-        {"no group", nullptr, true, 0, E_FAIL, L"Failed to get group services"},
-        {"no configuration", nullptr, false, 0, E_FAIL, L"Failed to initialize CTxSvcHostConfig"},
+        {kAll,
+         true,
+         0,
+         E_FAIL, // On purpose.
+         {L"a", L"running", L"z"},
+         {kBegin,
+          L"3 Failed to open service:gone, error code 1060",
+          L"3 Failed to start service:running, error code 1056",
+          L"3 Failed to open service:denied, error code 5"}},
+        {kAll, true, 5, kDenied, {}, {kBegin, L"4 Open SCManager failed. Error code:5"}},
+        {L";", true, 0, S_OK, {}, {kBegin, L"4 There are no services in the group"}},
+        {nullptr, true, 0, E_FAIL, {}, {kBegin, L"4 Failed to get group services"}},
+        {nullptr, false, 0, E_FAIL, {}, {kBegin, L"4 Failed to initialize CTxSvcHostConfig"}},
     };
     for (const auto& row : rows)
     {
-        SCOPED_TRACE(row.name);
-        SetUp();
-        g_services[L"a"] = {};
-        g_managerError = row.managerError;
+        SCOPED_TRACE(::testing::PrintToString(row.lines));
         m_root.Remove();
-        if (row.hasRoot)
-        {
-            ASSERT_EQ(
-                m_root.Key().Create(HKEY_LOCAL_MACHINE, m_root.Path().c_str(), KEY_ALL_ACCESS), DWORD{0});
-        }
+        ASSERT_TRUE(
+            !row.hasRoot ||
+            m_root.Key().Create(HKEY_LOCAL_MACHINE, m_root.Path().c_str(), KEY_ALL_ACCESS) == 0);
         if (row.list != nullptr)
         {
             SetGroup(L"TxCoreSvc", row.list);
         }
-        m_log.Clear();
+        for (const bool releaseConfig : {false, true})
+        {
+            SetUp();
+            g_managerError = row.managerError;
+            g_access = SERVICE_START;
+            g_services = {{L"a", {}}, {L"running", {0, 1056}}, {L"denied", {5}}, {L"z", {}}};
 
-        EXPECT_EQ(Manager::StartServices(true), row.expected);
-        EXPECT_TRUE(row.line == nullptr || m_log.Has(LogError, row.line));
-        EXPECT_EQ(g_calls.size(), row.line == nullptr ? 1U : 0U);
-        std::wstring name;
-        EXPECT_FALSE(CTxSvcHostConfig::GetInstance().GetGroupName(name));
+            EXPECT_EQ(Manager::StartServices(releaseConfig), row.expected);
+            EXPECT_EQ(g_calls, row.started);
+            EXPECT_EQ(Lines(L"StartServices"), row.lines);
+            EXPECT_EQ(HasConfig(), row.hasRoot && !releaseConfig);
+        }
     }
 }
 
@@ -419,46 +340,39 @@ FakeCreateThread(SECURITY_ATTRIBUTES*, SIZE_T, LPTHREAD_START_ROUTINE routine, v
 
 TEST_F(ControlManagerTest, AnUnfinishedStopEndsTheProcessAfterASecond)
 {
-    const struct
+    constexpr wchar_t kForced[] =
+        L"Reduce restart: StopServices failed, starts a thread to force stop TxSvHost";
+    const CImportPatch exit("exit", &FakeExit);
+    Manager manager;
+    for (const bool isForced : {false, true})
     {
-        std::wstring list;
-        HRESULT expected;
-        bool isForced;
-    } rows[] = {{L";", S_OK, false}, {L"a", E_FAIL, true}};
-    for (const auto& row : rows)
-    {
-        g_routine = nullptr;
-        g_services[L"a"] = {};
-        RunGroup(row.list);
-        m_log.Clear();
+        const CImportPatch noThread("CreateThread", &FakeCreateThread);
+        ASSERT_TRUE(exit.IsActive() && noThread.IsActive());
+        SetGroup(L"g", isForced ? L"a" : L";");
+        ASSERT_TRUE(CTxSvcHostConfig::GetInstance().Init(L"g"));
         DWORD processId = 0;
-        {
-            const CImportPatch noThread("CreateThread", &FakeCreateThread);
-            ASSERT_TRUE(noThread.IsActive());
-            Manager manager;
 
-            EXPECT_EQ(manager.TxStopSvcSubsystem(77, &processId), row.expected);
-            EXPECT_EQ(manager.TxStopSvcSubsystem(0, nullptr), row.expected);
-        }
+        EXPECT_EQ(manager.TxStopSvcSubsystem(77, &processId), isForced ? E_FAIL : S_OK);
+        EXPECT_EQ(manager.TxStopSvcSubsystem(0, nullptr), isForced ? E_FAIL : S_OK);
         EXPECT_EQ(processId, ::GetCurrentProcessId());
-        EXPECT_EQ(
-            m_log.Count(
-                LogInformation,
-                L"Reduce restart: StopServices failed, starts a thread to force stop TxSvHost"),
-            row.isForced ? 2U : 0U);
-        EXPECT_EQ(g_routine, row.isForced ? &Manager::MyTerminateThread : nullptr);
+        EXPECT_EQ(m_log.Count(LogInformation, kForced), isForced ? 2U : 0U);
+        EXPECT_EQ(g_routine, isForced ? &Manager::MyTerminateThread : nullptr);
     }
     Manager::WaitForForcedStop(); // Returns: none was begun, since the thread could not be made.
 
-    const CImportPatch exit("exit", &FakeExit);
-    ASSERT_TRUE(exit.IsActive());
-    const HANDLE thread = ::CreateThread(nullptr, 0, &Manager::MyTerminateThread, nullptr, 0, nullptr);
-    ASSERT_EQ(::WaitForSingleObject(thread, 10000), DWORD{WAIT_OBJECT_0});
-    ::CloseHandle(thread);
-
+    const Basalt::CHandle thread(
+        ::CreateThread(nullptr, 0, &Manager::MyTerminateThread, nullptr, 0, nullptr));
+    ASSERT_EQ(::WaitForSingleObject(thread.Get(), 10000), DWORD{WAIT_OBJECT_0});
     EXPECT_EQ(g_exits, std::vector<int>{0});
     EXPECT_EQ(g_sleeps, std::vector<DWORD>{1000});
     EXPECT_TRUE(m_log.Has(LogInformation, L"Reduce restart: Enter MyTerminateThread"));
+
+    Manager::CloseCalls(); // For the life of this process.
+    m_log.Clear();
+    DWORD processId = 0;
+    EXPECT_EQ(manager.TxStopSvcSubsystem(0, &processId), E_FAIL);
+    EXPECT_EQ(processId, ::GetCurrentProcessId());
+    EXPECT_TRUE(m_log.Lines().empty());
 }
 
 HRESULT g_registerResult = S_OK;
@@ -466,10 +380,8 @@ std::vector<DWORD> g_revoked;
 
 HRESULT WINAPI FakeRegister(REFCLSID clsid, IUnknown* object, DWORD context, DWORD flags, DWORD* cookie)
 {
-    EXPECT_TRUE(clsid == CLSID_TxSvcSubsystemControlManager);
-    EXPECT_NE(object, nullptr);
-    EXPECT_EQ(context, DWORD{CLSCTX_LOCAL_SERVER});
-    EXPECT_EQ(flags, DWORD{REGCLS_MULTIPLEUSE});
+    EXPECT_TRUE(clsid == CLSID_TxSvcSubsystemControlManager && object != nullptr);
+    EXPECT_TRUE(context == CLSCTX_LOCAL_SERVER && flags == REGCLS_MULTIPLEUSE);
     *cookie = SUCCEEDED(g_registerResult) ? 42 : 0;
     return g_registerResult;
 }
@@ -481,40 +393,34 @@ HRESULT WINAPI FakeRevoke(DWORD cookie)
 
 TEST_F(ControlManagerTest, TheRegistrationIsRevokedOnce)
 {
+    using Factory = CoTxSvcSubsystemControlManagerClassFactory;
     const CImportPatch registers("CoRegisterClassObject", &FakeRegister);
     const CImportPatch revokes("CoRevokeClassObject", &FakeRevoke);
     ASSERT_TRUE(registers.IsActive() && revokes.IsActive());
     const struct
     {
         HRESULT result;
-        DWORD level;
-        const wchar_t* line;
+        bool isRevoked; ///< Before the destructor does it.
         std::vector<DWORD> revoked;
+        Texts lines;
     } rows[] = {
-        {S_OK, LogInformation, L"CoRegisterClassObject succeeded", {42}},
-        {kDenied, LogError, L"CoRegisterClassObject failed with error 80070005", {}},
+        {S_OK, true, {42}, {L"3 CoRegisterClassObject succeeded"}},
+        {S_OK, false, {42}, {L"3 CoRegisterClassObject succeeded"}},
+        {kDenied, true, {}, {L"4 CoRegisterClassObject failed with error 80070005"}},
     };
     for (const auto& row : rows)
     {
         g_revoked.clear();
         g_registerResult = row.result;
         {
-            CoTxSvcSubsystemControlManagerClassFactory factory;
+            Factory factory;
             EXPECT_EQ(factory.RegisterClassObject(), row.result);
-            EXPECT_EQ(factory.Revoke(), S_OK);
-            EXPECT_EQ(g_revoked, row.revoked);
+            EXPECT_TRUE(!row.isRevoked || factory.Revoke() == S_OK);
+            EXPECT_EQ(g_revoked, row.isRevoked ? row.revoked : std::vector<DWORD>());
         }
-        EXPECT_EQ(g_revoked, row.revoked) << "not again by the destructor";
-        EXPECT_TRUE(m_log.Has(row.level, row.line));
+        EXPECT_EQ(g_revoked, row.revoked);
+        EXPECT_EQ(Lines(L"CoTxSvcSubsystemControlManagerClassFactory::RegisterClassObject"), row.lines);
     }
-    EXPECT_EQ(
-        m_log.Lines().back().function, L"CoTxSvcSubsystemControlManagerClassFactory::RegisterClassObject");
-    {
-        g_registerResult = S_OK;
-        CoTxSvcSubsystemControlManagerClassFactory factory;
-        EXPECT_EQ(factory.RegisterClassObject(), S_OK);
-    }
-    EXPECT_EQ(g_revoked, std::vector<DWORD>{42}) << "by the destructor";
 }
 
 TEST_F(ControlManagerTest, TheClassObjectIsNeverCountedAndItsManagersNeverFreed)
@@ -522,8 +428,7 @@ TEST_F(ControlManagerTest, TheClassObjectIsNeverCountedAndItsManagersNeverFreed)
     CoTxSvcSubsystemControlManagerClassFactory factory;
     auto* const first = static_cast<CGuardedClassObject<1>*>(&factory);
     auto* const second = static_cast<CGuardedClassObject<2>*>(&factory);
-    for (ITxSvcClassObject* entry :
-         {static_cast<ITxSvcClassObject*>(first), static_cast<ITxSvcClassObject*>(second)})
+    for (ITxSvcClassObject* entry : std::initializer_list<ITxSvcClassObject*>{first, second})
     {
         void* object = &factory;
         EXPECT_EQ(entry->QueryInterface(IID_ITxSvcSubsystemControlManager, &object), E_NOINTERFACE);
@@ -544,8 +449,16 @@ TEST_F(ControlManagerTest, TheClassObjectIsNeverCountedAndItsManagersNeverFreed)
 
     void* object = &factory;
     EXPECT_EQ(second->CreateObjectUnguarded(IID_IUnknown, nullptr), E_INVALIDARG);
-    EXPECT_EQ(second->CreateObjectUnguarded(IID_ITxSvcClassObject, &object), E_NOINTERFACE);
-    EXPECT_EQ(object, nullptr);
+    PROCESS_MEMORY_COUNTERS before{};
+    PROCESS_MEMORY_COUNTERS after{};
+    ::GetProcessMemoryInfo(::GetCurrentProcess(), &before, sizeof(before));
+    for (int i = 0; i < 200000; ++i)
+    {
+        ASSERT_EQ(second->CreateObjectUnguarded(IID_ITxSvcClassObject, &object), E_NOINTERFACE);
+        ASSERT_EQ(object, nullptr);
+    }
+    ::GetProcessMemoryInfo(::GetCurrentProcess(), &after, sizeof(after));
+    EXPECT_LT(after.PagefileUsage, before.PagefileUsage + 1024 * 1024) << "16 bytes each and more";
     ASSERT_EQ(second->CreateObjectUnguarded(IID_ITxSvcSubsystemControlManager, &object), S_OK);
     auto* const control = static_cast<ITxSvcSubsystemControlManager*>(object);
     EXPECT_EQ(control->QueryInterface(IID_ITxSvcClassObject, &object), E_NOINTERFACE);

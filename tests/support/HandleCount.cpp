@@ -36,7 +36,7 @@ using NtQuerySystemInformationFunction =
 
 } // namespace
 
-std::size_t CountOwnHandles()
+std::size_t CountHandles(DWORD processId)
 {
     static auto* const query = Basalt::FindExport<NtQuerySystemInformationFunction>(
         ::GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation");
@@ -49,8 +49,13 @@ std::size_t CountOwnHandles()
     }
     const auto& table = *reinterpret_cast<const HandleTable*>(buffer.data());
     const HandleEntry* entries = table.entries;
-    return static_cast<std::size_t>(std::count_if(
-        entries, entries + table.count, [self = ::GetCurrentProcessId()](const HandleEntry& entry) {
-            return entry.processId == self;
+    return static_cast<std::size_t>(
+        std::count_if(entries, entries + table.count, [processId](const HandleEntry& entry) {
+            return entry.processId == processId;
         }));
+}
+
+std::size_t CountOwnHandles()
+{
+    return CountHandles(::GetCurrentProcessId());
 }

@@ -15,7 +15,7 @@ DWORD RunProcess(std::wstring commandLine, DWORD timeoutMs)
             nullptr,
             nullptr,
             FALSE,
-            CREATE_NO_WINDOW,
+            DETACHED_PROCESS,
             nullptr,
             nullptr,
             &startup,
