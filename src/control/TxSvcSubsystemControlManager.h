@@ -47,8 +47,8 @@ public:
     ///         started: it does not say that none was.
     static HRESULT StartServices(bool releaseConfig) noexcept;
 
-    /// For the main thread on its way out, when all services of this process have stopped: a stop may still be
-    /// under way, with services in other processes or with its answer. Waits until the running calls of
+    /// For the main thread on its way out, when all services of this process have stopped: a stop may still
+    /// be under way, with services in other processes or with its answer. Waits until the running calls of
     /// TxStopSvcSubsystem have returned; later ones, and those that come meanwhile, fail at once.
     static void CloseCalls() noexcept;
 

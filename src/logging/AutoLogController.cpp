@@ -84,18 +84,18 @@ DWORD AutoLogController::loadLibrary() noexcept
 
 DWORD AutoLogController::resolveEntryPoints() noexcept
 {
-    DWORD status = Take(Find<StartFunction>("Start"), m_start);
+    DWORD status = Take(Find<TxSdk::LogControllerStart>("Start"), m_start);
     if (status == ERROR_SUCCESS)
     {
-        status = Take(Find<StopFunction>("Stop"), m_stop);
+        status = Take(Find<TxSdk::LogControllerStop>("Stop"), m_stop);
     }
     if (status == ERROR_SUCCESS)
     {
-        status = Take(Find<RestartSessionFunction>("RestartSession"), m_restartSession);
+        status = Take(Find<TxSdk::LogControllerRestartSession>("RestartSession"), m_restartSession);
     }
     if (status == ERROR_SUCCESS)
     {
-        status = Take(Find<FlushBuffersFunction>("FlushBuffers"), m_flushBuffers);
+        status = Take(Find<TxSdk::LogControllerFlushBuffers>("FlushBuffers"), m_flushBuffers);
     }
     return status;
 }

@@ -4,6 +4,7 @@
 
 #include <memory>
 
+#include "TxLogController.h"
 #include "base/DllWrapperBase.h"
 #include "logging/LogControllerHelper.h"
 
@@ -17,12 +18,6 @@ namespace ETWLogging
 class AutoLogController : public Basalt::CDllWrapperBase
 {
 public:
-    // The library's entry points. Names are borrowed for the call.
-    using StartFunction = DWORD WINAPI(const wchar_t* applicationName);
-    using StopFunction = DWORD WINAPI(DWORD_PTR zero, const wchar_t* applicationName);
-    using RestartSessionFunction = DWORD WINAPI(const wchar_t* applicationName);
-    using FlushBuffersFunction = DWORD WINAPI(const wchar_t* applicationName);
-
     /// Finds, loads and starts the controller.
     /// @param applicationName borrowed: must outlive the object.
     explicit AutoLogController(const wchar_t* applicationName) noexcept;
@@ -40,10 +35,10 @@ private:
     [[nodiscard]] DWORD loadLibrary() noexcept;
     [[nodiscard]] DWORD resolveEntryPoints() noexcept;
 
-    StartFunction* m_start = nullptr;
-    StopFunction* m_stop = nullptr;
-    RestartSessionFunction* m_restartSession = nullptr;
-    FlushBuffersFunction* m_flushBuffers = nullptr;
+    TxSdk::LogControllerStart* m_start = nullptr;
+    TxSdk::LogControllerStop* m_stop = nullptr;
+    TxSdk::LogControllerRestartSession* m_restartSession = nullptr;
+    TxSdk::LogControllerFlushBuffers* m_flushBuffers = nullptr;
     DWORD m_status = ERROR_SUCCESS;
     const wchar_t* m_applicationName;
     std::unique_ptr<LogControllerHelper> m_helper;

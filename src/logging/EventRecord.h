@@ -6,17 +6,18 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "TxLogController.h"
+
 /// @file
 /// The event that the event-tracing logger hands to TraceEvent: an EVENT_TRACE_HEADER with
 /// WNODE_FLAG_TRACED_GUID | WNODE_FLAG_USE_MOF_PTR, followed by one MOF_FIELD for each EventField. In the
-/// trace the fields stand one after the other, without padding.
+/// trace the fields stand one after the other, without padding. sdk/TxSvHostEvents.mof describes them to others.
 
 namespace ETWLogging
 {
 
 /// The provider that a session enables.
-inline constexpr GUID kEventProvider = {
-    0x3B5C1D0E, 0x7A42, 0x4F86, {0x9D, 0x21, 0x6C, 0x88, 0x15, 0xE0, 0x4B, 0x7F}};
+inline constexpr GUID kEventProvider = TxSdk::kLogEventProvider;
 
 /// Class of the message event (EVENT_TRACE_HEADER::Guid).
 inline constexpr GUID kMessageEventClass = {

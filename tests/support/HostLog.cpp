@@ -160,8 +160,10 @@ CHostLog::CHostLog(const std::wstring& folder) : m_path(folder + L"\\PLATFORM.lo
     ThrowIfFailed(key.Create(HKEY_LOCAL_MACHINE, kLogKey, KEY_READ | KEY_WRITE), L"creating the log's key");
     ThrowIfFailed(key.WriteString(ETWLogging::kFolderSetting.name, folder), L"writing the log's folder");
     ThrowIfFailed(
-        key.WriteDword(ETWLogging::kOptionsSetting.name, ETWLogging::kAllOptions), L"writing the log's options");
-    ThrowIfFailed(key.WriteDword(ETWLogging::kLevelSetting.name, ETWLogging::LogNormal), L"writing the log's level");
+        key.WriteDword(ETWLogging::kOptionsSetting.name, ETWLogging::kAllOptions),
+        L"writing the log's options");
+    ThrowIfFailed(
+        key.WriteDword(ETWLogging::kLevelSetting.name, ETWLogging::LogNormal), L"writing the log's level");
     ThrowIfFailed(
         key.WriteDword(ETWLogging::kMechanismSetting.name, ETWLogging::kFileMechanism),
         L"writing the log's mechanism");

@@ -1,0 +1,231 @@
+#include "TraceSession.h"
+
+#include <cstring>
+#include <vector>
+
+#include "TxLogController.h"
+
+namespace
+{
+
+constexpr DWORD kTurnWaitMs = 10000;
+
+/// What the trace functions want: the properties with room for both names behind them.
+class CProperties
+{
+public:
+    CProperties() : m_memory(kNameOffset + 2 * kNameBytes)
+    {
+        EVENT_TRACE_PROPERTIES& properties = *Get();
+        properties.Wnode.BufferSize = static_cast<ULONG>(m_memory.size());
+        properties.Wnode.Flags = WNODE_FLAG_TRACED_GUID;
+        properties.LoggerNameOffset = kNameOffset;
+        properties.LogFileNameOffset = kNameOffset + kNameBytes;
+    }
+
+    [[nodiscard]] EVENT_TRACE_PROPERTIES* Get() noexcept
+    {
+        return reinterpret_cast<EVENT_TRACE_PROPERTIES*>(m_memory.data());
+    }
+
+    bool SetFile(const std::wstring& path)
+    {
+        const std::size_t size = (path.size() + 1) * sizeof(wchar_t);
+        if (size > kNameBytes)
+        {
+            return false;
+        }
+        std::memcpy(&m_memory[kNameOffset + kNameBytes], path.c_str(), size);
+        return true;
+    }
+
+private:
+    static constexpr ULONG kNameBytes = 1024 * sizeof(wchar_t); // The system's own limit for a name.
+    static constexpr ULONG kNameOffset = sizeof(EVENT_TRACE_PROPERTIES);
+
+    std::vector<BYTE> m_memory; // Zeroed, and aligned as any object may want it.
+};
+
+/// Creates the folder and the one above it, as the log needs them.
+DWORD MakeFolder(const std::wstring& folder)
+{
+    if (::CreateDirectoryW(folder.c_str(), nullptr) || ::GetLastError() == ERROR_ALREADY_EXISTS)
+    {
+        return ERROR_SUCCESS;
+    }
+    const std::size_t backslash = folder.rfind(L'\\');
+    if (::GetLastError() != ERROR_PATH_NOT_FOUND || backslash == std::wstring::npos)
+    {
+        return ::GetLastError();
+    }
+    const DWORD status = MakeFolder(folder.substr(0, backslash));
+    return status != ERROR_SUCCESS || ::CreateDirectoryW(folder.c_str(), nullptr) ? status : ::GetLastError();
+}
+
+} // namespace
+
+/// Keeps the other processes out for its scope, so that starting, joining and stopping do not cross.
+class CTraceSession::CTurn
+{
+public:
+    explicit CTurn(const std::wstring& sessionName)
+        : m_mutex(::CreateMutexW(nullptr, FALSE, (L"Global\\" + sessionName).c_str()))
+    {
+        if (m_mutex == nullptr)
+        {
+            m_status = ::GetLastError();
+            return;
+        }
+        const DWORD wait = ::WaitForSingleObject(m_mutex, kTurnWaitMs);
+        m_status = wait == WAIT_OBJECT_0 || wait == WAIT_ABANDONED ? DWORD{ERROR_SUCCESS}
+                   : wait == WAIT_TIMEOUT                          ? DWORD{ERROR_TIMEOUT}
+                                                                   : ::GetLastError();
+    }
+    ~CTurn()
+    {
+        if (m_status == ERROR_SUCCESS)
+        {
+            ::ReleaseMutex(m_mutex);
+        }
+        if (m_mutex != nullptr)
+        {
+            ::CloseHandle(m_mutex);
+        }
+    }
+    CTurn(const CTurn&) = delete;
+    CTurn& operator=(const CTurn&) = delete;
+
+    [[nodiscard]] DWORD Status() const noexcept { return m_status; }
+
+private:
+    HANDLE m_mutex;
+    DWORD m_status = ERROR_SUCCESS;
+};
+
+CTraceSession::CTraceSession(const std::wstring& folder, const std::wstring& application)
+    : m_folder(folder), m_name(L"Tarvex.Log." + application), m_path(folder + L"\\" + application)
+{
+}
+
+CTraceSession::~CTraceSession()
+{
+    if (m_users != INVALID_HANDLE_VALUE)
+    {
+        ::CloseHandle(m_users);
+    }
+}
+
+/// @param share 0 succeeds only when no other process uses the session.
+HANDLE CTraceSession::openUsers(DWORD share) const
+{
+    return ::CreateFileW(
+        (m_path + L".users").c_str(),
+        GENERIC_READ,
+        share,
+        nullptr,
+        OPEN_ALWAYS,
+        FILE_ATTRIBUTE_NORMAL,
+        nullptr);
+}
+
+DWORD CTraceSession::Start()
+{
+    if (m_users != INVALID_HANDLE_VALUE)
+    {
+        return ERROR_SUCCESS;
+    }
+    DWORD status = MakeFolder(m_folder);
+    const CTurn turn(m_name);
+    if (status != ERROR_SUCCESS || turn.Status() != ERROR_SUCCESS)
+    {
+        return status != ERROR_SUCCESS ? status : turn.Status();
+    }
+    const HANDLE alone = openUsers(0);
+    const bool isFirst = alone != INVALID_HANDLE_VALUE;
+    if (isFirst)
+    {
+        ::CloseHandle(alone);
+        status = begin();
+    }
+    // Whoever is not the first joins the session that is on.
+    if (status == ERROR_SUCCESS)
+    {
+        m_users = openUsers(FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE);
+        status = m_users == INVALID_HANDLE_VALUE ? ::GetLastError() : DWORD{ERROR_SUCCESS};
+    }
+    return status;
+}
+
+DWORD CTraceSession::begin()
+{
+    static_cast<void>(control(EVENT_TRACE_CONTROL_STOP)); // One that a crashed process left behind.
+    const std::wstring file = m_path + L".etl";
+    ::MoveFileExW(file.c_str(), (m_path + L".old.etl").c_str(), MOVEFILE_REPLACE_EXISTING);
+
+    CProperties properties;
+    EVENT_TRACE_PROPERTIES& wanted = *properties.Get();
+    wanted.Wnode.ClientContext = 1; // Times from the performance counter.
+    wanted.LogFileMode = EVENT_TRACE_FILE_MODE_CIRCULAR;
+    wanted.MaximumFileSize = kFileMegabytes;
+    wanted.FlushTimer = 1; // Seconds: a crash of the machine costs no more.
+    if (!properties.SetFile(file))
+    {
+        return ERROR_FILENAME_EXCED_RANGE;
+    }
+    TRACEHANDLE session = 0;
+    DWORD status = ::StartTraceW(&session, m_name.c_str(), properties.Get());
+    if (status != ERROR_SUCCESS)
+    {
+        return status;
+    }
+    // Neither level nor flags: the hosts' own configuration decides.
+    status = ::EnableTrace(TRUE, 0, 0, &TxSdk::kLogEventProvider, session);
+    if (status != ERROR_SUCCESS)
+    {
+        static_cast<void>(control(EVENT_TRACE_CONTROL_STOP));
+    }
+    return status;
+}
+
+DWORD CTraceSession::control(ULONG code)
+{
+    CProperties properties;
+    return ::ControlTraceW(0, m_name.c_str(), properties.Get(), code);
+}
+
+DWORD CTraceSession::Stop()
+{
+    if (m_users == INVALID_HANDLE_VALUE)
+    {
+        return ERROR_SUCCESS;
+    }
+    const CTurn turn(m_name);
+    ::CloseHandle(m_users);
+    m_users = INVALID_HANDLE_VALUE;
+    if (turn.Status() != ERROR_SUCCESS)
+    {
+        return turn.Status();
+    }
+    const HANDLE alone = openUsers(0);
+    if (alone == INVALID_HANDLE_VALUE)
+    {
+        return ERROR_SUCCESS; // Others go on recording.
+    }
+    ::CloseHandle(alone);
+    return control(EVENT_TRACE_CONTROL_STOP);
+}
+
+DWORD CTraceSession::Restart()
+{
+    if (m_users == INVALID_HANDLE_VALUE)
+    {
+        return ERROR_INVALID_STATE;
+    }
+    const CTurn turn(m_name);
+    return turn.Status() == ERROR_SUCCESS ? begin() : turn.Status();
+}
+
+DWORD CTraceSession::Flush()
+{
+    return m_users == INVALID_HANDLE_VALUE ? DWORD{ERROR_INVALID_STATE} : control(EVENT_TRACE_CONTROL_FLUSH);
+}
