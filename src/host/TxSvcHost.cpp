@@ -91,8 +91,8 @@ DWORD CTxSvcHost::Start(int argc, wchar_t** argv)
         TX_LOG(LogError, kFunction, L"SCM interface failed to start (Err=0x%08X)", result);
         return ERROR_INTERNAL_ERROR;
     }
-    CTxSvcSubsystemControlManager::CloseCalls(); // They use the configuration.
     TX_LOG(LogNormal, kFunction, L"SCM stopped after %0.04fs", sinceStart.Seconds());
+    CTxSvcSubsystemControlManager::CloseCalls(); // They use the configuration.
 
     TX_LOG(LogNormal, kFunction, L"De-initializing working set reduction");
     DeInitializeWSS();

@@ -23,8 +23,9 @@ using Manager = CTxSvcSubsystemControlManager;
 namespace
 {
 
+using Texts = std::vector<std::wstring>;
+
 constexpr HRESULT kDenied = static_cast<HRESULT>(0x80070005);
-constexpr HRESULT kBusy = static_cast<HRESULT>(0x80070425); // ERROR_SERVICE_CANNOT_ACCEPT_CTRL
 
 /// How one service of the pretended service control manager behaves.
 struct FakeService
@@ -34,71 +35,74 @@ struct FakeService
     DWORD queryError = 0;
     int pending = 0; ///< So many looks at the state find it pending, that of ControlService included.
 };
-
-std::map<std::wstring, FakeService> g_services; ///< Missing ones do not exist.
-std::vector<std::wstring> g_calls;
-DWORD g_managerError = 0;
-DWORD g_access = 0;       ///< What a service must be opened for.
-bool g_wasFlagSet = true; ///< Before each stop.
-int g_opened = 0;         ///< Handles opened and not closed.
-std::vector<DWORD> g_sleeps;
-
-using Texts = std::vector<std::wstring>;
-using Entry = std::pair<const std::wstring, FakeService>;
+using Services = std::map<std::wstring, FakeService>;
 
 /// The handle of a service is the address of its entry.
+struct FakeManager
+{
+    Services services{}; ///< Missing ones do not exist.
+    DWORD error = 0;
+    DWORD access = SERVICE_STOP | SERVICE_QUERY_STATUS; ///< What a service must be opened for.
+    Texts calls{};
+    std::vector<DWORD> sleeps{};
+    bool wasFlagSet = true; ///< Before each stop.
+    int opened = 0;         ///< Handles opened and not closed.
+} g_scm;
+
 SC_HANDLE Open(DWORD error, void* object)
 {
     ::SetLastError(error);
-    g_opened += error == 0 ? 1 : 0;
+    g_scm.opened += error == 0 ? 1 : 0;
     return error == 0 ? static_cast<SC_HANDLE>(object) : nullptr;
 }
 SC_HANDLE WINAPI FakeOpenManager(const wchar_t* machine, const wchar_t* database, DWORD access)
 {
     EXPECT_TRUE(machine == nullptr && database == nullptr && access == SC_MANAGER_ALL_ACCESS);
-    return Open(g_managerError, &g_opened);
+    return Open(g_scm.error, &g_scm);
 }
 SC_HANDLE WINAPI FakeOpenService(SC_HANDLE, const wchar_t* name, DWORD access)
 {
-    EXPECT_EQ(access, g_access);
-    const auto found = g_services.find(name);
-    return found == g_services.end() ? Open(ERROR_SERVICE_DOES_NOT_EXIST, nullptr)
-                                     : Open(found->second.openError, &*found);
+    EXPECT_EQ(access, g_scm.access);
+    const auto found = g_scm.services.find(name);
+    return found == g_scm.services.end() ? Open(ERROR_SERVICE_DOES_NOT_EXIST, nullptr)
+                                         : Open(found->second.openError, &*found);
 }
-BOOL WINAPI FakeQuery(SC_HANDLE handle, SERVICE_STATUS* status)
+BOOL Answer(SC_HANDLE handle, DWORD FakeService::* error, SERVICE_STATUS* status, bool isCall)
 {
-    FakeService& service = reinterpret_cast<Entry*>(handle)->second;
-    status->dwCurrentState = service.pending-- > 0 ? SERVICE_STOP_PENDING : SERVICE_STOPPED;
-    ::SetLastError(service.queryError);
-    return service.queryError == 0;
-}
-BOOL Act(SC_HANDLE handle)
-{
-    g_calls.push_back(reinterpret_cast<Entry*>(handle)->first);
-    ::SetLastError(reinterpret_cast<Entry*>(handle)->second.controlError);
-    return ::GetLastError() == 0;
+    auto& [name, service] = *reinterpret_cast<Services::value_type*>(handle);
+    if (isCall)
+    {
+        g_scm.calls.push_back(name);
+    }
+    if (status != nullptr)
+    {
+        status->dwCurrentState = service.pending-- > 0 ? SERVICE_STOP_PENDING : SERVICE_STOPPED;
+    }
+    ::SetLastError(service.*error);
+    return service.*error == 0;
 }
 BOOL WINAPI FakeControl(SC_HANDLE handle, DWORD control, SERVICE_STATUS* status)
 {
     EXPECT_EQ(control, DWORD{SERVICE_CONTROL_STOP});
-    g_wasFlagSet = g_wasFlagSet && IsReduceRestartStopping();
-    FakeService& service = reinterpret_cast<Entry*>(handle)->second;
-    status->dwCurrentState = service.pending-- > 0 ? SERVICE_STOP_PENDING : SERVICE_STOPPED;
-    return Act(handle);
+    g_scm.wasFlagSet = g_scm.wasFlagSet && IsReduceRestartStopping();
+    return Answer(handle, &FakeService::controlError, status, true);
 }
 BOOL WINAPI FakeStart(SC_HANDLE handle, DWORD count, const wchar_t** arguments)
 {
     EXPECT_TRUE(count == 0 && arguments == nullptr);
-    return Act(handle);
+    return Answer(handle, &FakeService::controlError, nullptr, true);
+}
+BOOL WINAPI FakeQuery(SC_HANDLE handle, SERVICE_STATUS* status)
+{
+    return Answer(handle, &FakeService::queryError, status, false);
 }
 BOOL WINAPI FakeClose(SC_HANDLE)
 {
-    --g_opened;
-    return TRUE;
+    return --g_scm.opened >= 0;
 }
 void WINAPI FakeSleep(DWORD milliseconds)
 {
-    g_sleeps.push_back(milliseconds);
+    g_scm.sleeps.push_back(milliseconds);
 }
 
 class ControlManagerTest : public ::testing::Test
@@ -106,12 +110,7 @@ class ControlManagerTest : public ::testing::Test
 protected:
     void SetUp() override
     {
-        g_services.clear();
-        g_calls.clear();
-        g_sleeps.clear();
-        g_managerError = 0;
-        g_opened = 0;
-        g_access = SERVICE_STOP | SERVICE_QUERY_STATUS;
+        g_scm = {};
         m_log.Clear();
         CTxSvcHostConfig::ReleaseInstance();
         for (const CImportPatch& patch : m_patches)
@@ -122,7 +121,7 @@ protected:
     void TearDown() override
     {
         CTxSvcHostConfig::ReleaseInstance();
-        EXPECT_EQ(g_opened, 0) << "handles left open";
+        EXPECT_EQ(g_scm.opened, 0) << "handles left open";
     }
 
     void SetGroup(const wchar_t* name, const std::wstring& list)
@@ -185,7 +184,11 @@ TEST_F(ControlManagerTest, StopServiceHasAResultAndALineForEachOutcome)
         {"does not exist", {}, S_OK, 0, {}, 0, false},
         {"no access", {5}, kDenied, 0, {L"3 Failed to open service:s, error code 5"}},
         {"does not run", {0, ERROR_SERVICE_NOT_ACTIVE}, S_OK, 0, {}},
-        {"refuses", {0, 1061}, kBusy, 0, {L"3 Failed to stop service:s, error code 1061"}},
+        {"refuses",
+         {0, 1061},
+         static_cast<HRESULT>(0x80070425),
+         0,
+         {L"3 Failed to stop service:s, error code 1061"}},
         {"no manager", {}, kDenied, 0, {L"4 Open SCManager failed. Error code:5"}, 5},
         {"an HRESULT", {}, kOdd, 0, {L"4 Open SCManager failed. Error code:-2147418111"}, 0x80010001},
     };
@@ -193,23 +196,19 @@ TEST_F(ControlManagerTest, StopServiceHasAResultAndALineForEachOutcome)
     {
         SCOPED_TRACE(row.name);
         SetUp();
-        g_managerError = row.managerError;
-        if (row.exists)
-        {
-            g_services[L"s"] = row.service;
-        }
+        g_scm = {row.exists ? Services{{L"s", row.service}} : Services{}, row.managerError};
 
         EXPECT_EQ(Manager::StopService(L"s"), row.expected);
-        EXPECT_EQ(g_sleeps, std::vector<DWORD>(row.sleeps, 1000));
+        EXPECT_EQ(g_scm.sleeps, std::vector<DWORD>(row.sleeps, 1000));
         EXPECT_EQ(Lines(L"StopService"), row.lines);
-        EXPECT_EQ(g_opened, 0);
+        EXPECT_EQ(g_scm.opened, 0);
     }
 }
 
 TEST_F(ControlManagerTest, APollWaitsASecondOfRealTime)
 {
     m_sleep.reset();
-    g_services[L"s"] = {0, 0, 0, 1};
+    g_scm.services[L"s"] = {0, 0, 0, 1};
     const ULONGLONG begin = ::GetTickCount64();
 
     EXPECT_EQ(Manager::StopService(L"s"), S_OK);
@@ -218,11 +217,11 @@ TEST_F(ControlManagerTest, APollWaitsASecondOfRealTime)
 
 TEST_F(ControlManagerTest, StopServicesStopsTheTwoBasicServicesLastAndOrsTheOutcomes)
 {
-    const std::map<std::wstring, FakeService> both = {{L"txpltsvc", {}}, {L"txkscsvc", {}}};
+    const Services both = {{L"txpltsvc", {}}, {L"txkscsvc", {}}};
     const struct
     {
         const wchar_t* list; ///< Null: the configuration was never read.
-        std::map<std::wstring, FakeService> services;
+        Services services;
         Texts stopped;
         HRESULT expected = E_FAIL; ///< On purpose, also when all went well.
         const wchar_t* line = nullptr;
@@ -250,14 +249,12 @@ TEST_F(ControlManagerTest, StopServicesStopsTheTwoBasicServicesLastAndOrsTheOutc
         for (const bool releaseConfig : {false, true})
         {
             ASSERT_TRUE(row.list == nullptr || CTxSvcHostConfig::GetInstance().Init(L"g"));
-            g_services = row.services;
-            g_calls.clear();
-            g_wasFlagSet = true;
+            g_scm = {row.services};
             m_log.Clear();
 
             EXPECT_EQ(Manager::StopServices(releaseConfig), row.expected);
-            EXPECT_EQ(g_calls, row.stopped);
-            EXPECT_TRUE(IsReduceRestartStopping() && g_wasFlagSet);
+            EXPECT_EQ(g_scm.calls, row.stopped);
+            EXPECT_TRUE(IsReduceRestartStopping() && g_scm.wasFlagSet);
             if (row.stopped.empty())
             {
                 const Texts lines = {L"3 Reduce restart: Calling TxSvHost StopServices", row.line};
@@ -309,32 +306,23 @@ TEST_F(ControlManagerTest, StartServicesStartsTheCoreGroupAndIgnoresWhatFails)
         for (const bool releaseConfig : {false, true})
         {
             SetUp();
-            g_managerError = row.managerError;
-            g_access = SERVICE_START;
-            g_services = {{L"a", {}}, {L"running", {0, 1056}}, {L"denied", {5}}, {L"z", {}}};
+            const Services services = {{L"a", {}}, {L"running", {0, 1056}}, {L"denied", {5}}, {L"z", {}}};
+            g_scm = {services, row.managerError, SERVICE_START};
 
             EXPECT_EQ(Manager::StartServices(releaseConfig), row.expected);
-            EXPECT_EQ(g_calls, row.started);
+            EXPECT_EQ(g_scm.calls, row.started);
             EXPECT_EQ(Lines(L"StartServices"), row.lines);
             EXPECT_EQ(HasConfig(), row.hasRoot && !releaseConfig);
         }
     }
 }
 
-std::vector<int> g_exits;
-
-[[noreturn]] void FakeExit(int code)
-{
-    g_exits.push_back(code);
-    ::ExitThread(7);
-}
 LPTHREAD_START_ROUTINE g_routine = nullptr;
 HANDLE WINAPI
 FakeCreateThread(SECURITY_ATTRIBUTES*, SIZE_T, LPTHREAD_START_ROUTINE routine, void* context, DWORD, DWORD*)
 {
     EXPECT_EQ(context, nullptr);
     g_routine = routine;
-    ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
     return nullptr;
 }
 
@@ -342,7 +330,7 @@ TEST_F(ControlManagerTest, AnUnfinishedStopEndsTheProcessAfterASecond)
 {
     constexpr wchar_t kForced[] =
         L"Reduce restart: StopServices failed, starts a thread to force stop TxSvHost";
-    const CImportPatch exit("exit", &FakeExit);
+    const CImportPatch exit("exit", +[](int code) { ::ExitThread(code == 0 ? 7 : 8); });
     Manager manager;
     for (const bool isForced : {false, true})
     {
@@ -363,8 +351,9 @@ TEST_F(ControlManagerTest, AnUnfinishedStopEndsTheProcessAfterASecond)
     const Basalt::CHandle thread(
         ::CreateThread(nullptr, 0, &Manager::MyTerminateThread, nullptr, 0, nullptr));
     ASSERT_EQ(::WaitForSingleObject(thread.Get(), 10000), DWORD{WAIT_OBJECT_0});
-    EXPECT_EQ(g_exits, std::vector<int>{0});
-    EXPECT_EQ(g_sleeps, std::vector<DWORD>{1000});
+    DWORD exitCode = 0;
+    EXPECT_TRUE(::GetExitCodeThread(thread.Get(), &exitCode) && exitCode == 7);
+    EXPECT_EQ(g_scm.sleeps, std::vector<DWORD>{1000});
     EXPECT_TRUE(m_log.Has(LogInformation, L"Reduce restart: Enter MyTerminateThread"));
 
     Manager::CloseCalls(); // For the life of this process.
