@@ -39,24 +39,41 @@ DWORD LogFolder(std::wstring& folder)
     return ERROR_SUCCESS;
 }
 
-/// Performs an operation on the session of an application, which becomes part of file and object names.
-DWORD WithSession(const wchar_t* application, DWORD (CTraceSession::*operation)()) noexcept
+/// The name becomes part of file and object names.
+bool IsUsable(const wchar_t* application) noexcept
+{
+    return application != nullptr && *application != L'\0' &&
+           std::wcspbrk(application, L"\\/:*?\"<>|") == nullptr;
+}
+
+DWORD StartSession(const wchar_t* application) noexcept
 try
 {
-    if (application == nullptr || *application == L'\0' ||
-        std::wcspbrk(application, L"\\/:*?\"<>|") != nullptr)
-    {
-        return ERROR_INVALID_PARAMETER;
-    }
     std::wstring folder;
-    const DWORD status = LogFolder(folder);
+    const DWORD status = IsUsable(application) ? LogFolder(folder) : DWORD{ERROR_INVALID_PARAMETER};
     if (status != ERROR_SUCCESS)
     {
         return status;
     }
     const CLockGuard guard;
-    CTraceSession& session = g_sessions.try_emplace(application, folder, application).first->second;
-    return (session.*operation)();
+    return g_sessions.try_emplace(application, folder, application).first->second.Start();
+}
+catch (const std::exception&)
+{
+    return ERROR_OUTOFMEMORY;
+}
+
+/// @param absent the result when the application has no session.
+DWORD WithSession(const wchar_t* application, DWORD (CTraceSession::*operation)(), DWORD absent) noexcept
+try
+{
+    if (!IsUsable(application))
+    {
+        return ERROR_INVALID_PARAMETER;
+    }
+    const CLockGuard guard;
+    const auto found = g_sessions.find(application);
+    return found == g_sessions.end() ? absent : (found->second.*operation)();
 }
 catch (const std::exception&)
 {
@@ -69,21 +86,21 @@ extern "C"
 {
     __declspec(dllexport) DWORD WINAPI Start(const wchar_t* applicationName)
     {
-        return WithSession(applicationName, &CTraceSession::Start);
+        return StartSession(applicationName);
     }
 
     __declspec(dllexport) DWORD WINAPI Stop(DWORD_PTR /*zero*/, const wchar_t* applicationName)
     {
-        return WithSession(applicationName, &CTraceSession::Stop);
+        return WithSession(applicationName, &CTraceSession::Stop, ERROR_SUCCESS);
     }
 
     __declspec(dllexport) DWORD WINAPI RestartSession(const wchar_t* applicationName)
     {
-        return WithSession(applicationName, &CTraceSession::Restart);
+        return WithSession(applicationName, &CTraceSession::Restart, ERROR_INVALID_STATE);
     }
 
     __declspec(dllexport) DWORD WINAPI FlushBuffers(const wchar_t* applicationName)
     {
-        return WithSession(applicationName, &CTraceSession::Flush);
+        return WithSession(applicationName, &CTraceSession::Flush, ERROR_INVALID_STATE);
     }
 }

@@ -1,5 +1,7 @@
 #include "TraceSession.h"
 
+#include <sddl.h>
+
 #include <cstring>
 #include <vector>
 
@@ -46,20 +48,44 @@ private:
     std::vector<BYTE> m_memory; // Zeroed, and aligned as any object may want it.
 };
 
-/// Creates the folder and the one above it, as the log needs them.
+/// All rights for SYSTEM and administrators; the service accounts may wait for the mutex and release it.
+constexpr wchar_t kMutexSecurity[] =
+    L"D:(A;;0x1F0001;;;SY)(A;;0x1F0001;;;BA)(A;;0x100001;;;LS)(A;;0x100001;;;NS)(A;;0x100001;;;SU)";
+
+HANDLE MakeMutex(const std::wstring& name)
+{
+    SECURITY_ATTRIBUTES security{sizeof(security), nullptr, FALSE};
+    if (!::ConvertStringSecurityDescriptorToSecurityDescriptorW(
+            kMutexSecurity, SDDL_REVISION_1, &security.lpSecurityDescriptor, nullptr))
+    {
+        return nullptr;
+    }
+    const HANDLE mutex = ::CreateMutexExW(&security, name.c_str(), 0, SYNCHRONIZE | MUTEX_MODIFY_STATE);
+    const DWORD error = ::GetLastError();
+    ::LocalFree(security.lpSecurityDescriptor);
+    ::SetLastError(error);
+    return mutex;
+}
+
+/// Creates the folder with its parents. Another process may be faster.
 DWORD MakeFolder(const std::wstring& folder)
 {
     if (::CreateDirectoryW(folder.c_str(), nullptr) || ::GetLastError() == ERROR_ALREADY_EXISTS)
     {
         return ERROR_SUCCESS;
     }
+    const DWORD error = ::GetLastError();
     const std::size_t backslash = folder.rfind(L'\\');
-    if (::GetLastError() != ERROR_PATH_NOT_FOUND || backslash == std::wstring::npos)
+    if (error != ERROR_PATH_NOT_FOUND || backslash == std::wstring::npos)
     {
-        return ::GetLastError();
+        return error;
     }
     const DWORD status = MakeFolder(folder.substr(0, backslash));
-    return status != ERROR_SUCCESS || ::CreateDirectoryW(folder.c_str(), nullptr) ? status : ::GetLastError();
+    if (status != ERROR_SUCCESS || ::CreateDirectoryW(folder.c_str(), nullptr))
+    {
+        return status;
+    }
+    return ::GetLastError() == ERROR_ALREADY_EXISTS ? DWORD{ERROR_SUCCESS} : ::GetLastError();
 }
 
 } // namespace
@@ -68,8 +94,7 @@ DWORD MakeFolder(const std::wstring& folder)
 class CTraceSession::CTurn
 {
 public:
-    explicit CTurn(const std::wstring& sessionName)
-        : m_mutex(::CreateMutexW(nullptr, FALSE, (L"Global\\" + sessionName).c_str()))
+    explicit CTurn(const std::wstring& sessionName) : m_mutex(MakeMutex(L"Global\\" + sessionName))
     {
         if (m_mutex == nullptr)
         {
@@ -128,26 +153,41 @@ HANDLE CTraceSession::openUsers(DWORD share) const
         nullptr);
 }
 
+DWORD CTraceSession::findOthers(bool& others) const
+{
+    const HANDLE alone = openUsers(0);
+    const DWORD error = ::GetLastError();
+    others = alone == INVALID_HANDLE_VALUE && error == ERROR_SHARING_VIOLATION;
+    if (alone == INVALID_HANDLE_VALUE)
+    {
+        return others ? DWORD{ERROR_SUCCESS} : error;
+    }
+    ::CloseHandle(alone);
+    return ERROR_SUCCESS;
+}
+
 DWORD CTraceSession::Start()
 {
     if (m_users != INVALID_HANDLE_VALUE)
     {
         return ERROR_SUCCESS;
     }
-    DWORD status = MakeFolder(m_folder);
     const CTurn turn(m_name);
-    if (status != ERROR_SUCCESS || turn.Status() != ERROR_SUCCESS)
+    DWORD status = turn.Status();
+    if (status == ERROR_SUCCESS)
     {
-        return status != ERROR_SUCCESS ? status : turn.Status();
+        status = MakeFolder(m_folder);
     }
-    const HANDLE alone = openUsers(0);
-    const bool isFirst = alone != INVALID_HANDLE_VALUE;
-    if (isFirst)
+    bool others = false;
+    if (status == ERROR_SUCCESS)
     {
-        ::CloseHandle(alone);
+        status = findOthers(others);
+    }
+    // Who is not the first joins the session, unless somebody has stopped it by hand.
+    if (status == ERROR_SUCCESS && (!others || control(EVENT_TRACE_CONTROL_QUERY) != ERROR_SUCCESS))
+    {
         status = begin();
     }
-    // Whoever is not the first joins the session that is on.
     if (status == ERROR_SUCCESS)
     {
         m_users = openUsers(FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE);
@@ -160,6 +200,7 @@ DWORD CTraceSession::begin()
 {
     static_cast<void>(control(EVENT_TRACE_CONTROL_STOP)); // One that a crashed process left behind.
     const std::wstring file = m_path + L".etl";
+    // Not when a viewer holds the old one: recording goes before keeping it.
     ::MoveFileExW(file.c_str(), (m_path + L".old.etl").c_str(), MOVEFILE_REPLACE_EXISTING);
 
     CProperties properties;
@@ -206,13 +247,9 @@ DWORD CTraceSession::Stop()
     {
         return turn.Status();
     }
-    const HANDLE alone = openUsers(0);
-    if (alone == INVALID_HANDLE_VALUE)
-    {
-        return ERROR_SUCCESS; // Others go on recording.
-    }
-    ::CloseHandle(alone);
-    return control(EVENT_TRACE_CONTROL_STOP);
+    bool others = false;
+    const DWORD status = findOthers(others);
+    return status == ERROR_SUCCESS && !others ? control(EVENT_TRACE_CONTROL_STOP) : status;
 }
 
 DWORD CTraceSession::Restart()

@@ -36,6 +36,7 @@ private:
     DWORD begin();
     DWORD control(ULONG code);
     [[nodiscard]] HANDLE openUsers(DWORD share) const;
+    [[nodiscard]] DWORD findOthers(bool& others) const;
 
     std::wstring m_folder;
     std::wstring m_name;                   ///< of the session

@@ -11,7 +11,8 @@
 /// @file
 /// The event that the event-tracing logger hands to TraceEvent: an EVENT_TRACE_HEADER with
 /// WNODE_FLAG_TRACED_GUID | WNODE_FLAG_USE_MOF_PTR, followed by one MOF_FIELD for each EventField. In the
-/// trace the fields stand one after the other, without padding. sdk/TxSvHostEvents.mof describes them to others.
+/// trace the fields stand one after the other, without padding. sdk/TxSvHostEvents.mof describes them to
+/// others.
 
 namespace ETWLogging
 {

@@ -2,12 +2,12 @@
 #include <evntrace.h>
 #include <objbase.h>
 
-#include <cstdlib>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <iterator>
 #include <regex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "TraceSession.h"
@@ -33,6 +33,7 @@ namespace
 std::vector<std::wstring> s_calls;
 ULONG s_startStatus = ERROR_SUCCESS;
 ULONG s_enableStatus = ERROR_SUCCESS;
+ULONG s_queryStatus = ERROR_SUCCESS;
 
 ULONG WINAPI FakeStart(TRACEHANDLE* session, LPCWSTR name, EVENT_TRACE_PROPERTIES* properties)
 {
@@ -49,6 +50,10 @@ ULONG WINAPI FakeStart(TRACEHANDLE* session, LPCWSTR name, EVENT_TRACE_PROPERTIE
 
 ULONG WINAPI FakeControl(TRACEHANDLE, LPCWSTR name, EVENT_TRACE_PROPERTIES*, ULONG code)
 {
+    if (code == EVENT_TRACE_CONTROL_QUERY)
+    {
+        return s_queryStatus;
+    }
     s_calls.push_back((code == EVENT_TRACE_CONTROL_STOP ? L"stop " : L"flush ") + std::wstring(name));
     return ERROR_SUCCESS;
 }
@@ -67,7 +72,7 @@ struct LogControllerSampleTest : ::testing::Test
 {
     LogControllerSampleTest()
     {
-        s_startStatus = s_enableStatus = ERROR_SUCCESS;
+        s_startStatus = s_enableStatus = s_queryStatus = ERROR_SUCCESS;
         s_calls.clear();
     }
 
@@ -93,6 +98,9 @@ TEST_F(LogControllerSampleTest, TheFirstUserStartsTheSessionAndTheLastOneStopsIt
     EXPECT_EQ(Taken(), kBegun);
     EXPECT_EQ(second.Start(), 0U);
     EXPECT_EQ(Taken(), Calls{}) << "it joins";
+    s_queryStatus = ERROR_WMI_INSTANCE_NOT_FOUND;
+    EXPECT_EQ(CTraceSession(m_folder.File(L"a\\b"), L"A").Start(), 0U);
+    EXPECT_EQ(Taken(), kBegun) << "somebody had stopped it";
     EXPECT_EQ(first.Restart(), 0U);
     EXPECT_EQ(Taken(), kBegun);
     EXPECT_NE(::GetFileAttributesW(m_folder.File(L"a\\b\\A.old.etl").c_str()), INVALID_FILE_ATTRIBUTES);
@@ -126,11 +134,12 @@ TEST_F(LogControllerSampleTest, FailuresAreReturnedAndLeaveNoSession)
     EXPECT_EQ(session.Start(), 0U);
     EXPECT_EQ(session.Stop(), 0U);
     EXPECT_NE(CTraceSession(m_folder.File(L"A.etl\\below"), L"A").Start(), 0U) << "no folder";
-    EXPECT_EQ(CTraceSession(m_folder.Path(), std::wstring(1200, L'x')).Start() == 0, false);
 }
 
 TEST_F(LogControllerSampleTest, TheEntryPointsKeepOneSessionForEachName)
 {
+    wchar_t before[MAX_PATH] = {};
+    ASSERT_NE(::GetEnvironmentVariableW(L"ProgramData", before, MAX_PATH), 0U);
     ASSERT_TRUE(::SetEnvironmentVariableW(L"ProgramData", m_folder.Path().c_str()));
     for (const wchar_t* const name : {static_cast<const wchar_t*>(nullptr), L"", L"a\\b", L"a:b"})
     {
@@ -143,6 +152,7 @@ TEST_F(LogControllerSampleTest, TheEntryPointsKeepOneSessionForEachName)
     EXPECT_EQ(FlushBuffers(L"A") + RestartSession(L"A") + Stop(0, L"A"), 0U);
     ASSERT_TRUE(::SetEnvironmentVariableW(L"ProgramData", nullptr));
     EXPECT_EQ(Start(L"A"), DWORD{ERROR_ENVVAR_NOT_FOUND});
+    ::SetEnvironmentVariableW(L"ProgramData", before);
 }
 
 std::string TextOf(const GUID& guid)
@@ -158,8 +168,18 @@ TEST(EventDescription, NamesTheProviderTheClassAndTheFieldsAsTheyAre)
     const std::string mof(std::istreambuf_iterator<char>(file), {});
     ASSERT_FALSE(mof.empty());
     EXPECT_NE(mof.find("Guid(\"" + TextOf(ETWLogging::kEventProvider) + "\")"), std::string::npos);
+    const std::string version = "EventVersion(" + std::to_string(ETWLogging::kMessageEventVersion) + ")";
     EXPECT_NE(
-        mof.find("Guid(\"" + TextOf(ETWLogging::kMessageEventClass) + "\"), EventVersion(1)"), mof.npos);
+        mof.find("Guid(\"" + TextOf(ETWLogging::kMessageEventClass) + "\"), " + version), std::string::npos);
+    EXPECT_NE(
+        mof.find("EventType(" + std::to_string(ETWLogging::kMessageEventType) + ")"), std::string::npos);
+    using ETWLogging::EventField;
+    std::string expected(ETWLogging::kEventFieldCount, 's');
+    for (const EventField number :
+         {EventField::Level, EventField::Line, EventField::ProcessId, EventField::ThreadId})
+    {
+        expected[static_cast<std::size_t>(number)] = 'u';
+    }
     std::string types;
     const std::regex field(R"(WmiDataId\((\d)\)[^\]]*\]\s*(uint32|string) )");
     for (std::sregex_iterator at(mof.begin(), mof.end(), field), end; at != end; ++at)
@@ -167,8 +187,7 @@ TEST(EventDescription, NamesTheProviderTheClassAndTheFieldsAsTheyAre)
         EXPECT_EQ(std::stoul((*at)[1].str()), types.size() + 1);
         types += (*at)[2].str().front();
     }
-    EXPECT_EQ(types, "ussusuus"); // Level, file, function, line, group, process, thread, message.
-    EXPECT_EQ(types.size(), ETWLogging::kEventFieldCount);
+    EXPECT_EQ(types, expected);
 }
 
 } // namespace
