@@ -18,7 +18,8 @@ constexpr std::size_t kCreateObjectSlot = 3;
 bool ReadPointer(const void* from, const void*& value) noexcept
 {
     SIZE_T read = 0;
-    return ::ReadProcessMemory(::GetCurrentProcess(), from, &value, sizeof(value), &read) != FALSE &&
+    return ::ReadProcessMemory(
+               ::GetCurrentProcess(), from, static_cast<void*>(&value), sizeof(value), &read) != FALSE &&
            read == sizeof(value);
 }
 

@@ -447,7 +447,7 @@ TEST_F(ControlManagerTest, TheClassObjectIsNeverCountedAndItsManagersNeverFreed)
         ASSERT_EQ(object, nullptr);
     }
     ::GetProcessMemoryInfo(::GetCurrentProcess(), &after, sizeof(after));
-    EXPECT_LT(after.PagefileUsage, before.PagefileUsage + 1024 * 1024) << "16 bytes each and more";
+    EXPECT_LT(after.PagefileUsage, before.PagefileUsage + SIZE_T{1024} * 1024) << "16 bytes each and more";
     ASSERT_EQ(second->CreateObjectUnguarded(IID_ITxSvcSubsystemControlManager, &object), S_OK);
     auto* const control = static_cast<ITxSvcSubsystemControlManager*>(object);
     EXPECT_EQ(control->QueryInterface(IID_ITxSvcClassObject, &object), E_NOINTERFACE);
