@@ -19,6 +19,7 @@
 #include <psapi.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cwchar>
 #include <exception>
@@ -99,7 +100,13 @@ bool ParseOptions(int argc, wchar_t** argv, Options& options)
                                 : name == L"--held"    ? &options.held
                                 : name == L"--creates" ? &options.creates
                                                        : nullptr;
-        if (value == nullptr || ++i == argc || (*value = std::wcstoul(argv[i], nullptr, 10)) == 0)
+        ++i;
+        if (value == nullptr || i == argc)
+        {
+            return false;
+        }
+        *value = std::wcstoul(argv[i], nullptr, 10);
+        if (*value == 0)
         {
             return false;
         }
@@ -295,7 +302,7 @@ void MeasureObjects(const Options& options, Report& report)
 double Quantile(std::vector<double> values, double part)
 {
     std::sort(values.begin(), values.end());
-    return values[static_cast<std::size_t>(part * static_cast<double>(values.size() - 1) + 0.5)];
+    return values[static_cast<std::size_t>(std::lround(part * static_cast<double>(values.size() - 1)))];
 }
 
 double BytesPerCall(const Growth& growth)

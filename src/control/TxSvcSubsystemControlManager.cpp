@@ -331,7 +331,8 @@ DWORD WINAPI CTxSvcSubsystemControlManager::MyTerminateThread(void* /*context*/)
         L"CTxSvcSubsystemControlManager::MyTerminateThread",
         L"Reduce restart: Enter MyTerminateThread");
     ::Sleep(kTerminateDelayMs);
-    std::exit(0); // The normal exit: destructors of static objects and exit handlers run.
+    // The normal exit: destructors of static objects and exit handlers run.
+    std::exit(0); // NOLINT(concurrency-mt-unsafe): services may be running, that is what it is for.
 }
 
 template <int Number>

@@ -54,7 +54,7 @@ void ReportChange(const CLogStore& store, const std::wstring& name, IConsole& co
 void SetLogSetting(const Arguments& arguments, IConsole& console)
 {
     const CLogStore store = arguments.Store();
-    const std::wstring name = FromUtf8(*arguments.name);
+    const std::wstring name = FromUtf8(arguments.name.value_or(std::string()));
     const std::wstring value = FromUtf8(arguments.value);
     store.Check(name, value); // First of all: a mistyped command must not replace a key.
     EnsureViewLink(arguments.replaceKey, console);
@@ -65,7 +65,7 @@ void SetLogSetting(const Arguments& arguments, IConsole& console)
 void UnsetLogSetting(const Arguments& arguments, IConsole& console)
 {
     const CLogStore store = arguments.Store();
-    const std::wstring name = FromUtf8(*arguments.name);
+    const std::wstring name = FromUtf8(arguments.name.value_or(std::string()));
     if (!store.Unset(name))
     {
         console.Out(name + L" was not set in the registry.");
