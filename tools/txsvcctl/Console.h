@@ -16,6 +16,10 @@ public:
     virtual void Out(const std::wstring& text) = 0;
     /// Messages about what went wrong, and notes that must not get into a redirected result.
     virtual void Error(const std::wstring& text) = 0;
+
+    /// True when some output was lost, as on a full disk: the result must not count as success then, and a
+    /// command that runs on must end.
+    [[nodiscard]] virtual bool HasFailed() const noexcept { return false; }
 };
 
 /// Standard output and standard error of the process. A console window gets UTF-16 and so shows every
@@ -27,8 +31,7 @@ public:
     void Out(const std::wstring& text) override;
     void Error(const std::wstring& text) override;
 
-    /// True when some output was lost, as on a full disk: the result must not count as success then.
-    [[nodiscard]] bool HasFailed() const noexcept { return m_hasFailed; }
+    [[nodiscard]] bool HasFailed() const noexcept override { return m_hasFailed; }
 
 private:
     void write(DWORD standardHandle, const std::wstring& text);

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "txsvcctl/LogShow.h"
 #include "txsvcctl/LogStore.h"
 #include "txsvcctl/LogTrace.h"
 #include "txsvcctl/ToolError.h"
@@ -143,6 +144,7 @@ void AddLogCommands(CLI::App& app, IConsole& console)
     get->add_flag("--json", arguments->json, "Write JSON");
     get->callback([arguments, &console] { GetLogSettings(*arguments, console); });
 
+    AddShowCommand(*log, console);
     AddTraceCommand(*log, console);
 }
 

@@ -1,0 +1,84 @@
+#pragma once
+
+#include <windows.h>
+
+#include <cstddef>
+#include <optional>
+#include <string>
+
+namespace TxCtl
+{
+
+/// One message of the text log. What its line does not tell is empty.
+struct LogEntry
+{
+    std::optional<SYSTEMTIME> time; ///< Local. Without it there is only the message, and no level.
+    DWORD level = 0;                ///< 3 for both levels that are called "Information".
+    std::wstring levelName;
+    std::optional<std::wstring> tag;
+    std::optional<DWORD> process;
+    std::optional<DWORD> thread;
+    std::optional<std::wstring> source;
+    DWORD line = 0; ///< Belongs to the source.
+    std::optional<std::wstring> function;
+    std::wstring message; ///< Its lines are separated by "\n"; the last line end is dropped.
+};
+
+/// Takes what is read of a log.
+class ILogSink
+{
+public:
+    virtual ~ILogSink() = default;
+
+    virtual void Add(LogEntry entry) = 0;
+    /// Called after each piece of a file.
+    /// @return false to read no further.
+    virtual bool PieceIsRead() = 0;
+};
+
+/// Takes a line apart that begins an entry. The "$" that ends a field may stand in texts too, so fields are
+/// told by their form and width. Blanks before the message count as fields without a value as long as any
+/// may follow; a message's own blanks cannot be told from them.
+/// @param line without its end.
+/// @return nothing for any other line, such as a further one of a message.
+[[nodiscard]] std::optional<LogEntry> ParseLogLine(const std::wstring& line);
+
+/// Splits the bytes of one log file, which come in pieces of any size, into entries.
+///
+/// The text may be UTF-16 or, line by line, UTF-8 or else of the system's code page. Lines that begin no
+/// entry belong to the one before; text that comes before any entry is an entry of its own.
+class CLogText
+{
+public:
+    void Feed(const char* bytes, std::size_t size, ILogSink& sink);
+
+    /// Nothing more is there for now: hands on the last entry unless its last line has no end yet.
+    void Pause(ILogSink& sink);
+
+    /// The file ends here. A torn last line is an entry if its time and level are whole, and else is dropped.
+    void Finish(ILogSink& sink);
+
+    /// The last bytes have been cut off the file again, as the logger does with a line that does not fit.
+    /// @return false when they are more than the unfinished line.
+    bool TakeBack(std::size_t bytes);
+
+private:
+    enum class Encoding
+    {
+        Unknown,
+        Utf16,
+        Narrow,
+    };
+
+    [[nodiscard]] bool knowsEncoding();
+    [[nodiscard]] std::size_t lineEnd(std::size_t begin) const;
+    [[nodiscard]] std::wstring decode(std::size_t begin, std::size_t end) const;
+    void addLine(const std::wstring& line, ILogSink& sink);
+    void handOn(ILogSink& sink);
+
+    Encoding m_encoding = Encoding::Unknown;
+    std::string m_bytes;             ///< The unfinished line.
+    std::optional<LogEntry> m_entry; ///< More lines of it may come.
+};
+
+} // namespace TxCtl
