@@ -160,6 +160,9 @@ TEST_F(LogTraceTest, PrintsTheHostsMessagesAndCountsTheRest)
     EXPECT_EQ(first["levelName"], "Warning");
     EXPECT_EQ(first["time"].get<std::string>().substr(14), "30:05.007");
     EXPECT_EQ(first["source"], "C:\\src\\Source.cpp");
+    EXPECT_EQ(Run({L"log", L"trace", L"host.etl", L"--since", L"2026-11-26"}).out, L"");
+    EXPECT_NE(Run({L"log", L"trace", L"host.etl", L"--since", L"2026-11-23"}).out, L"");
+    EXPECT_EQ(Run({L"log", L"trace", L"host.etl", L"--since", L"once"}).exitCode, 2);
 }
 
 TEST_F(LogTraceTest, ATraceThatCannotBeReadIsAnError)

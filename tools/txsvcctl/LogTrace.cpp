@@ -14,6 +14,7 @@
 #include "logging/EventRecord.h"
 #include "logging/LogLine.h"
 #include "logging/LogSettings.h"
+#include "txsvcctl/LogShow.h"
 #include "txsvcctl/ToolError.h"
 #include "txsvcctl/Utf8.h"
 
@@ -74,7 +75,8 @@ private:
 
 struct Arguments
 {
-    std::string file; ///< UTF-8, from the command-line library
+    std::string file; ///< UTF-8, from the command-line library, as the next one
+    std::optional<std::string> since;
     ULONG level = 0;
     bool json = false;
 };
@@ -87,6 +89,13 @@ SYSTEMTIME LocalTime(const LARGE_INTEGER& timeStamp)
     ::FileTimeToSystemTime(&fileTime, &universal);
     ::SystemTimeToTzSpecificLocalTime(nullptr, &universal, &local);
     return local;
+}
+
+ULONGLONG Units(const SYSTEMTIME& time)
+{
+    FILETIME units{};
+    ::SystemTimeToFileTime(&time, &units);
+    return ULONGLONG{units.dwHighDateTime} << 32 | units.dwLowDateTime;
 }
 
 std::wstring NameOfLevel(ULONG level)
@@ -141,8 +150,9 @@ std::wstring FormatJson(const SYSTEMTIME& time, const TraceMessage& message)
 class CTracePrinter
 {
 public:
-    CTracePrinter(const Arguments& arguments, IConsole& console) noexcept
-        : m_arguments(arguments), m_console(console)
+    CTracePrinter(const Arguments& arguments, IConsole& console)
+        : m_arguments(arguments), m_since(arguments.since ? ParseMoment(FromUtf8(*arguments.since)) : 0),
+          m_console(console)
     {
     }
 
@@ -210,14 +220,15 @@ private:
             ++m_damaged;
             return;
         }
-        if (message->level >= m_arguments.level)
+        const SYSTEMTIME time = LocalTime(header.TimeStamp);
+        if (message->level >= m_arguments.level && Units(time) >= m_since)
         {
-            const SYSTEMTIME time = LocalTime(header.TimeStamp);
             m_console.Out(m_arguments.json ? FormatJson(time, *message) : FormatLine(time, *message));
         }
     }
 
     const Arguments& m_arguments;
+    ULONGLONG m_since; ///< local, in units of a FILETIME
     IConsole& m_console;
     std::exception_ptr m_failure;
     unsigned m_others = 0;
@@ -243,6 +254,7 @@ void AddTraceCommand(CLI::App& log, IConsole& console)
     CLI::App* const trace = log.add_subcommand("trace", "Print the messages of an event trace file (.etl)");
     trace->add_option("file", arguments->file, "The file that a trace session wrote")->required();
     trace->add_option("--level", arguments->level, "Only messages of this level and above");
+    trace->add_option("--since", arguments->since, "Only messages from then on: as for show");
     trace->add_flag("--json", arguments->json, "Write one JSON object per message");
     trace->callback(
         [arguments, &console] { CTracePrinter(*arguments, console).Print(FromUtf8(arguments->file)); });
