@@ -16,7 +16,6 @@
 namespace
 {
 
-using ETWLogging::EventField;
 using Bytes = std::vector<BYTE>;
 
 Bytes s_payload;
@@ -64,16 +63,14 @@ TEST(TraceMessage, IsReadBackFieldByFieldAndOnlyWhole)
 {
     const Bytes whole = PayloadOf(ETWLogging::LogError, L"the text");
 
-    const auto message = TxCtl::DecodeTraceMessage(whole.data(), whole.size());
+    const TxCtl::TraceMessage message = TxCtl::DecodeTraceMessage(whole.data(), whole.size()).value();
 
-    ASSERT_TRUE(message);
-    EXPECT_EQ(message->level, ULONG{ETWLogging::LogError});
-    EXPECT_EQ(
-        message->file + message->function + message->group, L"C:\\src\\Source.cppCClass::MethodPLATFORM");
-    EXPECT_EQ(message->line, 12U);
-    EXPECT_EQ(message->processId, ::GetCurrentProcessId());
-    EXPECT_EQ(message->threadId, ::GetCurrentThreadId());
-    EXPECT_EQ(message->message, L"the text");
+    EXPECT_EQ(message.level, ULONG{ETWLogging::LogError});
+    EXPECT_EQ(message.file + message.function + message.group, L"C:\\src\\Source.cppCClass::MethodPLATFORM");
+    EXPECT_EQ(message.line, 12U);
+    EXPECT_EQ(message.processId, ::GetCurrentProcessId());
+    EXPECT_EQ(message.threadId, ::GetCurrentThreadId());
+    EXPECT_EQ(message.message, L"the text");
     for (std::size_t size = 0; size < whole.size(); ++size)
     {
         const Bytes cut(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size));
