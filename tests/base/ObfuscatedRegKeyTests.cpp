@@ -16,8 +16,7 @@ class ObfuscatedRegKeyTest : public ::testing::Test
 protected:
     void SetUp() override
     {
-        ASSERT_EQ(
-            m_key.Open(HKEY_LOCAL_MACHINE, m_plain.Path().c_str(), KEY_ALL_ACCESS), DWORD{ERROR_SUCCESS});
+        ASSERT_EQ(m_key.Open(m_plain.Key().Get(), L"", KEY_ALL_ACCESS), DWORD{ERROR_SUCCESS});
     }
 
     std::vector<BYTE> Stored(const wchar_t* name)
@@ -43,17 +42,13 @@ TEST_F(ObfuscatedRegKeyTest, ReadsBackWhatItWroteAndStoresNoneOfItInClear)
 {
     const std::wstring text = L"C:\\Logs\\\x00E4\x4E2D, some folder";
     ASSERT_EQ(m_key.WriteString(L"Folder", text), DWORD{ERROR_SUCCESS});
-    ASSERT_EQ(m_key.WriteString(L"Empty", L""), DWORD{ERROR_SUCCESS});
     ASSERT_EQ(m_key.WriteDword(L"Number", 0xFFFFFFFF), DWORD{ERROR_SUCCESS});
     std::wstring readText;
-    std::wstring readEmpty = L"untouched";
     DWORD readNumber = 0;
 
     EXPECT_EQ(m_key.ReadString(L"FOLDER", readText), DWORD{ERROR_SUCCESS});
-    EXPECT_EQ(m_key.ReadString(L"Empty", readEmpty), DWORD{ERROR_SUCCESS});
     EXPECT_EQ(m_key.ReadDword(L"Number", readNumber), DWORD{ERROR_SUCCESS});
     EXPECT_EQ(readText, text);
-    EXPECT_EQ(readEmpty, L"");
     EXPECT_EQ(readNumber, 0xFFFFFFFF);
     const std::vector<BYTE> stored = Stored(L"Folder");
     const std::string bytes(stored.begin(), stored.end());
@@ -67,14 +62,13 @@ TEST_F(ObfuscatedRegKeyTest, ReportsEveryDamagedByteAndEveryTruncation)
     DWORD value = 99;
     for (std::size_t i = 0; i < good.size(); ++i)
     {
-        SCOPED_TRACE(i);
         std::vector<BYTE> damaged = good;
         damaged[i] ^= 0x10;
         Store(L"Number", damaged);
-        EXPECT_EQ(m_key.ReadDword(L"Number", value), DWORD{ERROR_INVALID_DATA});
+        EXPECT_EQ(m_key.ReadDword(L"Number", value), DWORD{ERROR_INVALID_DATA}) << i;
 
         Store(L"Number", {good.begin(), good.begin() + static_cast<std::ptrdiff_t>(i)});
-        EXPECT_EQ(m_key.ReadDword(L"Number", value), DWORD{ERROR_INVALID_DATA});
+        EXPECT_EQ(m_key.ReadDword(L"Number", value), DWORD{ERROR_INVALID_DATA}) << i;
     }
     EXPECT_EQ(value, 99U);
 }

@@ -2,7 +2,6 @@
 
 #include <windows.h>
 
-#include <cstddef>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
@@ -80,38 +79,22 @@ TEST_F(TrustedFileTest, TruncatedAndDamagedFilesGiveAStatus)
     std::ifstream file(std::filesystem::path(m_path), std::ios::binary);
     const std::vector<char> good{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
     file.close();
-    ASSERT_GT(good.size(), 4096U);
-    const auto headersAt =
-        static_cast<std::size_t>(reinterpret_cast<const IMAGE_DOS_HEADER*>(good.data())->e_lfanew);
-    const auto& optional = reinterpret_cast<const IMAGE_NT_HEADERS64*>(&good[headersAt])->OptionalHeader;
-    const std::size_t signatureAt = optional.DataDirectory[IMAGE_DIRECTORY_ENTRY_SECURITY].VirtualAddress;
-    const std::size_t checksumAt = headersAt + offsetof(IMAGE_NT_HEADERS64, OptionalHeader.CheckSum);
+    const std::size_t signatureAt = std::filesystem::file_size(SignedDouble(L"unsigned", kModule));
+    ASSERT_GT(good.size(), signatureAt);
 
-    for (const std::size_t size :
-         {std::size_t{0},
-          std::size_t{1},
-          std::size_t{64},
-          std::size_t{1024},
-          signatureAt,
-          signatureAt + 8,
-          good.size() - 1})
+    for (const std::size_t size : {std::size_t{0}, std::size_t{64}, signatureAt, good.size() - 1})
     {
-        SCOPED_TRACE(size);
         Write(good, size);
-        EXPECT_NE(CheckTrustedModule(m_path), DWORD{ERROR_SUCCESS});
+        EXPECT_NE(CheckTrustedModule(m_path), DWORD{ERROR_SUCCESS}) << size;
     }
-    for (std::size_t at = 0; at < good.size(); at += at < 1024          ? 12
-                                                     : at < signatureAt ? good.size() / 7
-                                                                        : 101)
+    for (std::size_t at = 0; at < good.size(); at += at < signatureAt ? signatureAt / 7 : 101)
     {
-        SCOPED_TRACE(at);
         std::vector<char> damaged = good;
         damaged[at] = static_cast<char>(~damaged[at]);
         Write(damaged, damaged.size());
-        const DWORD verdict = CheckTrustedModule(m_path);
-        // The checksum is not signed, and in the signature's own block much is not looked at, least of all by
-        // Wine: there it is enough to come back.
-        EXPECT_TRUE(verdict != ERROR_SUCCESS || at >= signatureAt || at / 4 == checksumAt / 4);
+        // In the signature's own block much is not looked at, least of all by Wine: there it is enough to
+        // come back.
+        EXPECT_TRUE(CheckTrustedModule(m_path) != ERROR_SUCCESS || at >= signatureAt) << at;
     }
 }
 

@@ -20,8 +20,6 @@ void WINAPI SomeServiceMain(DWORD, LPWSTR*) {}
 class CRecordingScmInterface : public CTxSCMInterface
 {
 public:
-    CRecordingScmInterface(BOOL answer, DWORD lastError) : m_answer(answer), m_lastError(lastError) {}
-
     BOOL StartDispatcher(const SERVICE_TABLE_ENTRYW* table) noexcept override
     {
         for (; table->lpServiceName != nullptr; ++table)
@@ -30,21 +28,18 @@ public:
             names.emplace_back(table->lpServiceName);
         }
         EXPECT_EQ(table->lpServiceProc, nullptr);
-        ::SetLastError(m_lastError);
-        return m_answer;
+        ::SetLastError(ERROR_FAILED_SERVICE_CONTROLLER_CONNECT);
+        return answer;
     }
 
+    BOOL answer = TRUE;
     std::vector<std::wstring> names;
-
-private:
-    BOOL m_answer;
-    DWORD m_lastError;
 };
 
 TEST(TxSCMInterface, RefusesInvalidServicesAndAnEmptyTable)
 {
     const CLogCapture log;
-    CRecordingScmInterface scm(TRUE, 0);
+    CRecordingScmInterface scm;
 
     EXPECT_FALSE(scm.AddService(L"a", nullptr));
     EXPECT_FALSE(scm.AddService(nullptr, &SomeServiceMain));
@@ -65,30 +60,26 @@ TEST(TxSCMInterface, RefusesInvalidServicesAndAnEmptyTable)
 
 TEST(TxSCMInterface, HandsTheServicesOverInTheirOrderAndReportsTheOutcome)
 {
-    const struct
+    for (const BOOL answer : {TRUE, FALSE}) // The last error decides nothing.
     {
-        BOOL answer;
-        DWORD lastError;
-        DWORD expected;
-        std::wstring lastLine;
-        DWORD lastLevel;
-    } rows[] = {
-        {TRUE, 0, 0, L"The service process is stopping", LogNormal},
-        {TRUE, 5, 0, L"The service process is stopping", LogNormal},
-        {FALSE, 1063, 1063, L"StartServiceCtrlDispatcher failed (GLE=0x00000427)", LogError},
-    };
-    for (const auto& row : rows)
-    {
-        SCOPED_TRACE(row.lastError);
+        SCOPED_TRACE(answer);
         const CLogCapture log;
-        CRecordingScmInterface scm(row.answer, row.lastError);
+        CRecordingScmInterface scm;
+        scm.answer = answer;
         ASSERT_TRUE(scm.AddService(L"b", &SomeServiceMain));
         ASSERT_TRUE(scm.AddService(L"a", &SomeServiceMain));
 
-        EXPECT_EQ(scm.RegisterServicesToSCM(), row.expected);
+        EXPECT_EQ(scm.RegisterServicesToSCM(), answer ? 0U : 1063U);
         EXPECT_EQ(scm.names, (std::vector<std::wstring>{L"b", L"a"}));
-        EXPECT_EQ(log.CountContaining(LogNormal, L"Service control dispatcher returned 0x"), 1U);
-        EXPECT_TRUE(log.Has(row.lastLevel, row.lastLine));
+        EXPECT_EQ(
+            log.Messages(),
+            (std::vector<std::wstring>{
+                L"The service process is starting",
+                L"Starting the service control dispatcher",
+                L"Service control dispatcher returned 0x00000427",
+                answer ? L"The service process is stopping"
+                       : L"StartServiceCtrlDispatcher failed (GLE=0x00000427)"}));
+        EXPECT_EQ(log.Lines().back().level, answer ? LogNormal : LogError);
     }
 }
 

@@ -19,16 +19,21 @@ using namespace ETWLogging;
 namespace
 {
 
-std::vector<std::string> g_calls;
-HRESULT g_comResult = S_OK;
-HRESULT g_securityResult = S_OK;
-BOOL g_dispatched = TRUE;
+std::string g_calls; ///< in their order
+
+/// What the system answers.
+struct Answers
+{
+    HRESULT com = S_OK;
+    HRESULT security = S_OK;
+    BOOL dispatched = TRUE;
+} g_answers;
 
 HRESULT WINAPI FakeCoInitializeEx(void*, DWORD apartment)
 {
     EXPECT_EQ(apartment, DWORD{COINIT_MULTITHREADED});
-    g_calls.emplace_back("initialise COM");
-    return g_comResult;
+    g_calls += "init ";
+    return g_answers.com;
 }
 HRESULT WINAPI FakeCoInitializeSecurity(
     PSECURITY_DESCRIPTOR descriptor,
@@ -46,18 +51,18 @@ HRESULT WINAPI FakeCoInitializeSecurity(
     EXPECT_EQ(authentication, DWORD{RPC_C_AUTHN_LEVEL_DEFAULT});
     EXPECT_EQ(impersonation, DWORD{RPC_C_IMP_LEVEL_IMPERSONATE});
     EXPECT_EQ(capabilities, DWORD{EOAC_NONE});
-    g_calls.emplace_back("secure COM");
-    return g_securityResult;
+    g_calls += "secure ";
+    return g_answers.security;
 }
 BOOL WINAPI FakeDispatcher(const SERVICE_TABLE_ENTRYW*)
 {
-    g_calls.emplace_back("dispatch");
-    ::SetLastError(g_dispatched ? ERROR_SUCCESS : ERROR_FAILED_SERVICE_CONTROLLER_CONNECT);
-    return g_dispatched;
+    g_calls += "dispatch ";
+    ::SetLastError(g_answers.dispatched ? ERROR_SUCCESS : ERROR_FAILED_SERVICE_CONTROLLER_CONNECT);
+    return g_answers.dispatched;
 }
 void WINAPI FakeCoUninitialize()
 {
-    g_calls.emplace_back("uninitialise COM");
+    g_calls += "uninit ";
     throw 5; // Hosted code that breaks on its way out.
 }
 
@@ -67,9 +72,7 @@ protected:
     void SetUp() override
     {
         g_calls.clear();
-        g_comResult = S_OK;
-        g_securityResult = S_OK;
-        g_dispatched = TRUE;
+        g_answers = {};
         SetServices(L"a;b");
     }
     void TearDown() override { CTxSvcHostConfig::ReleaseInstance(); }
@@ -97,57 +100,39 @@ protected:
     CImportPatch m_uninitialize{"CoUninitialize", &FakeCoUninitialize};
 };
 
-TEST_F(TxSvcHostTest, TheGroupIsWhatFollowsTheFirstDelimiter)
+TEST_F(TxSvcHostTest, TheGroupIsWhatFollowsTheFirstDelimiterOfTheFirstArgument)
 {
-    constexpr wchar_t kNone[] = L"The group delimiter is not found. Group Entry '";
-    constexpr wchar_t kEmpty[] = L"The group name is empty. Group Entry '";
-    const std::wstring longName(32000, L'g');
+    const CTxSvcHost host;
     const struct
     {
         std::wstring entry;
         std::wstring group;
         const wchar_t* line;
     } rows[] = {
-        {L"/TxCoreSvc", L"TxCoreSvc", nullptr},
-        {L"x/y/z", L"y/z", nullptr},
-        {L"//", L"/", nullptr},
-        {L"/ ", L" ", nullptr},
-        {L"/\x4E2D", L"\x4E2D", nullptr},
-        {L"/" + longName, longName, nullptr},
-        {L"abc", L"", kNone},
-        {L"", L"", kNone},
-        {L"\\g", L"", kNone},
-        {L"/", L"", kEmpty},
-        {L"abc/", L"", kEmpty},
+        {L"/TxCoreSvc", L"TxCoreSvc", L"The group name selected to run is 'TxCoreSvc'"},
+        {L"x/y/z", L"y/z", L"The group name selected to run is 'y/z'"},
+        {L"abc", L"", L"The group delimiter is not found. Group Entry 'abc'"},
+        {L"", L"", L"The group delimiter is not found. Group Entry ''"},
+        {L"/", L"", L"The group name is empty. Group Entry '/'"},
     };
-    const CTxSvcHost host;
+    std::wstring group;
     for (const auto& row : rows)
     {
-        SCOPED_TRACE(::testing::PrintToString(row.entry.substr(0, 20)));
-        m_log.Clear();
+        SCOPED_TRACE(::testing::PrintToString(row.line));
         std::wstring entry = row.entry;
-        wchar_t program[] = L"TxSvHost.exe";
-        wchar_t ignored[] = L"/other";
-        wchar_t* argv[] = {program, entry.data(), ignored, nullptr};
-        std::wstring group;
+        wchar_t other[] = L"/other";
+        wchar_t* argv[] = {other, entry.data(), other, nullptr};
+        group.clear();
 
-        EXPECT_EQ(host.ParseCommandLine(3, argv, group), row.line == nullptr);
+        EXPECT_EQ(host.ParseCommandLine(3, argv, group), !row.group.empty());
         EXPECT_EQ(group, row.group);
-        EXPECT_TRUE(row.line == nullptr || m_log.Has(LogError, row.line + row.entry + L"'"));
+        EXPECT_TRUE(m_log.Has(row.group.empty() ? LogError : LogNormal, row.line));
     }
-}
-
-TEST_F(TxSvcHostTest, TheNumberOfArgumentsIsLookedAtBeforeTheArguments)
-{
-    const CTxSvcHost host;
-    std::wstring group;
-    for (const int count : {-1, 0, 1})
-    {
-        EXPECT_FALSE(host.ParseCommandLine(count, nullptr, group));
-    }
+    EXPECT_FALSE(host.ParseCommandLine(1, nullptr, group));
+    EXPECT_TRUE(m_log.Has(
+        LogError,
+        L"The group index is greater, mostly insufficient arguments, group index 1, number of arguments 1"));
     EXPECT_FALSE(host.ParseCommandLine(2, nullptr, group));
-    EXPECT_EQ(
-        m_log.CountContaining(LogError, L"The group index is greater, mostly insufficient arguments, "), 3U);
     EXPECT_TRUE(m_log.Has(LogError, L"The argv is NULL"));
 }
 
@@ -158,8 +143,7 @@ TEST_F(TxSvcHostTest, ANormalRunGoesThroughAllItsStepsInOrder)
 
     EXPECT_EQ(Start(L"/g"), 0U);
 
-    EXPECT_EQ(
-        g_calls, (std::vector<std::string>{"initialise COM", "secure COM", "dispatch", "uninitialise COM"}));
+    EXPECT_EQ(g_calls, "init secure dispatch uninit ");
     const std::vector<std::wstring> messages = m_log.Messages();
     EXPECT_EQ(messages.front(), L"---");
     const auto added = std::find(messages.begin(), messages.end(), L"Adding services to the SCM interface");
@@ -174,67 +158,39 @@ TEST_F(TxSvcHostTest, ANormalRunGoesThroughAllItsStepsInOrder)
 
 TEST_F(TxSvcHostTest, EachFailureHasItsExitCodeAndLeavesComAsItWas)
 {
-    using Calls = std::vector<std::string>;
     const struct
     {
-        const char* name;
-        std::wstring entry;
-        std::wstring services;
-        HRESULT com;
-        HRESULT security;
-        BOOL dispatched;
+        const wchar_t* entry;
+        const wchar_t* services;
+        Answers answers;
         DWORD expected;
-        Calls calls;
-        std::wstring line;
+        const char* calls;
+        const wchar_t* line;
     } rows[] = {
-        {"no group", L"g", L"a", S_OK, S_OK, TRUE, 87, {}, L"Failed to parse the command line"},
-        {"unknown group",
-         L"/unknown",
+        {L"g", L"a", {}, 87, "", L"Failed to parse the command line"},
+        {L"/unknown", L"a", {}, 87, "", L"Failed to get group services unknown"},
+        {L"/g", L";;", {}, 87, "", L"There are no services in the group g"},
+        {L"/g", L"a", {CO_E_INIT_TLS}, 0x4006, "init ", L"CoInitialize failed (hr=0x80004006)"},
+        {L"/g",
          L"a",
-         S_OK,
-         S_OK,
-         TRUE,
-         87,
-         {},
-         L"Failed to get group services unknown"},
-        {"no services", L"/g", L";;", S_OK, S_OK, TRUE, 87, {}, L"There are no services in the group g"},
-        {"no COM",
-         L"/g",
-         L"a",
-         CO_E_INIT_TLS,
-         S_OK,
-         TRUE,
-         CO_E_INIT_TLS & 0xFFFF,
-         {"initialise COM"},
-         L"CoInitialize failed (hr=0x80004006)"},
-        {"no COM security",
-         L"/g",
-         L"a",
-         S_OK,
-         RPC_E_TOO_LATE,
-         TRUE,
-         RPC_E_TOO_LATE & 0xFFFF,
-         {"initialise COM", "secure COM", "uninitialise COM"},
+         {S_OK, RPC_E_TOO_LATE},
+         0x0119,
+         "init secure uninit ",
          L"CoInitializeSecurity failed (hr=0x80010119)"},
-        {"no dispatcher",
-         L"/g",
+        {L"/g",
          L"a",
-         S_OK,
-         S_OK,
-         FALSE,
+         {S_OK, S_OK, FALSE},
          1359,
-         {"initialise COM", "secure COM", "dispatch", "uninitialise COM"},
+         "init secure dispatch uninit ",
          L"SCM interface failed to start (Err=0x00000427)"},
     };
     for (const auto& row : rows)
     {
-        SCOPED_TRACE(row.name);
-        SetUp();
+        SCOPED_TRACE(::testing::PrintToString(row.line));
         m_log.Clear();
         SetServices(row.services);
-        g_comResult = row.com;
-        g_securityResult = row.security;
-        g_dispatched = row.dispatched;
+        g_answers = row.answers;
+        g_calls.clear();
 
         EXPECT_EQ(Start(row.entry), row.expected);
         EXPECT_EQ(g_calls, row.calls);
@@ -244,13 +200,6 @@ TEST_F(TxSvcHostTest, EachFailureHasItsExitCodeAndLeavesComAsItWas)
     CTxSvcHostConfig::ReleaseInstance();
     EXPECT_EQ(Start(L"/g"), DWORD{ERROR_INTERNAL_ERROR}) << "no root key";
     EXPECT_TRUE(m_log.Has(LogError, L"Failed to initialize CTxSvcHostConfig"));
-}
-
-wchar_t g_commandLine[] = L"C:\\odd/startservicesfolder\\TxSvHost.exe /g";
-
-wchar_t* WINAPI FakeCommandLine()
-{
-    return g_commandLine;
 }
 
 TEST_F(TxSvcHostTest, ProcessEntryWritesItsBannerUnlessTheLineHoldsTheSwitch)
@@ -264,7 +213,11 @@ TEST_F(TxSvcHostTest, ProcessEntryWritesItsBannerUnlessTheLineHoldsTheSwitch)
     EXPECT_TRUE(m_log.Has(LogNormal, L"Tarvex Shared Service Host [n/a] v6.3.3036.0 starting"));
 
     m_log.Clear();
-    const CImportPatch patch("GetCommandLineW", &FakeCommandLine);
+    const CImportPatch patch(
+        "GetCommandLineW", +[] {
+            static wchar_t line[] = L"C:\\odd/startservicesfolder\\TxSvHost.exe /g";
+            return static_cast<wchar_t*>(line);
+        });
     ASSERT_TRUE(patch.IsActive());
     EXPECT_EQ(TxSvcHostMain(1, argv), 0);
     EXPECT_EQ(m_log.CountContaining(LogNormal, L"starting"), 0U);

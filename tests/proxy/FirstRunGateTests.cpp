@@ -20,37 +20,40 @@ using namespace ETWLogging;
 namespace
 {
 
-/// The first-run service's object and its class object in one; what it says is set by the test.
+/// What the first-run service says to the next services.
+struct Answer
+{
+    USHORT state = 65535;
+    DWORD error = 0;
+    HRESULT result = S_OK;
+    bool throws = false;
+    HRESULT created = S_OK; ///< Failed: there is no such service.
+} g_answer;
+ULONG g_references = 0;
+int g_queries = 0;
+std::vector<IID> g_asked;
+
 class CFakeOobe final : public IOobeConfiguration
 {
 public:
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID, void**) override { return E_NOINTERFACE; }
-    ULONG STDMETHODCALLTYPE AddRef() override { return ++references; }
-    ULONG STDMETHODCALLTYPE Release() override { return --references; }
+    ULONG STDMETHODCALLTYPE AddRef() override { return ++g_references; }
+    ULONG STDMETHODCALLTYPE Release() override { return --g_references; }
     HRESULT STDMETHODCALLTYPE GetServiceEnabledState(USHORT* state, DWORD* error) override
     {
-        ++queries;
-        if (throws)
+        EXPECT_EQ(*state, 65535);
+        EXPECT_EQ(*error, 0U);
+        ++g_queries;
+        if (g_answer.throws)
         {
             throw 5;
         }
-        EXPECT_EQ(*state, 65535);
-        EXPECT_EQ(*error, 0U);
-        *state = newState;
-        *error = newError;
-        return result;
+        *state = g_answer.state;
+        *error = g_answer.error;
+        return g_answer.result;
     }
-
-    ULONG references = 0;
-    int queries = 0;
-    bool throws = false;
-    USHORT newState = 65535;
-    DWORD newError = 0;
-    HRESULT result = S_OK;
 };
 CFakeOobe g_oobe;
-HRESULT g_created = S_OK;
-std::vector<IID> g_asked;
 
 class CFakeClassObject final : public ITxSvcClassObject
 {
@@ -73,8 +76,8 @@ HRESULT WINAPI FakeCoGetClassObject(REFCLSID clsid, DWORD context, void*, REFIID
     EXPECT_EQ(clsid, CLSID_OobeConfiguration);
     EXPECT_EQ(context, DWORD{CLSCTX_INPROC_SERVER});
     g_asked.push_back(riid);
-    *object = FAILED(g_created) ? nullptr : &g_classObject;
-    return g_created;
+    *object = FAILED(g_answer.created) ? nullptr : &g_classObject;
+    return g_answer.created;
 }
 
 class FirstRunGateTest : public ::testing::Test
@@ -82,8 +85,8 @@ class FirstRunGateTest : public ::testing::Test
 protected:
     void SetUp() override
     {
-        g_oobe = {};
-        g_created = S_OK;
+        g_answer = {};
+        g_queries = 0;
         g_asked.clear();
         SetRequired(1);
         Basalt::CRegKey list;
@@ -111,91 +114,54 @@ protected:
     CFirstRunGate m_gate;
 };
 
-TEST_F(FirstRunGateTest, HoldsBackEveryServiceButTheFirstRunAndTheExcludedOnesWhileSetUpIsNotDone)
+TEST_F(FirstRunGateTest, OnlyAStateThatWasReadHoldsBackAndOnlyServicesThatAreNotExcluded)
 {
     ASSERT_TRUE(m_patch.IsActive());
-    g_oobe.newState = 65534;
+    constexpr wchar_t kDisabled[] = L"Services are disabled due to OOBE state";
+    constexpr wchar_t kNoObject[] = L"Failed to get OOBE config object (0x80040154)";
     const struct
     {
         const wchar_t* service;
+        Answer answer;
         bool runs;
-        int queries;
-    } rows[] = {
-        {L"TxOobeSv2", true, 0},
-        {L"txoobesv2", true, 0},
-        {L"TxOther", false, 1},
-        {L"TXEXCLUDED", true, 1}, // The list is asked last.
-        {L"TxOther", false, 1},   // The state is read afresh.
-        {L"", false, 1},
-    };
-    for (const auto& row : rows)
-    {
-        SCOPED_TRACE(testing::PrintToString(row.service));
-        g_oobe.queries = 0;
-
-        EXPECT_EQ(m_gate.shouldExecuteService(row.service), row.runs);
-        EXPECT_EQ(g_oobe.queries, row.queries);
-        EXPECT_EQ(g_oobe.references, 0U);
-    }
-    EXPECT_EQ(m_log.Count(LogNormal, L"Services are disabled due to OOBE state"), 4U);
-    EXPECT_TRUE(m_log.Has(LogWarning, L"The service is in OOBE exclusion list 'TXEXCLUDED'"));
-    EXPECT_EQ(Required(), 1U);
-
-    g_oobe.newState = 65535;
-    EXPECT_TRUE(m_gate.shouldExecuteService(L"TxOther"));
-    EXPECT_EQ(Required(), 0U) << "off for good, in the registry";
-    g_oobe.newState = 0;
-    EXPECT_TRUE(m_gate.shouldExecuteService(L"TxOther")) << "and in memory";
-}
-
-TEST_F(FirstRunGateTest, AStateThatCannotBeReadLetsServicesRunAndLeavesTheCheckPending)
-{
-    const struct
-    {
-        const char* name;
-        void (*arrange)();
         DWORD level;
         const wchar_t* line;
     } rows[] = {
-        {"no object",
-         [] { g_created = REGDB_E_CLASSNOTREG; },
-         LogNormal,
-         L"Failed to get OOBE config object (0x80040154)"},
-        {"an error beside a state",
-         [] {
-             g_oobe.newState = 3;
-             g_oobe.newError = 1;
-             g_oobe.result = S_FALSE;
-         },
-         LogError,
-         L"GetServiceEnabledState failed (0x00000001)"},
-        {"an exception",
-         [] { g_oobe.throws = true; },
-         LogError,
-         L"GetServiceEnabledState failed (0x800710DD)"},
+        {L"TxOther", {65534}, false, LogNormal, kDisabled},
+        {L"TxOther", {0, 0, E_FAIL}, false, LogNormal, kDisabled}, // The HRESULT alone decides nothing.
+        {L"TXEXCLUDED", {65534}, true, LogWarning, L"The service is in OOBE exclusion list 'TXEXCLUDED'"},
+        {L"TxOther", {3, 1, S_FALSE}, true, LogError, L"GetServiceEnabledState failed (0x00000001)"},
+        {L"TxOther", {65535, 1}, true, LogError, L"GetServiceEnabledState failed (0x00000000)"},
+        {L"TxOther", {.throws = true}, true, LogError, L"GetServiceEnabledState failed (0x800710DD)"},
+        {L"TxOther", {.created = REGDB_E_CLASSNOTREG}, true, LogNormal, kNoObject},
     };
+    EXPECT_TRUE(m_gate.shouldExecuteService(L"txoobesv2"));
+    EXPECT_TRUE(g_asked.empty());
     for (const auto& row : rows)
     {
-        SCOPED_TRACE(row.name);
-        g_oobe = {};
-        g_created = S_OK;
-        row.arrange();
+        SCOPED_TRACE(testing::PrintToString(row.line));
+        g_answer = row.answer;
+        g_queries = 0;
         m_log.Clear();
 
-        EXPECT_TRUE(m_gate.shouldExecuteService(L"TxOther"));
+        EXPECT_EQ(m_gate.shouldExecuteService(row.service), row.runs);
         EXPECT_TRUE(m_log.Has(row.level, row.line));
+        EXPECT_EQ(g_queries, SUCCEEDED(g_answer.created)) << "read afresh, the list is asked last";
+        EXPECT_EQ(g_references, 0U);
         EXPECT_EQ(Required(), 1U);
     }
-    g_oobe = {};
-    g_created = S_OK;
-    g_oobe.newState = 0;
-    g_oobe.result = E_FAIL; // The HRESULT alone decides nothing.
-    EXPECT_FALSE(m_gate.shouldExecuteService(L"TxOther"));
+
+    g_answer = {};
+    EXPECT_TRUE(m_gate.shouldExecuteService(L"TxOther"));
+    EXPECT_TRUE(m_log.Has(LogNormal, L"OOBE service has enabled all services, disabling OOBE check"));
+    EXPECT_EQ(Required(), 0U) << "off for good, in the registry";
+    g_answer.state = 0;
+    EXPECT_TRUE(m_gate.shouldExecuteService(L"TxOther")) << "and in memory";
 }
 
 TEST_F(FirstRunGateTest, AsksForBothInterfacesAndNotAgainOnceNoCheckIsRequired)
 {
-    g_created = REGDB_E_CLASSNOTREG;
+    g_answer.created = REGDB_E_CLASSNOTREG;
     EXPECT_TRUE(m_gate.shouldExecuteService(L"TxOther"));
     EXPECT_EQ(g_asked, (std::vector<IID>{IID_ITxSvcClassObject, Basalt::IID_ITxSvcClassObjectOld}));
 

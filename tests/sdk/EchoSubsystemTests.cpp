@@ -15,31 +15,22 @@ constexpr wchar_t kPipe[] = L"\\\\.\\pipe\\TxEcho-Svc";
 /// By the road that the host takes.
 CComReference<ITxSvcSubsystem> MakeEcho()
 {
-    CComReference<ITxSvcClassObject> classObject;
-    CComReference<ITxSvcSubsystem> subsystem;
+    CComReference<ITxSvcClassObject> factory;
+    void* subsystem = nullptr;
     EXPECT_EQ(
-        ::DllGetClassObject(kEchoClsid, IID_ITxSvcClassObject, reinterpret_cast<void**>(classObject.Put())),
+        ::DllGetClassObject(kEchoClsid, IID_ITxSvcClassObject, reinterpret_cast<void**>(factory.Put())),
         S_OK);
-    EXPECT_EQ(
-        classObject.Get()->CreateObject(IID_ITxSvcSubsystem, reinterpret_cast<void**>(subsystem.Put())),
-        S_OK);
-    return subsystem;
+    EXPECT_EQ(factory.Get()->CreateObject(IID_ITxSvcSubsystem, &subsystem), S_OK);
+    return CComReference<ITxSvcSubsystem>(static_cast<ITxSvcSubsystem*>(subsystem));
 }
 
 std::wstring Ask(std::wstring text)
 {
-    std::wstring reply(4096, L'\0');
+    wchar_t reply[2048];
     DWORD size = 0;
-    const BOOL answered = ::CallNamedPipeW(
-        kPipe,
-        text.data(),
-        static_cast<DWORD>(text.size() * sizeof(wchar_t)),
-        reply.data(),
-        static_cast<DWORD>(reply.size() * sizeof(wchar_t)),
-        &size,
-        5000);
-    reply.resize(answered ? size / sizeof(wchar_t) : 0);
-    return reply;
+    const auto textSize = static_cast<DWORD>(text.size() * sizeof(wchar_t));
+    ::CallNamedPipeW(kPipe, text.data(), textSize, reply, sizeof(reply), &size, 5000);
+    return std::wstring(reply, size / sizeof(wchar_t));
 }
 
 } // namespace
@@ -53,7 +44,6 @@ TEST(EchoSubsystem, AnswersClientsOneAfterAnotherAndStopsInSpiteOfASilentOne)
     const std::wstring prefix =
         L"echo from Svc in process " + std::to_wstring(::GetCurrentProcessId()) + L": ";
 
-    EXPECT_EQ(Ask(L"one"), prefix + L"one");
     EXPECT_EQ(Ask(std::wstring(2000, L'x')), L""); // Too long: disconnected, the next one is served.
     EXPECT_EQ(Ask(L"gr\u00FC\u00DFe"), prefix + L"gr\u00FC\u00DFe");
     ASSERT_TRUE(::WaitNamedPipeW(kPipe, 5000));

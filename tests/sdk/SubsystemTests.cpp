@@ -143,7 +143,7 @@ TEST_F(SubsystemTest, ReportsEveryRoadInOrder)
     }
 }
 
-TEST_F(SubsystemTest, HandlesOneStopAndNoOtherControl)
+TEST_F(SubsystemTest, HandlesOneStopOfTheServiceMeantAndNoOtherControl)
 {
     int stops = 0;
     const auto countStop = [&stops](auto&) { ++stops; };
@@ -151,8 +151,12 @@ TEST_F(SubsystemTest, HandlesOneStopAndNoOtherControl)
         ::WaitForSingleObject(stopEvent, INFINITE);
         EXPECT_EQ(::WaitForSingleObject(stopEvent, 0), DWORD{WAIT_OBJECT_0}); // It stays signalled.
     };
+    CServiceRun before(MakeService(), L"Before");
+    ASSERT_TRUE(before.WaitFor(SERVICE_RUNNING));
     CServiceRun run(MakeService({}, waitTwice, countStop), L"Svc");
     ASSERT_TRUE(run.WaitFor(SERVICE_RUNNING));
+    CServiceRun after(MakeService(), L"After");
+    ASSERT_TRUE(after.WaitFor(SERVICE_RUNNING));
 
     EXPECT_EQ(run.Control(SERVICE_CONTROL_INTERROGATE), DWORD{NO_ERROR});
     EXPECT_EQ(run.Control(SERVICE_CONTROL_PAUSE), DWORD{ERROR_CALL_NOT_IMPLEMENTED});
@@ -160,27 +164,12 @@ TEST_F(SubsystemTest, HandlesOneStopAndNoOtherControl)
     EXPECT_EQ(run.Control(SERVICE_CONTROL_STOP), DWORD{NO_ERROR});
     EXPECT_EQ(run.Control(SERVICE_CONTROL_SHUTDOWN), DWORD{NO_ERROR});
     run.Join();
-    EXPECT_EQ(
-        run.Control(SERVICE_CONTROL_STOP), DWORD{NO_ERROR}); // Was on its way when the service had gone.
+    EXPECT_EQ(run.Control(SERVICE_CONTROL_STOP), DWORD{NO_ERROR}); // On its way when the service had gone.
 
     EXPECT_EQ(stops, 1);
     EXPECT_EQ(run.Reports().size(), 4u);
-}
-
-TEST_F(SubsystemTest, StopReachesOnlyTheServiceMeant)
-{
-    CServiceRun first(MakeService(), L"First");
-    CServiceRun second(MakeService(), L"Second");
-    CServiceRun third(MakeService(), L"Third");
-    ASSERT_TRUE(first.WaitFor(SERVICE_RUNNING) && second.WaitFor(SERVICE_RUNNING));
-    ASSERT_TRUE(third.WaitFor(SERVICE_RUNNING));
-
-    second.Control(SERVICE_CONTROL_STOP);
-    second.Join();
-
-    EXPECT_EQ(first.Reports().size(), 2u);
-    EXPECT_EQ(second.Reports().size(), 4u);
-    EXPECT_EQ(third.Reports().size(), 2u);
+    EXPECT_EQ(before.Reports().size(), 2u);
+    EXPECT_EQ(after.Reports().size(), 2u);
 }
 
 TEST_F(SubsystemTest, IsReportedStoppedOnlyWhenOnStopIsOver)
@@ -207,7 +196,12 @@ TEST_F(SubsystemTest, IsReportedStoppedOnlyWhenOnStopIsOver)
 
 TEST_F(SubsystemTest, LeavesTheReportToTheHostWhenItCannotReportItself)
 {
-    m_manager.RefuseRegistration(ERROR_SERVICE_DOES_NOT_EXIST);
+    const CImportPatch patch(
+        "RegisterServiceCtrlHandlerExW",
+        +[](const wchar_t*, LPHANDLER_FUNCTION_EX, void*) -> SERVICE_STATUS_HANDLE {
+            ::SetLastError(ERROR_SERVICE_DOES_NOT_EXIST);
+            return nullptr;
+        });
     CServiceRun run(MakeService(), L"Svc");
     DWORD result = 0;
 
