@@ -2,13 +2,13 @@
 
 #include <windows.h>
 
-#include <algorithm>
-#include <cstring>
-#include <nlohmann/json.hpp>
+#include <filesystem>
+#include <fstream>
 #include <thread>
 
 #include "CtlTest.h"
 #include "base/Owned.h"
+#include "base/Text.h"
 #include "logging/LogFile.h"
 #include "logging/LogLine.h"
 #include "support/Narrow.h"
@@ -16,286 +16,189 @@
 #include "txsvcctl/Utf8.h"
 
 using ETWLogging::BuildLogLine;
-using nlohmann::json;
+using TxCtl::ToUtf8;
 
 namespace
 {
-
-constexpr wchar_t kBreaks[] = L"one\r\n\n two\n[x]$ three";
 
 std::string Utf16(const std::wstring& text)
 {
     return {reinterpret_cast<const char*>(text.data()), text.size() * sizeof(wchar_t)};
 }
 
-class CCollector final : public TxCtl::ILogSink
-{
-public:
-    void Add(TxCtl::LogEntry entry) override { entries.push_back(std::move(entry)); }
-    bool PieceIsRead() override { return true; }
-    std::vector<TxCtl::LogEntry> entries;
-};
-
-std::vector<TxCtl::LogEntry> Split(const std::string& bytes, std::size_t piece)
-{
-    CCollector collector;
-    TxCtl::CLogText text;
-    for (std::size_t at = 0; at < bytes.size(); at += piece)
-    {
-        text.Feed(bytes.data() + at, std::min(piece, bytes.size() - at), collector);
-    }
-    text.Finish(collector);
-    return collector.entries;
-}
-
-TEST(LogText, GivesBackWhatLinesWereBuiltFrom)
-{
-    const wchar_t* const files[] = {L"src\\A$b[1]:2.cpp", L"a file with a very long name.cpp", nullptr};
-    const wchar_t* const functions[] = {
-        L"CClass::operator()", L"", L"[$]()$ and more than is fit to be a name, really"};
-    const wchar_t* const messages[] = {L"text", L"5$ [ a]$ -- (Error)$", kBreaks, L"last\n"};
-    std::vector<ETWLogging::LogLineFields> built;
-    std::wstring text;
-    for (DWORD i = 0; i < 16 * 3 * 3; ++i) // All choices of fields, each with all texts.
-    {
-        built.push_back(
-            {(i & 15) << 2,
-             L"a tag [of $] more",
-             i,
-             4294967,
-             {},
-             files[i / 16 % 3],
-             i * 1001,
-             functions[i / 48]});
-        built[i].time = {2026, static_cast<WORD>(i % 12 + 1), 0, 28, static_cast<WORD>(i % 24), 59, 7, 0};
-        text += BuildLogLine(built[i], ETWLogging::LogLevelName(i % 5 + 1), messages[i % 4]);
-    }
-    const std::string encodings[] = {
-        Utf16(L"\xFEFF" + text), Utf16(text), TxCtl::ToUtf8(text), "\xEF\xBB\xBF" + TxCtl::ToUtf8(text)};
-    for (std::size_t i = 0; i < 4 * 3; ++i)
-    {
-        SCOPED_TRACE(i);
-        const std::vector<TxCtl::LogEntry> entries = Split(encodings[i / 3], i % 3 == 0 ? 1 : i * 100 + 1);
-        ASSERT_EQ(entries.size(), built.size());
-        for (DWORD k = 0; k < entries.size(); ++k)
-        {
-            const TxCtl::LogEntry& entry = entries[k];
-            const ETWLogging::LogLineFields& in = built[k];
-            ASSERT_EQ(std::memcmp(&entry.time.value(), &in.time, sizeof(in.time)), 0);
-            const auto wanted = [&in](DWORD bit, const std::wstring& value) {
-                return (in.options & bit) != 0 && !value.empty() ? std::optional(value) : std::nullopt;
-            };
-            const std::wstring file = in.file == nullptr ? L"" : in.file;
-            ASSERT_EQ(entry.level, k % 5 + 1);
-            ASSERT_EQ(entry.tag, wanted(0x10, L"a tag [of $] mo"));
-            ASSERT_EQ(entry.process, (in.options & 4) != 0 ? std::optional(k) : std::nullopt);
-            ASSERT_EQ(entry.source, wanted(0x08, file.substr(file.rfind(L'\\') + 1).substr(0, 20)));
-            ASSERT_EQ(entry.line, entry.source ? k * 1001 : 0);
-            ASSERT_EQ(entry.function, wanted(0x20, std::wstring(in.function).substr(0, 40)));
-            const wchar_t* const read[] = {messages[0], messages[1], L"one\n\n two\n[x]$ three", L"last"};
-            ASSERT_EQ(Narrow(entry.message), Narrow(read[k % 4]));
-        }
-    }
-}
-
-TEST(LogText, TornAndForeignTextIsKeptApart)
-{
-    const std::string head = "11/24/2026 12:05:07 AM$ -- (Error)$ ";
-    const struct
-    {
-        std::string bytes;
-        std::vector<std::string> messages;
-    } table[] = {
-        {head + "a\r\n" + head + "torn", {"a", "torn"}},
-        {head + "a\r\n11/24/2026 12:05:07 AM$ -- (Err", {"a"}},
-        {head + "a\r\nb", {"a\nb"}},
-        {"rest\r\n\r\n" + head + "a\r\n13/24/2026 12:05:07 AM$ -- (Error)$ b\n",
-         {"rest\n", "a\n13/24/2026 12:05:07 AM$ -- (Error)$ b"}},
-        {head + "\xE4\xF6\n" + head + "\xC3\xA4\n", {"\xC3\xA4\xC3\xB6", "\xC3\xA4"}},
-        {Utf16(L"\xFEFF" + TxCtl::FromUtf8(head) + L"\xE4") + '\n', {"\xC3\xA4"}},
-        {"", {}},
-    };
-    for (const auto& row : table)
-    {
-        SCOPED_TRACE(row.bytes);
-        std::vector<std::string> messages;
-        for (const TxCtl::LogEntry& entry : Split(row.bytes, 5))
-        {
-            messages.push_back(TxCtl::ToUtf8(entry.message));
-        }
-        EXPECT_EQ(messages, row.messages);
-    }
-}
-
 class LogShowTest : public CtlTest
 {
 protected:
-    /// Appends a message of the level, which also tells the hour, as the logger does.
-    void Write(DWORD level, const std::wstring& message)
+    LogShowTest() { m_log.SetPath(m_file); }
+
+    /// Appends a message, as the logger does. The hour is the level.
+    void Write(WORD level, const std::wstring& message)
     {
-        SYSTEMTIME time = {2026, 11, 0, 24, static_cast<WORD>(level), 0, 0, 0};
-        if (level == 0)
-        {
-            ::GetLocalTime(&time);
-        }
-        ETWLogging::CLogFile::COpened opened;
-        ASSERT_EQ(m_log.Open(true, opened), DWORD{0});
-        const ETWLogging::LogLineFields fields{0x3C, L"tag", 12, 34, time, L"a.cpp", 56, L"CA::B"};
+        ETWLogging::CLogFile::COpened file;
+        ASSERT_EQ(m_log.Open(true, file), DWORD{0});
+        const SYSTEMTIME time = {2026, 11, 0, 24, level, 0, 0, 0};
         const wchar_t* const name = ETWLogging::LogLevelName(level);
-        ASSERT_EQ(
-            m_log.Write(opened, BuildLogLine(fields, name ? name : L"Normal", message.c_str())), DWORD{0});
+        ASSERT_EQ(m_log.Write(file, BuildLogLine({0, L"", 0, 0, time}, name, message.c_str())), DWORD{0});
+    }
+
+    std::string Show(const std::string& bytes, const wchar_t* form)
+    {
+        std::ofstream(std::filesystem::path(m_file), std::ios::binary) << bytes;
+        return ToUtf8(Run({L"log", L"show", m_file, form}).out);
     }
 
     CTestFolder m_folder;
+    std::wstring m_file = m_folder.File(L"x.log");
     ETWLogging::CLogFile m_log;
 };
 
-TEST_F(LogShowTest, ShowsTheConfiguredLogWithItsOlderFilesAndWhatIsAskedFor)
+TEST_F(LogShowTest, GivesBackWhatLinesWereBuiltFrom)
 {
-    m_log.SetPath(m_folder.File(L"x.log"));
+    // What is written, and what is read where that differs.
+    using Texts = const wchar_t* const[][2];
+    const Texts files = {
+        {L"A$[1]:2.cpp"}, {L"s\\a very long name of a file", L"a very long name of "}, {nullptr}};
+    const Texts functions = {
+        {L"C::operator()"},
+        {L""},
+        {L"[$]()$ is longer than any field can be: cut", L"[$]()$ is longer than any field can be: "}};
+    const Texts messages = {
+        {L"5$ [ a]$ -- (Error)$"}, {L"a\n", L"a"}, {L"a\r\n\n [$", L"a\\n\\n [$"}, {L"\u00e4\u4e2d"}};
+    std::wstring text;
+    std::wstring expected;
+    for (DWORD i = 0; i < 16 * 3 * 3 * 4; ++i) // All choices of fields with all texts.
+    {
+        const DWORD options = (i & 15) << 2;
+        const wchar_t* const level = ETWLogging::LogLevelName(i % 5 + 1);
+        const SYSTEMTIME time = {2026, 1, 0, 28, static_cast<WORD>(i % 24), 59, 7, 0};
+        const auto& [file, fileRead] = files[i / 16 % 3];
+        const auto& [function, functionRead] = functions[i / 48 % 3];
+        const auto& [message, messageRead] = messages[i / 144];
+        text += BuildLogLine(
+            {options, L"a tag [of $] more", i, 4294967, time, file, i * 1001, function}, level, message);
+        const auto add = [&](DWORD option, const wchar_t* format, auto... values) {
+            Basalt::AppendFormat(expected, (options & option) == option ? format : L"", values...);
+        };
+        add(0, LR"({"time":"2026-01-28T%02u:59:07","level":%u)", i % 24, i % 5 + 1);
+        add(0, LR"(,"levelName":"%s")", level);
+        add(0x10, LR"(,"tag":"a tag [of $] mo")");
+        add(0x04, LR"(,"process":%u,"thread":4294967)", i);
+        add(0x08, file ? LR"(,"source":"%s","line":%u)" : L"", fileRead ? fileRead : file, i * 1001);
+        add(0x20, *function ? LR"(,"function":"%s")" : L"", functionRead ? functionRead : function);
+        add(0, L",\"message\":\"%s\"}\n", messageRead ? messageRead : message);
+    }
+
+    EXPECT_EQ(Show(Utf16(L"\xFEFF" + text), L"--json"), ToUtf8(expected));
+    EXPECT_EQ(Show(Utf16(text), L"--json"), ToUtf8(expected));
+    EXPECT_EQ(Show(ToUtf8(text), L"--json"), ToUtf8(expected));
+}
+
+TEST_F(LogShowTest, TornAndForeignTextIsKeptApart)
+{
+    const std::string in = "11/24/2026 12:05:07 PM$ -- (Error)$ ";
+    const std::string out = "2026-11-24T12:05:07  Error        ";
+    const std::string table[][2] = {
+        {in + "a\r\n" + in + "torn", out + "a\n" + out + "torn\n"},
+        {in + "a\r\n11/24/2026 12:05:07 PM$ -- (Err", out + "a\n"},
+        {in + "a\r\nb", out + "a\n    b\n"},
+        {"rest\r\n" + in + "a\r\n13" + in + "b\n", "rest\n" + out + "a\n    13" + in + "b\n"},
+        {"\xEF\xBB\xBF" + in + "\xE4\n", out + "\xC3\xA4\n"}, // The system's code page.
+        {in + "[PID:    1 TID:    2]$ [                   a:    3]$ b\n",
+         out + "1/2          a:3                         b\n"},
+        {Utf16(TxCtl::FromUtf8(in) + L"\xE4") + '\n', out + "\xC3\xA4\n"},
+    };
+    for (const auto& row : table)
+    {
+        EXPECT_EQ(Show(row[0], L"--"), row[1]);
+    }
+}
+
+TEST_F(LogShowTest, ShowsWhatIsAskedForOfTheConfiguredLog)
+{
+    EXPECT_NE(Run({L"log", L"show"}).error.find(L"mechanism file"), std::wstring::npos);
+    ASSERT_EQ(Run({L"log", L"set", L"folder", m_folder.Path()}).exitCode, 0);
+    ASSERT_EQ(Run({L"log", L"set", L"file", L"x.log"}).exitCode, 0);
     m_log.SetRotation(2, 5);
     Write(1, L"first");
     Write(2, L"alpha-2 and alphabet");
     Write(3, L"of 'Alpha'.");
-    Write(4, kBreaks);
-    Write(0, L"now");
-    ASSERT_EQ(Run({L"log", L"set", L"folder", m_folder.Path()}).exitCode, 0);
-    ASSERT_EQ(Run({L"log", L"set", L"file", L"x.log"}).exitCode, 0);
+    Write(4, L"last");
+    const std::wstring missing = m_folder.File(L"none\\x.log");
     const struct
     {
-        std::vector<std::wstring> arguments;
-        std::string messages; ///< Their first words.
+        std::vector<std::wstring> options;
+        std::string shown;    ///< the hours
+        const wchar_t* error; ///< part of a message
+        int exitCode = 0;
     } table[] = {
-        {{}, "first alpha-2 of one now "},
-        {{m_folder.File(L"x.1.log")}, "of one "},
-        {{L"--level", L"3"}, "of one "},
-        {{L"--level", L"6"}, "of one "},
-        {{L"--service", L"ALPHA"}, "of "},
-        {{L"--since", L"2026-11-24 03:00"}, "of one now "},
-        {{L"--since", L"2026-11-24T03:00:01"}, "one now "},
-        {{L"--since", L"2h", L"--level", L"1"}, "now "},
+        {{}, "1234", L""},
+        {{m_folder.File(L"x.log")}, "34", L""},
+        {{L"--level", L"4"}, "4", L""},
+        {{L"--level", L"6"}, "34", L""},
+        {{L"--service", L"ALPHA"}, "3", L""},
+        {{L"--since", L"2026-11-24 03:00"}, "34", L""},
+        {{L"--since", L"2026-11-24T02:00:01", L"--level", L"1"}, "34", L""},
+        {{L"--since", L"99999d"}, "1234", L""},
+        {{L"--since", L"1m"}, "", L""},
+        {{L"--level", L"7"}, "", L"--level", 2},
+        {{L"--service", L""}, "", L"empty name", 2},
+        {{L"--since", L"2026-02-30"}, "", L"'2026-02-30' is no time", 2},
+        {{missing}, "", L"none\\x.log': error 3: ", 1},
+        {{missing, L"--follow"}, "", L"cannot watch folder", 1},
     };
     for (const auto& row : table)
     {
-        std::vector<std::wstring> arguments = {L"log", L"show", L"--json"};
-        arguments.insert(arguments.end(), row.arguments.begin(), row.arguments.end());
-        std::string messages;
-
-        const CtlResult result = Run(arguments);
-
-        std::string rest = TxCtl::ToUtf8(result.out);
-        for (std::size_t end = rest.find('\n'); end != std::string::npos; end = rest.find('\n'))
-        {
-            const std::string message = json::parse(rest.substr(0, end))["message"];
-            messages += message.substr(0, message.find_first_of(" \n")) + " ";
-            rest.erase(0, end + 1);
-        }
-        EXPECT_EQ(messages, row.messages) << Narrow(result.error);
-    }
-
-    const std::wstring file = m_folder.File(L"x.1.log");
-    const std::wstring columns = Run({L"log", L"show", file, L"--level", L"4"}).out;
-    const json entry =
-        json::parse(TxCtl::ToUtf8(Run({L"log", L"show", file, L"--level", L"4", L"--json"}).out));
-    EXPECT_EQ(
-        columns,
-        L"2026-11-24T04:00:00  Error        12/34        a.cpp:56                    " +
-            std::wstring(L"CA::B                                     one\n    \n     two\n    [x]$ three\n"));
-    EXPECT_EQ(
-        entry,
-        json(
-            {{"time", "2026-11-24T04:00:00"},
-             {"level", 4},
-             {"levelName", "Error"},
-             {"tag", "tag"},
-             {"process", 12},
-             {"thread", 34},
-             {"source", "a.cpp"},
-             {"line", 56},
-             {"function", "CA::B"},
-             {"message", "one\n\n two\n[x]$ three"}}));
-}
-
-TEST_F(LogShowTest, WrongCommandLinesAndMissingLogsAreTold)
-{
-    const struct
-    {
-        std::vector<std::wstring> arguments;
-        int exitCode;
-        const wchar_t* error;
-    } table[] = {
-        {{L"--level", L"0"}, 2, L"--level"},
-        {{L"--level", L"7"}, 2, L"--level"},
-        {{L"--service", L""}, 2, L"empty name"},
-        {{L"--since", L"2026-02-30"}, 2, L"'2026-02-30' is no time"},
-        {{L"--since", L"2026-11-24 1"}, 2, L"is no time"},
-        {{L"--since", L"h"}, 2, L"is no time"},
-        {{L"--since", L"999999d"}, 2, L"is no time"},
-        {{m_folder.File(L"none.log")}, 1, L"none.log': error 2: "},
-        {{m_folder.File(L"none\\x.log"), L"--follow"}, 1, L"cannot watch folder"},
-        {{}, 1, L"set mechanism file"}, // Nothing is set: the default file is not there.
-    };
-    for (const auto& row : table)
-    {
+        SCOPED_TRACE(row.options.empty() ? "all" : Narrow(row.options.back()));
         std::vector<std::wstring> arguments = {L"log", L"show"};
-        arguments.insert(arguments.end(), row.arguments.begin(), row.arguments.end());
+        arguments.insert(arguments.end(), row.options.begin(), row.options.end());
 
         const CtlResult result = Run(arguments);
 
-        EXPECT_EQ(result.exitCode, row.exitCode) << Narrow(result.error);
+        std::string shown;
+        for (std::size_t at = 0; (at = result.out.find(L"T0", at)) != std::wstring::npos; ++at)
+        {
+            shown += static_cast<char>(result.out[at + 2]);
+        }
+        EXPECT_EQ(shown, row.shown);
+        EXPECT_EQ(result.exitCode, row.exitCode);
         EXPECT_NE(result.error.find(row.error), std::wstring::npos) << Narrow(result.error);
-        EXPECT_EQ(result.out, L"");
     }
+    const auto moment = [](const wchar_t* age) { return static_cast<double>(TxCtl::ParseMoment(age)); };
+    EXPECT_NEAR(moment(L"2880m"), moment(L"2d"), 3e7);
+    EXPECT_NEAR(moment(L"48h"), moment(L"2d"), 3e7);
 }
 
-class CWaitingConsole final : public TxCtl::IConsole
+class CStoppingConsole final : public TxCtl::IConsole
 {
 public:
-    explicit CWaitingConsole(const wchar_t* last) : m_last(last) {}
     void Out(const std::wstring& text) override
     {
-        lines += text + L"\n";
-        if (lines.ends_with(m_last))
-        {
-            ::SetEvent(seen.Get());
-        }
+        m_text += text + L"\n";
+        ::SetEvent(text.ends_with(L"last") ? m_stop.Get() : nullptr);
     }
     void Error(const std::wstring& text) override { Out(text); }
 
-    const Basalt::CHandle seen{::CreateEventW(nullptr, TRUE, FALSE, nullptr)};
-    std::wstring lines; ///< Of the follower's thread.
-
-private:
-    const wchar_t* m_last;
+    const Basalt::CHandle m_stop{::CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+    std::wstring m_text; ///< Of the follower's thread while it runs.
 };
 
 TEST_F(LogShowTest, FollowingLosesNoLineAtRotationsAndEndsWhenStopped)
 {
-    constexpr int kLines = 400;
-    m_log.SetPath(m_folder.File(L"x.log"));
-    m_log.SetRotation(7, 99);
-    const Basalt::CHandle stop(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
-    CWaitingConsole console(L"  399\n");
+    CStoppingConsole console;
     std::wstring expected;
+    m_log.SetRotation(7, 99);
+    std::jthread follower([&] { TxCtl::CLogShow(m_file, 99, {}, console.m_stop.Get(), console).Follow(); });
+    for (int i = 0; i < 400; ++i)
     {
-        const std::jthread follower(
-            [&] { TxCtl::CLogShow(m_log.GetPath(), 99, {}, stop.Get(), console).Follow(); });
-        for (int i = 0; i < kLines; ++i)
-        {
-            Write(1, std::to_wstring(i));
-            expected += std::to_wstring(i) + L"\n";
-        }
-        EXPECT_EQ(::WaitForSingleObject(console.seen.Get(), 20000), WAIT_OBJECT_0);
-        ::SetEvent(stop.Get());
+        const std::wstring message = i == 399 ? L"last" : std::to_wstring(i);
+        Write(1, message);
+        expected += L"2026-11-24T01:00:00  Normal       " + message + L"\n";
     }
-    std::wstring seen;
-    for (std::size_t end = 0, begin = 0; (end = console.lines.find(L'\n', begin)) != std::wstring::npos;
-         begin = end + 1)
-    {
-        seen +=
-            console.lines.substr(console.lines.rfind(L' ', end) + 1, end - console.lines.rfind(L' ', end));
-    }
-    EXPECT_EQ(Narrow(seen), Narrow(expected));
+
+    EXPECT_EQ(::WaitForSingleObject(console.m_stop.Get(), 20000), WAIT_OBJECT_0);
+    ::SetEvent(console.m_stop.Get());
+    follower.join();
+    EXPECT_EQ(ToUtf8(console.m_text), ToUtf8(expected));
 }
 
 } // namespace

@@ -350,6 +350,10 @@ std::size_t CLogText::lineEnd(std::size_t begin) const
 /// Without line end and byte order mark; half a character at the end is dropped.
 std::wstring CLogText::decode(std::size_t begin, std::size_t end) const
 {
+    constexpr std::string_view kUtf8Mark = "\xEF\xBB\xBF";
+    const bool isMarked =
+        m_encoding == Encoding::Narrow && m_bytes.compare(begin, kUtf8Mark.size(), kUtf8Mark) == 0;
+    begin += isMarked ? kUtf8Mark.size() : 0;
     std::wstring text;
     const char* const bytes = m_bytes.data() + begin;
     const auto size = static_cast<int>(end - begin);
@@ -358,7 +362,7 @@ std::wstring CLogText::decode(std::size_t begin, std::size_t end) const
         text.resize((end - begin) / sizeof(wchar_t));
         std::copy_n(bytes, text.size() * sizeof(wchar_t), reinterpret_cast<char*>(text.data()));
     }
-    else if (size != 0)
+    else if (size > 0)
     {
         UINT codePage = CP_UTF8;
         int length = ::MultiByteToWideChar(codePage, MB_ERR_INVALID_CHARS, bytes, size, nullptr, 0);
