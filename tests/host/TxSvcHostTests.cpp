@@ -19,7 +19,8 @@ using namespace ETWLogging;
 namespace
 {
 
-std::string g_calls; ///< in their order
+/// In their order: i for COM initialised, s secured, d services dispatched, u COM uninitialised.
+std::string g_calls;
 
 /// What the system answers.
 struct Answers
@@ -32,7 +33,7 @@ struct Answers
 HRESULT WINAPI FakeCoInitializeEx(void*, DWORD apartment)
 {
     EXPECT_EQ(apartment, DWORD{COINIT_MULTITHREADED});
-    g_calls += "init ";
+    g_calls += 'i';
     return g_answers.com;
 }
 HRESULT WINAPI FakeCoInitializeSecurity(
@@ -51,18 +52,18 @@ HRESULT WINAPI FakeCoInitializeSecurity(
     EXPECT_EQ(authentication, DWORD{RPC_C_AUTHN_LEVEL_DEFAULT});
     EXPECT_EQ(impersonation, DWORD{RPC_C_IMP_LEVEL_IMPERSONATE});
     EXPECT_EQ(capabilities, DWORD{EOAC_NONE});
-    g_calls += "secure ";
+    g_calls += 's';
     return g_answers.security;
 }
 BOOL WINAPI FakeDispatcher(const SERVICE_TABLE_ENTRYW*)
 {
-    g_calls += "dispatch ";
+    g_calls += 'd';
     ::SetLastError(g_answers.dispatched ? ERROR_SUCCESS : ERROR_FAILED_SERVICE_CONTROLLER_CONNECT);
     return g_answers.dispatched;
 }
 void WINAPI FakeCoUninitialize()
 {
-    g_calls += "uninit ";
+    g_calls += 'u';
     throw 5; // Hosted code that breaks on its way out.
 }
 
@@ -143,7 +144,7 @@ TEST_F(TxSvcHostTest, ANormalRunGoesThroughAllItsStepsInOrder)
 
     EXPECT_EQ(Start(L"/g"), 0U);
 
-    EXPECT_EQ(g_calls, "init secure dispatch uninit ");
+    EXPECT_EQ(g_calls, "isdu");
     const std::vector<std::wstring> messages = m_log.Messages();
     EXPECT_EQ(messages.front(), L"---");
     const auto added = std::find(messages.begin(), messages.end(), L"Adding services to the SCM interface");
@@ -170,19 +171,9 @@ TEST_F(TxSvcHostTest, EachFailureHasItsExitCodeAndLeavesComAsItWas)
         {L"g", L"a", {}, 87, "", L"Failed to parse the command line"},
         {L"/unknown", L"a", {}, 87, "", L"Failed to get group services unknown"},
         {L"/g", L";;", {}, 87, "", L"There are no services in the group g"},
-        {L"/g", L"a", {CO_E_INIT_TLS}, 0x4006, "init ", L"CoInitialize failed (hr=0x80004006)"},
-        {L"/g",
-         L"a",
-         {S_OK, RPC_E_TOO_LATE},
-         0x0119,
-         "init secure uninit ",
-         L"CoInitializeSecurity failed (hr=0x80010119)"},
-        {L"/g",
-         L"a",
-         {S_OK, S_OK, FALSE},
-         1359,
-         "init secure dispatch uninit ",
-         L"SCM interface failed to start (Err=0x00000427)"},
+        {L"/g", L"a", {CO_E_INIT_TLS}, 0x4006, "i", L"CoInitialize failed (hr=0x80004006)"},
+        {L"/g", L"a", {S_OK, RPC_E_TOO_LATE}, 0x0119, "isu", L"CoInitializeSecurity failed (hr=0x80010119)"},
+        {L"/g", L"a", {S_OK, S_OK, FALSE}, 1359, "isdu", L"SCM interface failed to start (Err=0x00000427)"},
     };
     for (const auto& row : rows)
     {
