@@ -4,7 +4,8 @@
 
 #include <gtest/gtest.h>
 #include <stdexcept>
-#include <thread>
+
+#include "base/Owned.h"
 
 namespace
 {
@@ -38,12 +39,20 @@ TEST(CallGuard, SwallowsHardwareFaultsForeignExceptionsAndEachStackOverflow)
     EXPECT_FALSE(Basalt::CallGuarded(
         [] { ::RaiseException(kExceptionOfAnotherCppRuntime, EXCEPTION_NONCONTINUABLE, 0, nullptr); }));
 
-    std::thread([] {
-        for (int round = 0; round < 2; ++round) // The guard page must stand again for the second one.
+    // On a thread with a small stack of its own: the guard page must stand again for the second round.
+    const auto overflowTwice = +[](void*) -> DWORD {
+        for (int round = 0; round < 2; ++round)
         {
             EXPECT_FALSE(Basalt::CallGuarded([] { static_cast<void>(Overflow(0)); }));
         }
-    }).join();
+        return 2;
+    };
+    const Basalt::CHandle thread(::CreateThread(
+        nullptr, 256 * 1024, overflowTwice, nullptr, STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr));
+    DWORD rounds = 0;
+    EXPECT_EQ(::WaitForSingleObject(thread.Get(), 30000), DWORD{WAIT_OBJECT_0});
+    EXPECT_TRUE(::GetExitCodeThread(thread.Get(), &rounds));
+    EXPECT_EQ(rounds, 2U) << "the thread did not live to its end";
 }
 
 #endif
