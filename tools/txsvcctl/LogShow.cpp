@@ -191,7 +191,7 @@ std::wstring FormatJson(const LogEntry& entry)
     if (entry.process)
     {
         json["process"] = *entry.process;
-        json["thread"] = *entry.thread;
+        json["thread"] = entry.thread;
     }
     if (entry.source)
     {
@@ -228,7 +228,7 @@ std::wstring FormatColumns(const LogEntry& entry)
     }
     if (entry.process)
     {
-        AppendColumn(text, Basalt::FormatText(L"%u/%u", *entry.process, *entry.thread), kProcessColumns);
+        AppendColumn(text, Basalt::FormatText(L"%u/%u", *entry.process, entry.thread), kProcessColumns);
     }
     if (entry.source)
     {

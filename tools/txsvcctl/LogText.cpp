@@ -408,7 +408,9 @@ void CLogText::handOn(ILogSink& sink)
 {
     if (m_entry)
     {
-        sink.Add(*std::exchange(m_entry, std::nullopt));
+        LogEntry entry = std::move(*m_entry);
+        m_entry.reset();
+        sink.Add(std::move(entry));
     }
 }
 

@@ -17,7 +17,7 @@ struct LogEntry
     std::wstring levelName;
     std::optional<std::wstring> tag;
     std::optional<DWORD> process;
-    std::optional<DWORD> thread;
+    DWORD thread = 0; ///< Belongs to the process.
     std::optional<std::wstring> source;
     DWORD line = 0; ///< Belongs to the source.
     std::optional<std::wstring> function;
