@@ -82,6 +82,8 @@ TEST_F(RegistryStoreTest, StringReadsEndAt1022BytesAndAtTheFirstTerminator)
         {"510 and terminator", longText.substr(0, 510), 1022, 510, true},
         {"511 without terminator", longText, 1022, 511, true},
         {"511 and terminator", longText.substr(0, 511), 1024, 0, false},
+        {"odd size", longText, 5, 2, true},
+        {"empty", L"", 0, 0, true},
         {"text behind a terminator", std::wstring(L"ab\0cd", 5), 10, 2, true},
     };
     for (const auto& row : rows)

@@ -143,14 +143,17 @@ TEST_F(TxSvcHostConfigTest, SerialLoadingIsWhatIsNotClearlySwitchedOff)
 
 TEST_F(TxSvcHostConfigTest, ServiceListsAreSplitAtEverySeparator)
 {
+    constexpr std::size_t kLongestMessage = 2079;
+    const std::wstring long1MiB(512 * 1024, L'n');
     const struct
     {
-        const wchar_t* stored;
+        std::wstring stored;
         std::vector<std::wstring> expected;
     } rows[] = {
         {L";a b:c,,d", {L"a b", L"c", L"d"}},
         {L";:,;", {}},
         {L"", {}},
+        {long1MiB, {long1MiB}},
     };
     ASSERT_TRUE(Config().Init(kGroup));
     for (const auto& row : rows)
@@ -160,7 +163,8 @@ TEST_F(TxSvcHostConfigTest, ServiceListsAreSplitAtEverySeparator)
 
         EXPECT_TRUE(Config().GetServices(services));
         EXPECT_EQ(services, row.expected);
-        EXPECT_TRUE(m_log.Has(LogNormal, std::wstring(L"The supported services are: ") + row.stored));
+        const std::wstring line = L"The supported services are: " + row.stored;
+        EXPECT_TRUE(m_log.Has(LogNormal, line.substr(0, kLongestMessage)));
     }
 }
 

@@ -104,6 +104,8 @@ protected:
 TEST_F(TxSvcHostTest, TheGroupIsWhatFollowsTheFirstDelimiterOfTheFirstArgument)
 {
     const CTxSvcHost host;
+    const std::wstring longName(1000, L'g');
+    const std::wstring longLine = L"The group name selected to run is '" + longName + L"'";
     const struct
     {
         std::wstring entry;
@@ -112,14 +114,17 @@ TEST_F(TxSvcHostTest, TheGroupIsWhatFollowsTheFirstDelimiterOfTheFirstArgument)
     } rows[] = {
         {L"/TxCoreSvc", L"TxCoreSvc", L"The group name selected to run is 'TxCoreSvc'"},
         {L"x/y/z", L"y/z", L"The group name selected to run is 'y/z'"},
+        {L"//", L"/", L"The group name selected to run is '/'"},
+        {L"/" + longName, longName, longLine.c_str()},
         {L"abc", L"", L"The group delimiter is not found. Group Entry 'abc'"},
         {L"", L"", L"The group delimiter is not found. Group Entry ''"},
         {L"/", L"", L"The group name is empty. Group Entry '/'"},
+        {L"abc/", L"", L"The group name is empty. Group Entry 'abc/'"},
     };
     std::wstring group;
     for (const auto& row : rows)
     {
-        SCOPED_TRACE(::testing::PrintToString(row.line));
+        SCOPED_TRACE(::testing::PrintToString(row.entry.substr(0, 20)));
         std::wstring entry = row.entry;
         wchar_t other[] = L"/other";
         wchar_t* argv[] = {other, entry.data(), other, nullptr};

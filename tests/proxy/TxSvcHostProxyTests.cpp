@@ -316,13 +316,14 @@ TEST_F(TxSvcHostProxyTest, ConfigurationThatLeadsToNoModuleIsReportedAsItStands)
         {L"{}", L""},
         {L"", L""},
         {L"subsystem", L"Failed to convert the string clsid to clsid 'subsystem' (0x"},
+        {std::wstring(512 * 1024, L'x'), L"Failed to convert the string clsid to clsid 'xxx"},
         {unknown,
          L"Unable to open registry path HKEY_CLASSES_ROOT\\CLSID\\" + unknown +
              L"\\InprocServer32 (0x00000002)"},
     };
     for (const auto& row : rows)
     {
-        SCOPED_TRACE(testing::PrintToString(row.clsid));
+        SCOPED_TRACE(testing::PrintToString(row.clsid.substr(0, 40)));
         ASSERT_EQ(m_group.WriteString(L"svc", row.clsid), DWORD{0});
         g_seen = {};
         m_log.Clear();
