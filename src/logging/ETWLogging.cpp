@@ -85,7 +85,7 @@ DWORD CETWLogging::Stop() noexcept
     {
         return ERROR_SUCCESS;
     }
-    // No callback comes, nor is one still running, when this returns; the callback takes no lock.
+    // No callback comes, nor is one still running, when this returns; the callback does not take this lock.
     const ULONG status = ::UnregisterTraceGuids(m_registration);
     m_registration = 0;
     m_started = false;

@@ -100,7 +100,8 @@ private:
     TRACEHANDLE m_registration TX_GUARDED_BY(m_lock) = 0;
     std::atomic<bool> m_started = false;
 
-    // Written by the control callback, which comes on any thread and may come inside Start: no lock.
+    // Written by the control callback, which comes on any thread and may come inside Start: not under its
+    // lock.
     std::atomic<TRACEHANDLE> m_session = 0; ///< 0 when none listens.
     std::atomic<DWORD> m_sessionLevel = 0;  ///< 0 when the session brings no threshold.
     std::atomic<DWORD> m_sessionFlags = 0;  ///< 0 when the session wants all levels.

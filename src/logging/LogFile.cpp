@@ -13,10 +13,11 @@ namespace
 
 constexpr wchar_t kByteOrderMark = L'\xFEFF';
 
+/// Protected: below the machine's data folder every user would else inherit the right to plant a file.
 /// System and administrators: all rights. The service accounts: write, rename, delete. Users: read. Whoever
 /// made a file keeps it.
 constexpr wchar_t kFolderSecurity[] =
-    L"D:(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;FA;;;OW)(A;OICI;0x1301BF;;;LS)(A;OICI;0x1301BF;;;NS)"
+    L"D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;FA;;;OW)(A;OICI;0x1301BF;;;LS)(A;OICI;0x1301BF;;;NS)"
     L"(A;OICI;0x1301BF;;;SU)(A;OICI;0x1200A9;;;BU)";
 
 bool IsFolder(const std::wstring& path) noexcept
@@ -43,6 +44,14 @@ bool CreateFolder(const std::wstring& folder, SECURITY_ATTRIBUTES* security)
 DWORD LineFeedsIn(const wchar_t* text, std::size_t length) noexcept
 {
     return static_cast<DWORD>(std::count(text, text + length, L'\n'));
+}
+
+/// Tells files apart, whatever their names are; 0 when it cannot be asked for.
+ULONGLONG IndexOf(HANDLE file) noexcept
+{
+    BY_HANDLE_FILE_INFORMATION information{};
+    ::GetFileInformationByHandle(file, &information);
+    return ULONGLONG{information.nFileIndexHigh} << 32 | information.nFileIndexLow;
 }
 
 /// Line feeds between two positions; what cannot be read counts nothing.
@@ -87,15 +96,16 @@ void CLogFile::SetRotation(DWORD entries, DWORD oldFiles) noexcept
 
 DWORD CLogFile::Open(bool alone, COpened& file)
 {
+    const DWORD entriesPerFile = m_entriesPerFile;
     DWORD status = openFile(file);
-    if (status != ERROR_SUCCESS || !alone || m_entriesPerFile == 0)
+    file.m_alone = alone;
+    if (status != ERROR_SUCCESS || !alone || entriesPerFile == 0)
     {
         return status;
     }
-    file.m_alone = true;
     const Basalt::CLockGuard guard(m_lock);
     countOthers(file);
-    if (m_entries < m_entriesPerFile)
+    if (m_entries < entriesPerFile)
     {
         return ERROR_SUCCESS;
     }
@@ -136,9 +146,7 @@ void CLogFile::countOthers(const COpened& file)
     {
         return;
     }
-    BY_HANDLE_FILE_INFORMATION information{};
-    ::GetFileInformationByHandle(file.m_file.Get(), &information);
-    const ULONGLONG index = ULONGLONG{information.nFileIndexHigh} << 32 | information.nFileIndexLow;
+    const ULONGLONG index = IndexOf(file.m_file.Get());
     if (index != m_index || file.m_size < m_counted)
     {
         m_index = index; // Another file, or emptied: it is counted from its start.
@@ -173,7 +181,7 @@ DWORD CLogFile::Write(COpened& file, std::wstring line)
     }
     if (status != ERROR_SUCCESS)
     {
-        cutBack(file.m_size);
+        cutBack(file, size);
         return status;
     }
     const Basalt::CLockGuard guard(m_lock);
@@ -186,7 +194,8 @@ DWORD CLogFile::Write(COpened& file, std::wstring line)
     return ERROR_SUCCESS;
 }
 
-void CLogFile::cutBack(ULONGLONG size) const noexcept
+/// Only what is shorter than the line, at the end of the file that it was written to: the rest is others'.
+void CLogFile::cutBack(const COpened& torn, DWORD lineSize) const noexcept
 {
     const Basalt::CFile file(::CreateFileW(
         m_path.c_str(),
@@ -196,9 +205,15 @@ void CLogFile::cutBack(ULONGLONG size) const noexcept
         OPEN_EXISTING,
         FILE_ATTRIBUTE_NORMAL,
         nullptr));
-    LARGE_INTEGER end{};
-    end.QuadPart = static_cast<LONGLONG>(size);
-    if (file && ::SetFilePointerEx(file.Get(), end, nullptr, FILE_BEGIN))
+    LARGE_INTEGER size{};
+    if (!file || !::GetFileSizeEx(file.Get(), &size) || IndexOf(file.Get()) != IndexOf(torn.m_file.Get()))
+    {
+        return;
+    }
+    const auto end = static_cast<ULONGLONG>(size.QuadPart);
+    size.QuadPart = static_cast<LONGLONG>(torn.m_size);
+    if (end > torn.m_size && end < torn.m_size + lineSize &&
+        ::SetFilePointerEx(file.Get(), size, nullptr, FILE_BEGIN))
     {
         ::SetEndOfFile(file.Get());
     }
@@ -209,7 +224,12 @@ void CLogFile::rotate() const
     const DWORD oldFiles = m_oldFiles;
     if (oldFiles == 0)
     {
-        ::DeleteFileW(m_path.c_str());
+        // By way of another name: while somebody reads it, the old one would stay taken.
+        const std::wstring full = m_path + L".full";
+        if (::MoveFileExW(m_path.c_str(), full.c_str(), MOVEFILE_REPLACE_EXISTING))
+        {
+            ::DeleteFileW(full.c_str());
+        }
         return;
     }
     // Only up to the first gap: after a failed rename the next attempt must not push out the oldest again.

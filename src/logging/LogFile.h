@@ -64,7 +64,7 @@ public:
 private:
     [[nodiscard]] DWORD openFile(COpened& file) const noexcept;
     void countOthers(const COpened& file) TX_REQUIRES(m_lock);
-    void cutBack(ULONGLONG size) const noexcept;
+    void cutBack(const COpened& torn, DWORD lineSize) const noexcept;
     void rotate() const;
     [[nodiscard]] std::wstring oldPath(DWORD number) const;
 

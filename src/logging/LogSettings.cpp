@@ -52,6 +52,10 @@ std::optional<DWORD> ParseNumber(const std::wstring& text) noexcept
 /// Control characters other than those of a text file tell that a file is none. UTF-16 needs its mark.
 bool IsText(const unsigned char* bytes, DWORD size) noexcept
 {
+    if (size >= 3 && bytes[0] == 0xEF && bytes[1] == 0xBB && bytes[2] == 0xBF)
+    {
+        return false; // The mark of UTF-8, behind which the system would not find the section.
+    }
     const bool isWide = size >= sizeof(wchar_t) && bytes[0] == 0xFF && bytes[1] == 0xFE;
     const DWORD step = isWide ? sizeof(wchar_t) : 1;
     for (DWORD i = 0; i + step <= size; i += step)
@@ -95,8 +99,12 @@ DWORD LookAtFile(const std::wstring& path, bool& isText)
 
 bool IsAbsolutePath(const std::wstring& path) noexcept
 {
-    return (path.size() >= 3 && IsDriveLetter(path[0]) && path[1] == L':' && path[2] == L'\\') ||
-           (path.size() >= 3 && path[0] == L'\\' && path[1] == L'\\');
+    if (path.size() < 3 || !HasNone(path.substr(2), L"<>:\"|?*"))
+    {
+        return false;
+    }
+    return (IsDriveLetter(path[0]) && path[1] == L':' && path[2] == L'\\') ||
+           (path[0] == L'\\' && path[1] == L'\\' && path[2] != L'\\');
 }
 
 bool IsLogFileName(const std::wstring& name) noexcept
@@ -160,6 +168,11 @@ bool CLogSettingsReader::readIni(const wchar_t* name, std::wstring& text)
     text.resize(kLongestValue);
     text.resize(
         ::GetPrivateProfileStringW(kLogIniSection, name, L"", text.data(), kLongestValue, m_iniPath.c_str()));
+    if (text.size() == kLongestValue - 1)
+    {
+        addProblem(name, kLogIniName); // It may have been cut.
+        return false;
+    }
     return !text.empty();
 }
 
@@ -235,6 +248,8 @@ LogSettings ReadLogSettings()
     reader.ReadText(kTagSetting, settings.tag);
     reader.ReadText(kFolderSetting, settings.folder);
     reader.ReadText(kFileSetting, settings.fileName);
+    std::wstring controllerPath; // Not the logger's, but nobody else would report it.
+    reader.ReadText({kHostControllerPath, [](const std::wstring&) noexcept { return true; }}, controllerPath);
     settings.folder.erase(settings.folder.find_last_not_of(L'\\') + 1);
     settings.problems = reader.Problems();
     return settings;

@@ -78,6 +78,7 @@ inline constexpr LogTextSetting kFileSetting = {L"Logging File", &IsLogFileName}
 /// The name of the setting that holds an application's controller library (LogProperties.h), with the
 /// application's name behind it.
 inline constexpr wchar_t kControllerPathPrefix[] = L"Controller Path ";
+inline constexpr wchar_t kHostControllerPath[] = L"Controller Path WSS"; ///< The host's own.
 
 /// Full path of the settings file: beside the running program.
 /// @throws std::bad_alloc

@@ -17,14 +17,16 @@ constexpr DWORD kSettleMs = 100;
 constexpr SIZE_T kStackBytes = 65536;
 
 /// The key of the settings and what is above it: a key that is not there yet, or is replaced, can only be
-/// noticed in its parent.
-constexpr const wchar_t* kWatchedKeys[] = {L"SOFTWARE", L"SOFTWARE\\Tarvex", kLogSettingsKey};
+/// noticed in its parent. The product's key is a link into the 32-bit ones.
+constexpr const wchar_t* kWatchedKeys[] = {
+    L"SOFTWARE", L"SOFTWARE\\Wow6432Node", L"SOFTWARE\\Tarvex", kLogSettingsKey};
 
 } // namespace
 
 void CLogSettingsWatch::Start(CLoggingIf& logger, const LogSettings& settings) noexcept
 try
 {
+    Stop();
     m_logger = &logger;
     m_settings = settings;
     if (!m_settings.problems.empty() && m_logger->Start() == ERROR_SUCCESS)

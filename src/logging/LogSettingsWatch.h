@@ -54,7 +54,7 @@ private:
     Basalt::CHandle m_stop;
     Basalt::CHandle m_registryChanged;
     Basalt::COwned<ChangeNotificationTraits> m_folder;
-    Basalt::CRegKey m_keys[3];
+    Basalt::CRegKey m_keys[4];
     Basalt::CHandle m_thread;
 };
 

@@ -185,6 +185,10 @@ void CLogging::SetThreshold(DWORD level) noexcept
     if (m_fileLogging) // Switched off for good: the threshold stays out of reach.
     {
         m_threshold = level;
+        if (!m_fileLogging)
+        {
+            m_threshold = kNoLevel; // The first message has switched it off meanwhile.
+        }
     }
 }
 

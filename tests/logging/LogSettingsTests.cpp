@@ -108,6 +108,8 @@ TEST_F(LogSettingsTest, ATextIsTakenWhenItFitsItsUse)
         {kFolderSetting, "D:\\Logs", true},
         {kFolderSetting, "\\\\server\\share", true},
         {kFolderSetting, "D:Logs", false},
+        {kFolderSetting, "D:\\a?b", false},
+        {kFolderSetting, "\\\\\\", false},
         {kFolderSetting, "Logs\\here", false},
         {kFileSetting, "host.log", true},
         {kFileSetting, "host", false},
@@ -150,6 +152,7 @@ TEST_F(LogSettingsTest, AFileThatIsNoTextCountsAsAbsentAndIsReported)
         {wide + "x", 4, L"no text (log.ini)"},
         {good + '\0', 4, L"no text (log.ini)"},
         {"MZ\x90\x01" + good, 4, L"no text (log.ini)"},
+        {"\xEF\xBB\xBF" + good, 4, L"no text (log.ini)"},
         {"", 4, L""},
         {"[Other]\r\nLogging Level=5\r\n", 4, L""},
     };

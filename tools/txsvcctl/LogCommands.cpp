@@ -10,6 +10,7 @@
 #include "txsvcctl/LogShow.h"
 #include "txsvcctl/LogStore.h"
 #include "txsvcctl/LogTrace.h"
+#include "txsvcctl/Names.h"
 #include "txsvcctl/ToolError.h"
 #include "txsvcctl/Utf8.h"
 #include "txsvcctl/ViewLink.h"
@@ -32,7 +33,10 @@ struct Arguments
     bool replaceKey = false;
     bool json = false;
 
-    [[nodiscard]] CLogStore Store() const { return ini ? CLogStore(FromUtf8(*ini)) : CLogStore(); }
+    [[nodiscard]] CLogStore Store() const
+    {
+        return ini ? CLogStore(AbsolutePath(FromUtf8(*ini))) : CLogStore();
+    }
 };
 
 /// What hosts will find now, and when they look.

@@ -12,6 +12,7 @@
 #include "logging/LogSettings.h"
 #include "logging/LogSettingsWatch.h"
 #include "txsvcctl/LogStore.h"
+#include "txsvcctl/Names.h"
 #include "txsvcctl/ToolError.h"
 #include "txsvcctl/Utf8.h"
 
@@ -58,7 +59,7 @@ std::wstring Expanded(const std::wstring& text)
 
 Log ConfiguredLog(const std::optional<std::string>& ini, IConsole& console)
 {
-    const CLogStore store = ini ? CLogStore(FromUtf8(*ini)) : CLogStore();
+    const CLogStore store = ini ? CLogStore(AbsolutePath(FromUtf8(*ini))) : CLogStore();
     if (store.Get(L"mechanism").value != L"file")
     {
         console.Error(L"Hosts log to event tracing; 'txsvcctl log set mechanism file' changes that.");

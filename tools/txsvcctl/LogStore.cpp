@@ -315,7 +315,14 @@ LogSettingReport CLogStore::Get(const std::wstring& name) const
     else
     {
         report.value = found.setting.fallback;
-        report.origin = reader.ReadText(found.Text(), report.value);
+        LogTextSetting text = found.Text();
+        if (found.setting.text.name == nullptr)
+        {
+            text.isValid = [](const std::wstring& /*path*/) noexcept {
+                return true;
+            }; // As the host takes it.
+        }
+        report.origin = reader.ReadText(text, report.value);
     }
     report.unusable = reader.Problems();
     return report;

@@ -205,7 +205,14 @@ private:
     /// The class of an event of this kind stands where newer ones have their provider.
     void print(const EVENT_RECORD& record)
     {
+        // The system begins each file with an event of its own about the session.
+        constexpr GUID kSystemClass = {
+            0x68FDD900, 0x4A3E, 0x11D1, {0x84, 0xF4, 0x00, 0x00, 0xF8, 0x04, 0x64, 0xE3}};
         const EVENT_HEADER& header = record.EventHeader;
+        if (header.ProviderId == kSystemClass)
+        {
+            return;
+        }
         if (header.ProviderId != ETWLogging::kMessageEventClass ||
             header.EventDescriptor.Opcode != ETWLogging::kMessageEventType ||
             header.EventDescriptor.Version != ETWLogging::kMessageEventVersion)
