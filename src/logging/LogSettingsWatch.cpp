@@ -14,6 +14,8 @@ namespace
 
 /// Time for a writer to finish what it began: several values, or a file in several pieces.
 constexpr DWORD kSettleMs = 100;
+/// The first moments belong to the start of the process; what changes in them is seen afterwards.
+constexpr DWORD kStartDelayMs = 1000;
 constexpr SIZE_T kStackBytes = 65536;
 
 /// The key of the settings and what is above it: a key that is not there yet, or is replaced, can only be
@@ -33,12 +35,6 @@ try
     {
         reportProblems();
     }
-    std::wstring folder = LogIniPath();
-    folder.resize(folder.rfind(L'\\') + 1);
-    m_folder = Basalt::COwned<ChangeNotificationTraits>(::FindFirstChangeNotificationW(
-        folder.c_str(),
-        FALSE,
-        FILE_NOTIFY_CHANGE_FILE_NAME | FILE_NOTIFY_CHANGE_LAST_WRITE | FILE_NOTIFY_CHANGE_SIZE));
     m_registryChanged.Reset(::CreateEventW(nullptr, FALSE, FALSE, nullptr));
     m_stop.Reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
     if (m_registryChanged && m_stop)
@@ -80,6 +76,11 @@ void CLogSettingsWatch::run() noexcept
         RegistryChanged,
         FolderChanged,
     };
+    if (::WaitForSingleObject(m_stop.Get(), kStartDelayMs) != WAIT_TIMEOUT)
+    {
+        return;
+    }
+    watchFolder();
     const HANDLE handles[] = {m_stop.Get(), m_registryChanged.Get(), m_folder.Get()};
     DWORD count = m_folder ? 3 : 2;
     for (;;)
@@ -97,6 +98,20 @@ void CLogSettingsWatch::run() noexcept
             count = 2; // The folder is gone.
         }
     }
+}
+
+void CLogSettingsWatch::watchFolder() noexcept
+try
+{
+    std::wstring folder = LogIniPath();
+    folder.resize(folder.rfind(L'\\') + 1);
+    m_folder = Basalt::COwned<ChangeNotificationTraits>(::FindFirstChangeNotificationW(
+        folder.c_str(),
+        FALSE,
+        FILE_NOTIFY_CHANGE_FILE_NAME | FILE_NOTIFY_CHANGE_LAST_WRITE | FILE_NOTIFY_CHANGE_SIZE));
+}
+catch (const std::exception&) // NOLINT(bugprone-empty-catch): then only the registry is watched.
+{
 }
 
 void CLogSettingsWatch::watchRegistry() noexcept

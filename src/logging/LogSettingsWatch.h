@@ -45,6 +45,7 @@ public:
 private:
     static DWORD WINAPI threadMain(void* watch) noexcept;
     void run() noexcept;
+    void watchFolder() noexcept;
     void watchRegistry() noexcept;
     void apply() noexcept;
     void reportProblems() const noexcept;
