@@ -109,7 +109,7 @@ bool MeasureTearDown()
     {
         passed = handler.Initialize(record);
         const Basalt::CHandle event(::OpenEventW(
-            EVENT_MODIFY_STATE, FALSE, Basalt::WorkingSetEventName(::GetCurrentProcessId()).c_str()));
+            EVENT_MODIFY_STATE, FALSE, Basalt::WorkingSetEventName(::GetCurrentProcessId()).data()));
         ::SetEvent(event.Get());
         for (int run = 0; run < 2; ++run)
         {

@@ -74,10 +74,10 @@ HRESULT CreateSubsystem(ITxSvcClassObject* classObject, CSubsystemHolder& holder
 }
 
 /// Asks the working-set handler of this process, if there is one, for a trim.
-void SignalWorkingSetEvent()
+void SignalWorkingSetEvent() noexcept
 {
-    const std::wstring name = Basalt::WorkingSetEventName(::GetCurrentProcessId());
-    const Basalt::CHandle event(::OpenEventW(EVENT_MODIFY_STATE, FALSE, name.c_str()));
+    const auto name = Basalt::WorkingSetEventName(::GetCurrentProcessId());
+    const Basalt::CHandle event(::OpenEventW(EVENT_MODIFY_STATE, FALSE, name.data()));
     if (event)
     {
         ::SetEvent(event.Get());
@@ -86,10 +86,10 @@ void SignalWorkingSetEvent()
 
 /// Whether the service control manager already has the service as stopped. A second report would replace the
 /// exit code of the first.
-bool IsReportedStopped(const std::wstring& name) noexcept
+bool IsReportedStopped(const wchar_t* name) noexcept
 {
     const Basalt::CServiceHandle manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
-    const Basalt::CServiceHandle service(::OpenServiceW(manager.Get(), name.c_str(), SERVICE_QUERY_STATUS));
+    const Basalt::CServiceHandle service(::OpenServiceW(manager.Get(), name, SERVICE_QUERY_STATUS));
     SERVICE_STATUS status{};
     return service && ::QueryServiceStatus(service.Get(), &status) != FALSE &&
            status.dwCurrentState == SERVICE_STOPPED;
@@ -174,6 +174,7 @@ void WINAPI CTxSvcHostProxy::GenericServiceMain(DWORD argc, LPWSTR* argv) noexce
 void CTxSvcHostProxy::ProxyServiceMain(Instance& instance, const std::wstring& name, DWORD argc, LPWSTR* argv)
 {
     constexpr wchar_t kFunction[] = L"CTxSvcHostProxy::ProxyServiceMain";
+    const CServiceStart start(instance.starts, name.c_str());
     TX_LOG(LogNormal, kFunction, L"Entering ServiceMain for '%s'", name);
     const CStopwatch sinceStart;
 
@@ -187,14 +188,31 @@ void CTxSvcHostProxy::ProxyServiceMain(Instance& instance, const std::wstring& n
     TX_LOG(LogNormal, kFunction, L"ServiceMain for '%s' starting (%0.04fs)", name, sinceStart.Seconds());
 
     CSubsystemHolder holder;
-    if (!admitAndLoad(instance, name, sinceStart, holder))
+    if (admitAndLoad(instance, name, sinceStart, holder))
     {
-        return;
+        runLoaded(start, sinceStart, holder, argc, argv);
     }
+}
 
+void CTxSvcHostProxy::runLoaded(
+    const CServiceStart& start,
+    const CStopwatch& sinceStart,
+    CSubsystemHolder& holder,
+    DWORD argc,
+    LPWSTR* argv) noexcept
+{
+    constexpr wchar_t kFunction[] = L"CTxSvcHostProxy::ProxyServiceMain";
     const RunResult result = SafeExecuteServiceMain(holder, argc, argv);
     TX_LOG(
-        LogNormal, kFunction, L"The ITxSvcSubsystem(%s)->TxServiceMain returned 0x%08X", name, result.code);
+        LogNormal,
+        kFunction,
+        L"The ITxSvcSubsystem(%s)->TxServiceMain returned 0x%08X",
+        start.Name(),
+        result.code);
+    if (result.failed)
+    {
+        reportFailed(start);
+    }
 
     const bool unload = result.code == kTxSvcUnloadModule;
     holder.ReleaseInterface();
@@ -203,16 +221,32 @@ void CTxSvcHostProxy::ProxyServiceMain(Instance& instance, const std::wstring& n
         ::Sleep(kUnloadDelayMs);
         holder.UnloadModule();
     }
-    TX_LOG(LogNormal, kFunction, L"ServiceMain for %s completed after %0.02fs", name, sinceStart.Seconds());
+    TX_LOG(
+        LogNormal,
+        kFunction,
+        L"ServiceMain for %s completed after %0.02fs",
+        start.Name(),
+        sinceStart.Seconds());
     if (unload)
     {
         SignalWorkingSetEvent();
     }
-    if (result.failed && !IsReportedStopped(name))
-    {
-        // It will not report anything any more: without this the group's process would never end.
-        SetServiceStoppedStatus(name.c_str());
-    }
+}
+
+/// It will not report anything any more: without this the group's process would never end. Before the
+/// subsystem is released: that may wait for ever for what the crashed code still holds, and the manager must
+/// no longer reach a handler that works with the object.
+///
+/// A start that the manager has begun but whose thread has not arrived yet is in the same state as one that
+/// failed before its first report. It would be reported stopped here; its own reports then follow.
+void CTxSvcHostProxy::reportFailed(const CServiceStart& start) noexcept
+{
+    start.IfLast([&start] {
+        if (!IsReportedStopped(start.Name()))
+        {
+            SetServiceStoppedStatus(start.Name());
+        }
+    });
 }
 
 bool CTxSvcHostProxy::admitAndLoad(

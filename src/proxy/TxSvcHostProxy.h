@@ -8,6 +8,7 @@
 #include "base/Lock.h"
 #include "base/Stopwatch.h"
 #include "proxy/FirstRunGate.h"
+#include "proxy/ServiceStart.h"
 #include "proxy/SubsystemHolder.h"
 
 /// Runs the services of the group: every service of the process has GenericServiceMain as its entry point,
@@ -59,6 +60,7 @@ private:
         /// enough for a waiting thread to spin first.
         Basalt::CLock loadLock{4000};
         CFirstRunGate firstRunGate;
+        CServiceStart::CList starts;
     };
 
     [[nodiscard]] static std::shared_ptr<Instance> currentInstance();
@@ -73,6 +75,15 @@ private:
         const Basalt::CStopwatch& sinceStart,
         const Basalt::CStopwatch& sinceAdmission,
         CSubsystemHolder& holder);
+
+    /// From the call of TxServiceMain on. Nothing may throw here: the subsystem has reported its states.
+    static void runLoaded(
+        const CServiceStart& start,
+        const Basalt::CStopwatch& sinceStart,
+        CSubsystemHolder& holder,
+        DWORD argc,
+        LPWSTR* argv) noexcept;
+    static void reportFailed(const CServiceStart& start) noexcept;
 
     /// The process's one instance and what guards it.
     struct Slot

@@ -87,8 +87,8 @@ TEST(StartConditions, ASignalTrimsTheWorkingSetAndTheLearntBandSurvivesARestart)
         CGroupRunner host(group.CommandLine());
         host.StartAndWait(L"TxE2eTrim1");
 
-        const std::wstring name = Basalt::WorkingSetEventName(host.ProcessId());
-        const Basalt::CHandle event(::OpenEventW(EVENT_MODIFY_STATE, FALSE, name.c_str()));
+        const auto name = Basalt::WorkingSetEventName(host.ProcessId());
+        const Basalt::CHandle event(::OpenEventW(EVENT_MODIFY_STATE, FALSE, name.data()));
         ASSERT_TRUE(event);
         if (start == 1)
         {
@@ -112,8 +112,8 @@ TEST(StartConditions, WithoutReductionThereIsNoEventAndTheGroupRuns)
     CGroupRunner host(group.CommandLine());
     host.StartAndWait(L"TxE2eNoTrim1");
 
-    const std::wstring name = Basalt::WorkingSetEventName(host.ProcessId());
-    EXPECT_FALSE(Basalt::CHandle(::OpenEventW(EVENT_MODIFY_STATE, FALSE, name.c_str())));
+    const auto name = Basalt::WorkingSetEventName(host.ProcessId());
+    EXPECT_FALSE(Basalt::CHandle(::OpenEventW(EVENT_MODIFY_STATE, FALSE, name.data())));
     host.Stop(L"TxE2eNoTrim1");
     EXPECT_EQ(host.WaitForExit(), 0U);
 }

@@ -151,6 +151,13 @@ TEST_F(FirstRunGateTest, OnlyAStateThatWasReadHoldsBackAndOnlyServicesThatAreNot
         EXPECT_EQ(Required(), 1U);
     }
 
+    g_answer = {65534};
+    ASSERT_EQ(m_root.Key().WriteString(L"IsOobeCheckRequired", L"0"), DWORD{0});
+    EXPECT_FALSE(m_gate.shouldExecuteService(L"TxOther")) << "of another type";
+    ASSERT_EQ(m_root.Key().DeleteValue(L"IsOobeCheckRequired"), DWORD{0});
+    EXPECT_FALSE(m_gate.shouldExecuteService(L"TxOther")) << "missing";
+    EXPECT_EQ(m_log.Count(LogError, L"Cant read registry key IsOobeCheckRequired"), 2U);
+
     g_answer = {};
     EXPECT_TRUE(m_gate.shouldExecuteService(L"TxOther"));
     EXPECT_TRUE(m_log.Has(LogNormal, L"OOBE service has enabled all services, disabling OOBE check"));

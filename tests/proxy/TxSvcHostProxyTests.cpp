@@ -6,22 +6,28 @@
 #include <algorithm>
 #include <cstring>
 #include <gtest/gtest.h>
+#include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
+#include "base/Owned.h"
 #include "base/WorkingSetEvent.h"
 #include "config/TxSvcHostConfig.h"
 #include "control/ReduceRestart.h"
 #include "logging/LoggingIf.h"
 #include "support/ImportPatch.h"
 #include "support/LogCapture.h"
+#include "support/NoMemory.h"
 #include "support/TestKey.h"
 
 using namespace ETWLogging;
 
 namespace
 {
+
+using Events = std::vector<std::string>;
 
 constexpr wchar_t kGroup[] = L"TxProxyGroup";
 constexpr wchar_t kClsid[] = L"{7A1E5B0C-93D4-4E0F-8C57-2B6D1F0A9E34}";
@@ -46,6 +52,7 @@ struct Module
     Behaviour run;
     Behaviour release;
     DWORD result;
+    void (*whileRunning)();
 } g_module;
 struct
 {
@@ -95,6 +102,7 @@ public:
 class CFakeSubsystem final : public CCounted<ITxSvcSubsystem>
 {
 public:
+    ~CFakeSubsystem() override { g_seen.events.emplace_back("release"); }
     HRESULT STDMETHODCALLTYPE TxServiceMain(DWORD argc, LPWSTR* argv, DWORD* result) override
     {
         g_seen.events.emplace_back("run");
@@ -102,7 +110,12 @@ public:
         g_seen.arguments.assign(argv, argv + argc);
         EXPECT_EQ(::GetThreadPriority(::GetCurrentThread()), THREAD_PRIORITY_ABOVE_NORMAL);
         *result = g_module.result;
-        return Perform(g_module.run);
+        const Behaviour behaviour = g_module.run;
+        if (const auto hook = std::exchange(g_module.whileRunning, nullptr))
+        {
+            hook();
+        }
+        return Perform(behaviour);
     }
 };
 
@@ -150,7 +163,13 @@ void WINAPI FakeSleep(DWORD milliseconds)
 BOOL WINAPI FakeSetServiceStatus(SERVICE_STATUS_HANDLE, SERVICE_STATUS* status)
 {
     g_seen.reports.push_back(*status);
+    g_seen.events.emplace_back("stopped");
     return TRUE;
+}
+SERVICE_STATUS_HANDLE WINAPI FakeRegisterHandler(const wchar_t*, LPHANDLER_FUNCTION)
+{
+    g_seen.events.emplace_back("ignore");
+    return reinterpret_cast<SERVICE_STATUS_HANDLE>(1);
 }
 
 class TxSvcHostProxyTest : public ::testing::Test
@@ -191,9 +210,7 @@ protected:
     CImportPatch m_find{"GetProcAddress", &FakeGetProcAddress};
     CImportPatch m_free{"FreeLibrary", &FakeFreeLibrary};
     CImportPatch m_sleep{"Sleep", &FakeSleep};
-    CImportPatch m_register{"RegisterServiceCtrlHandlerW", +[](const wchar_t*, LPHANDLER_FUNCTION) {
-                                return reinterpret_cast<SERVICE_STATUS_HANDLE>(1);
-                            }};
+    CImportPatch m_register{"RegisterServiceCtrlHandlerW", &FakeRegisterHandler};
     CImportPatch m_status{"SetServiceStatus", &FakeSetServiceStatus};
 };
 
@@ -227,20 +244,23 @@ TEST_F(TxSvcHostProxyTest, RunsAServiceFromItsEntryToItsEnd)
         EXPECT_EQ(m_log.Lines()[i].level, DWORD{LogNormal}) << i;
     }
     EXPECT_EQ(g_seen.arguments, (std::vector<std::wstring>{L"svc", L"argument"}));
-    EXPECT_EQ(g_seen.events, std::vector<std::string>{"run"}) << "the module stays loaded";
+    EXPECT_EQ(g_seen.events, (Events{"run", "release"})) << "the module stays loaded";
     EXPECT_TRUE(g_seen.reports.empty()) << "the subsystem reports its own states";
     EXPECT_EQ(g_seen.liveObjects, 0);
 }
 
-TEST_F(TxSvcHostProxyTest, UnloadsTheModuleAndAsksForATrimOnRequest)
+TEST_F(TxSvcHostProxyTest, UnloadsTheModuleAndAsksForATrimOnRequestWithoutNeedingMemory)
 {
     g_module.result = kTxSvcUnloadModule;
-    const std::wstring name = Basalt::WorkingSetEventName(::GetCurrentProcessId());
-    const HANDLE event = ::CreateEventW(nullptr, FALSE, FALSE, name.c_str());
+    g_module.whileRunning = [] { static_cast<void>(std::make_unique<CNoMemory>().release()); };
+    g_seen.events.reserve(8);
+    const auto name = Basalt::WorkingSetEventName(::GetCurrentProcessId());
+    const HANDLE event = ::CreateEventW(nullptr, FALSE, FALSE, name.data());
 
     RunService();
 
-    EXPECT_EQ(g_seen.events, (std::vector<std::string>{"run", "sleep 100", "free"}));
+    EXPECT_EQ(g_seen.events, (Events{"run", "release", "sleep 100", "free"}));
+    EXPECT_TRUE(g_seen.reports.empty()) << "it has reported its own end";
     EXPECT_EQ(::WaitForSingleObject(event, 0), DWORD{WAIT_OBJECT_0});
     ::CloseHandle(event);
 }
@@ -285,13 +305,34 @@ TEST_F(TxSvcHostProxyTest, WhatTheHostedCodeDoesWrongEndsItsOwnServiceOnly)
         EXPECT_EQ(m_log.CountContaining(LogNormal, L"ServiceMain for svc completed"), loaded);
         EXPECT_EQ(g_seen.liveObjects, 0);
         EXPECT_EQ(
-            std::count(g_seen.events.begin(), g_seen.events.end(), "free"), row.step == &Module::entryPoint);
+            g_seen.events,
+            loaded                            ? (Events{"run", "ignore", "stopped", "release"})
+            : row.step == &Module::entryPoint ? (Events{"free", "ignore", "stopped"})
+                                              : (Events{"ignore", "stopped"}));
         ASSERT_EQ(g_seen.reports.size(), 1U);
         SERVICE_STATUS expected{};
         expected.dwServiceType = SERVICE_WIN32_SHARE_PROCESS;
         expected.dwCurrentState = SERVICE_STOPPED;
         EXPECT_EQ(std::memcmp(&g_seen.reports[0], &expected, sizeof(expected)), 0);
     }
+}
+
+TEST_F(TxSvcHostProxyTest, AFailureIsNotReportedOnceTheManagerHasStartedTheServiceAgain)
+{
+    static std::thread s_again;
+    g_module.run = Behaviour::FailedResult;
+    g_module.whileRunning = [] {
+        static const Basalt::CHandle s_arrived(::CreateEventW(nullptr, FALSE, FALSE, nullptr));
+        g_module.run = Behaviour::Good;
+        g_module.whileRunning = [] { ::SetEvent(s_arrived.Get()); };
+        s_again = std::thread(&RunService);
+        EXPECT_EQ(::WaitForSingleObject(s_arrived.Get(), 10000), DWORD{WAIT_OBJECT_0});
+        ::SwitchToThread();
+    };
+    RunService();
+    s_again.join();
+    EXPECT_EQ(m_log.Count(LogError, L"Failed to start sub-service (hr=0x80004002)"), 1U);
+    EXPECT_TRUE(g_seen.reports.empty());
 }
 
 TEST_F(TxSvcHostProxyTest, AnExceptionOutOfReleaseIsSwallowed)
@@ -373,7 +414,7 @@ TEST_F(TxSvcHostProxyTest, WhatTheSystemRefusesIsLoggedAndReportsNoStatus)
         EXPECT_EQ(m_log.Count(LogError, line), 1U) << testing::PrintToString(line);
     }
     EXPECT_EQ(m_log.Lines().size(), 4U) << "and the entry";
-    EXPECT_TRUE(g_seen.reports.empty() && g_seen.events.empty());
+    EXPECT_EQ(g_seen.events, Events{"ignore"});
 }
 
 TEST(TxSvcHostProxy, WithoutArgumentsOrAnInstanceOrDuringAStopNothingRuns)

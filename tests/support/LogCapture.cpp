@@ -7,6 +7,7 @@
 #include "logging/EventRecord.h"
 #include "support/ImportPatch.h"
 #include "support/Narrow.h"
+#include "support/NoMemory.h"
 
 using ETWLogging::EventField;
 
@@ -37,6 +38,7 @@ ULONG WINAPI FakeTraceEvent(TRACEHANDLE session, EVENT_TRACE_HEADER* header)
         return ERROR_INVALID_HANDLE;
     }
     const auto& event = *reinterpret_cast<const ETWLogging::MessageEvent*>(header);
+    const CNoMemory::CExempt exempt;
     const std::lock_guard lock(g_mutex);
     g_lines.push_back(
         {FieldAs<ULONG>(event, EventField::Level),

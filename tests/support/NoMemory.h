@@ -1,0 +1,28 @@
+#pragma once
+
+/// Lets the C++ allocations of this thread fail within its scope, from the one after @p allowed others on.
+/// A program that uses it has the global operator new of NoMemory.cpp.
+class CNoMemory
+{
+public:
+    explicit CNoMemory(int allowed = 0) noexcept;
+    ~CNoMemory();
+    CNoMemory(const CNoMemory&) = delete;
+    CNoMemory& operator=(const CNoMemory&) = delete;
+
+    /// Whether an allocation has failed.
+    [[nodiscard]] bool HasFailed() const noexcept;
+
+    /// Test code that runs meanwhile gets its memory.
+    class CExempt
+    {
+    public:
+        CExempt() noexcept;
+        ~CExempt();
+        CExempt(const CExempt&) = delete;
+        CExempt& operator=(const CExempt&) = delete;
+
+    private:
+        int m_left;
+    };
+};
