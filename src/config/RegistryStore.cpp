@@ -20,7 +20,7 @@ constexpr DWORD kStringBytes = (kStringCharacters - 1) * sizeof(wchar_t);
 constexpr DWORD kNameCharacters = 256;
 
 /// @return false, so that reporting and giving up are one statement.
-bool Fail(const wchar_t* function, LSTATUS status, const std::wstring& name) noexcept
+bool Fail(const wchar_t* function, LSTATUS status, const wchar_t* name) noexcept
 {
     if (status != ERROR_FILE_NOT_FOUND)
     {
@@ -30,11 +30,7 @@ bool Fail(const wchar_t* function, LSTATUS status, const std::wstring& name) noe
 }
 
 bool TakeKey(
-    const wchar_t* function,
-    LSTATUS status,
-    HKEY key,
-    const std::wstring& path,
-    Basalt::CRegKey& slot) noexcept
+    const wchar_t* function, LSTATUS status, HKEY key, const wchar_t* path, Basalt::CRegKey& slot) noexcept
 {
     if (status != ERROR_SUCCESS || key == nullptr)
     {
@@ -49,29 +45,28 @@ bool TakeKey(
 
 } // namespace
 
-bool CRegistryStore::OpenRegistryKey(HKEY parent, const std::wstring& path, Basalt::CRegKey& slot) noexcept
+bool CRegistryStore::OpenRegistryKey(HKEY parent, const wchar_t* path, Basalt::CRegKey& slot) noexcept
 {
     HKEY key = nullptr;
-    const LSTATUS status = ::RegOpenKeyExW(parent, path.c_str(), 0, KEY_ALL_ACCESS, &key);
+    const LSTATUS status = ::RegOpenKeyExW(parent, path, 0, KEY_ALL_ACCESS, &key);
     return TakeKey(L"CRegistryStore::OpenRegistryKey", status, key, path, slot);
 }
 
-bool CRegistryStore::OpenOrCreateRegistryKey(
-    HKEY parent, const std::wstring& path, Basalt::CRegKey& slot) noexcept
+bool CRegistryStore::OpenOrCreateRegistryKey(HKEY parent, const wchar_t* path, Basalt::CRegKey& slot) noexcept
 {
     HKEY key = nullptr;
     const LSTATUS status = ::RegCreateKeyExW(
-        parent, path.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_ALL_ACCESS, nullptr, &key, nullptr);
+        parent, path, 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_ALL_ACCESS, nullptr, &key, nullptr);
     return TakeKey(L"CRegistryStore::OpenOrCreateRegistryKey", status, key, path, slot);
 }
 
-bool CRegistryStore::QueryRegistryDWORDValue(HKEY key, const std::wstring& name, DWORD& value) noexcept
+bool CRegistryStore::QueryRegistryDWORDValue(HKEY key, const wchar_t* name, DWORD& value) noexcept
 {
     DWORD type = REG_NONE;
     DWORD data = 0;
     DWORD size = sizeof(data);
     const LSTATUS status =
-        ::RegQueryValueExW(key, name.c_str(), nullptr, &type, reinterpret_cast<BYTE*>(&data), &size);
+        ::RegQueryValueExW(key, name, nullptr, &type, reinterpret_cast<BYTE*>(&data), &size);
     if (status != ERROR_SUCCESS || type != REG_DWORD)
     {
         // A value of another type that fits is logged with the code of the call, 0: "it is there, but wrong".
@@ -82,7 +77,7 @@ bool CRegistryStore::QueryRegistryDWORDValue(HKEY key, const std::wstring& name,
 }
 
 bool CRegistryStore::QueryRegistryDWORDValue(
-    HKEY key, const std::wstring& name, DWORD& value, DWORD minimum, DWORD maximum, DWORD fallback) noexcept
+    HKEY key, const wchar_t* name, DWORD& value, DWORD minimum, DWORD maximum, DWORD fallback) noexcept
 {
     DWORD stored = 0;
     const bool read = QueryRegistryDWORDValue(key, name, stored);
@@ -90,12 +85,12 @@ bool CRegistryStore::QueryRegistryDWORDValue(
     return read;
 }
 
-bool CRegistryStore::QueryRegistryStringValue(HKEY key, const std::wstring& name, std::wstring& value)
+bool CRegistryStore::QueryRegistryStringValue(HKEY key, const wchar_t* name, std::wstring& value)
 {
     wchar_t buffer[kStringCharacters] = {};
     DWORD size = kStringBytes;
     const LSTATUS status =
-        ::RegQueryValueExW(key, name.c_str(), nullptr, nullptr, reinterpret_cast<BYTE*>(buffer), &size);
+        ::RegQueryValueExW(key, name, nullptr, nullptr, reinterpret_cast<BYTE*>(buffer), &size);
     if (status != ERROR_SUCCESS)
     {
         return Fail(L"CRegistryStore::QueryRegistryStringValue", status, name);
@@ -110,10 +105,10 @@ bool CRegistryStore::QueryRegistryStringValue(HKEY key, const std::wstring& name
     return true;
 }
 
-bool CRegistryStore::SetRegistryDWORDValue(HKEY key, const std::wstring& name, DWORD value) noexcept
+bool CRegistryStore::SetRegistryDWORDValue(HKEY key, const wchar_t* name, DWORD value) noexcept
 {
-    const LSTATUS status = ::RegSetValueExW(
-        key, name.c_str(), 0, REG_DWORD, reinterpret_cast<const BYTE*>(&value), sizeof(value));
+    const LSTATUS status =
+        ::RegSetValueExW(key, name, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&value), sizeof(value));
     return status == ERROR_SUCCESS || Fail(L"CRegistryStore::SetRegistryDWORDValue", status, name);
 }
 
@@ -184,7 +179,7 @@ bool CRegistryStore::EnumerateRegistryValuesIntoContainer(
         }
         std::wstring name = buffer;
         std::wstring data;
-        if (!QueryRegistryStringValue(key, name, data))
+        if (!QueryRegistryStringValue(key, name.c_str(), data))
         {
             TX_LOG(LogError, kFunction, L"Error retrieving value for '%s'", name);
             continue;

@@ -23,32 +23,25 @@ public:
 
     /// @param slot receives the key; another key that it held is closed.
     [[nodiscard]] static bool OpenRegistryKey(
-        HKEY parent, const std::wstring& path, Basalt::CRegKey& slot) noexcept;
+        HKEY parent, const wchar_t* path, Basalt::CRegKey& slot) noexcept;
     [[nodiscard]] static bool OpenOrCreateRegistryKey(
-        HKEY parent, const std::wstring& path, Basalt::CRegKey& slot) noexcept;
+        HKEY parent, const wchar_t* path, Basalt::CRegKey& slot) noexcept;
 
     /// True only when the stored type is REG_DWORD. Another type is a failure like any other; when the query
     /// itself succeeded, the line that reports it carries the code 0.
-    [[nodiscard]] static bool QueryRegistryDWORDValue(
-        HKEY key, const std::wstring& name, DWORD& value) noexcept;
+    [[nodiscard]] static bool QueryRegistryDWORDValue(HKEY key, const wchar_t* name, DWORD& value) noexcept;
 
     /// Reads a value that has a valid range, both ends included.
     /// @param value the stored value, or @p fallback when it is missing, mistyped or out of range.
     /// @return true when a REG_DWORD was read, also when it was out of range.
     static bool QueryRegistryDWORDValue(
-        HKEY key,
-        const std::wstring& name,
-        DWORD& value,
-        DWORD minimum,
-        DWORD maximum,
-        DWORD fallback) noexcept;
+        HKEY key, const wchar_t* name, DWORD& value, DWORD minimum, DWORD maximum, DWORD fallback) noexcept;
 
     /// Reads up to 1022 bytes of any type as text, up to the first NUL. A longer value fails with
     /// ERROR_MORE_DATA.
-    [[nodiscard]] static bool QueryRegistryStringValue(
-        HKEY key, const std::wstring& name, std::wstring& value);
+    [[nodiscard]] static bool QueryRegistryStringValue(HKEY key, const wchar_t* name, std::wstring& value);
 
-    [[nodiscard]] static bool SetRegistryDWORDValue(HKEY key, const std::wstring& name, DWORD value) noexcept;
+    [[nodiscard]] static bool SetRegistryDWORDValue(HKEY key, const wchar_t* name, DWORD value) noexcept;
 
     /// @return false for a null key, without a log line.
     [[nodiscard]] static bool QueryRegistryInfoKey(HKEY key, DWORD& subKeyCount, DWORD& valueCount) noexcept;

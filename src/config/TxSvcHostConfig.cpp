@@ -2,7 +2,6 @@
 
 #include <windows.h>
 
-#include <new>
 #include <utility>
 
 #include "base/RegKey.h"
@@ -264,17 +263,12 @@ bool CTxSvcHostConfig::SetGroupOptimalBucketUpperLimit(DWORD upperLimit) noexcep
 }
 
 bool CTxSvcHostConfig::storeOptimalBucketUpperLimit(DWORD upperLimit) const noexcept
-try
 {
     Basalt::CRegKey rootKey;
     Basalt::CRegKey groupKey;
     return CRegistryStore::OpenRegistryKey(HKEY_LOCAL_MACHINE, kRootKey, rootKey) &&
-           CRegistryStore::OpenOrCreateRegistryKey(rootKey.Get(), m_groupName, groupKey) &&
+           CRegistryStore::OpenOrCreateRegistryKey(rootKey.Get(), m_groupName.c_str(), groupKey) &&
            CRegistryStore::SetRegistryDWORDValue(groupKey.Get(), kOptimalBucketValue, upperLimit);
-}
-catch (const std::bad_alloc&)
-{
-    return false;
 }
 
 std::wstring CTxSvcHostConfig::groupKeyPath() const
@@ -303,7 +297,7 @@ void CTxSvcHostConfig::loadWorkingSetValues(HKEY rootKey) noexcept
 void CTxSvcHostConfig::loadGroupValues()
 {
     Basalt::CRegKey groupKey;
-    if (CRegistryStore::OpenRegistryKey(HKEY_LOCAL_MACHINE, groupKeyPath(), groupKey) &&
+    if (CRegistryStore::OpenRegistryKey(HKEY_LOCAL_MACHINE, groupKeyPath().c_str(), groupKey) &&
         !CRegistryStore::QueryRegistryDWORDValue(
             groupKey.Get(), kOptimalBucketValue, m_workingSet.stOptimalBucketUpperLimit))
     {
@@ -329,7 +323,7 @@ bool CTxSvcHostConfig::loadOobeExclusionList()
     const std::wstring path = groupKeyPath() + kOobeExclusionKey;
     TX_LOG(LogNormal, kFunction, L"Enumerating OOBE exclusion list, reg key path '%s'", path);
     Basalt::CRegKey key;
-    if (!CRegistryStore::OpenRegistryKey(HKEY_LOCAL_MACHINE, path, key))
+    if (!CRegistryStore::OpenRegistryKey(HKEY_LOCAL_MACHINE, path.c_str(), key))
     {
         TX_LOG(LogNormal, kFunction, L"Failed to open exclusion list reg key");
         return false;
