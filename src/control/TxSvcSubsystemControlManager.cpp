@@ -29,12 +29,34 @@ constexpr const wchar_t* kStoppedLast[] = {L"txpltsvc", L"txkscsvc"};
 constexpr int kStopAttempts = 10;
 constexpr DWORD kStopPollMs = 1000;
 constexpr DWORD kTerminateDelayMs = 1000;
+/// What the main thread gets, once it is on its way out, before the forced stop overtakes it.
+constexpr DWORD kTearDownMs = 5000;
 
-/// Shared by calls of TxStopSvcSubsystem, exclusive for the end of the process.
+/// Shared by calls from other processes, exclusive for the end of this one.
 SRWLOCK g_calls = SRWLOCK_INIT;
+std::atomic<bool> g_isClosed = false; ///< The main thread is on its way out.
 
-/// The thread of the forced stop, null before. Its handle ends with the process.
-std::atomic<HANDLE> g_terminateThread = nullptr;
+/// One call from another process; false when it comes too late. Never a wait: COM's end on the main thread
+/// may wait for the call in its turn.
+class CCall
+{
+public:
+    CCall() noexcept : m_isAdmitted(::TryAcquireSRWLockShared(&g_calls) != FALSE) {}
+    ~CCall()
+    {
+        if (m_isAdmitted)
+        {
+            ::ReleaseSRWLockShared(&g_calls);
+        }
+    }
+    CCall(const CCall&) = delete;
+    CCall& operator=(const CCall&) = delete;
+
+    [[nodiscard]] explicit operator bool() const noexcept { return m_isAdmitted; }
+
+private:
+    bool m_isAdmitted;
+};
 
 void BeginForcedStop(const wchar_t* function) noexcept
 {
@@ -42,15 +64,13 @@ void BeginForcedStop(const wchar_t* function) noexcept
         LogInformation,
         function,
         L"Reduce restart: StopServices failed, starts a thread to force stop TxSvHost");
-    const HANDLE thread =
-        ::CreateThread(nullptr, 0, &CTxSvcSubsystemControlManager::MyTerminateThread, nullptr, 0, nullptr);
-    if (thread == nullptr)
+    // The handle is never closed: it ends with the process, a second from now.
+    if (::CreateThread(nullptr, 0, &CTxSvcSubsystemControlManager::MyTerminateThread, nullptr, 0, nullptr) ==
+        nullptr)
     {
         const DWORD error = ::GetLastError();
         TX_LOG(LogError, function, L"Failed to start the thread that ends the process, error code %d", error);
-        return;
     }
-    g_terminateThread = thread;
 }
 
 bool IsStoppedLast(const std::wstring& name) noexcept
@@ -253,8 +273,8 @@ CTxSvcSubsystemControlManager::TxStopSvcSubsystem(DWORD /*reserved*/, DWORD* pro
     {
         *processId = ::GetCurrentProcessId();
     }
-    // Not a wait: COM's end on the main thread may wait for this call in its turn.
-    if (::TryAcquireSRWLockShared(&g_calls) == FALSE)
+    const CCall call;
+    if (!call)
     {
         return E_FAIL; // As for every stop: the process ends.
     }
@@ -263,30 +283,20 @@ CTxSvcSubsystemControlManager::TxStopSvcSubsystem(DWORD /*reserved*/, DWORD* pro
     {
         BeginForcedStop(kFunction);
     }
-    ::ReleaseSRWLockShared(&g_calls);
     return result;
 }
 
 void CTxSvcSubsystemControlManager::CloseCalls() noexcept
 {
-    static std::atomic<bool> s_isClosed = false;
-    if (!s_isClosed.exchange(true))
+    if (!g_isClosed.exchange(true))
     {
         ::AcquireSRWLockExclusive(&g_calls); // And never released.
     }
 }
 
-bool CTxSvcSubsystemControlManager::IsForcedStop() noexcept
+void CTxSvcSubsystemControlManager::LetAnswerLeave() noexcept
 {
-    return g_terminateThread != nullptr;
-}
-
-void CTxSvcSubsystemControlManager::WaitForForcedStop() noexcept
-{
-    if (IsForcedStop())
-    {
-        ::WaitForSingleObject(g_terminateThread, INFINITE);
-    }
+    ::Sleep(kTerminateDelayMs);
 }
 
 HRESULT CTxSvcSubsystemControlManager::StopServices(bool releaseConfig) noexcept
@@ -331,6 +341,10 @@ DWORD WINAPI CTxSvcSubsystemControlManager::MyTerminateThread(void* /*context*/)
         L"CTxSvcSubsystemControlManager::MyTerminateThread",
         L"Reduce restart: Enter MyTerminateThread");
     ::Sleep(kTerminateDelayMs);
+    if (g_isClosed)
+    {
+        ::Sleep(kTearDownMs); // The main thread ends the process, and only it can undo what it has done.
+    }
     // The normal exit: destructors of static objects and exit handlers run.
     std::exit(0); // NOLINT(concurrency-mt-unsafe): services may be running, that is what it is for.
 }
@@ -339,6 +353,11 @@ template <int Number>
 __declspec(noinline) HRESULT STDMETHODCALLTYPE
 CGuardedClassObject<Number>::CreateObject(REFIID iid, void** object) noexcept
 {
+    const CCall call;
+    if (!call)
+    {
+        return CO_E_SERVER_STOPPING;
+    }
     if (Basalt::CheckTrustedCode(TX_RETURN_ADDRESS()) != ERROR_SUCCESS)
     {
         return E_ACCESSDENIED;

@@ -49,16 +49,16 @@ public:
 
     /// For the main thread on its way out, when all services of this process have stopped: a stop may still
     /// be under way, with services in other processes or with its answer. Waits until the running calls of
-    /// TxStopSvcSubsystem have returned; later ones, and those that come meanwhile, fail at once.
+    /// TxStopSvcSubsystem and CreateObject have returned; later ones, and those that come meanwhile, fail at
+    /// once.
     static void CloseCalls() noexcept;
 
-    /// True once MyTerminateThread is about to end the process.
-    [[nodiscard]] static bool IsForcedStop() noexcept;
-    /// Waits for the end of the process if IsForcedStop; returns at once otherwise.
-    static void WaitForForcedStop() noexcept;
+    /// After CloseCalls, before COM ends: gives the answer of a stop a second to reach the updater.
+    static void LetAnswerLeave() noexcept;
 
     /// Thread routine: gives the answer of TxStopSvcSubsystem time to reach the updater, then ends the
-    /// process with exit code 0. Does not return.
+    /// process with exit code 0. When the main thread has begun to end it (CloseCalls), only after a further
+    /// time. Does not return.
     static DWORD WINAPI MyTerminateThread(void* context) noexcept;
 
 private:
@@ -82,13 +82,15 @@ class CGuardedClassObject : public ITxSvcGuardedClassObject
 public:
     /// Creates the object for callers alone whose code is in a trusted module; a client in another process
     /// calls through the stub in TxSvHostPS.dll.
-    /// @return E_ACCESSDENIED for other callers, who get no object and leave no trace in the log.
+    /// @return E_ACCESSDENIED for other callers, who get no object and leave no trace in the log;
+    ///         CO_E_SERVER_STOPPING when the process is about to end.
     HRESULT STDMETHODCALLTYPE CreateObject(REFIID iid, void** object) noexcept final;
 };
 
 /// The class object of CTxSvcSubsystemControlManager.
 ///
-/// Not counted and not freed by its references: it must outlive its registration, which ends with it.
+/// Not counted and not freed by its references: it must outlive its registration, which ends with it, and
+/// every call that is on its way into it by then.
 /// Threads: RegisterClassObject and Revoke on the main thread; the rest on any.
 class CoTxSvcSubsystemControlManagerClassFactory final : public CGuardedClassObject<1>,
                                                          public CGuardedClassObject<2>

@@ -8,6 +8,7 @@
 
 #include "base/Stopwatch.h"
 #include "control/ComApartment.h"
+#include "control/ReduceRestart.h"
 #include "control/TxSvcSubsystemControlManager.h"
 #include "host/ProcessSecurity.h"
 #include "logging/Log.h"
@@ -40,6 +41,22 @@ HRESULT OpenComToEveryone(CProcessSecurity& security) noexcept
         nullptr);
 }
 
+/// The control manager's class object, registered for its scope at most. The object itself is never freed: a
+/// caller's thread may be inside of it for as long as the process lives.
+class CControlClass
+{
+public:
+    CControlClass() = default;
+    ~CControlClass() { m_object.Revoke(); }
+    CControlClass(const CControlClass&) = delete;
+    CControlClass& operator=(const CControlClass&) = delete;
+
+    CoTxSvcSubsystemControlManagerClassFactory* operator->() const noexcept { return &m_object; }
+
+private:
+    CoTxSvcSubsystemControlManagerClassFactory& m_object = *new CoTxSvcSubsystemControlManagerClassFactory;
+};
+
 } // namespace
 
 CTxSvcHost::CTxSvcHost() : m_groupDelimiter(L"/"), m_groupIndex(1) {}
@@ -54,7 +71,7 @@ DWORD CTxSvcHost::Start(int argc, wchar_t** argv)
 {
     constexpr wchar_t kFunction[] = L"CTxSvcHost::Start";
     const Basalt::CStopwatch sinceStart;
-    CoTxSvcSubsystemControlManagerClassFactory controlClass; // First, so that it is revoked last.
+    const CControlClass controlClass; // First, so that it is revoked last.
     TX_LOG(LogNormal, kFunction, L"---");
 
     // Declared in the order in which they must outlive one another: COM is uninitialised first, then the
@@ -84,7 +101,7 @@ DWORD CTxSvcHost::Start(int argc, wchar_t** argv)
     InitializeWSS();
 
     TX_LOG(LogNormal, kFunction, L"Starting SCM after %0.04fs", sinceStart.Seconds());
-    controlClass.RegisterClassObject(); // A group that cannot be stopped for an update can still run.
+    controlClass->RegisterClassObject(); // A group that cannot be stopped for an update can still run.
     result = scmInterface.RegisterServicesToSCM();
     if (result != ERROR_SUCCESS)
     {
@@ -102,11 +119,11 @@ DWORD CTxSvcHost::Start(int argc, wchar_t** argv)
     }
     CTxSvcHostConfig::ReleaseInstance();
 
-    if (CTxSvcSubsystemControlManager::IsForcedStop())
+    if (IsReduceRestartStopping())
     {
         // The updater's answer is on its way, and without COM it would be lost. Newcomers are turned away.
-        controlClass.Revoke();
-        CTxSvcSubsystemControlManager::WaitForForcedStop();
+        controlClass->Revoke();
+        CTxSvcSubsystemControlManager::LetAnswerLeave();
     }
     return ERROR_SUCCESS;
 }

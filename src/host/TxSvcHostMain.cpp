@@ -3,6 +3,7 @@
 #include <windows.h>
 
 #include <cwchar>
+#include <exception>
 
 #include "control/InstallingUpdate.h"
 #include "control/RegistryLink.h"
@@ -38,9 +39,7 @@ void LogBanner(int argc, wchar_t** argv)
     }
 }
 
-} // namespace
-
-int TxSvcHostMain(int argc, wchar_t** argv)
+int Run(int argc, wchar_t** argv)
 {
     // A damaged module must fail to load, not put up a box that nobody can click away in a service's session.
     ::SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOOPENFILEERRORBOX);
@@ -71,4 +70,21 @@ int TxSvcHostMain(int argc, wchar_t** argv)
     const CNvidiaDriverFix privileges(true);
     CTxSvcHost host;
     return static_cast<int>(host.Start(argc, argv));
+}
+
+} // namespace
+
+int TxSvcHostMain(int argc, wchar_t** argv)
+{
+    try
+    {
+        return Run(argc, argv);
+    }
+    catch (const std::exception&)
+    {
+        // Uncaught, it would end the process without undoing anything: neither host nor privileges nor log
+        // controller.
+        TX_LOG(LogCritical, L"wmain", L"Out of memory, ending the process");
+        return ERROR_OUTOFMEMORY;
+    }
 }

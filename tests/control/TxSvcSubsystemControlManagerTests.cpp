@@ -3,10 +3,12 @@
 #include <windows.h>
 #include <psapi.h>
 
+#include <atomic>
 #include <gtest/gtest.h>
 #include <map>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "base/Owned.h"
@@ -326,11 +328,25 @@ FakeCreateThread(SECURITY_ATTRIBUTES*, SIZE_T, LPTHREAD_START_ROUTINE routine, v
     return nullptr;
 }
 
+/// Runs the routine of the forced stop up to its exit.
+void RunTerminateThread()
+{
+    const Basalt::CHandle thread(
+        ::CreateThread(nullptr, 0, &Manager::MyTerminateThread, nullptr, 0, nullptr));
+    DWORD exitCode = 0;
+    EXPECT_EQ(::WaitForSingleObject(thread.Get(), 10000), DWORD{WAIT_OBJECT_0});
+    EXPECT_TRUE(::GetExitCodeThread(thread.Get(), &exitCode) && exitCode == 7);
+}
+void FakeExit(int code)
+{
+    ::ExitThread(code == 0 ? 7 : 8);
+}
+
 TEST_F(ControlManagerTest, AnUnfinishedStopEndsTheProcessAfterASecond)
 {
     constexpr wchar_t kForced[] =
         L"Reduce restart: StopServices failed, starts a thread to force stop TxSvHost";
-    const CImportPatch exit("exit", +[](int code) { ::ExitThread(code == 0 ? 7 : 8); });
+    const CImportPatch exit("exit", &FakeExit);
     Manager manager;
     for (const bool isForced : {false, true})
     {
@@ -346,22 +362,9 @@ TEST_F(ControlManagerTest, AnUnfinishedStopEndsTheProcessAfterASecond)
         EXPECT_EQ(m_log.Count(LogInformation, kForced), isForced ? 2U : 0U);
         EXPECT_EQ(g_routine, isForced ? &Manager::MyTerminateThread : nullptr);
     }
-    Manager::WaitForForcedStop(); // Returns: none was begun, since the thread could not be made.
-
-    const Basalt::CHandle thread(
-        ::CreateThread(nullptr, 0, &Manager::MyTerminateThread, nullptr, 0, nullptr));
-    ASSERT_EQ(::WaitForSingleObject(thread.Get(), 10000), DWORD{WAIT_OBJECT_0});
-    DWORD exitCode = 0;
-    EXPECT_TRUE(::GetExitCodeThread(thread.Get(), &exitCode) && exitCode == 7);
+    RunTerminateThread();
     EXPECT_EQ(g_scm.sleeps, std::vector<DWORD>{1000});
     EXPECT_TRUE(m_log.Has(LogInformation, L"Reduce restart: Enter MyTerminateThread"));
-
-    Manager::CloseCalls(); // For the life of this process.
-    m_log.Clear();
-    DWORD processId = 0;
-    EXPECT_EQ(manager.TxStopSvcSubsystem(0, &processId), E_FAIL);
-    EXPECT_EQ(processId, ::GetCurrentProcessId());
-    EXPECT_TRUE(m_log.Lines().empty());
 }
 
 HRESULT g_registerResult = S_OK;
@@ -459,6 +462,55 @@ TEST_F(ControlManagerTest, TheClassObjectIsNeverCountedAndItsManagersNeverFreed)
     EXPECT_EQ(control->Release(), 0U);
     EXPECT_EQ(control->AddRef(), 1U) << "still there";
     delete static_cast<Manager*>(control);
+}
+
+TEST_F(ControlManagerTest, TheEndOfTheProcessWaitsForRunningCallsAndRefusesFurtherOnes)
+{
+    const CImportPatch exit("exit", &FakeExit);
+    SetGroup(L"g", L";");
+    ASSERT_TRUE(CTxSvcHostConfig::GetInstance().Init(L"g"));
+    Manager manager;
+    // A caller that is just being checked.
+    static const Basalt::CHandle s_checked(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    static const Basalt::CHandle s_goOn(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    std::thread caller([] {
+        static CoTxSvcSubsystemControlManagerClassFactory s_factory;
+        const CImportPatch slow(
+            "K32EnumProcessModules", +[](HANDLE, HMODULE*, DWORD, DWORD*) -> BOOL {
+                ::SetEvent(s_checked.Get());
+                return ::WaitForSingleObject(s_goOn.Get(), 10000) !=
+                       WAIT_OBJECT_0; // Fails: nobody is trusted.
+            });
+        void* object = nullptr;
+        EXPECT_TRUE(slow.IsActive());
+        auto* const entry = static_cast<CGuardedClassObject<1>*>(&s_factory);
+        EXPECT_EQ(entry->CreateObject(IID_IUnknown, &object), E_ACCESSDENIED);
+        while (entry->CreateObject(IID_IUnknown, &object) != CO_E_SERVER_STOPPING)
+        {
+        }
+    });
+    ::WaitForSingleObject(s_checked.Get(), 10000);
+    static std::atomic<bool> s_isClosed = false;
+    std::thread closer([] {
+        Manager::CloseCalls(); // For the life of this process.
+        s_isClosed = true;
+    });
+    while (manager.TxStopSvcSubsystem(0, nullptr) != E_FAIL)
+    {
+    }
+    EXPECT_FALSE(s_isClosed);
+    ::SetEvent(s_goOn.Get());
+    caller.join();
+    closer.join();
+
+    m_log.Clear();
+    g_scm.sleeps.clear();
+    DWORD processId = 0;
+    EXPECT_EQ(manager.TxStopSvcSubsystem(0, &processId), E_FAIL);
+    EXPECT_EQ(processId, ::GetCurrentProcessId());
+    EXPECT_TRUE(m_log.Lines().empty());
+    RunTerminateThread();
+    EXPECT_EQ(g_scm.sleeps, (std::vector<DWORD>{1000, 5000})) << "the main thread comes first";
 }
 
 } // namespace

@@ -1,9 +1,11 @@
 /// @file
-/// A log controller library that records its calls. Modes: "fail" (Start gives 1234), "throw" (all throw).
+/// A log controller library that records its calls, Stop also for other processes, where kTestRecordKey
+/// exists. Modes: "fail" (Start gives 1234), "throw" (all throw).
 
 #include <windows.h>
 
 #include "doubles/Record.h"
+#include "subsystems/TestSubsystemIds.h"
 
 namespace
 {
@@ -28,6 +30,14 @@ extern "C"
     }
     __declspec(dllexport) DWORD WINAPI Stop(DWORD_PTR zero, const wchar_t* name)
     {
+        HKEY key = nullptr;
+        if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kTestRecordKey, 0, KEY_SET_VALUE, &key) == ERROR_SUCCESS)
+        {
+            const DWORD processId = ::GetCurrentProcessId();
+            ::RegSetValueExW(
+                key, L"Stop", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&processId), sizeof(processId));
+            ::RegCloseKey(key);
+        }
         return Perform(L"Stop " + std::to_wstring(zero) + L" " + name);
     }
     __declspec(dllexport) DWORD WINAPI RestartSession(const wchar_t*)

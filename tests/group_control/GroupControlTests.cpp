@@ -12,8 +12,10 @@
 
 #include "base/ClassObject.h"
 #include "base/ModuleFinder.h"
+#include "base/ObfuscatedRegKey.h"
 #include "base/Text.h"
 #include "control/UpdateManager.h"
+#include "subsystems/TestSubsystemIds.h"
 #include "support/GroupRunner.h"
 #include "support/HandleCount.h"
 #include "support/HostLog.h"
@@ -22,6 +24,7 @@
 #include "support/ServiceScope.h"
 #include "support/TestFolder.h"
 #include "support/TestGroup.h"
+#include "support/TestKey.h"
 
 namespace
 {
@@ -140,10 +143,20 @@ TEST_F(GroupControlTest, AnUpdaterStopsTheGroupInItsOrderAndStartsItAgain)
         EXPECT_EQ(ExitCodeOf(process.Get()), 0U);
     }
 
-    // Each service that is stopped takes the stop a second, so this time there is one.
+    // Each service that is stopped takes the stop a second, so this time there is one. Its process ends like
+    // any other: also the log controller is stopped.
+    CTestKey record(HKEY_LOCAL_MACHINE, kTestRecordKey);
+    Basalt::CObfuscatedRegKey settings;
+    ASSERT_EQ(settings.Create(HKEY_LOCAL_MACHINE, kLogKey, KEY_ALL_ACCESS), 0U);
+    ASSERT_EQ(settings.WriteString(L"Controller Path WSS", BesideTest(L"doubles\\tarvex\\LogCntrl.dll")), 0U);
     const Basalt::CServiceHandle one = OpenServiceByName(names[1], SERVICE_START);
     ASSERT_TRUE(::StartServiceW(one.Get(), 0, nullptr) && AreRunning({names[1]}));
+    const DWORD running = QueryService(names[1]).dwProcessId;
+    DWORD stopped = 0;
     EXPECT_EQ(RunProcess(Quoted(L"Updater.exe") + L"stop", kTimeoutMs), 0U);
+    EXPECT_EQ(record.Key().ReadDword(L"Stop", stopped), 0U);
+    EXPECT_EQ(stopped, running);
+    EXPECT_EQ(settings.DeleteValue(L"Controller Path WSS"), 0U);
     EXPECT_EQ(QueryService(names[1]).dwCurrentState, DWORD{SERVICE_STOPPED});
     EXPECT_EQ(m_log.Count(L"Information", kForcedStop), 2U);
     EXPECT_EQ(RunProcess(Quoted(L"Updater.exe") + L"start " + Quoted(L"TxSvHost.exe")), 0U);

@@ -8,10 +8,12 @@
 #include <string>
 #include <vector>
 
+#include "base/Owned.h"
 #include "host/TxSvcHostMain.h"
 #include "logging/LoggingIf.h"
 #include "support/ImportPatch.h"
 #include "support/LogCapture.h"
+#include "support/NoMemory.h"
 #include "support/TestKey.h"
 
 using namespace ETWLogging;
@@ -217,6 +219,48 @@ TEST_F(TxSvcHostTest, ProcessEntryWritesItsBannerUnlessTheLineHoldsTheSwitch)
     ASSERT_TRUE(patch.IsActive());
     EXPECT_EQ(TxSvcHostMain(1, argv), 0);
     EXPECT_EQ(m_log.CountContaining(LogNormal, L"starting"), 0U);
+}
+
+/// Attributes of all privileges of the process.
+std::vector<DWORD> Privileges()
+{
+    Basalt::CHandle token;
+    std::vector<BYTE> block(4096);
+    DWORD size = 0;
+    EXPECT_TRUE(::OpenProcessToken(::GetCurrentProcess(), TOKEN_QUERY, token.Put()));
+    EXPECT_TRUE(::GetTokenInformation(token.Get(), TokenPrivileges, block.data(), 4096, &size));
+    const auto& privileges = *reinterpret_cast<const TOKEN_PRIVILEGES*>(block.data());
+    std::vector<DWORD> attributes;
+    for (DWORD i = 0; i < privileges.PrivilegeCount; ++i)
+    {
+        attributes.push_back(privileges.Privileges[i].Attributes);
+    }
+    return attributes;
+}
+
+TEST_F(TxSvcHostTest, WithoutMemoryAtAnyPointProcessEntryUndoesWhatItDid)
+{
+    wchar_t program[] = L"TxSvHost.exe";
+    wchar_t entry[] = L"/g";
+    wchar_t* argv[] = {program, entry, nullptr};
+    const std::vector<DWORD> before = Privileges();
+    int fatal = 0;
+    for (int allowed = 0;; ++allowed)
+    {
+        SCOPED_TRACE(allowed);
+        g_calls.clear();
+        const CNoMemory noMemory(allowed);
+        const int exitCode = TxSvcHostMain(2, argv);
+        const CNoMemory::CExempt exempt;
+        if (!noMemory.HasFailed())
+        {
+            break;
+        }
+        fatal += exitCode == ERROR_OUTOFMEMORY ? 1 : 0;
+        ASSERT_EQ(Privileges(), before);
+        CTxSvcHostConfig::ReleaseInstance();
+    }
+    EXPECT_GT(fatal, 5);
 }
 
 } // namespace
