@@ -19,11 +19,14 @@ namespace Basalt
 }
 
 /// GetProcAddress with the function's type in place of a cast at each call.
-/// @return null when the module is null or does not export the name, with the last error set.
+/// @return null when the module does not export the name, with the last error set; null as well for a null
+/// module, with the last error left as it is: that of the load that failed.
 template <typename Function>
 [[nodiscard]] Function* FindExport(HMODULE module, const char* name) noexcept
 {
-    return reinterpret_cast<Function*>(reinterpret_cast<void*>(::GetProcAddress(module, name)));
+    return module == nullptr
+               ? nullptr
+               : reinterpret_cast<Function*>(reinterpret_cast<void*>(::GetProcAddress(module, name)));
 }
 
 } // namespace Basalt

@@ -12,6 +12,9 @@
 namespace
 {
 
+// To a 32-bit process both paths are the same key: making the link would empty it.
+static_assert(sizeof(void*) == 8, "the host is a 64-bit program");
+
 constexpr wchar_t kLinkValue[] = L"SymbolicLinkValue";
 constexpr wchar_t kKernelPrefix[] = L"\\Registry\\MACHINE\\";
 constexpr std::size_t kKernelPrefixLength = std::size(kKernelPrefix) - 1;

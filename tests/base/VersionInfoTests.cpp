@@ -23,6 +23,13 @@ TEST(VersionInfo, ReadsTheVersionsOfTheHostAndOfWindowsAndRefusesOtherFiles)
     EXPECT_NE(Basalt::GetFileVersion(BesideTest(L"missing.dll"), version), DWORD{ERROR_SUCCESS});
     EXPECT_NE(Basalt::GetFileVersion(BesideTest(L"base_tests.exe"), version), DWORD{ERROR_SUCCESS});
 
+    const CImportPatch noLoad(
+        "LoadLibraryExW", +[](const wchar_t*, HANDLE, DWORD) -> HMODULE {
+            ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+            return nullptr;
+        });
+    EXPECT_EQ(Basalt::GetFileVersion(BesideTest(L"TxSvHost.exe"), version), DWORD{ERROR_NOT_ENOUGH_MEMORY});
+
     EXPECT_EQ(Basalt::GetWindowsVersion(version), DWORD{ERROR_SUCCESS});
     EXPECT_GE(version.major, 6);
 }
