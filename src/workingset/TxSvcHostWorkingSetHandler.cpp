@@ -1,7 +1,6 @@
 #include "workingset/TxSvcHostWorkingSetHandler.h"
 
 #include <cstdlib>
-#include <new>
 #include <utility>
 
 #include "base/WorkingSetEvent.h"
@@ -20,19 +19,17 @@ constexpr wchar_t kLogSource[] = L"TxSvcHostWorkingSetHandler";
 /// 1 / RAND_MAX of the Windows runtime.
 constexpr double kRandomUnit = 3.051850947599719e-5;
 
-/// Null with the thread's last error set on failure.
+/// Null with the thread's last error set on failure. The name holds the process's id, so an object that is
+/// there already was put there by somebody else, who may signal it, or leave it signalled, without end.
 HANDLE CreateWorkingSetEvent() noexcept
 {
-    try
+    const auto name = Basalt::WorkingSetEventName(::GetCurrentProcessId());
+    Basalt::CHandle event(::CreateEventW(nullptr, FALSE, FALSE, name.data()));
+    if (event && ::GetLastError() == ERROR_ALREADY_EXISTS)
     {
-        return ::CreateEventW(
-            nullptr, FALSE, FALSE, Basalt::WorkingSetEventName(::GetCurrentProcessId()).c_str());
+        event.Reset(); // Keeps the last error.
     }
-    catch (const std::bad_alloc&)
-    {
-        ::SetLastError(ERROR_OUTOFMEMORY);
-        return nullptr;
-    }
+    return event.Release();
 }
 
 /// Stays registered after each signal.

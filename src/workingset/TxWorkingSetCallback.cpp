@@ -126,7 +126,14 @@ bool CTxWorkingSetCallback::onWsTimer() noexcept
 bool CTxWorkingSetCallback::onWsEventTrigger() noexcept
 {
     TX_LOG_PROGRESS(L"CTxWorkingSetCallback::onWsEventTrigger", L"Working set event triggered");
-    if (!isCpuUsageBelowLimit())
+    // However often it is signalled, one run measures at a time: its trim answers the signals meanwhile too.
+    if (m_bEventMeasured.exchange(true))
+    {
+        return true;
+    }
+    const bool isIdle = isCpuUsageBelowLimit();
+    m_bEventMeasured = false;
+    if (!isIdle)
     {
         return true; // A busy process is left alone; the timer that is armed comes anyway.
     }

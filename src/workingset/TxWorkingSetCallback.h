@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include <atomic>
 #include <utility>
 #include <vector>
 
@@ -87,6 +88,8 @@ private:
     DWORD m_dwWsBucketRange = 0;       ///< bytes
     DWORD m_dwOptimalOccuranceCount = 0;
     DWORD m_processIdleWaitTime = 0; ///< ms
+
+    std::atomic<bool> m_bEventMeasured = false; ///< A run by the event measures the CPU usage.
 
     Basalt::CLock m_lock;
     bool m_bOptimalBucketKnown TX_GUARDED_BY(m_lock) = true;

@@ -31,8 +31,8 @@ WorkingSetRecord Settings(DWORD factor = 30, DWORD base = 600000, DWORD range = 
 
 Basalt::CHandle OpenTrimEvent()
 {
-    const std::wstring name = Basalt::WorkingSetEventName(::GetCurrentProcessId());
-    return Basalt::CHandle(::OpenEventW(EVENT_MODIFY_STATE, FALSE, name.c_str()));
+    const auto name = Basalt::WorkingSetEventName(::GetCurrentProcessId());
+    return Basalt::CHandle(::OpenEventW(EVENT_MODIFY_STATE, FALSE, name.data()));
 }
 
 HANDLE WINAPI Fail()
@@ -120,6 +120,12 @@ TEST_F(WorkingSetHandlerTest, FailedInitializeUndoesWhatWasMadeAndNoMore)
         EXPECT_TRUE(m_handler.IsStopRequested());
         EXPECT_FALSE(OpenTrimEvent());
         EXPECT_LE(CountOwnHandles(), handles + 4); // The pool's own.
+    }
+    {
+        const auto name = Basalt::WorkingSetEventName(::GetCurrentProcessId());
+        const Basalt::CHandle planted(::CreateEventW(nullptr, TRUE, TRUE, name.data()));
+        EXPECT_FALSE(m_handler.Initialize(Settings()));
+        EXPECT_TRUE(m_log.Has(LogError, L"Failed to create working set event (GLE=0x000000B7)"));
     }
     EXPECT_TRUE(m_handler.Initialize(Settings()));
 

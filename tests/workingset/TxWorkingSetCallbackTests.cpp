@@ -47,6 +47,7 @@ struct Machine final : IWorkingSetTimer
     Step step;
     std::string trace;
     bool stopped = false;
+    CTxWorkingSetCallback* signalled = nullptr;   ///< By the event, once, while usage is measured.
     LONGLONG now = 0xFFFFFFFF, used = 0xFFFFFFFF; // Every interval carries into the upper half of a FILETIME.
 
     bool scheduleWsTimer() noexcept override { return Note("arm"); }
@@ -62,6 +63,8 @@ struct Machine final : IWorkingSetTimer
         ms == 0 || Note(ms == kMeasureMs ? "cpu" : ms == kIdleMs ? "idle" : "stray");
         if (ms == kMeasureMs && !stopped)
         {
+            CTxWorkingSetCallback* const again = std::exchange(signalled, nullptr);
+            EXPECT_TRUE(again == nullptr || again->OnCallback(false));
             now += step.elapsedTicks;
             step.usedTicks.push_back(0);
             used += step.usedTicks.front();
@@ -244,6 +247,12 @@ TEST_F(WorkingSetCallbackTest, BusyProcessesWaitAndRunsEndEarlyWithoutArmingTheT
     for (const Step& step : steps)
     {
         Play(step);
+    }
+    // Signals that come while a run by the event measures are answered by its trim.
+    for (int run = 0; run < 2; ++run)
+    {
+        s_machine.signalled = &*m_callback;
+        Play({{}, 'E', kAbove, "cpu trim arm", kStored});
     }
     EXPECT_EQ(m_log.Count(LogError, L"GetProcessCpuUsage failed (GLE=0x0000000D)"), 2U);
     EXPECT_EQ(m_log.Count(LogError, L"GetProcessCpuUsage failed (GLE=0x00000005)"), 2U);
