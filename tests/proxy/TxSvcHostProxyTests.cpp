@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cstring>
 #include <gtest/gtest.h>
-#include <memory>
 #include <string>
 #include <thread>
 #include <utility>
@@ -252,7 +251,7 @@ TEST_F(TxSvcHostProxyTest, RunsAServiceFromItsEntryToItsEnd)
 TEST_F(TxSvcHostProxyTest, UnloadsTheModuleAndAsksForATrimOnRequestWithoutNeedingMemory)
 {
     g_module.result = kTxSvcUnloadModule;
-    g_module.whileRunning = [] { static_cast<void>(std::make_unique<CNoMemory>().release()); };
+    g_module.whileRunning = [] { thread_local const CNoMemory t_fromNowOn; };
     g_seen.events.reserve(8);
     const auto name = Basalt::WorkingSetEventName(::GetCurrentProcessId());
     const HANDLE event = ::CreateEventW(nullptr, FALSE, FALSE, name.data());
