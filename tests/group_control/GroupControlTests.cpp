@@ -357,14 +357,16 @@ TEST_F(GroupControlTest, ManyCallsLeaveNothingButManagersBehind)
 class CUpdateClient final : public ITxSvcClassObject, public ITxUpdateClientRot
 {
 public:
-    CUpdateClient(DWORD answer, HRESULT result) : m_answer(answer), m_result(result) {}
+    CUpdateClient(REFIID creation, DWORD answer, HRESULT result)
+        : m_creation(creation), m_answer(answer), m_result(result)
+    {
+    }
 
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** object) override
     {
-        *object = iid == IID_ITxUpdateClientRot ? static_cast<ITxUpdateClientRot*>(this)
-                  : iid == IID_IUnknown || iid == IID_ITxSvcClassObject
-                      ? static_cast<ITxSvcClassObject*>(this)
-                      : static_cast<void*>(nullptr);
+        *object = iid == IID_ITxUpdateClientRot              ? static_cast<ITxUpdateClientRot*>(this)
+                  : iid == IID_IUnknown || iid == m_creation ? static_cast<ITxSvcClassObject*>(this)
+                                                             : static_cast<void*>(nullptr);
         return *object == nullptr ? E_NOINTERFACE : S_OK;
     }
     ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
@@ -380,6 +382,7 @@ public:
     }
 
 private:
+    IID m_creation;
     DWORD m_answer;
     HRESULT m_result;
 };
@@ -398,8 +401,10 @@ TEST_F(GroupControlTest, TheHostEndsAtOnceWhileATrustedUpdateClientInstalls)
         DWORD read; ///< Non-zero: the host must end.
         const wchar_t* failing;
         HRESULT error;
+        bool hasOldName = false;
     } rows[] = {
         {"installing", true, true, L"quintor", 7, S_OK, 7, nullptr, S_OK},
+        {"by the older name", true, true, L"tarvex", 1, S_OK, 1, nullptr, S_OK, true},
         {"not installing", true, true, L"tarvex", 0, S_OK, 0, nullptr, S_OK},
         {"no update manager", false, true, L"tarvex", 1, S_OK, 0, nullptr, S_OK},
         {"cannot say", true, true, L"tarvex", 1, E_ABORT, 0, L"ask", E_ABORT},
@@ -414,7 +419,10 @@ TEST_F(GroupControlTest, TheHostEndsAtOnceWhileATrustedUpdateClientInstalls)
         const CProxyRegistration proxies(SignedProxies(row.proxies));
         const Basalt::CHandle event(
             row.hasEvent ? ::CreateEventW(nullptr, TRUE, FALSE, kUpdateEvent.c_str()) : nullptr);
-        CUpdateClient client(row.answer, row.result);
+        CUpdateClient client(
+            row.hasOldName ? Basalt::IID_ITxSvcClassObjectOld : IID_ITxSvcClassObject,
+            row.answer,
+            row.result);
         DWORD cookie = 0;
         if (row.hasClient)
         {
