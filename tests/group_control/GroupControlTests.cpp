@@ -140,12 +140,17 @@ TEST_F(GroupControlTest, AnUpdaterStopsTheGroupInItsOrderAndStartsItAgain)
         EXPECT_EQ(ExitCodeOf(process.Get()), 0U);
     }
 
-    // Each service that is stopped takes the stop a second, so this time there is one.
-    const Basalt::CServiceHandle one = OpenServiceByName(names[1], SERVICE_START);
-    ASSERT_TRUE(::StartServiceW(one.Get(), 0, nullptr) && AreRunning({names[1]}));
+    // Each service that is stopped takes the stop a second, so this time there is one of each group.
+    const CTestGroup otherGroup(L"TxGcOther", {Hosted(L"TxGcOther1")});
+    for (const std::wstring& name : {names[1], std::wstring(L"TxGcOther1")})
+    {
+        const Basalt::CServiceHandle one = OpenServiceByName(name, SERVICE_START);
+        ASSERT_TRUE(::StartServiceW(one.Get(), 0, nullptr) && AreRunning({name}));
+    }
     EXPECT_EQ(RunProcess(Quoted(L"Updater.exe") + L"stop", kTimeoutMs), 0U);
     EXPECT_EQ(QueryService(names[1]).dwCurrentState, DWORD{SERVICE_STOPPED});
-    EXPECT_EQ(m_log.Count(L"Information", kForcedStop), 2U);
+    EXPECT_EQ(QueryService(L"TxGcOther1").dwCurrentState, DWORD{SERVICE_STOPPED});
+    EXPECT_EQ(m_log.Count(L"Information", kForcedStop), 3U);
     EXPECT_EQ(RunProcess(Quoted(L"Updater.exe") + L"start " + Quoted(L"TxSvHost.exe")), 0U);
     EXPECT_TRUE(AreRunning(names));
 }
