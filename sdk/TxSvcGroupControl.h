@@ -27,13 +27,14 @@ inline constexpr IID IID_ITxSvcSubsystemControlManager = {
 /// Control of the service group that one host process runs.
 struct ITxSvcSubsystemControlManager : IUnknown
 {
-    /// Not in use; returns E_NOTIMPL.
+    /// Does nothing and returns E_NOTIMPL. The interface is given: without this slot the next method would
+    /// move.
     virtual HRESULT STDMETHODCALLTYPE Reserved() = 0;
 
     /// Stops all services of the group, one after another, and has the host process end about a second later
     /// with exit code 0. Returns when the services have stopped, which takes up to ten seconds for each.
     ///
-    /// @param reserved  0.
+    /// @param reserved  0; not looked at.
     /// @param processId receives the host's process id; may be null.
     /// @return S_OK for a group without services, which goes on. Otherwise a failure, also when every service
     ///         has stopped: the process ends in any case. A failure of the call itself (an RPC error) means
