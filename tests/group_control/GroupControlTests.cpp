@@ -108,6 +108,7 @@ TEST_F(GroupControlTest, AnUpdaterStopsTheGroupInItsOrderAndStartsItAgain)
     EXPECT_EQ(RunProcess(Quoted(L"TxSvHost.exe") + L"/startservices"), 0U);
     ASSERT_TRUE(AreRunning(names));
     std::vector<Basalt::CHandle> processes;
+    processes.reserve(names.size());
     for (const std::wstring& name : names)
     {
         processes.emplace_back(::OpenProcess(
@@ -226,6 +227,7 @@ TEST_F(GroupControlTest, ClientsThatDieOrCrowdDoNoHarm)
     const Basalt::CHandle wake(::CreateEventW(nullptr, TRUE, FALSE, L"TxControlClientWake"));
     const Basalt::CHandle arrived(::CreateSemaphoreW(nullptr, 0, kClients, L"TxControlClientArrived"));
     std::vector<CClient> clients;
+    clients.reserve(kProcesses);
     for (int i = 0; i < kProcesses; ++i)
     {
         // Wine 8 may lose a lock when a process ends while many of its threads fault pages, and there the
@@ -329,6 +331,7 @@ TEST_F(GroupControlTest, ManyCallsLeaveNothingButManagersBehind)
         {"a failed creation", 20, E_NOINTERFACE, [&create] { return create(IID_ITxSvcClassObject); }},
         {"a creation", 20, S_OK, [&create] { return create(IID_ITxSvcSubsystemControlManager); }},
     };
+    constexpr long long kGrowth = 32LL * 1024;
     for (const auto& row : rows)
     {
         SCOPED_TRACE(row.name);
@@ -336,7 +339,7 @@ TEST_F(GroupControlTest, ManyCallsLeaveNothingButManagersBehind)
         // piece at any time; a leak grows in every round.
         long long growth = 0;
         long long handles = 0;
-        for (int round = 0; round < 4 && (round == 0 || growth > 32 * 1024 || handles > 10); ++round)
+        for (int round = 0; round < 4 && (round == 0 || growth > kGrowth || handles > 10); ++round)
         {
             PROCESS_MEMORY_COUNTERS before{};
             PROCESS_MEMORY_COUNTERS after{};
@@ -351,7 +354,7 @@ TEST_F(GroupControlTest, ManyCallsLeaveNothingButManagersBehind)
                 static_cast<long long>(after.PagefileUsage) - static_cast<long long>(before.PagefileUsage);
             handles += static_cast<long long>(CountHandles(host.ProcessId()));
         }
-        EXPECT_LE(growth, 32 * 1024);
+        EXPECT_LE(growth, kGrowth);
         EXPECT_LE(handles, 10);
     }
     host.Stop(L"TxGcMany1");
@@ -398,23 +401,21 @@ TEST_F(GroupControlTest, TheHostEndsAtOnceWhileATrustedUpdateClientInstalls)
     const struct
     {
         const char* name;
-        bool hasEvent;
-        bool hasClient;
+        const IID* creation; ///< The client's class object answers this; null: there is none.
         const wchar_t* proxies;
         DWORD answer;
         HRESULT result;
-        DWORD read; ///< Non-zero: the host must end.
         const wchar_t* failing;
         HRESULT error;
-        bool hasOldName = false;
+        bool hasEvent = true;
     } rows[] = {
-        {"installing", true, true, L"quintor", 7, S_OK, 7, nullptr, S_OK},
-        {"by the older name", true, true, L"tarvex", 1, S_OK, 1, nullptr, S_OK, true},
-        {"not installing", true, true, L"tarvex", 0, S_OK, 0, nullptr, S_OK},
-        {"no update manager", false, true, L"tarvex", 1, S_OK, 0, nullptr, S_OK},
-        {"cannot say", true, true, L"tarvex", 1, E_ABORT, 0, L"ask", E_ABORT},
-        {"no client", true, false, L"tarvex", 1, S_OK, 0, L"create", REGDB_E_CLASSNOTREG},
-        {"not signed", true, true, L"unsigned", 1, S_OK, 0, L"create", E_ACCESSDENIED},
+        {"installing", &IID_ITxSvcClassObject, L"quintor", 7, S_OK, nullptr, S_OK},
+        {"by the older name", &Basalt::IID_ITxSvcClassObjectOld, L"tarvex", 1, S_OK, nullptr, S_OK},
+        {"not installing", &IID_ITxSvcClassObject, L"tarvex", 0, S_OK, nullptr, S_OK},
+        {"no update manager", &IID_ITxSvcClassObject, L"tarvex", 1, S_OK, nullptr, S_OK, false},
+        {"cannot say", &IID_ITxSvcClassObject, L"tarvex", 1, E_ABORT, L"ask", E_ABORT},
+        {"no client", nullptr, L"tarvex", 1, S_OK, L"create", REGDB_E_CLASSNOTREG},
+        {"not signed", &IID_ITxSvcClassObject, L"unsigned", 1, S_OK, L"create", E_ACCESSDENIED},
     };
     for (const auto& row : rows)
     {
@@ -424,12 +425,9 @@ TEST_F(GroupControlTest, TheHostEndsAtOnceWhileATrustedUpdateClientInstalls)
         const CProxyRegistration proxies(SignedProxies(row.proxies));
         const Basalt::CHandle event(
             row.hasEvent ? ::CreateEventW(nullptr, TRUE, FALSE, kUpdateEvent.c_str()) : nullptr);
-        CUpdateClient client(
-            row.hasOldName ? Basalt::IID_ITxSvcClassObjectOld : IID_ITxSvcClassObject,
-            row.answer,
-            row.result);
+        CUpdateClient client(row.creation != nullptr ? *row.creation : IID_NULL, row.answer, row.result);
         DWORD cookie = 0;
-        if (row.hasClient)
+        if (row.creation != nullptr)
         {
             ASSERT_EQ(
                 ::CoRegisterClassObject(
@@ -441,7 +439,8 @@ TEST_F(GroupControlTest, TheHostEndsAtOnceWhileATrustedUpdateClientInstalls)
                 S_OK);
         }
 
-        if (row.read != 0)
+        const DWORD read = row.hasEvent && row.failing == nullptr ? row.answer : 0;
+        if (read != 0)
         {
             SkipControlPipe();
             EXPECT_EQ(RunProcess(group.CommandLine()), 0U);
@@ -456,8 +455,7 @@ TEST_F(GroupControlTest, TheHostEndsAtOnceWhileATrustedUpdateClientInstalls)
 
         ::CoRevokeClassObject(cookie);
         EXPECT_TRUE(log.Has(
-            L"Information",
-            L"Reduce restart: IsInstallingUpdate return value is " + std::to_wstring(row.read)));
+            L"Information", L"Reduce restart: IsInstallingUpdate return value is " + std::to_wstring(read)));
         EXPECT_EQ(log.CountContaining(L"Error", L"Reduce restart"), row.failing == nullptr ? 0U : 1U);
         const std::wstring failure = Basalt::FormatText(
             L"Reduce restart: Failed to %s ITxUpdateClientRot object,hr = 0x%08x", row.failing, row.error);
