@@ -186,21 +186,4 @@ TEST_F(RegistryLinkTest, GivesUpWithoutTheKernelsDelete)
     EXPECT_FALSE(MakeLink());
 }
 
-TEST_F(RegistryLinkTest, ASecondStartChangesNothing)
-{
-    ASSERT_TRUE(MakeLink());
-    FILETIME before{};
-    FILETIME after{};
-    Basalt::CRegKey link;
-    ASSERT_EQ(link.Open(HKEY_LOCAL_MACHINE, kLink, KEY_READ, REG_OPTION_OPEN_LINK), DWORD{0});
-    const auto lastWrite = [&link](FILETIME& time) {
-        ::RegQueryInfoKeyW(link.Get(), 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, &time);
-    };
-    lastWrite(before);
-
-    EXPECT_TRUE(IsRegistryLink(kLink));
-    lastWrite(after);
-    EXPECT_EQ(::CompareFileTime(&before, &after), 0);
-}
-
 } // namespace
