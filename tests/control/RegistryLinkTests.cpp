@@ -79,15 +79,15 @@ TEST_F(RegistryLinkTest, ReplacesWhateverStandsAtTheLinkPath)
     const struct
     {
         const char* name;
-        bool exists;
         std::vector<std::wstring> subKeys;
         int values;
+        bool exists = true;
     } rows[] = {
-        {"absent", false, {}, 0},
-        {"plain and empty", true, {}, 0},
-        {"one value", true, {}, 1},
-        {"several values", true, {}, 3},
-        {"deep sub-keys", true, {L"a\\b\\c\\d\\e", L"a\\x", L"z"}, 2},
+        {"absent", {}, 0, false},
+        {"plain and empty", {}, 0},
+        {"one value", {}, 1},
+        {"several values", {}, 3},
+        {"deep sub-keys", {L"a\\b\\c\\d\\e", L"a\\x", L"z"}, 2},
     };
     for (const auto& row : rows)
     {
