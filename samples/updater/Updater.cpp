@@ -1,10 +1,11 @@
 /// @file
 /// What an updater does around the exchange of files that hosted services hold open:
 ///
-///     Updater stop                    stops the group of a running host and waits for the end of its process
+///     Updater stop                   stops one running host after the other, until none is left
 ///     Updater start TxSvHost.exe     starts the services of the core group again
 ///
-/// Between the two the files are free. Exit code: 0, or 1 with the failing step on the standard error output.
+/// Between the two the files are free, and stay so as long as an update client answers (../update_client).
+/// Exit code: 0, or 1 with the failing step on the standard error output.
 #include <windows.h>
 #include <objbase.h>
 
@@ -34,8 +35,10 @@ bool FailWithLastError(const char* step)
     return Fail(step, HRESULT_FROM_WIN32(::GetLastError()));
 }
 
+/// Connects to one of the running hosts; which one is COM's choice.
 /// @param control receives the object with one reference.
-bool ConnectToHost(ITxSvcSubsystemControlManager*& control)
+/// @return REGDB_E_CLASSNOTREG when no host can be found.
+HRESULT ConnectToHost(ITxSvcSubsystemControlManager*& control)
 {
     // Not CoCreateInstance: the host's class object has the product's own creation interface.
     ITxSvcClassObject* classObject = nullptr;
@@ -45,14 +48,14 @@ bool ConnectToHost(ITxSvcSubsystemControlManager*& control)
         nullptr,
         IID_ITxSvcClassObject,
         reinterpret_cast<void**>(&classObject));
-    if (FAILED(result))
+    if (SUCCEEDED(result))
     {
-        return Fail("No host can be reached", result);
+        // E_ACCESSDENIED: the host does not trust TxSvHostPS.dll, which makes the call over there.
+        result =
+            classObject->CreateObject(IID_ITxSvcSubsystemControlManager, reinterpret_cast<void**>(&control));
+        classObject->Release();
     }
-    // E_ACCESSDENIED: the host does not trust TxSvHostPS.dll, which makes the call over there.
-    result = classObject->CreateObject(IID_ITxSvcSubsystemControlManager, reinterpret_cast<void**>(&control));
-    classObject->Release();
-    return SUCCEEDED(result) || Fail("The host refuses its control", result);
+    return result;
 }
 
 bool WaitForEnd(DWORD processId)
@@ -75,17 +78,14 @@ bool WaitForEnd(DWORD processId)
     return true;
 }
 
-bool StopGroup()
+bool StopGroup(ITxSvcSubsystemControlManager* control)
 {
-    ITxSvcSubsystemControlManager* control = nullptr;
-    if (!ConnectToHost(control))
-    {
-        return false;
-    }
     DWORD processId = 0;
     const HRESULT result = control->TxStopSvcSubsystem(0, &processId);
-    control->Release();
-
+    if (result == S_OK) // And COM would go on to lead here rather than to other hosts.
+    {
+        return Fail("A host whose group has no services goes on", result);
+    }
     // A failure is the normal answer: it says that the process ends, not that a service runs on.
     std::printf("Stopped, 0x%08lX from process %lu.\n", static_cast<unsigned long>(result), processId);
     if (processId == 0)
@@ -93,7 +93,31 @@ bool StopGroup()
         std::printf("The host ended before it could answer.\n");
         return true;
     }
-    return result == S_OK || WaitForEnd(processId); // S_OK: the group is empty, and its process goes on.
+    return WaitForEnd(processId);
+}
+
+/// All hosts register the same class, so it takes a new connection to reach the next one.
+bool StopAllGroups()
+{
+    for (bool isFirst = true;; isFirst = false)
+    {
+        ITxSvcSubsystemControlManager* control = nullptr;
+        const HRESULT connected = ConnectToHost(control);
+        if (connected == REGDB_E_CLASSNOTREG && !isFirst)
+        {
+            return true;
+        }
+        if (FAILED(connected))
+        {
+            return Fail("No host can be reached, or it refuses", connected);
+        }
+        const bool isStopped = StopGroup(control);
+        control->Release();
+        if (!isStopped)
+        {
+            return false;
+        }
+    }
 }
 
 bool StartCoreGroup(const wchar_t* hostPath)
@@ -132,7 +156,7 @@ int wmain(int argc, wchar_t** argv)
     {
         return Fail("CoInitializeEx", initialized) ? 0 : kExitFailure;
     }
-    const bool stopped = StopGroup();
+    const bool stopped = StopAllGroups();
     ::CoUninitialize();
     return stopped ? 0 : kExitFailure;
 }

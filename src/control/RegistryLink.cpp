@@ -104,6 +104,7 @@ bool CreateRegistryLink(
     }
     wchar_t kernelPath[kLongestKernelPath];
     std::wmemcpy(kernelPath, kKernelPrefix, kKernelPrefixLength);
+    // NOLINTNEXTLINE(bugprone-not-null-terminated-result): link data has no terminator.
     std::wmemcpy(kernelPath + kKernelPrefixLength, targetPath, targetLength);
     return SetLinkTarget(link, kernelPath, kKernelPrefixLength + targetLength);
 }

@@ -11,12 +11,13 @@
 ///
 /// All paths are below HKEY_LOCAL_MACHINE, without a backslash in front, in the process's own view. The
 /// operations log nothing and report no code: the host starts with or without the link.
-/// Threads: one at a time; two processes that make the same link at once end with the link in place.
+/// Threads: one at a time. Two processes that make the same link at once may delete each other's before the
+/// last one stays: whoever opens the path in between finds nothing, or a link that leads nowhere.
 
 inline constexpr wchar_t kProductKey[] = L"Software\\Tarvex";
 inline constexpr wchar_t kProductKey32[] = L"Software\\Wow6432Node\\Tarvex";
 
-/// True when the key is a symbolic link. A missing key is created as a plain empty one.
+/// True when the key is a symbolic link, wherever it leads. A missing key is created as a plain empty one.
 [[nodiscard]] bool IsRegistryLink(const wchar_t* linkPath) noexcept;
 
 /// Makes the key at @p linkPath a symbolic link to the key at @p targetPath.
@@ -24,7 +25,8 @@ inline constexpr wchar_t kProductKey32[] = L"Software\\Wow6432Node\\Tarvex";
 /// @param force        removes what stands at the link path first, with all its sub-keys and values.
 /// @param ensureTarget creates the target key when it is missing.
 /// @return true when the link was made. On failure the link path may be left empty or as a link that leads
-///         nowhere; the next call with @p force mends it.
+///         nowhere. A call with @p force mends both, but a host makes none for the latter, since
+///         IsRegistryLink takes it for a link: only "txsvcctl ... --replace-key" does.
 bool CreateRegistryLink(
     const wchar_t* linkPath, const wchar_t* targetPath, bool force, bool ensureTarget) noexcept;
 

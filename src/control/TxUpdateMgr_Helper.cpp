@@ -24,7 +24,6 @@ constexpr wchar_t kLogSource[] = L"TxUpdateMgr_Helper";
 constexpr wchar_t kUpdateKey[] = L"SOFTWARE\\Tarvex\\UPDMGR";
 constexpr wchar_t kVolatileKey[] = L"SOFTWARE\\Tarvex\\Volatile";
 constexpr wchar_t kDefaultVolatileKey[] = L"SOFTWARE\\Tarvex\\Volatile\\KSC";
-constexpr wchar_t kDefaultInstance[] = L"default";
 
 /// Characters of an event's name; what is longer is cut off.
 constexpr std::size_t kEventNameCapacity = 260;
@@ -70,7 +69,7 @@ bool CTxUpdateMgr_Helper::SetInstance(const wchar_t* name) noexcept
 HANDLE CTxUpdateMgr_Helper::openEvent() const noexcept
 {
     wchar_t name[kEventNameCapacity] = {};
-    Format(name, L"%s%s", kUpdateEventPrefix, m_instance);
+    Format(name, L"%s%s", kTxUpdateEventPrefix, m_instance);
     return ::OpenEventW(SYNCHRONIZE | EVENT_MODIFY_STATE, FALSE, name);
 }
 
@@ -136,7 +135,7 @@ HRESULT CTxUpdateMgr_Helper::IsRestartPending(BOOL* pending) noexcept
     *pending = 0;
     wchar_t otherKey[kKeyCapacity] = {};
     const wchar_t* key = kDefaultVolatileKey;
-    if (std::wcscmp(m_instance, kDefaultInstance) != 0)
+    if (std::wcscmp(m_instance, kTxUpdateDefaultInstance) != 0)
     {
         Format(otherKey, L"%s\\%s", kVolatileKey, m_instance);
         key = otherKey;

@@ -33,9 +33,10 @@ extern "C"
         HKEY key = nullptr;
         if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kTestRecordKey, 0, KEY_SET_VALUE, &key) == ERROR_SUCCESS)
         {
-            const DWORD processId = ::GetCurrentProcessId();
+            const std::wstring value = L"Stop-" + std::to_wstring(::GetCurrentProcessId());
+            const DWORD yes = 1;
             ::RegSetValueExW(
-                key, L"Stop", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&processId), sizeof(processId));
+                key, value.c_str(), 0, REG_DWORD, reinterpret_cast<const BYTE*>(&yes), sizeof(yes));
             ::RegCloseKey(key);
         }
         return Perform(L"Stop " + std::to_wstring(zero) + L" " + name);

@@ -30,6 +30,7 @@ namespace
 {
 
 constexpr DWORD kTimeoutMs = 60000;
+const std::wstring kUpdateEvent = std::wstring(kTxUpdateEventPrefix) + kTxUpdateDefaultInstance;
 constexpr wchar_t kForcedStop[] = L"Reduce restart: Enter MyTerminateThread";
 
 TestSubsystem Hosted(const std::wstring& service)
@@ -64,9 +65,8 @@ struct ClientTraits : Basalt::HandleTraits
 };
 using CClient = Basalt::COwned<ClientTraits>;
 
-CClient StartClient(const std::wstring& arguments)
+CClient StartClient(std::wstring commandLine)
 {
-    std::wstring commandLine = Quoted(L"ControlClient.exe") + arguments;
     STARTUPINFOW startup{};
     startup.cb = sizeof(startup);
     PROCESS_INFORMATION process{};
@@ -111,6 +111,7 @@ TEST_F(GroupControlTest, AnUpdaterStopsTheGroupInItsOrderAndStartsItAgain)
     EXPECT_EQ(RunProcess(Quoted(L"TxSvHost.exe") + L"/startservices"), 0U);
     ASSERT_TRUE(AreRunning(names));
     std::vector<Basalt::CHandle> processes;
+    processes.reserve(names.size());
     for (const std::wstring& name : names)
     {
         processes.emplace_back(::OpenProcess(
@@ -143,22 +144,30 @@ TEST_F(GroupControlTest, AnUpdaterStopsTheGroupInItsOrderAndStartsItAgain)
         EXPECT_EQ(ExitCodeOf(process.Get()), 0U);
     }
 
-    // Each service that is stopped takes the stop a second, so this time there is one. Its process ends like
-    // any other: also the log controller is stopped.
+    // Each service that is stopped takes the stop a second, so this time there is one of each group. Its
+    // process ends like any other: also the log controller is stopped.
+    const CTestGroup otherGroup(L"TxGcOther", {Hosted(L"TxGcOther1")});
     CTestKey record(HKEY_LOCAL_MACHINE, kTestRecordKey);
     Basalt::CObfuscatedRegKey settings;
     ASSERT_EQ(settings.Create(HKEY_LOCAL_MACHINE, kLogKey, KEY_ALL_ACCESS), 0U);
     ASSERT_EQ(settings.WriteString(L"Controller Path WSS", BesideTest(L"doubles\\tarvex\\LogCntrl.dll")), 0U);
-    const Basalt::CServiceHandle one = OpenServiceByName(names[1], SERVICE_START);
-    ASSERT_TRUE(::StartServiceW(one.Get(), 0, nullptr) && AreRunning({names[1]}));
-    const DWORD running = QueryService(names[1]).dwProcessId;
-    DWORD stopped = 0;
+    std::vector<std::wstring> stops;
+    for (const std::wstring& name : {names[1], std::wstring(L"TxGcOther1")})
+    {
+        const Basalt::CServiceHandle one = OpenServiceByName(name, SERVICE_START);
+        ASSERT_TRUE(::StartServiceW(one.Get(), 0, nullptr) && AreRunning({name}));
+        stops.push_back(L"Stop-" + std::to_wstring(QueryService(name).dwProcessId));
+    }
     EXPECT_EQ(RunProcess(Quoted(L"Updater.exe") + L"stop", kTimeoutMs), 0U);
-    EXPECT_EQ(record.Key().ReadDword(L"Stop", stopped), 0U);
-    EXPECT_EQ(stopped, running);
+    for (const std::wstring& stop : stops)
+    {
+        DWORD yes = 0;
+        EXPECT_EQ(record.Key().ReadDword(stop.c_str(), yes), 0U);
+    }
     EXPECT_EQ(settings.DeleteValue(L"Controller Path WSS"), 0U);
     EXPECT_EQ(QueryService(names[1]).dwCurrentState, DWORD{SERVICE_STOPPED});
-    EXPECT_EQ(m_log.Count(L"Information", kForcedStop), 2U);
+    EXPECT_EQ(QueryService(L"TxGcOther1").dwCurrentState, DWORD{SERVICE_STOPPED});
+    EXPECT_EQ(m_log.Count(L"Information", kForcedStop), 3U);
     EXPECT_EQ(RunProcess(Quoted(L"Updater.exe") + L"start " + Quoted(L"TxSvHost.exe")), 0U);
     EXPECT_TRUE(AreRunning(names));
 }
@@ -225,7 +234,7 @@ TEST_F(GroupControlTest, ClientsThatDieOrCrowdDoNoHarm)
 
     for (DWORD i = 0; i < 10; ++i)
     {
-        const CClient client = StartClient(L"1000000");
+        const CClient client = StartClient(Quoted(L"ControlClient.exe") + L"1000000");
         ::Sleep(i * 30); // From before the connection to the middle of some creation.
     }
     EXPECT_EQ(control.Get()->Reserved(), E_NOTIMPL);
@@ -234,11 +243,12 @@ TEST_F(GroupControlTest, ClientsThatDieOrCrowdDoNoHarm)
     const Basalt::CHandle wake(::CreateEventW(nullptr, TRUE, FALSE, L"TxControlClientWake"));
     const Basalt::CHandle arrived(::CreateSemaphoreW(nullptr, 0, kClients, L"TxControlClientArrived"));
     std::vector<CClient> clients;
+    clients.reserve(kProcesses);
     for (int i = 0; i < kProcesses; ++i)
     {
         // Wine 8 may lose a lock when a process ends while many of its threads fault pages, and there the
         // check of the caller costs so much that only long rests leave the host a few calls at a time.
-        clients.push_back(StartClient(L"1000000 10 20000"));
+        clients.push_back(StartClient(Quoted(L"ControlClient.exe") + L"1000000 10 20000"));
     }
     ::SetEvent(start.Get());
     for (int i = 0; i < kClients; ++i)
@@ -337,6 +347,7 @@ TEST_F(GroupControlTest, ManyCallsLeaveNothingButManagersBehind)
         {"a failed creation", 20, E_NOINTERFACE, [&create] { return create(IID_ITxSvcClassObject); }},
         {"a creation", 20, S_OK, [&create] { return create(IID_ITxSvcSubsystemControlManager); }},
     };
+    constexpr long long kGrowth = 32LL * 1024;
     for (const auto& row : rows)
     {
         SCOPED_TRACE(row.name);
@@ -344,7 +355,7 @@ TEST_F(GroupControlTest, ManyCallsLeaveNothingButManagersBehind)
         // piece at any time; a leak grows in every round.
         long long growth = 0;
         long long handles = 0;
-        for (int round = 0; round < 4 && (round == 0 || growth > 32 * 1024 || handles > 10); ++round)
+        for (int round = 0; round < 4 && (round == 0 || growth > kGrowth || handles > 10); ++round)
         {
             PROCESS_MEMORY_COUNTERS before{};
             PROCESS_MEMORY_COUNTERS after{};
@@ -359,7 +370,7 @@ TEST_F(GroupControlTest, ManyCallsLeaveNothingButManagersBehind)
                 static_cast<long long>(after.PagefileUsage) - static_cast<long long>(before.PagefileUsage);
             handles += static_cast<long long>(CountHandles(host.ProcessId()));
         }
-        EXPECT_LE(growth, 32 * 1024);
+        EXPECT_LE(growth, kGrowth);
         EXPECT_LE(handles, 10);
     }
     host.Stop(L"TxGcMany1");
@@ -370,14 +381,16 @@ TEST_F(GroupControlTest, ManyCallsLeaveNothingButManagersBehind)
 class CUpdateClient final : public ITxSvcClassObject, public ITxUpdateClientRot
 {
 public:
-    CUpdateClient(DWORD answer, HRESULT result) : m_answer(answer), m_result(result) {}
+    CUpdateClient(REFIID creation, DWORD answer, HRESULT result)
+        : m_creation(creation), m_answer(answer), m_result(result)
+    {
+    }
 
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** object) override
     {
-        *object = iid == IID_ITxUpdateClientRot ? static_cast<ITxUpdateClientRot*>(this)
-                  : iid == IID_IUnknown || iid == IID_ITxSvcClassObject
-                      ? static_cast<ITxSvcClassObject*>(this)
-                      : static_cast<void*>(nullptr);
+        *object = iid == IID_ITxUpdateClientRot              ? static_cast<ITxUpdateClientRot*>(this)
+                  : iid == IID_IUnknown || iid == m_creation ? static_cast<ITxSvcClassObject*>(this)
+                                                             : static_cast<void*>(nullptr);
         return *object == nullptr ? E_NOINTERFACE : S_OK;
     }
     ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
@@ -393,6 +406,7 @@ public:
     }
 
 private:
+    IID m_creation;
     DWORD m_answer;
     HRESULT m_result;
 };
@@ -403,23 +417,21 @@ TEST_F(GroupControlTest, TheHostEndsAtOnceWhileATrustedUpdateClientInstalls)
     const struct
     {
         const char* name;
-        bool hasEvent;
-        bool hasClient;
+        const IID* creation; ///< The client's class object answers this; null: there is none.
         const wchar_t* proxies;
         DWORD answer;
         HRESULT result;
-        DWORD read; ///< Non-zero: the host must end.
         const wchar_t* failing;
         HRESULT error;
+        bool hasEvent = true;
     } rows[] = {
-        {"installing", true, true, L"tarvex", 1, S_OK, 1, nullptr, S_OK},
-        {"any other value", true, true, L"quintor", 7, S_OK, 7, nullptr, S_OK},
-        {"not installing", true, true, L"tarvex", 0, S_OK, 0, nullptr, S_OK},
-        {"no update manager", false, true, L"tarvex", 1, S_OK, 0, nullptr, S_OK},
-        {"cannot say", true, true, L"tarvex", 1, E_ABORT, 0, L"ask", E_ABORT},
-        {"no client", true, false, L"tarvex", 1, S_OK, 0, L"create", REGDB_E_CLASSNOTREG},
-        {"not signed", true, true, L"unsigned", 1, S_OK, 0, L"create", E_ACCESSDENIED},
-        {"signed by others", true, true, L"foreign", 1, S_OK, 0, L"create", E_ACCESSDENIED},
+        {"installing", &IID_ITxSvcClassObject, L"quintor", 7, S_OK, nullptr, S_OK},
+        {"by the older name", &Basalt::IID_ITxSvcClassObjectOld, L"tarvex", 1, S_OK, nullptr, S_OK},
+        {"not installing", &IID_ITxSvcClassObject, L"tarvex", 0, S_OK, nullptr, S_OK},
+        {"no update manager", &IID_ITxSvcClassObject, L"tarvex", 1, S_OK, nullptr, S_OK, false},
+        {"cannot say", &IID_ITxSvcClassObject, L"tarvex", 1, E_ABORT, L"ask", E_ABORT},
+        {"no client", nullptr, L"tarvex", 1, S_OK, L"create", REGDB_E_CLASSNOTREG},
+        {"not signed", &IID_ITxSvcClassObject, L"unsigned", 1, S_OK, L"create", E_ACCESSDENIED},
     };
     for (const auto& row : rows)
     {
@@ -427,12 +439,11 @@ TEST_F(GroupControlTest, TheHostEndsAtOnceWhileATrustedUpdateClientInstalls)
         const CTestFolder folder;
         const CHostLog log(folder.Path());
         const CProxyRegistration proxies(SignedProxies(row.proxies));
-        const std::wstring eventName = std::wstring(kUpdateEventPrefix) + L"default";
         const Basalt::CHandle event(
-            row.hasEvent ? ::CreateEventW(nullptr, TRUE, FALSE, eventName.c_str()) : nullptr);
-        CUpdateClient client(row.answer, row.result);
+            row.hasEvent ? ::CreateEventW(nullptr, TRUE, FALSE, kUpdateEvent.c_str()) : nullptr);
+        CUpdateClient client(row.creation != nullptr ? *row.creation : IID_NULL, row.answer, row.result);
         DWORD cookie = 0;
-        if (row.hasClient)
+        if (row.creation != nullptr)
         {
             ASSERT_EQ(
                 ::CoRegisterClassObject(
@@ -444,7 +455,8 @@ TEST_F(GroupControlTest, TheHostEndsAtOnceWhileATrustedUpdateClientInstalls)
                 S_OK);
         }
 
-        if (row.read != 0)
+        const DWORD read = row.hasEvent && row.failing == nullptr ? row.answer : 0;
+        if (read != 0)
         {
             SkipControlPipe();
             EXPECT_EQ(RunProcess(group.CommandLine()), 0U);
@@ -459,13 +471,33 @@ TEST_F(GroupControlTest, TheHostEndsAtOnceWhileATrustedUpdateClientInstalls)
 
         ::CoRevokeClassObject(cookie);
         EXPECT_TRUE(log.Has(
-            L"Information",
-            L"Reduce restart: IsInstallingUpdate return value is " + std::to_wstring(row.read)));
+            L"Information", L"Reduce restart: IsInstallingUpdate return value is " + std::to_wstring(read)));
         EXPECT_EQ(log.CountContaining(L"Error", L"Reduce restart"), row.failing == nullptr ? 0U : 1U);
         const std::wstring failure = Basalt::FormatText(
             L"Reduce restart: Failed to %s ITxUpdateClientRot object,hr = 0x%08x", row.failing, row.error);
         EXPECT_TRUE(row.failing == nullptr || log.Has(L"Error", failure));
     }
+}
+
+TEST_F(GroupControlTest, TheSampleUpdateClientKeepsHostsDownWhileItLives)
+{
+    const CProxyRegistration proxies(SignedProxies(L"tarvex"));
+    const CTestGroup group(L"TxGcSample", {Hosted(L"TxGcSample1")});
+    {
+        const CClient client = StartClient(Quoted(L"UpdateClient.exe") + L"3600");
+        while (!Basalt::CHandle(::OpenEventW(SYNCHRONIZE, FALSE, kUpdateEvent.c_str())))
+        {
+            ASSERT_EQ(::WaitForSingleObject(client.Get(), 10), DWORD{WAIT_TIMEOUT});
+        }
+        SkipControlPipe();
+        EXPECT_EQ(RunProcess(group.CommandLine()), 0U);
+    }
+    EXPECT_TRUE(m_log.Has(L"Information", L"Reduce restart: IsInstallingUpdate return value is 1"));
+
+    CGroupRunner host(group.CommandLine());
+    host.StartAndWait(L"TxGcSample1");
+    host.Stop(L"TxGcSample1");
+    EXPECT_EQ(host.WaitForExit(), 0U);
 }
 
 } // namespace

@@ -54,7 +54,7 @@ inline constexpr wchar_t kNoExportModule[] = L"NoExportSubsystem.dll";
 /// so make it first (CTestKey). Values:
 /// - "SlowLoad-<process id>-<thread id>", REG_BINARY, SlowLoadTimes: the last slow load of this thread.
 /// - "Unloaded-<process id>", REG_DWORD 1: the module was freed while its process went on.
-/// The log controller's double leaves "Stop" there, REG_DWORD: the process that last stopped it.
+/// The log controller's double leaves "Stop-<process id>" there, REG_DWORD 1: the process has stopped it.
 inline constexpr wchar_t kTestRecordKey[] = L"SOFTWARE\\TxTest";
 
 inline constexpr DWORD kSlowLoadMs = 800;
