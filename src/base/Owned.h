@@ -104,16 +104,4 @@ struct LocalMemoryTraits
 };
 using CLocalMemory = COwned<LocalMemoryTraits>;
 
-/// One reference to a COM object of our own or of the system. Objects of hosted code are released under
-/// the call guard instead (CallGuard.h).
-template <typename Interface>
-struct ComTraits
-{
-    using Type = Interface*;
-    static Type Invalid() noexcept { return nullptr; }
-    static void Close(Type value) noexcept { value->Release(); }
-};
-template <typename Interface>
-using CComReference = COwned<ComTraits<Interface>>;
-
 } // namespace Basalt

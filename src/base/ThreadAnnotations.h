@@ -17,4 +17,3 @@
 #define TX_EXCLUDES(...) TX_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
 #define TX_ACQUIRE(...) TX_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
 #define TX_RELEASE(...) TX_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
-#define TX_NO_THREAD_SAFETY_ANALYSIS TX_THREAD_ANNOTATION(no_thread_safety_analysis)

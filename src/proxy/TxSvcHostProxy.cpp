@@ -33,10 +33,8 @@ constexpr HRESULT kExceptionResult = __HRESULT_FROM_WIN32(ERROR_INVALID_OPERATIO
 /// Time for the subsystem's last thread to leave its code before that is unmapped.
 constexpr DWORD kUnloadDelayMs = 100;
 
-using ClassObjectReference = Basalt::CComReference<ITxSvcClassObject>;
-
 /// DllGetClassObject, with an exception turned into a status.
-HRESULT GetClassObject(
+HRESULT AskForClassObject(
     LPFNGETCLASSOBJECT getClassObject, const CLSID& clsid, ITxSvcClassObject** object) noexcept
 {
     HRESULT result = kExceptionResult;
@@ -335,7 +333,7 @@ bool CTxSvcHostProxy::GetSubsystem(const std::wstring& name, CSubsystemHolder& h
     // From here on the module stays loaded, also on failure: it has run code of its own.
     const CStopwatch sinceCreate;
     ITxSvcClassObject* classObject = nullptr;
-    HRESULT result = GetClassObject(getClassObject, clsid, &classObject);
+    HRESULT result = AskForClassObject(getClassObject, clsid, &classObject);
     if (FAILED(result))
     {
         TX_LOG(LogError, kFunction, L"DllGetClassObject failed (0x%08X)", result);

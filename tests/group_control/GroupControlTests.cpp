@@ -16,6 +16,7 @@
 #include "base/Text.h"
 #include "control/UpdateManager.h"
 #include "subsystems/TestSubsystemIds.h"
+#include "support/ComReference.h"
 #include "support/GroupRunner.h"
 #include "support/HandleCount.h"
 #include "support/HostLog.h"
@@ -333,7 +334,7 @@ TEST_F(GroupControlTest, ManyCallsLeaveNothingButManagersBehind)
     const auto create = [&classObject](REFIID iid) {
         IUnknown* object = nullptr;
         const HRESULT result = classObject.Get()->CreateObject(iid, reinterpret_cast<void**>(&object));
-        const Basalt::CComReference<IUnknown> reference(object);
+        const CComReference<IUnknown> reference(object);
         return result;
     };
     const struct

@@ -3,8 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "ServiceRun.h"
-
-using Basalt::CComReference;
+#include "support/ComReference.h"
 
 namespace
 {

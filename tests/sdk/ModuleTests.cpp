@@ -4,9 +4,7 @@
 #include <new>
 
 #include "TxSubsystemModule.h"
-#include "base/Owned.h"
-
-using Basalt::CComReference;
+#include "support/ComReference.h"
 
 namespace
 {

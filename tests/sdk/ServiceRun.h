@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "TxSvcSubsystem.h"
-#include "base/Owned.h"
+#include "support/ComReference.h"
 #include "support/ImportPatch.h"
 
 /// Stands in for the service control manager in this executable: records handlers and reports.
@@ -73,7 +73,7 @@ private:
 class CServiceRun
 {
 public:
-    CServiceRun(Basalt::CComReference<ITxSvcSubsystem> subsystem, std::wstring name)
+    CServiceRun(CComReference<ITxSvcSubsystem> subsystem, std::wstring name)
         : m_name(std::move(name)), m_subsystem(std::move(subsystem))
     {
         m_thread = std::thread([this] {
@@ -118,7 +118,7 @@ public:
 
 private:
     std::wstring m_name;
-    Basalt::CComReference<ITxSvcSubsystem> m_subsystem;
+    CComReference<ITxSvcSubsystem> m_subsystem;
     HRESULT m_returned = E_PENDING;
     DWORD m_result = 0;
     std::thread m_thread;

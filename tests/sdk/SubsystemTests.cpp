@@ -7,6 +7,7 @@
 
 #include "ServiceRun.h"
 #include "TxSubsystemModule.h"
+#include "support/ComReference.h"
 
 namespace
 {
@@ -32,7 +33,7 @@ private:
     void OnStop() override { onStop ? onStop(*this) : CSubsystem::OnStop(); }
 };
 
-Basalt::CComReference<ITxSvcSubsystem> MakeService(
+CComReference<ITxSvcSubsystem> MakeService(
     decltype(CScriptedService::onStart) onStart = {},
     decltype(CScriptedService::run) run = {},
     decltype(CScriptedService::onStop) onStop = {})
@@ -41,7 +42,7 @@ Basalt::CComReference<ITxSvcSubsystem> MakeService(
     service->onStart = std::move(onStart);
     service->run = std::move(run);
     service->onStop = std::move(onStop);
-    return Basalt::CComReference<ITxSvcSubsystem>(service);
+    return CComReference<ITxSvcSubsystem>(service);
 }
 
 /// The reported states, a letter each: S start pending, R running, P stop pending, X stopped.

@@ -6,10 +6,10 @@
 #include <string>
 
 #include "TxSvcGroupControl.h"
-#include "base/Owned.h"
+#include "support/ComReference.h"
 
-using ClassObject = Basalt::CComReference<ITxSvcClassObject>;
-using GroupControl = Basalt::CComReference<ITxSvcSubsystemControlManager>;
+using ClassObject = CComReference<ITxSvcClassObject>;
+using GroupControl = CComReference<ITxSvcSubsystemControlManager>;
 
 /// A TxSvHostPS.dll, registered by its own entry points for the scope.
 class CProxyRegistration

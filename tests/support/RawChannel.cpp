@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "support/ComReference.h"
 #include "support/Errors.h"
 
 namespace
@@ -58,7 +59,7 @@ public:
     void STDMETHODCALLTYPE Disconnect() override { channel.Reset(); }
 
     CDelegate delegate;
-    Basalt::CComReference<IRpcChannelBuffer> channel;
+    CComReference<IRpcChannelBuffer> channel;
 };
 
 CRawChannel::CRawChannel(REFIID iid) : m_iid(iid), m_factory(new CFactory)
