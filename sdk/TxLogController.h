@@ -8,6 +8,8 @@
 /// points below must be exported under their names; "DllAddRef" and "DllRelease", without arguments, may be:
 /// they are called after the load and before the unload.
 ///
+/// A library that records in the folder of the logs takes it with TxLogSecurity.h.
+///
 /// Names are borrowed for the call; the host's is "WSS". Every entry point returns 0 or a Win32 error code;
 /// the host goes on whatever it is. Threads: any. Exceptions must not leave an entry point.
 

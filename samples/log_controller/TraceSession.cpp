@@ -67,27 +67,6 @@ HANDLE MakeMutex(const std::wstring& name)
     return mutex;
 }
 
-/// Creates the folder with its parents. Another process may be faster.
-DWORD MakeFolder(const std::wstring& folder)
-{
-    if (::CreateDirectoryW(folder.c_str(), nullptr) || ::GetLastError() == ERROR_ALREADY_EXISTS)
-    {
-        return ERROR_SUCCESS;
-    }
-    const DWORD error = ::GetLastError();
-    const std::size_t backslash = folder.rfind(L'\\');
-    if (error != ERROR_PATH_NOT_FOUND || backslash == std::wstring::npos)
-    {
-        return error;
-    }
-    const DWORD status = MakeFolder(folder.substr(0, backslash));
-    if (status != ERROR_SUCCESS || ::CreateDirectoryW(folder.c_str(), nullptr))
-    {
-        return status;
-    }
-    return ::GetLastError() == ERROR_ALREADY_EXISTS ? DWORD{ERROR_SUCCESS} : ::GetLastError();
-}
-
 } // namespace
 
 /// Keeps the other processes out for its scope, so that starting, joining and stopping do not cross.
@@ -176,7 +155,7 @@ DWORD CTraceSession::Start()
     DWORD status = turn.Status();
     if (status == ERROR_SUCCESS)
     {
-        status = MakeFolder(m_folder);
+        status = m_heldFolder.Take(m_folder);
     }
     bool others = false;
     if (status == ERROR_SUCCESS)
@@ -192,6 +171,10 @@ DWORD CTraceSession::Start()
     {
         m_users = openUsers(FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE);
         status = m_users == INVALID_HANDLE_VALUE ? ::GetLastError() : DWORD{ERROR_SUCCESS};
+    }
+    if (status != ERROR_SUCCESS)
+    {
+        m_heldFolder.Release();
     }
     return status;
 }
@@ -243,6 +226,7 @@ DWORD CTraceSession::Stop()
     const CTurn turn(m_name);
     ::CloseHandle(m_users);
     m_users = INVALID_HANDLE_VALUE;
+    m_heldFolder.Release();
     if (turn.Status() != ERROR_SUCCESS)
     {
         return turn.Status();

@@ -1,6 +1,11 @@
 #include "logging/Logging.h"
 
+#include <windows.h>
+#include <sddl.h>
+
 #include <algorithm>
+#include <cstring>
+#include <cwchar>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
@@ -183,6 +188,88 @@ TEST_F(FileLoggerTest, MakesTheFolderWithItsParentsOrSwitchesItselfOff)
     }
     good->SetWriteGate([](CLogging&) { return false; });
     EXPECT_EQ(Log(*good, L"text"), 87u);
+}
+
+Text s_owner = nullptr;
+int s_linkAt = 0;
+int s_protected = 0;
+std::vector<std::wstring> s_debugger;
+
+BOOL WINAPI OwnerAsGiven(HANDLE, SECURITY_INFORMATION, PSECURITY_DESCRIPTOR target, DWORD, DWORD* size)
+{
+    PSECURITY_DESCRIPTOR made = nullptr;
+    EXPECT_TRUE(::ConvertStringSecurityDescriptorToSecurityDescriptorW(s_owner, 1, &made, size));
+    std::memcpy(target, made, *size);
+    ::LocalFree(made);
+    return TRUE;
+}
+
+BOOL WINAPI LinkAsGiven(HANDLE folder, BY_HANDLE_FILE_INFORMATION* information)
+{
+    RealFunction<decltype(LinkAsGiven)>("GetFileInformationByHandle")(folder, information);
+    information->dwFileAttributes |= --s_linkAt == 0 ? FILE_ATTRIBUTE_REPARSE_POINT : 0;
+    return TRUE;
+}
+
+BOOL WINAPI CountProtected(Text path, SECURITY_ATTRIBUTES* security)
+{
+    SECURITY_DESCRIPTOR_CONTROL control = 0;
+    DWORD revision = 0;
+    const BOOL isMade = RealFunction<decltype(CountProtected)>("CreateDirectoryW")(path, security);
+    s_protected += isMade && security != nullptr &&
+                   ::GetSecurityDescriptorControl(security->lpSecurityDescriptor, &control, &revision) &&
+                   (control & SE_DACL_PROTECTED) != 0;
+    return isMade;
+}
+
+TEST_F(FileLoggerTest, TakesOnlyADefaultFolderThatNoUserCouldHaveMade)
+{
+    // Who owns folder and parent, which of the two is a link (or whether both are elsewhere), the error.
+    const std::tuple<Text, int, bool, Text> rows[] = {
+        {L"O:SY", 0, false, L""},
+        {L"O:BA", 0, false, L""},
+        {L"O:NS", 0, false, L""},
+        {L"O:S-1-5-80-1-2-3-4-5", 0, false, L""},
+        {L"O:BU", 0, false, L"(error 1307)"},
+        {L"O:S-1-5-21-1-2-3-1001", 0, false, L"(error 1307)"},
+        {L"O:SY", 1, false, L"(error 267)"},
+        {L"O:SY", 2, false, L"(error 267)"},
+        {L"O:SY", 0, true, L"(error 267)"}};
+    const CDataFolder data;
+    const std::wstring folder = data.File(L"Tarvex\\Log");
+    const CImportPatch debugger("OutputDebugStringW", +[](Text text) { s_debugger.emplace_back(text); });
+    {
+        const CImportPatch rights("CreateDirectoryW", &CountProtected);
+        Write(*Make(100, 1, true, folder.c_str()), 1); // Its own.
+        EXPECT_EQ(s_protected, 2);
+    }
+    const CImportPatch patches[] = {
+        {"GetKernelObjectSecurity", &OwnerAsGiven}, {"GetFileInformationByHandle", &LinkAsGiven}};
+    for (const auto& [owner, linkAt, isElsewhere, error] : rows)
+    {
+        SCOPED_TRACE(testing::Message() << owner << linkAt);
+        const CImportPatch path(
+            isElsewhere ? "GetFinalPathNameByHandleW" : "",
+            +[](HANDLE, wchar_t* text, DWORD, DWORD) -> DWORD { return std::wcscpy(text, L"\\x"), 2; });
+        s_owner = owner;
+        s_linkAt = linkAt;
+        s_debugger.clear();
+        const auto logger = Make(100, 1, true, folder.c_str());
+        const DWORD status = *error == L'\0' ? ERROR_SUCCESS : ERROR_INVALID_PARAMETER;
+        EXPECT_EQ(Log(*logger, L"text"), status);
+        EXPECT_EQ(Log(*logger, L"text"), status);
+        EXPECT_EQ(logger->IsStarted(), status == ERROR_SUCCESS);
+        EXPECT_EQ(s_debugger.size(), status == ERROR_SUCCESS ? 0u : 1u);
+        EXPECT_TRUE(s_debugger.empty() || s_debugger[0].find(error) != std::wstring::npos);
+        EXPECT_NE(::MoveFileW(folder.c_str(), (folder + L"2").c_str()) != FALSE, status == ERROR_SUCCESS);
+        ::MoveFileW((folder + L"2").c_str(), folder.c_str());
+    }
+    s_owner = L"O:BU";
+    Write(*Make(100, 1), 1); // Its administrator's affair, but for a link.
+    const CImportPatch link(
+        "GetFileAttributesW",
+        +[](Text) { return DWORD{FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT}; });
+    EXPECT_EQ(Log(*Make(100, 1), L"text"), 87u);
 }
 
 TEST_F(FileLoggerTest, RotatesByTheEntriesOfAllWriters)
