@@ -7,8 +7,9 @@
 #include <string>
 
 /// @file
-/// Keeps ordinary users out of what hosts and log controllers share: the folder of the logs. A user may have
-/// made it before the first host does, or put a link in its place. Link with advapi32.
+/// Keeps ordinary users out of what hosts and log controllers share: the folder of the logs, and mutexes. A
+/// user may have made them before the first host does, or put a link in the folder's place. Link with
+/// advapi32.
 
 namespace TxSdk
 {
@@ -125,6 +126,25 @@ inline DWORD MakeFolder(wchar_t* folder, SECURITY_ATTRIBUTES* security)
 }
 
 } // namespace Detail
+
+/// Creates or opens a mutex of the processes that write logs. SYSTEM and the administrators have all rights
+/// to it, the service accounts may wait for it and release it.
+/// @return owned by the caller; null when it cannot be had, with the reason as the last error:
+///         ERROR_INVALID_OWNER when somebody else made it, who could then hold it for ever.
+[[nodiscard]] inline HANDLE OpenLogMutex(const wchar_t* name) noexcept
+{
+    Detail::CSecurityAttributes security(
+        L"D:(A;;0x1F0001;;;SY)(A;;0x1F0001;;;BA)(A;;0x120001;;;LS)(A;;0x120001;;;NS)(A;;0x120001;;;SU)");
+    const HANDLE mutex =
+        ::CreateMutexExW(security.Get(), name, 0, READ_CONTROL | SYNCHRONIZE | MUTEX_MODIFY_STATE);
+    if (mutex != nullptr && ::GetLastError() == ERROR_ALREADY_EXISTS && !IsOwnerTrusted(mutex))
+    {
+        ::CloseHandle(mutex);
+        ::SetLastError(ERROR_INVALID_OWNER);
+        return nullptr;
+    }
+    return mutex;
+}
 
 /// The folder of the logs, made when it is missing.
 ///

@@ -1,7 +1,5 @@
 #include "TraceSession.h"
 
-#include <sddl.h>
-
 #include <cstring>
 #include <vector>
 
@@ -48,32 +46,14 @@ private:
     std::vector<BYTE> m_memory; // Zeroed, and aligned as any object may want it.
 };
 
-/// All rights for SYSTEM and administrators; the service accounts may wait for the mutex and release it.
-constexpr wchar_t kMutexSecurity[] =
-    L"D:(A;;0x1F0001;;;SY)(A;;0x1F0001;;;BA)(A;;0x100001;;;LS)(A;;0x100001;;;NS)(A;;0x100001;;;SU)";
-
-HANDLE MakeMutex(const std::wstring& name)
-{
-    SECURITY_ATTRIBUTES security{sizeof(security), nullptr, FALSE};
-    if (!::ConvertStringSecurityDescriptorToSecurityDescriptorW(
-            kMutexSecurity, SDDL_REVISION_1, &security.lpSecurityDescriptor, nullptr))
-    {
-        return nullptr;
-    }
-    const HANDLE mutex = ::CreateMutexExW(&security, name.c_str(), 0, SYNCHRONIZE | MUTEX_MODIFY_STATE);
-    const DWORD error = ::GetLastError();
-    ::LocalFree(security.lpSecurityDescriptor);
-    ::SetLastError(error);
-    return mutex;
-}
-
 } // namespace
 
 /// Keeps the other processes out for its scope, so that starting, joining and stopping do not cross.
 class CTraceSession::CTurn
 {
 public:
-    explicit CTurn(const std::wstring& sessionName) : m_mutex(MakeMutex(L"Global\\" + sessionName))
+    explicit CTurn(const std::wstring& sessionName)
+        : m_mutex(TxSdk::OpenLogMutex((L"Global\\" + sessionName).c_str()))
     {
         if (m_mutex == nullptr)
         {

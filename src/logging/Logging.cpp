@@ -100,7 +100,17 @@ try
     m_file.SetPath(FullPath(Basalt::FormatText(L"%s\\%s", m_folder.c_str(), m_fileName.c_str())));
     if (m_useMutex)
     {
-        m_mutex.Create(m_file.GetPath());
+        const DWORD status = m_mutex.Create(m_file.GetPath());
+        if (status != ERROR_SUCCESS)
+        {
+            static_cast<void>(
+                Log(L"Logging",
+                    L"CLogging::Activate",
+                    __LINE__,
+                    LogWarning,
+                    Basalt::FormatText(L"Log mutex cannot be used: error %u, the file is not rotated", status)
+                        .c_str()));
+        }
     }
     m_watch.Start(*this, m_settings);
 }
@@ -168,10 +178,7 @@ bool CLogging::firstUseGate(CLogging& logger)
             L"Logging",
             L"CLogging::firstUseGate",
             __LINE__,
-            Basalt::FormatText(
-                L"Log folder '%s' cannot be used (error %u): no text log is written",
-                logger.m_folder.c_str(),
-                status)
+            Basalt::FormatText(L"Log folder '%s' cannot be used: error %u", logger.m_folder.c_str(), status)
                 .c_str());
     }
     return false;
