@@ -144,7 +144,7 @@ TRACEHANDLE WINAPI PlayGetTraceLoggerHandle(void* /*buffer*/)
 
 UCHAR WINAPI PlayGetTraceEnableLevel(TRACEHANDLE /*session*/)
 {
-    return LogError;
+    return TRACE_LEVEL_ERROR;
 }
 
 ULONG WINAPI PlayGetTraceEnableFlags(TRACEHANDLE /*session*/)
@@ -319,7 +319,7 @@ void MeasureMutex(ordered_json& report)
 {
     constexpr int kCalls = 4000;
     CLogMutex mutex;
-    mutex.Create(L"C:\\logging_bench");
+    static_cast<void>(mutex.Create(L"C:\\logging_bench"));
     const Basalt::CStopwatch watch;
     for (int i = 0; i < kCalls; ++i)
     {

@@ -8,6 +8,8 @@
 /// points below must be exported under their names; "DllAddRef" and "DllRelease", without arguments, may be:
 /// they are called after the load and before the unload.
 ///
+/// A library that records in the folder of the logs takes it with TxLogSecurity.h.
+///
 /// Names are borrowed for the call; the host's is "WSS". Every entry point returns 0 or a Win32 error code;
 /// the host goes on whatever it is. Threads: any. Exceptions must not leave an entry point.
 
@@ -15,8 +17,9 @@ namespace TxSdk
 {
 
 /// The provider that the session enables; sdk/TxSvHostEvents.mof describes its events. The session's level,
-/// when not 0, replaces the configured threshold; its flags, when not 0, hold a bit 1 << (level - 1) for each
-/// level wanted.
+/// when not 0, replaces the configured threshold: 1 critical messages, 2 errors too, 3 or 4 warnings too, 5
+/// or more all, as with Windows' own providers. Its flags, when not 0, hold a bit 1 << (level - 1) for each
+/// of the log's own levels wanted. Information always passes.
 inline constexpr GUID kLogEventProvider = {
     0x3B5C1D0E, 0x7A42, 0x4F86, {0x9D, 0x21, 0x6C, 0x88, 0x15, 0xE0, 0x4B, 0x7F}};
 

@@ -27,18 +27,6 @@ public:
     CLockGuard& operator=(const CLockGuard&) = delete;
 };
 
-DWORD LogFolder(std::wstring& folder)
-{
-    wchar_t path[MAX_PATH] = {};
-    const DWORD length = ::GetEnvironmentVariableW(L"ProgramData", path, MAX_PATH);
-    if (length == 0 || length >= MAX_PATH)
-    {
-        return ERROR_ENVVAR_NOT_FOUND;
-    }
-    folder = std::wstring(path) + L"\\Tarvex\\Log";
-    return ERROR_SUCCESS;
-}
-
 /// The name becomes part of file and object names.
 bool IsUsable(const wchar_t* application) noexcept
 {
@@ -49,14 +37,12 @@ bool IsUsable(const wchar_t* application) noexcept
 DWORD StartSession(const wchar_t* application) noexcept
 try
 {
-    std::wstring folder;
-    const DWORD status = IsUsable(application) ? LogFolder(folder) : DWORD{ERROR_INVALID_PARAMETER};
-    if (status != ERROR_SUCCESS)
+    if (!IsUsable(application))
     {
-        return status;
+        return ERROR_INVALID_PARAMETER;
     }
     const CLockGuard guard;
-    return g_sessions.try_emplace(application, folder, application).first->second.Start();
+    return g_sessions.try_emplace(application, TxSdk::DefaultLogFolder(), application).first->second.Start();
 }
 catch (const std::exception&)
 {

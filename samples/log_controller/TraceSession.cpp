@@ -1,7 +1,5 @@
 #include "TraceSession.h"
 
-#include <sddl.h>
-
 #include <cstring>
 #include <vector>
 
@@ -48,53 +46,14 @@ private:
     std::vector<BYTE> m_memory; // Zeroed, and aligned as any object may want it.
 };
 
-/// All rights for SYSTEM and administrators; the service accounts may wait for the mutex and release it.
-constexpr wchar_t kMutexSecurity[] =
-    L"D:(A;;0x1F0001;;;SY)(A;;0x1F0001;;;BA)(A;;0x100001;;;LS)(A;;0x100001;;;NS)(A;;0x100001;;;SU)";
-
-HANDLE MakeMutex(const std::wstring& name)
-{
-    SECURITY_ATTRIBUTES security{sizeof(security), nullptr, FALSE};
-    if (!::ConvertStringSecurityDescriptorToSecurityDescriptorW(
-            kMutexSecurity, SDDL_REVISION_1, &security.lpSecurityDescriptor, nullptr))
-    {
-        return nullptr;
-    }
-    const HANDLE mutex = ::CreateMutexExW(&security, name.c_str(), 0, SYNCHRONIZE | MUTEX_MODIFY_STATE);
-    const DWORD error = ::GetLastError();
-    ::LocalFree(security.lpSecurityDescriptor);
-    ::SetLastError(error);
-    return mutex;
-}
-
-/// Creates the folder with its parents. Another process may be faster.
-DWORD MakeFolder(const std::wstring& folder)
-{
-    if (::CreateDirectoryW(folder.c_str(), nullptr) || ::GetLastError() == ERROR_ALREADY_EXISTS)
-    {
-        return ERROR_SUCCESS;
-    }
-    const DWORD error = ::GetLastError();
-    const std::size_t backslash = folder.rfind(L'\\');
-    if (error != ERROR_PATH_NOT_FOUND || backslash == std::wstring::npos)
-    {
-        return error;
-    }
-    const DWORD status = MakeFolder(folder.substr(0, backslash));
-    if (status != ERROR_SUCCESS || ::CreateDirectoryW(folder.c_str(), nullptr))
-    {
-        return status;
-    }
-    return ::GetLastError() == ERROR_ALREADY_EXISTS ? DWORD{ERROR_SUCCESS} : ::GetLastError();
-}
-
 } // namespace
 
 /// Keeps the other processes out for its scope, so that starting, joining and stopping do not cross.
 class CTraceSession::CTurn
 {
 public:
-    explicit CTurn(const std::wstring& sessionName) : m_mutex(MakeMutex(L"Global\\" + sessionName))
+    explicit CTurn(const std::wstring& sessionName)
+        : m_mutex(TxSdk::OpenLogMutex((L"Global\\" + sessionName).c_str()))
     {
         if (m_mutex == nullptr)
         {
@@ -176,7 +135,7 @@ DWORD CTraceSession::Start()
     DWORD status = turn.Status();
     if (status == ERROR_SUCCESS)
     {
-        status = MakeFolder(m_folder);
+        status = m_heldFolder.Take(m_folder);
     }
     bool others = false;
     if (status == ERROR_SUCCESS)
@@ -192,6 +151,10 @@ DWORD CTraceSession::Start()
     {
         m_users = openUsers(FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE);
         status = m_users == INVALID_HANDLE_VALUE ? ::GetLastError() : DWORD{ERROR_SUCCESS};
+    }
+    if (status != ERROR_SUCCESS)
+    {
+        m_heldFolder.Release();
     }
     return status;
 }
@@ -243,6 +206,7 @@ DWORD CTraceSession::Stop()
     const CTurn turn(m_name);
     ::CloseHandle(m_users);
     m_users = INVALID_HANDLE_VALUE;
+    m_heldFolder.Release();
     if (turn.Status() != ERROR_SUCCESS)
     {
         return turn.Status();

@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "base/Text.h"
-#include "logging/SecurityAttributes.h"
 
 namespace ETWLogging
 {
@@ -12,34 +11,6 @@ namespace
 {
 
 constexpr wchar_t kByteOrderMark = L'\xFEFF';
-
-/// Protected: below the machine's data folder every user would else inherit the right to plant a file.
-/// System and administrators: all rights. The service accounts: write, rename, delete. Users: read. Whoever
-/// made a file keeps it.
-constexpr wchar_t kFolderSecurity[] =
-    L"D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;FA;;;OW)(A;OICI;0x1301BF;;;LS)(A;OICI;0x1301BF;;;NS)"
-    L"(A;OICI;0x1301BF;;;SU)(A;OICI;0x1200A9;;;BU)";
-
-bool IsFolder(const std::wstring& path) noexcept
-{
-    const DWORD attributes = ::GetFileAttributesW(path.c_str());
-    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
-}
-
-bool CreateFolder(const std::wstring& folder, SECURITY_ATTRIBUTES* security)
-{
-    if (::CreateDirectoryW(folder.c_str(), security))
-    {
-        return true;
-    }
-    const std::size_t backslash = folder.rfind(L'\\');
-    if (::GetLastError() != ERROR_PATH_NOT_FOUND || backslash == std::wstring::npos)
-    {
-        return IsFolder(folder);
-    }
-    return CreateFolder(folder.substr(0, backslash), nullptr) &&
-           (::CreateDirectoryW(folder.c_str(), security) || IsFolder(folder));
-}
 
 DWORD LineFeedsIn(const wchar_t* text, std::size_t length) noexcept
 {
@@ -81,12 +52,6 @@ DWORD LineFeedsBetween(HANDLE file, ULONGLONG from, ULONGLONG end)
 }
 
 } // namespace
-
-bool EnsureLogFolder(const std::wstring& folder)
-{
-    CSecurityAttributes security(kFolderSecurity);
-    return !folder.empty() && CreateFolder(folder, security.Get());
-}
 
 void CLogFile::SetRotation(DWORD entries, DWORD oldFiles) noexcept
 {

@@ -12,11 +12,6 @@
 namespace ETWLogging
 {
 
-/// Creates the folder with its missing parents; an existing one is fine. The folder itself (not the parents)
-/// is made such that all service accounts may write and rotate the files in it.
-/// @throws std::bad_alloc
-[[nodiscard]] bool EnsureLogFolder(const std::wstring& folder);
-
 /// The text file of one or many processes, and its rotation.
 ///
 /// A file that holds its number of entries (line feeds) is renamed from NAME.log to NAME.1.log, NAME.1.log

@@ -2,18 +2,14 @@
 
 #include <cstdint>
 
+#include "TxLogSecurity.h"
 #include "base/Text.h"
-#include "logging/SecurityAttributes.h"
 
 namespace ETWLogging
 {
 
 namespace
 {
-
-/// System and administrators: all rights. The service accounts: wait for it and release it.
-constexpr wchar_t kSecurity[] =
-    L"D:(A;;0x1F0001;;;SY)(A;;0x1F0001;;;BA)(A;;0x100001;;;LS)(A;;0x100001;;;NS)(A;;0x100001;;;SU)";
 
 std::wstring UpperCase(const std::wstring& text)
 {
@@ -44,22 +40,23 @@ std::uint64_t Hash(const std::wstring& text) noexcept
 
 } // namespace
 
-void CLogMutex::Create(const std::wstring& path)
+DWORD CLogMutex::Create(const std::wstring& path)
 {
     const std::uint64_t hash = Hash(UpperCase(path));
     const std::wstring name = Basalt::FormatText(
         L"Global\\Tarvex.Log.%08X%08X", static_cast<DWORD>(hash >> 32), static_cast<DWORD>(hash));
-    CSecurityAttributes security(kSecurity);
-    m_mutex.Reset(::CreateMutexExW(security.Get(), name.c_str(), 0, SYNCHRONIZE | MUTEX_MODIFY_STATE));
+    m_mutex.Reset(TxSdk::OpenLogMutex(name.c_str()));
+    return m_mutex ? DWORD{ERROR_SUCCESS} : ::GetLastError();
 }
 
-CLogMutex::CHold::CHold(const CLogMutex& mutex, DWORD waitMs) noexcept
+CLogMutex::CHold::CHold(CLogMutex& mutex, DWORD waitMs) noexcept
 {
     if (!mutex.m_mutex)
     {
         return;
     }
-    const DWORD result = ::WaitForSingleObject(mutex.m_mutex.Get(), waitMs);
+    const DWORD result = ::WaitForSingleObject(mutex.m_mutex.Get(), mutex.m_isOutOfReach ? 0 : waitMs);
+    mutex.m_isOutOfReach = result == WAIT_TIMEOUT;
     // Abandoned: its holder died while writing. The file is append-only, at worst one line is torn.
     if (result == WAIT_OBJECT_0 || result == WAIT_ABANDONED)
     {

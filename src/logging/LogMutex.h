@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include <atomic>
 #include <string>
 
 #include "base/Owned.h"
@@ -21,15 +22,17 @@ class CLogMutex
 public:
     /// Without success there is no mutex, and nobody waits.
     /// @param path full path of the log file.
+    /// @return 0, or the Win32 error: ERROR_INVALID_OWNER for a mutex that an ordinary user made first.
     /// @throws std::bad_alloc
-    void Create(const std::wstring& path);
+    [[nodiscard]] DWORD Create(const std::wstring& path);
 
     /// Tries to hold the mutex for its scope, and goes on without it after a time: a message that is late is
-    /// worth less than a caller that is stuck.
+    /// worth less than a caller that is stuck. Who has waited in vain is not waited for again: until the
+    /// mutex is got, later tries of this process wait no time at all.
     class CHold
     {
     public:
-        CHold(const CLogMutex& mutex, DWORD waitMs) noexcept;
+        CHold(CLogMutex& mutex, DWORD waitMs) noexcept;
         ~CHold();
         CHold(const CHold&) = delete;
         CHold& operator=(const CHold&) = delete;
@@ -43,6 +46,7 @@ public:
 
 private:
     Basalt::CHandle m_mutex;
+    std::atomic<bool> m_isOutOfReach = false; ///< The last wait timed out.
 };
 
 } // namespace ETWLogging

@@ -4,6 +4,7 @@
 #include <exception>
 #include <memory>
 #include <optional>
+#include <string_view>
 
 #include "base/Owned.h"
 #include "base/Text.h"
@@ -21,7 +22,7 @@ bool IsDriveLetter(wchar_t letter) noexcept
     return (letter >= L'A' && letter <= L'Z') || (letter >= L'a' && letter <= L'z');
 }
 
-bool HasNone(const std::wstring& text, const wchar_t* forbidden) noexcept
+bool HasNone(std::wstring_view text, const wchar_t* forbidden) noexcept
 {
     for (const wchar_t character : text)
     {
@@ -99,7 +100,7 @@ DWORD LookAtFile(const std::wstring& path, bool& isText)
 
 bool IsAbsolutePath(const std::wstring& path) noexcept
 {
-    if (path.size() < 3 || !HasNone(path.substr(2), L"<>:\"|?*"))
+    if (path.size() < 3 || !HasNone(std::wstring_view(path).substr(2), L"<>:\"|?*"))
     {
         return false;
     }
@@ -119,11 +120,17 @@ bool IsLogTag(const std::wstring& tag) noexcept
     return !tag.empty() && HasNone(tag, L"$"); // Readers split the line there.
 }
 
-std::wstring LogIniPath()
+std::wstring ProgramPath()
 {
     constexpr DWORD kLongestPath = 32767;
     std::wstring path(kLongestPath, L'\0');
     path.resize(::GetModuleFileNameW(nullptr, path.data(), kLongestPath));
+    return path;
+}
+
+std::wstring LogIniPath()
+{
+    std::wstring path = ProgramPath();
     path.resize(path.rfind(L'\\') + 1);
     return path + kLogIniName;
 }
@@ -131,7 +138,7 @@ std::wstring LogIniPath()
 CLogSettingsReader::CLogSettingsReader(const std::wstring& iniPath, const wchar_t* keyPath)
     : m_iniPath(iniPath)
 {
-    openIni();
+    dropUnusableIni();
     const DWORD status = m_key.Open(HKEY_LOCAL_MACHINE, keyPath, KEY_READ);
     if (status != ERROR_SUCCESS && status != ERROR_FILE_NOT_FOUND)
     {
@@ -139,7 +146,7 @@ CLogSettingsReader::CLogSettingsReader(const std::wstring& iniPath, const wchar_
     }
 }
 
-void CLogSettingsReader::openIni()
+void CLogSettingsReader::dropUnusableIni()
 {
     bool isText = false;
     const DWORD status = LookAtFile(m_iniPath, isText);
@@ -191,7 +198,7 @@ LogSettingOrigin CLogSettingsReader::ReadNumber(const LogNumberSetting& setting,
     }
     DWORD number = 0;
     const DWORD status = m_key ? m_key.ReadDword(setting.name, number) : DWORD{ERROR_FILE_NOT_FOUND};
-    const bool isFound = isUsable(status, setting.IsValid(number), setting.name);
+    const bool isFound = acceptOrReport(status, setting.IsValid(number), setting.name);
     value = isFound ? number : setting.fallback;
     return isFound ? LogSettingOrigin::Registry : LogSettingOrigin::Default;
 }
@@ -209,7 +216,7 @@ LogSettingOrigin CLogSettingsReader::ReadText(const LogTextSetting& setting, std
         addProblem(setting.name, kLogIniName);
     }
     const DWORD status = m_key ? m_key.ReadString(setting.name, text) : DWORD{ERROR_FILE_NOT_FOUND};
-    if (!isUsable(status, setting.isValid(text), setting.name))
+    if (!acceptOrReport(status, setting.isValid(text), setting.name))
     {
         return LogSettingOrigin::Default;
     }
@@ -218,7 +225,7 @@ LogSettingOrigin CLogSettingsReader::ReadText(const LogTextSetting& setting, std
 }
 
 /// @param status of reading the registry value.
-bool CLogSettingsReader::isUsable(DWORD status, bool isValid, const wchar_t* name)
+bool CLogSettingsReader::acceptOrReport(DWORD status, bool isValid, const wchar_t* name)
 {
     const bool usable = status == ERROR_SUCCESS && isValid;
     if (!usable && status != ERROR_FILE_NOT_FOUND)

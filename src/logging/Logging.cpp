@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "base/Text.h"
+#include "logging/DefaultLoggingHandler.h"
 #include "logging/LogLine.h"
 
 namespace ETWLogging
@@ -32,20 +33,6 @@ catch (const std::exception&)
     return ERROR_OUTOFMEMORY;
 }
 
-/// The folder of all services' logs below the machine's data folder, below Windows' temporary folder should
-/// the environment lack the former.
-std::wstring DefaultFolder()
-{
-    wchar_t path[MAX_PATH] = {};
-    const DWORD length = ::GetEnvironmentVariableW(L"ProgramData", path, MAX_PATH);
-    if (length != 0 && length < MAX_PATH)
-    {
-        return Basalt::FormatText(L"%s\\Tarvex\\Log", path);
-    }
-    ::GetWindowsDirectoryW(path, MAX_PATH);
-    return Basalt::FormatText(L"%s\\Temp\\Tarvex\\Log", path);
-}
-
 /// The group's name, made fit for a file.
 std::wstring DefaultFileName(const wchar_t* group)
 {
@@ -63,9 +50,7 @@ std::wstring DefaultFileName(const wchar_t* group)
 /// File name of the running program without its extension.
 std::wstring ProgramName()
 {
-    constexpr DWORD kLongestPath = 32767;
-    std::wstring name(kLongestPath, L'\0');
-    name.resize(::GetModuleFileNameW(nullptr, name.data(), kLongestPath));
+    std::wstring name = ProgramPath();
     name.erase(0, name.rfind(L'\\') + 1);
     name.resize(std::min(name.size(), name.rfind(L'.')));
     return name;
@@ -95,7 +80,7 @@ try
     m_settings = ReadLogSettings();
     m_tag = m_settings.tag.empty() ? ProgramName() : m_settings.tag;
     m_fileName = m_settings.fileName.empty() ? DefaultFileName(m_group.c_str()) : m_settings.fileName;
-    m_folder = m_settings.folder.empty() ? DefaultFolder() : m_settings.folder;
+    m_folder = m_settings.folder.empty() ? TxSdk::DefaultLogFolder() : m_settings.folder;
     m_threshold = m_settings.threshold;
     m_options = m_settings.options;
     m_useMutex = m_settings.useMutex;
@@ -113,7 +98,17 @@ try
     m_file.SetPath(FullPath(Basalt::FormatText(L"%s\\%s", m_folder.c_str(), m_fileName.c_str())));
     if (m_useMutex)
     {
-        m_mutex.Create(m_file.GetPath());
+        const DWORD status = m_mutex.Create(m_file.GetPath());
+        if (status != ERROR_SUCCESS)
+        {
+            static_cast<void>(
+                Log(L"Logging",
+                    L"CLogging::Activate",
+                    __LINE__,
+                    LogWarning,
+                    Basalt::FormatText(L"Log mutex cannot be used: error %u, the file is not rotated", status)
+                        .c_str()));
+        }
     }
     m_watch.Start(*this, m_settings);
 }
@@ -143,7 +138,7 @@ DWORD CLogging::writeLine(
 {
     CLogFile::COpened opened;
     DWORD status = m_file.Open(alone, opened);
-    if (status == ERROR_PATH_NOT_FOUND && EnsureLogFolder(m_folder))
+    if (status == ERROR_PATH_NOT_FOUND && m_heldFolder.Take(m_folder) == ERROR_SUCCESS)
     {
         status = m_file.Open(alone, opened); // Somebody had removed the folder.
     }
@@ -164,14 +159,26 @@ DWORD CLogging::writeLine(
 
 bool CLogging::firstUseGate(CLogging& logger)
 {
-    if (EnsureLogFolder(logger.m_folder))
+    const DWORD status = logger.m_heldFolder.Take(logger.m_folder);
+    if (status == ERROR_SUCCESS)
     {
         logger.m_gate = &CLogging::openGate;
         return true;
     }
-    logger.m_fileLogging = false;
+    const bool isFirst = logger.m_fileLogging.exchange(false);
     logger.m_gate = &CLogging::closedGate;
     logger.m_threshold = kNoLevel;
+    if (isFirst)
+    {
+        // To the debugger: the process has no other logger.
+        Basalt::DefaultLoggingHandler().Handle(
+            LogWarning,
+            L"Logging",
+            L"CLogging::firstUseGate",
+            __LINE__,
+            Basalt::FormatText(L"Log folder '%s' cannot be used: error %u", logger.m_folder.c_str(), status)
+                .c_str());
+    }
     return false;
 }
 

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <string>
 
+#include "TxLogSecurity.h"
 #include "logging/LogFile.h"
 #include "logging/LogMutex.h"
 #include "logging/LogSettings.h"
@@ -31,7 +32,7 @@ public:
     DWORD Start() noexcept override { return ERROR_SUCCESS; }
     DWORD Stop() noexcept override { return ERROR_SUCCESS; }
     DWORD Flush() noexcept override { return ERROR_SUCCESS; }
-    /// False once the folder could not be made: the logger has then switched itself off.
+    /// False once the folder could not be made or was refused: the logger has then switched itself off.
     [[nodiscard]] bool IsStarted() const noexcept override { return m_fileLogging; }
     [[nodiscard]] const wchar_t* GetGroup() const noexcept override { return m_group.c_str(); }
     [[nodiscard]] const wchar_t* GetHost() const noexcept override { return m_host.c_str(); }
@@ -84,6 +85,7 @@ private:
     std::wstring m_fileName;
     DWORD m_processId = ::GetCurrentProcessId();
     bool m_useMutex = true;
+    TxSdk::CLogFolder m_heldFolder;
     CLogMutex m_mutex;
     CLogFile m_file;
 

@@ -1,6 +1,11 @@
 #include "logging/Logging.h"
 
+#include <windows.h>
+#include <sddl.h>
+
 #include <algorithm>
+#include <cstring>
+#include <cwchar>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
@@ -13,6 +18,7 @@
 #include <vector>
 
 #include "base/ObfuscatedRegKey.h"
+#include "base/Text.h"
 #include "logging/LogLine.h"
 #include "support/ImportPatch.h"
 #include "support/Process.h"
@@ -92,7 +98,7 @@ DWORD Probe(const std::wstring& arguments)
 }
 
 DWORD s_waitResult = WAIT_TIMEOUT;
-DWORD s_waitedMs = 0;
+std::vector<DWORD> s_waitedMs;
 std::vector<std::wstring> s_mutexNames;
 
 struct FileLoggerTest : ::testing::Test
@@ -185,6 +191,82 @@ TEST_F(FileLoggerTest, MakesTheFolderWithItsParentsOrSwitchesItselfOff)
     EXPECT_EQ(Log(*good, L"text"), 87u);
 }
 
+Text s_owner = nullptr;
+int s_linkAt = 0;
+int s_unprotected = 0;
+std::wstring s_debugger;
+
+BOOL WINAPI OwnerAsGiven(HANDLE, SECURITY_INFORMATION, PSECURITY_DESCRIPTOR target, DWORD, DWORD* size)
+{
+    PSECURITY_DESCRIPTOR made = nullptr;
+    EXPECT_TRUE(::ConvertStringSecurityDescriptorToSecurityDescriptorW(s_owner, 1, &made, size));
+    std::memcpy(target, made, *size);
+    ::LocalFree(made);
+    return TRUE;
+}
+
+BOOL WINAPI LinkAsGiven(HANDLE folder, BY_HANDLE_FILE_INFORMATION* information)
+{
+    RealFunction<decltype(LinkAsGiven)>("GetFileInformationByHandle")(folder, information);
+    information->dwFileAttributes |= --s_linkAt == 0 ? FILE_ATTRIBUTE_REPARSE_POINT : 0;
+    return TRUE;
+}
+
+BOOL WINAPI CountUnprotected(Text path, SECURITY_ATTRIBUTES* security)
+{
+    s_unprotected += security == nullptr;
+    return RealFunction<decltype(CountUnprotected)>("CreateDirectoryW")(path, security);
+}
+
+TEST_F(FileLoggerTest, TakesOnlyADefaultFolderThatNoUserCouldHaveMade)
+{
+    // Who owns folder and parent; which of the two is a link, 3 for a folder that is elsewhere; the error.
+    const std::tuple<Text, int, DWORD> rows[] = {
+        {L"O:SY", 0, 0},
+        {L"O:BA", 0, 0},
+        {L"O:NS", 0, 0},
+        {L"O:S-1-5-80-1-2-3-4-5", 0, 0},
+        {L"O:BU", 0, 1307},
+        {L"O:S-1-5-21-1-2-3-1001", 0, 1307},
+        {L"O:SY", 1, 267},
+        {L"O:SY", 2, 267},
+        {L"O:SY", 3, 267}};
+    const CDataFolder data;
+    const std::wstring folder = data.File(L"Tarvex\\Log");
+    const CImportPatch rights("CreateDirectoryW", &CountUnprotected);
+    const CImportPatch debugger("OutputDebugStringW", +[](Text text) { s_debugger += text; });
+    Write(*Make(100, 1, true, folder.c_str()), 1); // Its own.
+    EXPECT_EQ(s_unprotected, 0);
+    const CImportPatch patches[] = {
+        {"GetKernelObjectSecurity", &OwnerAsGiven}, {"GetFileInformationByHandle", &LinkAsGiven}};
+    for (const auto& [owner, linkAt, error] : rows)
+    {
+        SCOPED_TRACE(testing::Message() << owner << linkAt);
+        const CImportPatch path(
+            linkAt == 3 ? "GetFinalPathNameByHandleW" : "",
+            +[](HANDLE, wchar_t* text, DWORD, DWORD) -> DWORD { return std::wcscpy(text, L"\\x"), 2; });
+        s_owner = owner;
+        s_linkAt = linkAt;
+        s_debugger.clear();
+        const auto logger = Make(100, 1, true, folder.c_str());
+        EXPECT_EQ(Log(*logger, L"text"), error == 0 ? 0u : 87u);
+        EXPECT_EQ(Log(*logger, L"text") == 0, logger->IsStarted());
+        EXPECT_EQ(
+            s_debugger,
+            error == 0
+                ? L""
+                : Basalt::FormatText(L"Log folder '%s' cannot be used: error %u", folder.c_str(), error));
+        EXPECT_EQ(::MoveFileW(folder.c_str(), (folder + L"2").c_str()), error != 0) << "held";
+        ::MoveFileW((folder + L"2").c_str(), folder.c_str());
+    }
+    s_owner = L"O:BU";
+    Write(*Make(100, 1), 1); // Its administrator's affair, but for a link.
+    const CImportPatch link(
+        "GetFileAttributesW",
+        +[](Text) { return DWORD{FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT}; });
+    EXPECT_EQ(Log(*Make(100, 1), L"text"), 87u);
+}
+
 TEST_F(FileLoggerTest, RotatesByTheEntriesOfAllWriters)
 {
     const auto first = Make(10, 3);
@@ -238,16 +320,18 @@ TEST_F(FileLoggerTest, WithoutTheMutexItGoesOnButDoesNotRotate)
     const auto logger = Make(3, 1);
     const auto unserialised = Make(3, 1, false);
     const CImportPatch patch(
-        "WaitForSingleObject", +[](HANDLE, DWORD ms) { return s_waitedMs = ms, s_waitResult; });
+        "WaitForSingleObject", +[](HANDLE, DWORD ms) {
+            ms % 7000 == 0 ? s_waitedMs.push_back(ms) : void(); // Not those of the watching thread.
+            return s_waitResult;
+        });
     Write(*logger, 2);
     s_waitResult = WAIT_FAILED;
     Write(*logger, 2);
-    EXPECT_EQ(s_waitedMs, 7000u);
+    EXPECT_EQ(s_waitedMs, (std::vector<DWORD>{7000, 0, 0, 7000})) << "once in vain, not again at once";
     EXPECT_EQ(LineCounts(), Counts{4});
 
-    s_waitedMs = 0;
     Write(*unserialised, 2); // Told to do without, it rotates.
-    EXPECT_EQ(s_waitedMs, 0u);
+    EXPECT_EQ(s_waitedMs.size(), 4u);
     EXPECT_EQ(LineCounts(), (Counts{2, 4}));
 }
 
@@ -263,27 +347,32 @@ TEST_F(FileLoggerTest, AMutexWhoseHolderDiedIsHeldAgain)
     EXPECT_EQ(LineCounts(), (Counts{1, 3}));
 }
 
-TEST_F(FileLoggerTest, EachFileHasItsMutexHoweverItsPathIsSpelt)
+HANDLE WINAPI RecordMutex(SECURITY_ATTRIBUTES* security, Text name, DWORD flags, DWORD access)
 {
-    const CImportPatch patch(
-        "CreateMutexExW", +[](SECURITY_ATTRIBUTES* security, Text name, DWORD, DWORD access) -> HANDLE {
-            EXPECT_TRUE(security != nullptr && access == DWORD{SYNCHRONIZE | MUTEX_MODIFY_STATE});
-            s_mutexNames.emplace_back(name);
-            return nullptr;
-        });
+    EXPECT_NE(security, nullptr);
+    s_mutexNames.emplace_back(name);
+    return RealFunction<decltype(RecordMutex)>("CreateMutexExW")(security, name, flags, access);
+}
+
+TEST_F(FileLoggerTest, EachFileHasItsMutexHoweverItsPathIsSpeltUnlessAnotherUserHasMadeIt)
+{
+    const CImportPatch patch("CreateMutexExW", &RecordMutex);
     std::wstring upper = m_folder.Path();
     std::transform(upper.begin(), upper.end(), upper.begin(), ::towupper);
-
     Make(3, 1);
     Make(3, 1, true, (upper + L"\\.").c_str());
     const auto other = Make(3, 1, true, m_folder.File(L"2").c_str());
-
     ASSERT_EQ(s_mutexNames.size(), 3u);
     EXPECT_EQ(s_mutexNames[0], s_mutexNames[1]);
     EXPECT_NE(s_mutexNames[0], s_mutexNames[2]);
     EXPECT_EQ(s_mutexNames[0].substr(0, 7), L"Global\\");
-    Write(*other, 4); // No mutex could be made: it never rotates.
-    EXPECT_FALSE(Exists(m_folder.File(L"2\\shared.1.log")));
+
+    s_owner = L"O:BU";
+    const CImportPatch owner("GetKernelObjectSecurity", &OwnerAsGiven);
+    Write(*Make(3, 1, true, m_folder.File(L"2").c_str()), 4);
+    const std::vector<std::wstring> lines = ReadLines(m_folder.File(L"2\\shared.log"));
+    ASSERT_EQ(lines.size(), 5u) << "never rotated, and said so";
+    EXPECT_NE(lines[0].find(L"error 1307"), std::wstring::npos);
 }
 
 BOOL WINAPI DiskIsFull(HANDLE file, LPCVOID data, DWORD, LPDWORD written, LPOVERLAPPED)

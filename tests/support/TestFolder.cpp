@@ -20,6 +20,17 @@ CTestFolder::~CTestFolder()
     std::filesystem::remove_all(m_path, ignored);
 }
 
+CDataFolder::CDataFolder() : m_before(MAX_PATH, L'\0')
+{
+    m_before.resize(::GetEnvironmentVariableW(L"ProgramData", m_before.data(), MAX_PATH));
+    ::SetEnvironmentVariableW(L"ProgramData", Path().c_str());
+}
+
+CDataFolder::~CDataFolder()
+{
+    ::SetEnvironmentVariableW(L"ProgramData", m_before.c_str());
+}
+
 std::wstring BesideTest(const std::wstring& name)
 {
     std::wstring path(32768, L'\0');

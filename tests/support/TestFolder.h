@@ -19,6 +19,17 @@ private:
     std::wstring m_path;
 };
 
+/// Such a folder, which is %ProgramData% for this process meanwhile.
+class CDataFolder : public CTestFolder
+{
+public:
+    CDataFolder();
+    ~CDataFolder();
+
+private:
+    std::wstring m_before;
+};
+
 /// Full path of a file in the folder of the running test program, where all programs and DLLs of the build
 /// are.
 [[nodiscard]] std::wstring BesideTest(const std::wstring& name);

@@ -1,5 +1,7 @@
 #include <windows.h>
 
+#include <filesystem>
+#include <fstream>
 #include <nlohmann/json.hpp>
 
 #include "CtlTest.h"
@@ -17,7 +19,10 @@ namespace
 
 const std::wstring kLogPath = std::wstring(kProductKey32) + L"\\Logging";
 
-using LogCommandTest = CtlTest;
+struct LogCommandTest : CtlTest
+{
+    CDataFolder m_data;
+};
 
 TEST_F(LogCommandTest, WhatIsSetIsWhatTheLoggerReadsAndGetShows)
 {
@@ -63,6 +68,14 @@ TEST_F(LogCommandTest, WhatIsSetIsWhatTheLoggerReadsAndGetShows)
     EXPECT_TRUE(ETWLogging::LogProperties().GetControllerPath(L"WSS", controller));
     EXPECT_EQ(controller, L"c:\\x\\c.dll");
 
+    const std::wstring folder = m_data.File(L"Tarvex\\Log");
+    ASSERT_TRUE(::RemoveDirectoryW(folder.c_str())) << "the tool made it for the hosts";
+    std::ofstream(std::filesystem::path(folder)) << "no folder";
+    EXPECT_EQ(Run({L"log", L"set", L"mechanism", L"file"}).exitCode, 0) << "another one is configured";
+    EXPECT_EQ(Run({L"log", L"unset", L"folder"}).exitCode, 0);
+    EXPECT_NE(
+        Run({L"log", L"set", L"mechanism", L"file"}).error.find(L"cannot use log folder '" + folder),
+        std::wstring::npos);
     EXPECT_EQ(Run({L"log", L"set", L"mechanism", L"events"}).exitCode, 0);
     EXPECT_EQ(ETWLogging::ReadLogMechanism(), DWORD{2});
     EXPECT_NE(Run({L"log", L"unset", L"Level"}).out.find(L"is now 3"), std::wstring::npos);

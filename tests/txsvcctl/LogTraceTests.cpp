@@ -49,7 +49,7 @@ Bytes PayloadOf(DWORD level, const wchar_t* text)
              return callback(WMI_ENABLE_EVENTS, context, &size, &node);
          }},
         {"GetTraceLoggerHandle", +[](void*) { return TRACEHANDLE{1}; }},
-        {"GetTraceEnableLevel", +[](TRACEHANDLE) { return UCHAR{1}; }},
+        {"GetTraceEnableLevel", +[](TRACEHANDLE) { return UCHAR{TRACE_LEVEL_VERBOSE}; }},
         {"GetTraceEnableFlags", +[](TRACEHANDLE) { return ULONG{0}; }},
         {"TraceEvent", &CopyPayload}};
     ETWLogging::CETWLogging logger;

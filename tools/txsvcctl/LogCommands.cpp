@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "TxLogSecurity.h"
 #include "txsvcctl/LogShow.h"
 #include "txsvcctl/LogStore.h"
 #include "txsvcctl/LogTrace.h"
@@ -65,6 +66,13 @@ void SetLogSetting(const Arguments& arguments, IConsole& console)
     EnsureViewLink(arguments.replaceKey, console);
     store.Set(name, value);
     ReportChange(store, name, console);
+    if (IsSameName(name, L"mechanism") && IsSameName(value, L"file") &&
+        store.Get(L"folder").origin == LogSettingOrigin::Default)
+    {
+        // At once, before any user can make it. Last: whoever may not change the settings must not own it.
+        const std::wstring folder = TxSdk::DefaultLogFolder();
+        CheckStatus(TxSdk::CLogFolder().Take(folder), L"use log folder", folder);
+    }
 }
 
 void UnsetLogSetting(const Arguments& arguments, IConsole& console)

@@ -7,6 +7,7 @@
 #include <string_view>
 #include <utility>
 
+#include "TxLogSecurity.h"
 #include "base/Owned.h"
 #include "base/Text.h"
 #include "logging/LogSettings.h"
@@ -48,15 +49,6 @@ std::wstring FullPath(const std::wstring& path)
     return full;
 }
 
-/// The services' environment is expected to have the same folder there as that of this program.
-std::wstring Expanded(const std::wstring& text)
-{
-    std::wstring expanded(::ExpandEnvironmentStringsW(text.c_str(), nullptr, 0), L'\0');
-    ::ExpandEnvironmentStringsW(text.c_str(), expanded.data(), static_cast<DWORD>(expanded.size()));
-    expanded.resize(expanded.find(L'\0'));
-    return expanded;
-}
-
 Log ConfiguredLog(const std::optional<std::string>& ini, IConsole& console)
 {
     const CLogStore store = ini ? CLogStore(AbsolutePath(FromUtf8(*ini))) : CLogStore();
@@ -66,8 +58,9 @@ Log ConfiguredLog(const std::optional<std::string>& ini, IConsole& console)
     }
     const LogSettingReport folder = store.Get(L"folder");
     const bool isDefault = folder.origin == ETWLogging::LogSettingOrigin::Default;
+    // The services' environment is expected to have the same folder there as that of this program.
     return {
-        FullPath((isDefault ? Expanded(folder.value) : folder.value) + L"\\" + store.Get(L"file").value),
+        FullPath((isDefault ? TxSdk::DefaultLogFolder() : folder.value) + L"\\" + store.Get(L"file").value),
         static_cast<DWORD>(std::stoul(store.Get(L"old-files").value))};
 }
 
@@ -353,7 +346,7 @@ void CLogShow::Add(LogEntry entry)
     }
 }
 
-bool CLogShow::PieceIsRead()
+bool CLogShow::EndPiece()
 {
     if (!m_lines.empty())
     {
