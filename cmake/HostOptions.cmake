@@ -24,6 +24,20 @@ target_link_options(host_options INTERFACE
   $<$<AND:${is_clang},${is_release}>:-Wl,--icf=all>)
 target_link_libraries(host_options INTERFACE -lpthread)
 
+# lld would drop the unwind data of much of Debian's C++ library: exceptions could not pass through it.
+if(CMAKE_CXX_COMPILER_ID STREQUAL Clang)
+  set(repaired ${CMAKE_BINARY_DIR}/lib/libstdc++.a)
+  set(repair ${PROJECT_SOURCE_DIR}/cmake/repair-unwind-tables.py)
+  if(${repair} IS_NEWER_THAN ${repaired})
+    execute_process(COMMAND ${CMAKE_CXX_COMPILER} --target=${CMAKE_CXX_COMPILER_TARGET} -print-file-name=libstdc++.a
+      OUTPUT_VARIABLE library OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+    file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
+    execute_process(COMMAND python3 ${repair} ${library} ${repaired} COMMAND_ERROR_IS_FATAL ANY)
+    execute_process(COMMAND ${CMAKE_RANLIB} ${repaired} COMMAND_ERROR_IS_FATAL ANY)
+  endif()
+  target_link_directories(host_options INTERFACE ${CMAKE_BINARY_DIR}/lib)
+endif()
+
 if(HOST_TRAP_UNDEFINED)
   target_compile_options(host_options INTERFACE -fsanitize=undefined -fsanitize-trap=undefined)
 endif()

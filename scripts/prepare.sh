@@ -2,7 +2,7 @@
 
 # Everything that the build, the tests and the demo need from Debian 12.
 packages=(wine64 wine g++-mingw-w64-x86-64-posix mingw-w64-tools clang-19 lld-19 clang-tidy-19 clang-format-19
-    cmake ninja-build googletest osslsigncode openssl libcli11-dev nlohmann-json3-dev)
+    cmake ninja-build python3 googletest osslsigncode openssl libcli11-dev nlohmann-json3-dev)
 
 say() {
     if [ -t 1 ]; then printf '\n\033[1m== %s\033[0m\n' "$*"; else printf '\n== %s\n' "$*"; fi
@@ -17,7 +17,7 @@ install_missing_packages() {
     local missing=() package sudo=()
     if ! command -v dpkg-query >/dev/null || ! command -v apt-get >/dev/null; then
         # Not a Debian: fine as long as the programs are there.
-        for program in wine clang++-19 ld.lld-19 x86_64-w64-mingw32-windres cmake ninja osslsigncode; do
+        for program in wine python3 clang++-19 ld.lld-19 x86_64-w64-mingw32-windres cmake ninja osslsigncode; do
             command -v "$program" >/dev/null ||
                 fail "'$program' is missing and there is no apt to install it. Needed are: ${packages[*]}"
         done
