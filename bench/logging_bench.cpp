@@ -144,7 +144,7 @@ TRACEHANDLE WINAPI PlayGetTraceLoggerHandle(void* /*buffer*/)
 
 UCHAR WINAPI PlayGetTraceEnableLevel(TRACEHANDLE /*session*/)
 {
-    return LogError;
+    return TRACE_LEVEL_ERROR;
 }
 
 ULONG WINAPI PlayGetTraceEnableFlags(TRACEHANDLE /*session*/)

@@ -17,8 +17,9 @@ namespace TxSdk
 {
 
 /// The provider that the session enables; sdk/TxSvHostEvents.mof describes its events. The session's level,
-/// when not 0, replaces the configured threshold; its flags, when not 0, hold a bit 1 << (level - 1) for each
-/// level wanted.
+/// when not 0, replaces the configured threshold: 1 critical messages, 2 errors too, 3 or 4 warnings too, 5
+/// or more all, as with Windows' own providers. Its flags, when not 0, hold a bit 1 << (level - 1) for each
+/// of the log's own levels wanted. Information always passes.
 inline constexpr GUID kLogEventProvider = {
     0x3B5C1D0E, 0x7A42, 0x4F86, {0x9D, 0x21, 0x6C, 0x88, 0x15, 0xE0, 0x4B, 0x7F}};
 

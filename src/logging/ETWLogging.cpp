@@ -1,8 +1,8 @@
 #include "logging/ETWLogging.h"
 
-#include <algorithm>
 #include <cwchar>
 #include <exception>
+#include <iterator>
 
 #include "logging/EventRecord.h"
 #include "logging/LogSettings.h"
@@ -12,6 +12,28 @@ namespace ETWLogging
 
 namespace
 {
+
+/// Windows' number for a level, by which all viewers show how severe an event is; 0 for one without a name.
+UCHAR WindowsLevel(DWORD level) noexcept
+{
+    constexpr UCHAR kLevels[] = {
+        TRACE_LEVEL_NONE,
+        TRACE_LEVEL_VERBOSE,
+        TRACE_LEVEL_WARNING,
+        TRACE_LEVEL_INFORMATION,
+        TRACE_LEVEL_ERROR,
+        TRACE_LEVEL_CRITICAL,
+        TRACE_LEVEL_INFORMATION};
+    return level < std::size(kLevels) ? kLevels[level] : UCHAR{TRACE_LEVEL_NONE};
+}
+
+/// The threshold that a session asks for with its level; 0 for none.
+DWORD ThresholdFor(UCHAR windowsLevel) noexcept
+{
+    // Information passes in any case, so what Windows has between warnings and verbose adds nothing.
+    constexpr DWORD kThresholds[] = {0, LogCritical, LogError, LogWarning, LogWarning};
+    return windowsLevel < std::size(kThresholds) ? kThresholds[windowsLevel] : DWORD{LogNormal};
+}
 
 void SetField(MessageEvent& event, EventField field, const void* data, std::size_t size) noexcept
 {
@@ -96,7 +118,7 @@ DWORD CETWLogging::Stop() noexcept
 void CETWLogging::endSession() noexcept
 {
     m_session = 0;
-    m_sessionLevel = 0;
+    m_sessionThreshold = 0;
     m_sessionFlags = 0;
     updateGate();
 }
@@ -120,9 +142,9 @@ CETWLogging::onControl(WMIDPREQUESTCODE code, void* context, ULONG* /*size*/, vo
     {
         return ::GetLastError();
     }
-    logger.m_sessionLevel = ::GetTraceEnableLevel(session);
+    logger.m_sessionThreshold = ThresholdFor(::GetTraceEnableLevel(session));
     logger.m_sessionFlags = ::GetTraceEnableFlags(session);
-    logger.m_session = session; // Last: whoever sees the session sees its level and flags.
+    logger.m_session = session; // Last: whoever sees the session sees its threshold and flags.
     logger.updateGate();
     return ERROR_SUCCESS;
 }
@@ -163,8 +185,8 @@ void CETWLogging::updateGate() noexcept
 
 DWORD CETWLogging::GetThreshold() const noexcept
 {
-    const DWORD sessionLevel = m_sessionLevel;
-    return sessionLevel != 0 ? sessionLevel : m_threshold.load();
+    const DWORD sessionThreshold = m_sessionThreshold;
+    return sessionThreshold != 0 ? sessionThreshold : m_threshold.load();
 }
 
 DWORD CETWLogging::IsLevelEnabled(DWORD level) const noexcept
@@ -206,7 +228,7 @@ DWORD CETWLogging::LogEx(
     event.header.Flags = WNODE_FLAG_TRACED_GUID | WNODE_FLAG_USE_MOF_PTR;
     event.header.Guid = kMessageEventClass;
     event.header.Class.Type = kMessageEventType;
-    event.header.Class.Level = static_cast<UCHAR>(std::min<ULONG>(carriedLevel, 0xFF));
+    event.header.Class.Level = WindowsLevel(level);
     event.header.Class.Version = kMessageEventVersion;
     SetField(event, EventField::Level, &carriedLevel, sizeof(carriedLevel));
     SetText(event, EventField::File, file);

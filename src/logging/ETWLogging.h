@@ -18,7 +18,8 @@ namespace ETWLogging
 /// Without a session a message costs next to nothing.
 ///
 /// A session chooses the levels by the two numbers it enables the provider with:
-/// - its level, when not 0, is the threshold while the session is on;
+/// - its level, when not 0, stands for the threshold while the session is on, on Windows' scale: 1 for
+///   LogCritical, 2 for LogError, 3 and 4 for LogWarning, 5 and more for LogNormal;
 /// - its flags, when not 0, hold one bit for each level wanted, 1 << (level - 1).
 ///
 /// It writes no text lines: the option word and the application tag do not apply to it.
@@ -102,9 +103,9 @@ private:
 
     // Written by the control callback, which comes on any thread and may come inside Start: not under its
     // lock.
-    std::atomic<TRACEHANDLE> m_session = 0; ///< 0 when none listens.
-    std::atomic<DWORD> m_sessionLevel = 0;  ///< 0 when the session brings no threshold.
-    std::atomic<DWORD> m_sessionFlags = 0;  ///< 0 when the session wants all levels.
+    std::atomic<TRACEHANDLE> m_session = 0;    ///< 0 when none listens.
+    std::atomic<DWORD> m_sessionThreshold = 0; ///< 0 when the session brings none.
+    std::atomic<DWORD> m_sessionFlags = 0;     ///< 0 when the session wants all levels.
 
     Basalt::CLock m_gateLock; ///< Held for a moment, calling nobody: the control callback takes it too.
     CLevelGate* m_gate TX_GUARDED_BY(m_gateLock) = nullptr;

@@ -27,11 +27,12 @@ inline constexpr GUID kMessageEventClass = {
 /// Type of the message event (EVENT_TRACE_HEADER::Class.Type); Class.Version is kMessageEventVersion.
 inline constexpr UCHAR kMessageEventType = 1;
 inline constexpr USHORT kMessageEventVersion = 1;
+// Class.Level is Windows' number for the level, 1 (critical) to 5 (verbose), or 0 for a level without a name.
 
 /// The fields of a message event, in their order.
 enum class EventField : std::uint8_t
 {
-    Level,     ///< ULONG; LogInformation2 (6) travels as LogInformation (3)
+    Level,     ///< ULONG, a LogLevel; LogInformation2 (6) travels as LogInformation (3)
     File,      ///< UTF-16 with terminator, as all texts here
     Function,  ///< text
     Line,      ///< ULONG

@@ -22,7 +22,7 @@ struct Provider
     void* context;
     int registered, unregistered;
     ULONG status, flags;
-    UCHAR level;
+    UCHAR level, headerLevel;
     bool enableEarly;                 ///< inside RegisterTraceGuidsW
     std::vector<std::wstring> events; ///< the fields one after the other, as they stand in the trace
 } s_provider;
@@ -55,6 +55,8 @@ ULONG WINAPI FakeTraceEvent(TRACEHANDLE session, EVENT_TRACE_HEADER* header)
     EXPECT_EQ(header->Flags, ULONG{WNODE_FLAG_TRACED_GUID | WNODE_FLAG_USE_MOF_PTR});
     EXPECT_EQ(header->Guid, kMessageEventClass);
     EXPECT_EQ(header->Class.Type, kMessageEventType);
+    EXPECT_EQ(header->Class.Version, kMessageEventVersion);
+    s_provider.headerLevel = header->Class.Level;
     std::wstring event;
     for (const MOF_FIELD& field : reinterpret_cast<MessageEvent*>(header)->fields)
     {
@@ -85,19 +87,29 @@ std::wstring Field(DWORD number)
 
 TEST_F(EtwTest, AnEventCarriesTheMessageFieldByField)
 {
-    const std::tuple<DWORD, DWORD, const wchar_t*> table[] = {
-        {4, 4, L"text"}, {6, 3, L"text"}, {0, 0, L""}, {7, 7, L"text"}, {300, 300, nullptr}};
+    // The level, as a field, on Windows' scale in the header.
+    const std::tuple<DWORD, DWORD, UCHAR, const wchar_t*> table[] = {
+        {1, 1, 5, L"text"},
+        {2, 2, 3, L"text"},
+        {3, 3, 4, L"text"},
+        {4, 4, 2, L"text"},
+        {5, 5, 1, L"text"},
+        {6, 3, 4, L"text"},
+        {0, 0, 0, L""},
+        {7, 7, 0, L"text"},
+        {300, 300, 0, nullptr}};
     s_provider.enableEarly = true;
     ASSERT_EQ(m_logger.InitializeEx(nullptr, L"GROUP", 0, nullptr, 0), 0u);
     ASSERT_EQ(m_logger.Start(), 0u);
     const std::wstring ids = Field(::GetCurrentProcessId()) + Field(::GetCurrentThreadId());
     const std::wstring group = std::wstring(L"GROUP") + L'\0';
-    for (const auto& [level, carried, text] : table)
+    for (const auto& [level, carried, inHeader, text] : table)
     {
         EXPECT_EQ(m_logger.LogEx(level, text, text, 0x1234567, text), 0u);
         const std::wstring field = std::wstring(text == nullptr ? L"" : text) + L'\0';
         const std::wstring start = Field(carried) + field + field + Field(0x1234567);
         EXPECT_EQ(s_provider.events.back(), start + group + ids + field) << level;
+        EXPECT_EQ(s_provider.headerLevel, inHeader) << level;
     }
 }
 
@@ -109,14 +121,20 @@ TEST_F(EtwTest, TheSessionChoosesTheLevels)
         {true, 0, 0, 3, true, true}, // Information always passes.
         {true, 0, 0, 2, false, true},
         {true, 0, 0, MAXDWORD, true, true}, // Without sign.
-        {true, 1, 0, 1, true, true},
-        {true, 5, 0, 4, false, true},
-        {false, 1, 0, 1, false, false},
+        {true, 1, 0, 5, true, true},        // Windows' scale: critical.
+        {true, 1, 0, 4, false, true},
+        {true, 2, 0, 4, true, true},
+        {true, 2, 0, 2, false, true},
+        {true, 3, 0, 2, true, true},
+        {true, 4, 0, 1, false, true},
+        {true, 5, 0, 1, true, true},
+        {true, 255, 0, 1, true, true},
+        {false, 5, 0, 1, false, false},
         {false, 1, 0, 4, true, false},
-        {true, 1, 1U << 3, 4, true, true},
-        {true, 1, 1U << 3, 5, true, false},
-        {true, 1, 1U << 3, 3, true, true},  // Information reaches every session.
-        {true, 1, 1U << 3, 33, true, true}, // No flag stands for it.
+        {true, 5, 1U << 3, 4, true, true},
+        {true, 5, 1U << 3, 5, true, false},
+        {true, 5, 1U << 3, 3, true, true},  // Information reaches every session.
+        {true, 5, 1U << 3, 33, true, true}, // No flag stands for it.
     };
     CLevelGate gate;
     m_logger.SetLevelGate(&gate);

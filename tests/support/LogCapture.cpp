@@ -70,7 +70,7 @@ TRACEHANDLE WINAPI FakeGetTraceLoggerHandle(void* /*buffer*/)
 
 UCHAR WINAPI FakeGetTraceEnableLevel(TRACEHANDLE /*session*/)
 {
-    return 1;
+    return TRACE_LEVEL_VERBOSE;
 }
 
 ULONG WINAPI FakeGetTraceEnableFlags(TRACEHANDLE /*session*/)

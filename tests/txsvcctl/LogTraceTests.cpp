@@ -49,7 +49,7 @@ Bytes PayloadOf(DWORD level, const wchar_t* text)
              return callback(WMI_ENABLE_EVENTS, context, &size, &node);
          }},
         {"GetTraceLoggerHandle", +[](void*) { return TRACEHANDLE{1}; }},
-        {"GetTraceEnableLevel", +[](TRACEHANDLE) { return UCHAR{1}; }},
+        {"GetTraceEnableLevel", +[](TRACEHANDLE) { return UCHAR{TRACE_LEVEL_VERBOSE}; }},
         {"GetTraceEnableFlags", +[](TRACEHANDLE) { return ULONG{0}; }},
         {"TraceEvent", &CopyPayload}};
     ETWLogging::CETWLogging logger;
@@ -63,7 +63,8 @@ TEST(TraceMessage, IsReadBackFieldByFieldAndOnlyWhole)
 {
     const Bytes whole = PayloadOf(ETWLogging::LogError, L"the text");
 
-    const TxCtl::TraceMessage message = TxCtl::DecodeTraceMessage(whole.data(), whole.size()).value();
+    const TxCtl::TraceMessage message =
+        TxCtl::DecodeTraceMessage(whole.data(), whole.size()).value_or(TxCtl::TraceMessage{});
 
     EXPECT_EQ(message.level, ULONG{ETWLogging::LogError});
     EXPECT_EQ(message.file + message.function + message.group, L"C:\\src\\Source.cppCClass::MethodPLATFORM");
