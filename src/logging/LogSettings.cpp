@@ -4,6 +4,7 @@
 #include <exception>
 #include <memory>
 #include <optional>
+#include <string_view>
 
 #include "base/Owned.h"
 #include "base/Text.h"
@@ -21,7 +22,7 @@ bool IsDriveLetter(wchar_t letter) noexcept
     return (letter >= L'A' && letter <= L'Z') || (letter >= L'a' && letter <= L'z');
 }
 
-bool HasNone(const std::wstring& text, const wchar_t* forbidden) noexcept
+bool HasNone(std::wstring_view text, const wchar_t* forbidden) noexcept
 {
     for (const wchar_t character : text)
     {
@@ -99,7 +100,7 @@ DWORD LookAtFile(const std::wstring& path, bool& isText)
 
 bool IsAbsolutePath(const std::wstring& path) noexcept
 {
-    if (path.size() < 3 || !HasNone(path.substr(2), L"<>:\"|?*"))
+    if (path.size() < 3 || !HasNone(std::wstring_view(path).substr(2), L"<>:\"|?*"))
     {
         return false;
     }

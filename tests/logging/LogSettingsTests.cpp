@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "logging/Logging.h"
+#include "support/ImportPatch.h"
 #include "support/TestFolder.h"
 #include "support/TestKey.h"
 
@@ -136,6 +137,9 @@ TEST_F(LogSettingsTest, ATextIsTakenWhenItFitsItsUse)
             CLogSettingsReader(m_ini).ReadText(setting, found), isUsable ? kFromRegistry : kFromDefault);
         EXPECT_EQ(m_scrambled.DeleteValue(setting.name), 0u);
     }
+    const std::wstring path = L"D:\\more than a string without memory holds";
+    const CImportPatch noMemory("malloc", +[](std::size_t) -> void* { return nullptr; });
+    EXPECT_TRUE(IsAbsolutePath(path)); // Asked in a running host, which it must not end.
 }
 
 TEST_F(LogSettingsTest, AFileThatIsNoTextCountsAsAbsentAndIsReported)
