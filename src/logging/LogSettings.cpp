@@ -132,7 +132,7 @@ std::wstring LogIniPath()
 CLogSettingsReader::CLogSettingsReader(const std::wstring& iniPath, const wchar_t* keyPath)
     : m_iniPath(iniPath)
 {
-    openIni();
+    dropUnusableIni();
     const DWORD status = m_key.Open(HKEY_LOCAL_MACHINE, keyPath, KEY_READ);
     if (status != ERROR_SUCCESS && status != ERROR_FILE_NOT_FOUND)
     {
@@ -140,7 +140,7 @@ CLogSettingsReader::CLogSettingsReader(const std::wstring& iniPath, const wchar_
     }
 }
 
-void CLogSettingsReader::openIni()
+void CLogSettingsReader::dropUnusableIni()
 {
     bool isText = false;
     const DWORD status = LookAtFile(m_iniPath, isText);
@@ -192,7 +192,7 @@ LogSettingOrigin CLogSettingsReader::ReadNumber(const LogNumberSetting& setting,
     }
     DWORD number = 0;
     const DWORD status = m_key ? m_key.ReadDword(setting.name, number) : DWORD{ERROR_FILE_NOT_FOUND};
-    const bool isFound = isUsable(status, setting.IsValid(number), setting.name);
+    const bool isFound = acceptOrReport(status, setting.IsValid(number), setting.name);
     value = isFound ? number : setting.fallback;
     return isFound ? LogSettingOrigin::Registry : LogSettingOrigin::Default;
 }
@@ -210,7 +210,7 @@ LogSettingOrigin CLogSettingsReader::ReadText(const LogTextSetting& setting, std
         addProblem(setting.name, kLogIniName);
     }
     const DWORD status = m_key ? m_key.ReadString(setting.name, text) : DWORD{ERROR_FILE_NOT_FOUND};
-    if (!isUsable(status, setting.isValid(text), setting.name))
+    if (!acceptOrReport(status, setting.isValid(text), setting.name))
     {
         return LogSettingOrigin::Default;
     }
@@ -219,7 +219,7 @@ LogSettingOrigin CLogSettingsReader::ReadText(const LogTextSetting& setting, std
 }
 
 /// @param status of reading the registry value.
-bool CLogSettingsReader::isUsable(DWORD status, bool isValid, const wchar_t* name)
+bool CLogSettingsReader::acceptOrReport(DWORD status, bool isValid, const wchar_t* name)
 {
     const bool usable = status == ERROR_SUCCESS && isValid;
     if (!usable && status != ERROR_FILE_NOT_FOUND)

@@ -92,7 +92,8 @@ enum class LogSettingOrigin
     IniFile,
 };
 
-/// Reads single settings. Opens both places once: make a new object to see later changes.
+/// Reads single settings. The key is opened, and the file looked at, once: make a new object for one that
+/// comes or goes later.
 /// Threads: one. All operations may throw std::bad_alloc.
 class CLogSettingsReader
 {
@@ -110,9 +111,9 @@ public:
     [[nodiscard]] const std::wstring& Problems() const noexcept { return m_problems; }
 
 private:
-    void openIni();
+    void dropUnusableIni();
     [[nodiscard]] bool readIni(const wchar_t* name, std::wstring& text);
-    [[nodiscard]] bool isUsable(DWORD status, bool isValid, const wchar_t* name);
+    [[nodiscard]] bool acceptOrReport(DWORD status, bool isValid, const wchar_t* name);
     void addProblem(const wchar_t* what, const wchar_t* where);
 
     std::wstring m_iniPath; ///< Empty unless there is a file that can be used.

@@ -10,7 +10,7 @@ class App; // NOLINT(readability-identifier-naming): the library's own name.
 namespace TxCtl
 {
 
-/// Adds log set and log get, as AddServiceCommands adds the others.
+/// Adds "log" with all its commands, as AddServiceCommands adds the others.
 void AddLogCommands(CLI::App& app, IConsole& console);
 
 } // namespace TxCtl

@@ -67,7 +67,7 @@ bool CLogReader::ReadOn(bool isLast)
     {
         m_text.Pause(m_sink);
     }
-    return m_sink.PieceIsRead();
+    return m_sink.EndPiece();
 }
 
 /// The files that came after the current one, the oldest first; all when there is no current one.
@@ -148,7 +148,7 @@ bool CLogReader::readToEnd()
     {
         m_position += piece.size();
         m_text.Feed(piece.data(), piece.size(), m_sink);
-        if (!m_sink.PieceIsRead())
+        if (!m_sink.EndPiece())
         {
             return false;
         }

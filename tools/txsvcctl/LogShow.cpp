@@ -346,7 +346,7 @@ void CLogShow::Add(LogEntry entry)
     }
 }
 
-bool CLogShow::PieceIsRead()
+bool CLogShow::EndPiece()
 {
     if (!m_lines.empty())
     {

@@ -48,7 +48,7 @@ public:
 
 private:
     void Add(LogEntry entry) override;
-    bool PieceIsRead() override;
+    bool EndPiece() override;
 
     [[nodiscard]] bool isWanted(const LogEntry& entry) const;
     [[nodiscard]] bool isStopped() const noexcept;

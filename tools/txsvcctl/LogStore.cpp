@@ -122,14 +122,11 @@ std::wstring FormatFields(DWORD number)
     return text;
 }
 
-/// A path in the form that the logger takes; what is no path stays as it is, for the logger's rule to refuse.
+/// A path in the form that the logger takes; empty for what is none, which the logger's rule refuses.
 std::wstring NormalPath(std::wstring path)
 {
     std::replace(path.begin(), path.end(), L'/', L'\\');
-    // The logger would switch itself off over a name that Windows refuses.
-    const bool isUsable =
-        ETWLogging::IsAbsolutePath(path) && path.find_first_of(L"<>\"|?*") == std::wstring::npos;
-    return isUsable ? AbsolutePath(path) : std::wstring();
+    return ETWLogging::IsAbsolutePath(path) ? AbsolutePath(path) : std::wstring();
 }
 
 std::wstring SameText(std::wstring text)

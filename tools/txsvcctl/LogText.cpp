@@ -122,8 +122,8 @@ private:
     bool m_ranOut = false;
 };
 
-/// To the 24-hour clock.
-bool IsClockTime(SYSTEMTIME& time, bool isAfternoon) noexcept
+/// @return false when it is no time of the 12-hour clock.
+bool ConvertTo24Hours(SYSTEMTIME& time, bool isAfternoon) noexcept
 {
     constexpr WORD kNoon = 12;
     if (time.wHour == 0 || time.wHour > kNoon)
@@ -136,7 +136,7 @@ bool IsClockTime(SYSTEMTIME& time, bool isAfternoon) noexcept
 }
 
 /// Names, and the numbers that stand for levels without one.
-bool IsLevel(const std::wstring& name, DWORD& level)
+bool FindLevel(const std::wstring& name, DWORD& level)
 {
     for (level = ETWLogging::LogNormal; level <= ETWLogging::LogCritical; ++level)
     {
@@ -159,9 +159,9 @@ bool ReadHead(CCursor& cursor, LogEntry& entry)
         return false;
     }
     const bool isMorning = cursor.Skip(L"AM");
-    if (!(isMorning || cursor.Skip(L"PM")) || !IsClockTime(time, !isMorning) || !cursor.Skip(L"$ -- (") ||
-        !cursor.ReadTo(L')', entry.levelName) || !cursor.Skip(L")$") ||
-        !IsLevel(entry.levelName, entry.level))
+    if (!(isMorning || cursor.Skip(L"PM")) || !ConvertTo24Hours(time, !isMorning) ||
+        !cursor.Skip(L"$ -- (") || !cursor.ReadTo(L')', entry.levelName) || !cursor.Skip(L")$") ||
+        !FindLevel(entry.levelName, entry.level))
     {
         return false;
     }
@@ -270,7 +270,7 @@ std::optional<LogEntry> ParseLogLine(const std::wstring& line)
 void CLogText::Feed(const char* bytes, std::size_t size, ILogSink& sink)
 {
     m_bytes.append(bytes, size);
-    if (!knowsEncoding())
+    if (!findEncoding())
     {
         return;
     }
@@ -313,7 +313,7 @@ bool CLogText::TakeBack(std::size_t bytes)
 }
 
 /// By the mark, or by the first character, which is a digit in every log.
-bool CLogText::knowsEncoding()
+bool CLogText::findEncoding()
 {
     if (m_encoding == Encoding::Unknown && m_bytes.size() >= sizeof(wchar_t))
     {

@@ -31,9 +31,9 @@ public:
     virtual ~ILogSink() = default;
 
     virtual void Add(LogEntry entry) = 0;
-    /// Called after each piece of a file.
+    /// Called after each piece of a file: what was added may be handed on.
     /// @return false to read no further.
-    virtual bool PieceIsRead() = 0;
+    virtual bool EndPiece() = 0;
 };
 
 /// Takes a line apart that begins an entry. The "$" that ends a field may stand in texts too, so fields are
@@ -70,7 +70,7 @@ private:
         Narrow,
     };
 
-    [[nodiscard]] bool knowsEncoding();
+    [[nodiscard]] bool findEncoding();
     [[nodiscard]] std::size_t lineEnd(std::size_t begin) const;
     [[nodiscard]] std::wstring decode(std::size_t begin, std::size_t end) const;
     void addLine(const std::wstring& line, ILogSink& sink);
