@@ -120,11 +120,17 @@ bool IsLogTag(const std::wstring& tag) noexcept
     return !tag.empty() && HasNone(tag, L"$"); // Readers split the line there.
 }
 
-std::wstring LogIniPath()
+std::wstring ProgramPath()
 {
     constexpr DWORD kLongestPath = 32767;
     std::wstring path(kLongestPath, L'\0');
     path.resize(::GetModuleFileNameW(nullptr, path.data(), kLongestPath));
+    return path;
+}
+
+std::wstring LogIniPath()
+{
+    std::wstring path = ProgramPath();
     path.resize(path.rfind(L'\\') + 1);
     return path + kLogIniName;
 }

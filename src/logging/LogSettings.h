@@ -80,6 +80,10 @@ inline constexpr LogTextSetting kFileSetting = {L"Logging File", &IsLogFileName}
 inline constexpr wchar_t kControllerPathPrefix[] = L"Controller Path ";
 inline constexpr wchar_t kHostControllerPath[] = L"Controller Path WSS"; ///< The host's own.
 
+/// Full path of the running program.
+/// @throws std::bad_alloc
+[[nodiscard]] std::wstring ProgramPath();
+
 /// Full path of the settings file: beside the running program.
 /// @throws std::bad_alloc
 [[nodiscard]] std::wstring LogIniPath();

@@ -50,9 +50,7 @@ std::wstring DefaultFileName(const wchar_t* group)
 /// File name of the running program without its extension.
 std::wstring ProgramName()
 {
-    constexpr DWORD kLongestPath = 32767;
-    std::wstring name(kLongestPath, L'\0');
-    name.resize(::GetModuleFileNameW(nullptr, name.data(), kLongestPath));
+    std::wstring name = ProgramPath();
     name.erase(0, name.rfind(L'\\') + 1);
     name.resize(std::min(name.size(), name.rfind(L'.')));
     return name;
