@@ -63,7 +63,8 @@ TEST(TraceMessage, IsReadBackFieldByFieldAndOnlyWhole)
 {
     const Bytes whole = PayloadOf(ETWLogging::LogError, L"the text");
 
-    const TxCtl::TraceMessage message = TxCtl::DecodeTraceMessage(whole.data(), whole.size()).value();
+    const TxCtl::TraceMessage message =
+        TxCtl::DecodeTraceMessage(whole.data(), whole.size()).value_or(TxCtl::TraceMessage{});
 
     EXPECT_EQ(message.level, ULONG{ETWLogging::LogError});
     EXPECT_EQ(message.file + message.function + message.group, L"C:\\src\\Source.cppCClass::MethodPLATFORM");
