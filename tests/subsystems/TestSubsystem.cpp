@@ -34,9 +34,11 @@ void Crash()
 
 int OverflowStack(int depth)
 {
-    volatile int frame[1024] = {};
+    // Many pages, so that a probe meets the guard page: when a call does, Wine ends the thread.
+    volatile int frame[16384];
     frame[0] = depth;
-    return frame[1] != 0 ? 0 : OverflowStack(depth + 1) + frame[0]; // Not a tail call: each frame stays.
+    frame[16383] = depth;
+    return frame[0] < 0 ? 0 : OverflowStack(depth + 1) + frame[0]; // Not a tail call: each frame stays.
 }
 
 DWORD WINAPI IgnoreControl(DWORD, DWORD, void*, void*)
