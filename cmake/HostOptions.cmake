@@ -28,9 +28,9 @@ target_link_libraries(host_options INTERFACE -lpthread)
 if(CMAKE_CXX_COMPILER_ID STREQUAL Clang)
   set(repaired ${CMAKE_BINARY_DIR}/lib/libstdc++.a)
   set(repair ${PROJECT_SOURCE_DIR}/cmake/repair-unwind-tables.py)
-  if(${repair} IS_NEWER_THAN ${repaired})
-    execute_process(COMMAND ${CMAKE_CXX_COMPILER} --target=${CMAKE_CXX_COMPILER_TARGET} -print-file-name=libstdc++.a
-      OUTPUT_VARIABLE library OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+  execute_process(COMMAND ${CMAKE_CXX_COMPILER} --target=${CMAKE_CXX_COMPILER_TARGET} -print-file-name=libstdc++.a
+    OUTPUT_VARIABLE library OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+  if(${repair} IS_NEWER_THAN ${repaired} OR ${library} IS_NEWER_THAN ${repaired})
     file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
     execute_process(COMMAND python3 ${repair} ${library} ${repaired} COMMAND_ERROR_IS_FATAL ANY)
     execute_process(COMMAND ${CMAKE_RANLIB} ${repaired} COMMAND_ERROR_IS_FATAL ANY)

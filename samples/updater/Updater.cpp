@@ -96,9 +96,17 @@ bool StopGroup(ITxSvcSubsystemControlManager* control)
     return WaitForEnd(processId);
 }
 
+/// What a host answers that is just ending, or COM in its place.
+bool IsEnding(HRESULT result)
+{
+    return result == CO_E_SERVER_STOPPING || result == HRESULT_FROM_WIN32(RPC_S_SERVER_UNAVAILABLE) ||
+           result == RPC_E_DISCONNECTED || result == RPC_E_SERVER_DIED || result == RPC_E_SERVER_DIED_DNE;
+}
+
 /// All hosts register the same class, so it takes a new connection to reach the next one.
 bool StopAllGroups()
 {
+    int retriesLeft = 50;
     for (bool isFirst = true;; isFirst = false)
     {
         ITxSvcSubsystemControlManager* control = nullptr;
@@ -106,6 +114,11 @@ bool StopAllGroups()
         if (connected == REGDB_E_CLASSNOTREG && !isFirst)
         {
             return true;
+        }
+        if (IsEnding(connected) && retriesLeft-- > 0)
+        {
+            ::Sleep(100);
+            continue;
         }
         if (FAILED(connected))
         {

@@ -353,9 +353,13 @@ template <int Number>
 __declspec(noinline) HRESULT STDMETHODCALLTYPE
 CGuardedClassObject<Number>::CreateObject(REFIID iid, void** object) noexcept
 {
-    const CCall call;
+    const CCall call; // Before the caller is checked: the end of the process waits for that, too.
     if (!call)
     {
+        if (object != nullptr)
+        {
+            *object = nullptr;
+        }
         return CO_E_SERVER_STOPPING;
     }
     if (Basalt::CheckTrustedCode(TX_RETURN_ADDRESS()) != ERROR_SUCCESS)

@@ -106,10 +106,12 @@ DWORD CTxSvcHost::Start(int argc, wchar_t** argv)
     if (result != ERROR_SUCCESS)
     {
         TX_LOG(LogError, kFunction, L"SCM interface failed to start (Err=0x%08X)", result);
+        CTxSvcSubsystemControlManager::CloseCalls();
         return ERROR_INTERNAL_ERROR;
     }
     TX_LOG(LogNormal, kFunction, L"SCM stopped after %0.04fs", sinceStart.Seconds());
     CTxSvcSubsystemControlManager::CloseCalls(); // They use the configuration.
+    CTxSvcHostProxy::WaitForThreads();
 
     TX_LOG(LogNormal, kFunction, L"De-initializing working set reduction");
     DeInitializeWSS();

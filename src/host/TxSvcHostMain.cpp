@@ -41,17 +41,6 @@ void LogBanner(int argc, wchar_t** argv)
 
 int Run(int argc, wchar_t** argv)
 {
-    // A damaged module must fail to load, not put up a box that nobody can click away in a service's session.
-    ::SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOOPENFILEERRORBOX);
-
-    // Before and after all logging: it owns the session that receives the events.
-    const AutoLogController logController(L"WSS");
-
-    LoggingIdentity identity;
-    identity.group = L"PLATFORM";
-    identity.host = nullptr;
-    SetLoggingIdentity(identity);
-
     if (IsInstallingUpdate() != 0)
     {
         return ERROR_SUCCESS; // The installer stops and starts the group itself.
@@ -76,15 +65,26 @@ int Run(int argc, wchar_t** argv)
 
 int TxSvcHostMain(int argc, wchar_t** argv)
 {
+    // A damaged module must fail to load, not put up a box that nobody can click away in a service's session.
+    ::SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOOPENFILEERRORBOX);
+
+    // Before and after all logging: it owns the session that receives the events.
+    const AutoLogController logController(L"WSS");
+
+    LoggingIdentity identity;
+    identity.group = L"PLATFORM";
+    identity.host = nullptr;
+    SetLoggingIdentity(identity);
+
     try
     {
         return Run(argc, argv);
     }
     catch (const std::exception&)
     {
-        // Uncaught, it would end the process without undoing anything: neither host nor privileges nor log
-        // controller.
+        // Uncaught, it would end the process without undoing anything.
         TX_LOG(LogCritical, L"wmain", L"Out of memory, ending the process");
+        CTxSvcHostConfig::ReleaseInstance();
         return ERROR_OUTOFMEMORY;
     }
 }

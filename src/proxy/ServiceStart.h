@@ -16,6 +16,14 @@ public:
     /// The starts of a process that have not ended. Threads: any.
     class CList
     {
+    public:
+        [[nodiscard]] bool IsEmpty() noexcept TX_EXCLUDES(m_lock)
+        {
+            const Basalt::CLockGuard guard(m_lock);
+            return m_first == nullptr;
+        }
+
+    private:
         friend class CServiceStart;
         Basalt::CLock m_lock;
         CServiceStart* m_first TX_GUARDED_BY(m_lock) = nullptr;

@@ -33,6 +33,9 @@ constexpr HRESULT kExceptionResult = __HRESULT_FROM_WIN32(ERROR_INVALID_OPERATIO
 /// Time for the subsystem's last thread to leave its code before that is unmapped.
 constexpr DWORD kUnloadDelayMs = 100;
 
+/// Longer than any thread needs that is not stuck, the unload delay included.
+constexpr DWORD kThreadEndMs = 1000;
+
 /// DllGetClassObject, with an exception turned into a status.
 HRESULT AskForClassObject(
     LPFNGETCLASSOBJECT getClassObject, const CLSID& clsid, ITxSvcClassObject** object) noexcept
@@ -126,6 +129,16 @@ std::shared_ptr<CTxSvcHostProxy::Instance> CTxSvcHostProxy::currentInstance()
     Slot& shared = slot();
     const Basalt::CLockGuard guard(shared.lock);
     return shared.instance;
+}
+
+void CTxSvcHostProxy::WaitForThreads() noexcept
+{
+    const std::shared_ptr<Instance> instance = currentInstance();
+    for (DWORD waited = 0; instance != nullptr && !instance->starts.IsEmpty() && waited < kThreadEndMs;
+         ++waited)
+    {
+        ::Sleep(1);
+    }
 }
 
 void WINAPI CTxSvcHostProxy::GenericServiceMain(DWORD argc, LPWSTR* argv) noexcept

@@ -27,6 +27,10 @@ public:
     CTxSvcHostProxy(const CTxSvcHostProxy&) = delete;
     CTxSvcHostProxy& operator=(const CTxSvcHostProxy&) = delete;
 
+    /// When the dispatcher has returned: the last service has reported its end, but its thread may still be
+    /// releasing the subsystem. Gives such threads a second.
+    static void WaitForThreads() noexcept;
+
     /// @param argv the service's name, then the arguments given to StartServiceW.
     static void WINAPI GenericServiceMain(DWORD argc, LPWSTR* argv) noexcept;
 
