@@ -17,13 +17,13 @@ SC_HANDLE Open(DWORD error, void* object)
     return error == 0 ? static_cast<SC_HANDLE>(object) : nullptr;
 }
 
-SC_HANDLE WINAPI OpenManager(const wchar_t*, const wchar_t*, DWORD access)
+SC_HANDLE WINAPI FakeOpenManager(const wchar_t*, const wchar_t*, DWORD access)
 {
     g_scm->managerAccess = access;
     return Open(g_scm->error, g_scm);
 }
 
-SC_HANDLE WINAPI OpenService(SC_HANDLE, const wchar_t* name, DWORD access)
+SC_HANDLE WINAPI FakeOpenService(SC_HANDLE, const wchar_t* name, DWORD access)
 {
     g_scm->serviceAccess = access;
     const auto found = g_scm->services.find(name);
@@ -59,7 +59,7 @@ BOOL Look(SC_HANDLE handle, void* status, std::size_t size)
     return Finish(ServiceOf(handle).queryError);
 }
 
-BOOL WINAPI Control(SC_HANDLE handle, DWORD, SERVICE_STATUS* status)
+BOOL WINAPI FakeControl(SC_HANDLE handle, DWORD, SERVICE_STATUS* status)
 {
     const BOOL isDone = Call(handle);
     const DWORD error = ::GetLastError();
@@ -68,33 +68,33 @@ BOOL WINAPI Control(SC_HANDLE handle, DWORD, SERVICE_STATUS* status)
     return isDone;
 }
 
-BOOL WINAPI Start(SC_HANDLE handle, DWORD, const wchar_t**)
+BOOL WINAPI FakeStart(SC_HANDLE handle, DWORD, const wchar_t**)
 {
     return Call(handle);
 }
 
-BOOL WINAPI Query(SC_HANDLE handle, SERVICE_STATUS* status)
+BOOL WINAPI FakeQuery(SC_HANDLE handle, SERVICE_STATUS* status)
 {
     return Look(handle, status, sizeof(*status));
 }
 
-BOOL WINAPI QueryEx(SC_HANDLE handle, SC_STATUS_TYPE, BYTE* status, DWORD size, DWORD*)
+BOOL WINAPI FakeQueryEx(SC_HANDLE handle, SC_STATUS_TYPE, BYTE* status, DWORD size, DWORD*)
 {
     return Look(handle, status, size);
 }
 
-BOOL WINAPI Close(SC_HANDLE)
+BOOL WINAPI FakeClose(SC_HANDLE)
 {
     return --g_scm->opened >= 0;
 }
 
-void WINAPI Wait(DWORD milliseconds)
+void WINAPI FakeSleep(DWORD milliseconds)
 {
     g_scm->sleeps.push_back(milliseconds);
     g_scm->now += milliseconds;
 }
 
-ULONGLONG WINAPI Ticks()
+ULONGLONG WINAPI FakeTicks()
 {
     return g_scm->now;
 }
@@ -113,15 +113,15 @@ SERVICE_STATUS_PROCESS CFakeScm::State(DWORD state, DWORD processId, DWORD exitC
 
 CFakeScm::CFakeScm()
     : m_patches{
-          {"OpenSCManagerW", &OpenManager},
-          {"OpenServiceW", &OpenService},
-          {"ControlService", &Control},
-          {"StartServiceW", &Start},
-          {"QueryServiceStatus", &Query},
-          {"QueryServiceStatusEx", &QueryEx},
-          {"CloseServiceHandle", &Close},
-          {"Sleep", &Wait},
-          {"GetTickCount64", &Ticks}}
+          {"OpenSCManagerW", &FakeOpenManager},
+          {"OpenServiceW", &FakeOpenService},
+          {"ControlService", &FakeControl},
+          {"StartServiceW", &FakeStart},
+          {"QueryServiceStatus", &FakeQuery},
+          {"QueryServiceStatusEx", &FakeQueryEx},
+          {"CloseServiceHandle", &FakeClose},
+          {"Sleep", &FakeSleep},
+          {"GetTickCount64", &FakeTicks}}
 {
     g_scm = this;
 }
