@@ -1,0 +1,132 @@
+#include "support/FakeScm.h"
+
+#include <cstring>
+
+namespace
+{
+
+CFakeScm* g_scm = nullptr;
+
+using Entry = std::pair<const std::wstring, CFakeScm::Service>;
+
+/// The handle of a service is the address of its entry.
+SC_HANDLE Open(DWORD error, void* object)
+{
+    ::SetLastError(error);
+    g_scm->opened += error == 0 ? 1 : 0;
+    return error == 0 ? static_cast<SC_HANDLE>(object) : nullptr;
+}
+
+SC_HANDLE WINAPI FakeOpenManager(const wchar_t*, const wchar_t*, DWORD access)
+{
+    g_scm->managerAccess = access;
+    return Open(g_scm->error, g_scm);
+}
+
+SC_HANDLE WINAPI FakeOpenService(SC_HANDLE, const wchar_t* name, DWORD access)
+{
+    g_scm->serviceAccess = access;
+    const auto found = g_scm->services.find(name);
+    return found == g_scm->services.end() ? Open(ERROR_SERVICE_DOES_NOT_EXIST, nullptr)
+                                          : Open(found->second.openError, &*found);
+}
+
+CFakeScm::Service& ServiceOf(SC_HANDLE handle)
+{
+    return reinterpret_cast<Entry*>(handle)->second;
+}
+
+BOOL Finish(DWORD error)
+{
+    ::SetLastError(error);
+    return error == 0;
+}
+
+BOOL Call(SC_HANDLE handle)
+{
+    g_scm->calls.push_back(reinterpret_cast<Entry*>(handle)->first);
+    std::deque<DWORD>& errors = ServiceOf(handle).errors;
+    const DWORD error = errors.empty() ? 0 : errors.front();
+    errors.empty() ? void() : errors.pop_front();
+    return Finish(error);
+}
+
+BOOL Look(SC_HANDLE handle, void* status, std::size_t size)
+{
+    auto& states = ServiceOf(handle).states;
+    std::memcpy(status, &states.front(), size); // SERVICE_STATUS is the beginning of SERVICE_STATUS_PROCESS.
+    states.size() > 1 ? states.pop_front() : void();
+    return Finish(ServiceOf(handle).queryError);
+}
+
+BOOL WINAPI FakeControl(SC_HANDLE handle, DWORD, SERVICE_STATUS* status)
+{
+    const BOOL isDone = Call(handle);
+    const DWORD error = ::GetLastError();
+    isDone ? Look(handle, status, sizeof(*status)) : FALSE;
+    ::SetLastError(error);
+    return isDone;
+}
+
+BOOL WINAPI FakeStart(SC_HANDLE handle, DWORD, const wchar_t**)
+{
+    return Call(handle);
+}
+
+BOOL WINAPI FakeQuery(SC_HANDLE handle, SERVICE_STATUS* status)
+{
+    return Look(handle, status, sizeof(*status));
+}
+
+BOOL WINAPI FakeQueryEx(SC_HANDLE handle, SC_STATUS_TYPE, BYTE* status, DWORD size, DWORD*)
+{
+    return Look(handle, status, size);
+}
+
+BOOL WINAPI FakeClose(SC_HANDLE)
+{
+    return --g_scm->opened >= 0;
+}
+
+void WINAPI FakeSleep(DWORD milliseconds)
+{
+    g_scm->sleeps.push_back(milliseconds);
+    g_scm->now += milliseconds;
+}
+
+ULONGLONG WINAPI FakeTicks()
+{
+    return g_scm->now;
+}
+
+} // namespace
+
+SERVICE_STATUS_PROCESS CFakeScm::State(DWORD state, DWORD processId, DWORD exitCode, DWORD ownExitCode)
+{
+    SERVICE_STATUS_PROCESS status{};
+    status.dwCurrentState = state;
+    status.dwProcessId = processId;
+    status.dwWin32ExitCode = exitCode;
+    status.dwServiceSpecificExitCode = ownExitCode;
+    return status;
+}
+
+CFakeScm::CFakeScm()
+    : m_patches{
+          {"OpenSCManagerW", &FakeOpenManager},
+          {"OpenServiceW", &FakeOpenService},
+          {"ControlService", &FakeControl},
+          {"StartServiceW", &FakeStart},
+          {"QueryServiceStatus", &FakeQuery},
+          {"QueryServiceStatusEx", &FakeQueryEx},
+          {"CloseServiceHandle", &FakeClose},
+          {"Sleep", &FakeSleep},
+          {"GetTickCount64", &FakeTicks}}
+{
+    g_scm = this;
+}
+
+CFakeScm::~CFakeScm()
+{
+    g_scm = nullptr;
+}
