@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "TxLogController.h"
+#include "TxLogSecurity.h"
 
 namespace
 {
@@ -135,7 +136,7 @@ DWORD CTraceSession::Start()
     DWORD status = turn.Status();
     if (status == ERROR_SUCCESS)
     {
-        status = m_heldFolder.Take(m_folder);
+        status = TxSdk::TakeLogFolder(m_folder);
     }
     bool others = false;
     if (status == ERROR_SUCCESS)
@@ -151,10 +152,6 @@ DWORD CTraceSession::Start()
     {
         m_users = openUsers(FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE);
         status = m_users == INVALID_HANDLE_VALUE ? ::GetLastError() : DWORD{ERROR_SUCCESS};
-    }
-    if (status != ERROR_SUCCESS)
-    {
-        m_heldFolder.Release();
     }
     return status;
 }
@@ -206,7 +203,6 @@ DWORD CTraceSession::Stop()
     const CTurn turn(m_name);
     ::CloseHandle(m_users);
     m_users = INVALID_HANDLE_VALUE;
-    m_heldFolder.Release();
     if (turn.Status() != ERROR_SUCCESS)
     {
         return turn.Status();

@@ -66,6 +66,12 @@ ULONG WINAPI FakeEnable(ULONG enable, ULONG flags, ULONG level, LPCGUID provider
     return s_enableStatus;
 }
 
+/// Nothing belongs to anybody.
+DWORD WINAPI FakeSecurity(HANDLE, SE_OBJECT_TYPE, DWORD, PSID*, PSID*, PACL*, PACL*, PSECURITY_DESCRIPTOR*)
+{
+    return ERROR_SUCCESS;
+}
+
 using Calls = std::vector<std::wstring>;
 
 struct LogControllerSampleTest : ::testing::Test
@@ -148,8 +154,7 @@ TEST_F(LogControllerSampleTest, TheEntryPointsKeepOneSessionForEachName)
     EXPECT_EQ(Taken(), kBegun);
     EXPECT_EQ(FlushBuffers(L"B"), DWORD{ERROR_INVALID_STATE});
     EXPECT_EQ(FlushBuffers(L"A") + RestartSession(L"A") + Stop(0, L"A"), 0U);
-    const CImportPatch patch(
-        "GetKernelObjectSecurity", +[](HANDLE, DWORD, void*, DWORD, DWORD*) { return FALSE; });
+    const CImportPatch patch("GetSecurityInfo", &FakeSecurity);
     EXPECT_EQ(Start(L"A"), DWORD{ERROR_INVALID_OWNER}) << "whose folder is it?";
 }
 
