@@ -12,6 +12,8 @@
 
 #include "TraceSession.h"
 #include "TxLogController.h"
+#include "TxLogSecurity.h"
+#include "base/Owned.h"
 #include "base/Text.h"
 #include "logging/EventRecord.h"
 #include "support/ImportPatch.h"
@@ -137,7 +139,9 @@ TEST_F(LogControllerSampleTest, FailuresAreReturnedAndLeaveNoSession)
     EXPECT_EQ(session.Start(), DWORD{ERROR_NO_SYSTEM_RESOURCES});
     EXPECT_EQ(Taken().back(), kStopped[0]);
     s_enableStatus = ERROR_SUCCESS;
-    EXPECT_EQ(session.Start(), 0U);
+    const CImportPatch patch("GetSecurityInfo", &FakeSecurity);
+    const Basalt::CHandle mutex(TxSdk::OpenLogMutex(L"Global\\Tarvex.Log.A"));
+    EXPECT_EQ(session.Start(), 0U) << "though another user has made the mutex";
     EXPECT_EQ(session.Stop(), 0U);
     EXPECT_NE(CTraceSession(m_folder.File(L"A.etl\\below"), L"A").Start(), 0U) << "no folder";
 }
