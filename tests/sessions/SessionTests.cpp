@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
@@ -95,7 +96,8 @@ int wmain(int argc, wchar_t** argv)
     }
     for (const std::filesystem::path& path : files)
     {
-        const std::string name = path.stem().string();
+        std::string name = path.stem().string();
+        std::ranges::replace(name, '-', '_'); // A hyphen would split a filter.
         ::testing::RegisterTest("Session", name.c_str(), nullptr, nullptr, __FILE__, __LINE__, [path] {
             return new CSessionTest(path);
         });
