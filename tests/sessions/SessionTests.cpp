@@ -31,10 +31,11 @@ public:
             {
                 const std::size_t end = std::min(expected.find('\n', at), expected.size());
                 const std::string line = expected.substr(at, end - at);
+                const std::size_t text = expected.find_first_not_of('\n', at);
                 at = end + 1;
-                if (line.starts_with(kIndent))
+                if (text != std::string::npos && expected.compare(text, 4, kIndent) == 0)
                 {
-                    continue;
+                    continue; // An empty line was printed when printed text follows.
                 }
                 seen += line + "\n";
                 if (!line.empty() && line[0] != '#')
