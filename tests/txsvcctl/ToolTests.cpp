@@ -119,14 +119,23 @@ TEST(Console, GetsTheWholeTextOrHasFailed)
     }
 }
 
-TEST(Program, FailsWhenItsOutputIsLost)
+TEST(Program, HandsOnItsArgumentsAndResultsAsUtf8)
 {
-    const std::wstring program = BesideTest(L"txsvcctl.exe");
-    SECURITY_ATTRIBUTES inheritable{sizeof(inheritable), nullptr, TRUE};
-    const Basalt::CFile readOnly(::CreateFileW(
-        program.c_str(), GENERIC_READ, FILE_SHARE_READ, &inheritable, OPEN_EXISTING, 0, nullptr));
+    const std::wstring program = L"\"" + BesideTest(L"txsvcctl.exe") + L"\" ";
+    ProcessOutput output = RunForOutput(program + L"log get \"controller: \u4e2d\"");
+    EXPECT_EQ(output.out, "controller: \xE4\xB8\xAD   (searched for) (default)\r\n");
+    EXPECT_EQ(output.error, "");
+    EXPECT_EQ(output.exitCode, 0U);
+    output = RunForOutput(program + L"remove a \"\"");
+    EXPECT_EQ(output.out, "");
+    EXPECT_EQ(output.error, "txsvcctl: the service name is empty\r\n");
+    EXPECT_EQ(output.exitCode, 2U);
 
-    EXPECT_EQ(CProcess(L"\"" + program + L"\" --version", readOnly.Get()).Wait(), 1U);
+    SECURITY_ATTRIBUTES inheritable{sizeof(inheritable), nullptr, TRUE};
+    const std::wstring file = BesideTest(L"txsvcctl.exe");
+    const Basalt::CFile readOnly(
+        ::CreateFileW(file.c_str(), GENERIC_READ, FILE_SHARE_READ, &inheritable, OPEN_EXISTING, 0, nullptr));
+    EXPECT_EQ(CProcess(program + L"--version", readOnly.Get()).Wait(), 1U) << "the output is lost";
 }
 
 } // namespace
