@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <cwchar>
+#include <filesystem>
+#include <fstream>
 #include <iterator>
 #include <regex>
 #include <utility>
@@ -168,6 +170,7 @@ CSession::~CSession()
 {
     m_host.reset();
     m_groups.clear();
+    m_entries.clear();
     m_log.reset();
     ForgetProduct();
     for (const std::wstring& key : m_keys)
@@ -208,6 +211,22 @@ void CSession::dispatch(const Words& words)
     else if (is(L"show", 1))
     {
         showKey(words[1]);
+    }
+    else if (is(L"link", 2))
+    {
+        print(CreateRegistryLink(words[1].c_str(), words[2].c_str(), true, true) ? L"linked" : L"not linked");
+    }
+    else if (is(L"entry", 2))
+    {
+        m_entries.emplace_back(words[1], words[2], SERVICE_WIN32_OWN_PROCESS); // As of another program.
+    }
+    else if (is(L"entry", 1))
+    {
+        showEntry(words[1]);
+    }
+    else if (is(L"file", 1))
+    {
+        file(words);
     }
     else if (is(L"run", 1))
     {
@@ -269,6 +288,28 @@ void CSession::tool(const Words& arguments)
     if (code != 0)
     {
         print(L"= " + std::to_wstring(code));
+    }
+}
+
+/// What the service manager has of a service.
+void CSession::showEntry(const std::wstring& service)
+{
+    const auto entry = TxCtl::CServiceManager(SC_MANAGER_CONNECT).FindConfig(service);
+    print(
+        entry ? L"type " + std::to_wstring(entry->type) + L", start " + std::to_wstring(entry->startType) +
+                    L", " + entry->imagePath + L", " + entry->displayName
+              : L"no entry");
+}
+
+/// file PATH [LINE...], in UTF-8; without lines it is removed.
+void CSession::file(const Words& words)
+{
+    const std::filesystem::path path = words[1];
+    std::filesystem::create_directories(path.parent_path());
+    std::filesystem::remove(path);
+    for (auto line = words.begin() + 2; line != words.end(); ++line)
+    {
+        std::ofstream(path, std::ios::app) << Narrow(*line) << "\n";
     }
 }
 
@@ -421,13 +462,19 @@ std::wstring CSession::expand(std::wstring text) const
 
 std::string CSession::normalise(std::string text) const
 {
-    ReplaceAll<std::string>(text, Narrow(BesideTest(L"")), "{bin}");
-    ReplaceAll<std::string>(text, Narrow(m_folder.Path()), "{tmp}");
+    for (const auto& [path, name] : {std::pair{BesideTest(L""), "{bin}"}, {m_folder.Path(), "{tmp}"}})
+    {
+        std::string inJson = Narrow(path);
+        ReplaceAll<std::string>(text, inJson, name);
+        ReplaceAll<std::string>(inJson, "\\", "\\\\");
+        ReplaceAll<std::string>(text, inJson, name);
+    }
     for (const auto& [name, behaviour] : kBehaviours)
     {
         ReplaceAll<std::string>(
             text, Narrow(TestClsidText(behaviour)), Narrow(std::wstring(L"{") + name + L"}"));
     }
     text = std::regex_replace(text, std::regex("\\d+\\.\\d+s"), "#s");
+    text = std::regex_replace(text, std::regex("(error \\d+): [^.\n]+\\."), "$1: #."); // The system's text.
     return std::regex_replace(text, std::regex("process \\d+"), "process #");
 }

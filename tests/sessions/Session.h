@@ -36,6 +36,8 @@ private:
     void setClass(const Words& words);
     void setValue(const Words& words);
     void showKey(const std::wstring& path);
+    void showEntry(const std::wstring& service);
+    static void file(const Words& words);
     void start(const Words& words);
     void showState(const std::wstring& service);
     void showLog(bool isWhole);
@@ -43,10 +45,11 @@ private:
     [[nodiscard]] std::string normalise(std::string text) const;
     void print(const std::wstring& text) { m_out += text + L"\n"; }
 
-    CTestFolder m_folder;
+    CDataFolder m_folder;
     std::unique_ptr<CHostLog> m_log;
     std::size_t m_shownLines = 0;
     std::vector<std::unique_ptr<CTestGroup>> m_groups;
+    std::vector<CServiceScope> m_entries;
     std::vector<std::wstring> m_keys; ///< Removed at the end, below HKEY_LOCAL_MACHINE.
     std::unique_ptr<CGroupRunner> m_host;
     std::wstring m_out;

@@ -4,74 +4,45 @@
 #include <evntcons.h>
 #include <evntrace.h>
 
-#include <nlohmann/json.hpp>
+#include <gtest/gtest.h>
+#include <stdexcept>
 #include <vector>
 
 #include "CtlTest.h"
-#include "logging/ETWLogging.h"
 #include "logging/EventRecord.h"
 #include "support/ImportPatch.h"
-#include "support/Narrow.h"
+#include "txsvcctl/ToolError.h"
 
 namespace
 {
 
 using Bytes = std::vector<BYTE>;
 
-Bytes s_payload;
-
-ULONG WINAPI CopyPayload(TRACEHANDLE, EVENT_TRACE_HEADER* header)
+/// The data of an event as it stands in a trace.
+Bytes Payload(ULONG level, const std::wstring& message)
 {
-    s_payload.clear();
-    for (const MOF_FIELD& field : reinterpret_cast<ETWLogging::MessageEvent*>(header)->fields)
-    {
-        const auto* const data = reinterpret_cast<const BYTE*>(field.DataPtr);
-        s_payload.insert(s_payload.end(), data, data + field.Length);
-    }
-    return ERROR_SUCCESS;
+    Bytes data;
+    const auto add = [&data](const void* field, std::size_t size) {
+        const auto* const bytes = static_cast<const BYTE*>(field);
+        data.insert(data.end(), bytes, bytes + size);
+    };
+    const auto number = [&add](ULONG value) { add(&value, sizeof(value)); };
+    const auto text = [&add](const std::wstring& value) { add(value.c_str(), (value.size() + 1) * 2); };
+    number(level);
+    text(L"C:\\src\\Source.cpp");
+    text(L"CClass::Method");
+    number(12);
+    text(L"PLATFORM");
+    number(345);
+    number(678);
+    text(message);
+    return data;
 }
 
-/// The data of an event as it stands in a trace: what the real logger hands to TraceEvent.
-Bytes PayloadOf(DWORD level, const wchar_t* text)
+TEST(TraceMessage, IsReadBackOnlyWhole)
 {
-    const CImportPatch patches[] = {
-        {"RegisterTraceGuidsW",
-         +[](WMIDPREQUEST callback,
-             void* context,
-             const GUID*,
-             ULONG,
-             TRACE_GUID_REGISTRATION*,
-             LPCWSTR,
-             LPCWSTR,
-             TRACEHANDLE*) {
-             WNODE_HEADER node{};
-             ULONG size = sizeof(node);
-             return callback(WMI_ENABLE_EVENTS, context, &size, &node);
-         }},
-        {"GetTraceLoggerHandle", +[](void*) { return TRACEHANDLE{1}; }},
-        {"GetTraceEnableLevel", +[](TRACEHANDLE) { return UCHAR{TRACE_LEVEL_VERBOSE}; }},
-        {"GetTraceEnableFlags", +[](TRACEHANDLE) { return ULONG{0}; }},
-        {"TraceEvent", &CopyPayload}};
-    ETWLogging::CETWLogging logger;
-    logger.InitializeEx(nullptr, L"PLATFORM", 0, nullptr, 0);
-    logger.Start();
-    logger.LogEx(level, L"C:\\src\\Source.cpp", L"CClass::Method", 12, text);
-    return s_payload;
-}
-
-TEST(TraceMessage, IsReadBackFieldByFieldAndOnlyWhole)
-{
-    const Bytes whole = PayloadOf(ETWLogging::LogError, L"the text");
-
-    const TxCtl::TraceMessage message =
-        TxCtl::DecodeTraceMessage(whole.data(), whole.size()).value_or(TxCtl::TraceMessage{});
-
-    EXPECT_EQ(message.level, ULONG{ETWLogging::LogError});
-    EXPECT_EQ(message.file + message.function + message.group, L"C:\\src\\Source.cppCClass::MethodPLATFORM");
-    EXPECT_EQ(message.line, 12U);
-    EXPECT_EQ(message.processId, ::GetCurrentProcessId());
-    EXPECT_EQ(message.threadId, ::GetCurrentThreadId());
-    EXPECT_EQ(message.message, L"the text");
+    const Bytes whole = Payload(4, L"text");
+    EXPECT_TRUE(TxCtl::DecodeTraceMessage(whole.data(), whole.size()));
     for (std::size_t size = 0; size < whole.size(); ++size)
     {
         const Bytes cut(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size));
@@ -80,29 +51,45 @@ TEST(TraceMessage, IsReadBackFieldByFieldAndOnlyWhole)
     Bytes more = whole;
     more.push_back(0);
     EXPECT_FALSE(TxCtl::DecodeTraceMessage(more.data(), more.size()));
-    const Bytes hostile(1000, 0xFF);
-    EXPECT_FALSE(TxCtl::DecodeTraceMessage(hostile.data(), hostile.size()));
 }
 
-/// The system's side: what the file holds.
+/// The system's side: what the file holds, and what comes of reading it.
 std::vector<EVENT_RECORD> s_records;
 EVENT_TRACE_LOGFILEW s_opened{};
+ULONG s_status;
+int s_open;
 
-ULONG WINAPI PlayTrace(TRACEHANDLE*, ULONG, FILETIME*, FILETIME*)
+TRACEHANDLE WINAPI OpenTrace(EVENT_TRACE_LOGFILEW* trace)
 {
+    EXPECT_EQ(trace->ProcessTraceMode, ULONG{PROCESS_TRACE_MODE_EVENT_RECORD});
+    s_opened = *trace;
+    const bool isThere = trace->LogFileName == std::wstring(L"host.etl");
+    s_open += isThere;
+    ::SetLastError(ERROR_PATH_NOT_FOUND);
+    return isThere ? 7 : INVALID_PROCESSTRACE_HANDLE;
+}
+
+ULONG WINAPI PlayTrace(TRACEHANDLE* handle, ULONG count, FILETIME*, FILETIME*)
+{
+    EXPECT_EQ(*handle, count * 7);
     for (EVENT_RECORD& record : s_records)
     {
         record.UserContext = s_opened.Context;
         s_opened.EventRecordCallback(&record);
     }
-    return ERROR_SUCCESS;
+    return s_status;
 }
 
-EVENT_RECORD Record(Bytes& data, const GUID& eventClass = ETWLogging::kMessageEventClass)
+ULONG WINAPI CloseIt(TRACEHANDLE handle)
+{
+    s_open -= handle == 7;
+    return 0;
+}
+
+EVENT_RECORD Record(Bytes& data)
 {
     EVENT_RECORD record{};
-    record.EventHeader.Flags = EVENT_HEADER_FLAG_CLASSIC_HEADER;
-    record.EventHeader.ProviderId = eventClass;
+    record.EventHeader.ProviderId = ETWLogging::kMessageEventClass;
     record.EventHeader.EventDescriptor.Opcode = ETWLogging::kMessageEventType;
     record.EventHeader.EventDescriptor.Version = ETWLogging::kMessageEventVersion;
     const SYSTEMTIME noon = {2026, 11, 0, 24, 12, 30, 5, 7};
@@ -115,65 +102,83 @@ EVENT_RECORD Record(Bytes& data, const GUID& eventClass = ETWLogging::kMessageEv
     return record;
 }
 
-class LogTraceTest : public CtlTest
+TEST(LogTrace, PrintsTheHostsMessagesInLocalTimeAndCountsTheRest)
 {
-protected:
-    ~LogTraceTest() override { s_records.clear(); }
-};
-
-TEST_F(LogTraceTest, PrintsTheHostsMessagesAndCountsTheRest)
-{
-    Bytes warning = PayloadOf(ETWLogging::LogWarning, L"low $");
-    Bytes error = PayloadOf(ETWLogging::LogError, L"high\r\n");
-    Bytes nameless = PayloadOf(9, L"odd");
-    Bytes damaged(error.begin(), error.end() - 1);
-    s_records = {Record(warning), Record(error), Record(nameless), Record(damaged), Record(error, GUID{})};
     const CImportPatch patches[] = {
-        {"OpenTraceW",
-         +[](EVENT_TRACE_LOGFILEW* trace) {
-             EXPECT_EQ(trace->LogFileName, std::wstring(L"host.etl"));
-             EXPECT_EQ(trace->ProcessTraceMode, ULONG{PROCESS_TRACE_MODE_EVENT_RECORD});
-             s_opened = *trace;
-             return TRACEHANDLE{7};
-         }},
+        {"OpenTraceW", &OpenTrace},
         {"ProcessTrace", &PlayTrace},
-        {"CloseTrace", +[](TRACEHANDLE handle) { return handle == 7 ? ULONG{0} : ULONG{1}; }}};
+        {"CloseTrace", &CloseIt},
+        {"SystemTimeToTzSpecificLocalTime", &LocalTimeAnHourLater}};
+    Bytes warning = Payload(2, L"low $");
+    Bytes error = Payload(4, L"high\r\n");
+    Bytes nameless = Payload(9, L"odd");
+    Bytes damaged(error.begin(), error.end() - 1);
+    s_records = {Record(warning), Record(error), Record(nameless)};
+    const std::wstring fields = L"$ [       PLATFORM]$ [PID:  345 TID:  678]$ [          Source.cpp:   12]$ "
+                                L"[                          CClass::Method()]$ ";
+    const std::wstring time = L"11/24/2026 01:30:05 PM$ -- (";
+    const std::wstring low = time + L"Warning)" + fields + L"low $\n";
+    const std::wstring high = time + L"Error)" + fields + L"high\n" + time + L"9)" + fields + L"odd\n";
+    const auto json = [](const wchar_t* level, const wchar_t* message) {
+        return std::wstring(LR"({"time":"2026-11-24T13:30:05.007","level":)") + level +
+               LR"(,"tag":"PLATFORM","process":345,"thread":678,"source":"C:\\src\\Source.cpp","line":12,)" +
+               LR"("function":"CClass::Method","message":")" + message + L"\"}\n";
+    };
+    const struct
+    {
+        std::vector<std::wstring> options;
+        std::wstring out;
+    } table[] = {
+        {{}, low + high},
+        {{L"--level", L"4"}, high},
+        {{L"--since", L"2026-11-24 13:30"}, low + high},
+        {{L"--since", L"2026-11-24 13:31"}, L""},
+        {{L"--json"},
+         json(LR"(2,"levelName":"Warning")", L"low $") + json(LR"(4,"levelName":"Error")", LR"(high\r\n)") +
+             json(LR"(9,"levelName":"9")", L"odd")},
+    };
+    for (const auto& row : table)
+    {
+        std::vector<std::wstring> arguments = {L"log", L"trace", L"host.etl"};
+        arguments.insert(arguments.end(), row.options.begin(), row.options.end());
+        const CtlResult result = RunCtl(arguments);
+        EXPECT_EQ(Narrow(result.out), Narrow(row.out));
+        EXPECT_EQ(Narrow(result.error), "");
+        EXPECT_EQ(result.exitCode + s_open, 0);
+    }
 
-    const CtlResult text = Run({L"log", L"trace", L"host.etl", L"--level", L"4"});
-    const CtlResult json = Run({L"log", L"trace", L"host.etl", L"--json"});
+    s_records = {Record(damaged)};
+    EXPECT_EQ(
+        Narrow(RunCtl({L"log", L"trace", L"host.etl"}).error),
+        "Left out: 0 events of other providers, 1 that could not be read.\n");
+    s_records = {Record(error), Record(error), Record(error), Record(error)};
+    s_records[0].EventHeader.ProviderId = {};
+    s_records[1].EventHeader.EventDescriptor.Opcode = 2;
+    s_records[2].EventHeader.EventDescriptor.Version = 0;
+    s_records[3].EventHeader.ProviderId = {// The system's own about the session is nothing left out.
+                                           0x68FDD900,
+                                           0x4A3E,
+                                           0x11D1,
+                                           {0x84, 0xF4, 0x00, 0x00, 0xF8, 0x04, 0x64, 0xE3}};
+    CtlResult result = RunCtl({L"log", L"trace", L"host.etl"});
+    EXPECT_EQ(
+        Narrow(result.out + result.error),
+        "Left out: 3 events of other providers, 0 that could not be read.\n");
 
-    EXPECT_EQ(text.exitCode + json.exitCode, 0);
-    EXPECT_EQ(text.error, L"Left out: 1 events of other providers, 1 that could not be read.\n");
-    const std::size_t second = text.out.find(L'\n') + 1;
-    EXPECT_NE(text.out.find(L"05 "), std::wstring::npos);
-    EXPECT_NE(text.out.find(L"$ -- (Error)$ [       PLATFORM]$ [PID:"), std::wstring::npos);
-    EXPECT_NE(
-        text.out.find(
-            L"]$ [          Source.cpp:   12]$ [                          CClass::Method()]$ high\n"),
-        std::wstring::npos)
-        << Narrow(text.out);
-    EXPECT_NE(text.out.find(L"(9)$", second), std::wstring::npos);
-    const nlohmann::json first = nlohmann::json::parse(Narrow(json.out.substr(0, json.out.find(L'\n'))));
-    EXPECT_EQ(first["message"], "low $");
-    EXPECT_EQ(first["levelName"], "Warning");
-    EXPECT_EQ(first["time"].get<std::string>().substr(14), "30:05.007");
-    EXPECT_EQ(first["source"], "C:\\src\\Source.cpp");
-    EXPECT_EQ(Run({L"log", L"trace", L"host.etl", L"--since", L"2026-11-26"}).out, L"");
-    EXPECT_NE(Run({L"log", L"trace", L"host.etl", L"--since", L"2026-11-23"}).out, L"");
-    EXPECT_EQ(Run({L"log", L"trace", L"host.etl", L"--since", L"once"}).exitCode, 2);
-}
+    struct CFull : CtlResult
+    {
+        void Out(const std::wstring& /*text*/) override { throw std::runtime_error("full"); }
+    } full;
+    s_records = {Record(error), Record(error)};
+    EXPECT_EQ(TxCtl::RunTool({L"log", L"trace", L"host.etl"}, full), TxCtl::ExitCode::Failed);
+    EXPECT_EQ(Narrow(full.error), "txsvcctl: full\n");
 
-TEST_F(LogTraceTest, ATraceThatCannotBeReadIsAnError)
-{
-    const CtlResult missing = Run({L"log", L"trace", L"C:\\missing.etl"});
-    EXPECT_EQ(missing.exitCode, 1);
-    EXPECT_NE(missing.error.find(L"cannot open trace 'C:\\missing.etl'"), std::wstring::npos);
-
-    const CImportPatch open("OpenTraceW", +[](EVENT_TRACE_LOGFILEW*) { return TRACEHANDLE{7}; });
-    const CImportPatch process(
-        "ProcessTrace", +[](TRACEHANDLE*, ULONG, FILETIME*, FILETIME*) { return ULONG{ERROR_FILE_CORRUPT}; });
-    EXPECT_NE(Run({L"log", L"trace", L"x.etl"}).error.find(L"error 1392"), std::wstring::npos);
-    EXPECT_EQ(Run({L"log", L"trace"}).exitCode, 2);
+    s_status = ERROR_FILE_CORRUPT;
+    result = RunCtl({L"log", L"trace", L"host.etl"});
+    EXPECT_EQ(result.error.find(L"txsvcctl: cannot read trace 'host.etl': error 1392: "), 0U) << result;
+    EXPECT_EQ(result.exitCode + s_open, 1);
+    result = RunCtl({L"log", L"trace", L"none.etl"});
+    EXPECT_EQ(result.error.find(L"txsvcctl: cannot open trace 'none.etl': error 3: "), 0U) << result;
 }
 
 } // namespace

@@ -2,7 +2,9 @@
 
 #include <windows.h>
 
+#include <algorithm>
 #include <cstddef>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <gtest/gtest.h>
@@ -10,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "base/Owned.h"
 #include "support/TestFolder.h"
 
 using TxCtl::CheckModuleFile;
@@ -39,6 +42,14 @@ DWORD& ExportAddress(Bytes& bytes)
     return Headers(bytes).OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_EXPORT].VirtualAddress;
 }
 
+const std::string kExport = "DllGetClassObject";
+
+std::size_t ClassObjectName(const Bytes& bytes)
+{
+    const auto at = std::search(bytes.begin(), bytes.end(), kExport.begin(), kExport.end());
+    return static_cast<std::size_t>(at - bytes.begin());
+}
+
 TEST(ModuleFile, EveryUnsuitableFileHasItsFault)
 {
     const struct
@@ -53,6 +64,11 @@ TEST(ModuleFile, EveryUnsuitableFileHasItsFault)
         {"DOS header only",
          ModuleFault::NotAnImage,
          [](Bytes& bytes) { bytes.resize(sizeof(IMAGE_DOS_HEADER)); }},
+        {"DOS signature", ModuleFault::NotAnImage, [](Bytes& bytes) { bytes[0] = 'm'; }},
+        {"PE signature", ModuleFault::NotAnImage, [](Bytes& bytes) { Headers(bytes).Signature ^= 1; }},
+        {"32-bit headers",
+         ModuleFault::NotAnImage,
+         [](Bytes& bytes) { Headers(bytes).OptionalHeader.Magic = IMAGE_NT_OPTIONAL_HDR32_MAGIC; }},
         {"negative offset",
          ModuleFault::NotAnImage,
          [](Bytes& bytes) { reinterpret_cast<IMAGE_DOS_HEADER*>(bytes.data())->e_lfanew = -8; }},
@@ -72,17 +88,21 @@ TEST(ModuleFile, EveryUnsuitableFileHasItsFault)
          ModuleFault::NotADll,
          [](Bytes& bytes) { Headers(bytes).FileHeader.Characteristics &= WORD{0xFFFF} ^ IMAGE_FILE_DLL; }},
         {"no exports", ModuleFault::NoClassObject, [](Bytes& bytes) { ExportAddress(bytes) = 0; }},
+        {"no directories",
+         ModuleFault::NoClassObject,
+         [](Bytes& bytes) { Headers(bytes).OptionalHeader.NumberOfRvaAndSizes = 0; }},
         {"exports outside",
          ModuleFault::NoClassObject,
          [](Bytes& bytes) { ExportAddress(bytes) = 0xFFFFFFF0; }},
+        {"exports cut off",
+         ModuleFault::NoClassObject,
+         [](Bytes& bytes) { bytes.resize(ClassObjectName(bytes)); }},
         {"another name",
          ModuleFault::NoClassObject,
-         [](Bytes& bytes) {
-             const std::string name = "DllGetClassObject";
-             const auto at = std::search(bytes.begin(), bytes.end(), name.begin(), name.end());
-             ASSERT_NE(at, bytes.end());
-             *at = 'd';
-         }},
+         [](Bytes& bytes) { bytes[ClassObjectName(bytes)] = 'd'; }},
+        {"a longer name",
+         ModuleFault::NoClassObject,
+         [](Bytes& bytes) { bytes[ClassObjectName(bytes) + kExport.size()] = 'X'; }},
     };
     const CTestFolder folder;
     const Bytes original = ReadFileBytes(kModule);
@@ -98,8 +118,35 @@ TEST(ModuleFile, EveryUnsuitableFileHasItsFault)
 
         EXPECT_EQ(CheckModuleFile(path).fault, row.fault);
     }
+    std::filesystem::resize_file(folder.File(L"m.dll"), 512ULL * 1024 * 1024 + 1);
+    EXPECT_EQ(CheckModuleFile(folder.File(L"m.dll")).error, DWORD{ERROR_FILE_TOO_LARGE});
     EXPECT_EQ(CheckModuleFile(folder.Path()).fault, ModuleFault::Unreadable);
     EXPECT_EQ(CheckModuleFile(folder.File(L"none")).error, DWORD{ERROR_FILE_NOT_FOUND});
+}
+
+TEST(ModuleFile, MayBeOpenElsewhereButNotForWriting)
+{
+    const struct
+    {
+        DWORD access;
+        DWORD error;
+    } table[] = {{GENERIC_READ, 0}, {DELETE, 0}, {GENERIC_WRITE, ERROR_SHARING_VIOLATION}};
+    const CTestFolder folder;
+    const std::wstring path = folder.File(L"m.dll");
+    std::filesystem::copy_file(kModule, path);
+    for (const auto& row : table)
+    {
+        const Basalt::CFile open(::CreateFileW(
+            path.c_str(),
+            row.access,
+            FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+            nullptr,
+            OPEN_EXISTING,
+            0,
+            nullptr));
+        EXPECT_TRUE(open);
+        EXPECT_EQ(CheckModuleFile(path).error, row.error);
+    }
 }
 
 } // namespace
