@@ -9,32 +9,31 @@ log=$2.log
 export WINEPREFIX WINEDEBUG="${WINEDEBUG:--all}" DISPLAY= WINEDLLOVERRIDES="mscoree=;mshtml="
 
 stop() {
-    wineserver -k || true
-    wineserver -w || true
+    wineserver -k
+    wineserver -w
 }
 
 make() { # PREFIX
-    mkdir -p "$1"
-    WINEPREFIX=$1 wineboot -i
-    WINEPREFIX=$1 wineserver -k || true
-    WINEPREFIX=$1 wineserver -w
+    export WINEPREFIX="$1"
+    mkdir -p "$1" && wineboot -i && stop
 }
 
 copy() { # FROM TO
     rm -rf "$2"
-    cp -al "$1" "$2"
-    find "$2" -path "$2/drive_c/windows" -prune -o -type f -exec sh -c 'cp -p "$1" "$1.own" && mv "$1.own" "$1"' - {} \;
+    cp -al "$1" "$2" && find "$2" -path "$2/drive_c/windows" -prune -o -type f -exec \
+        sh -c 'cp -p "$1" "$1.own" && mv "$1.own" "$1"' - {} \;
 }
 
 start() {
     stop
-    [ -f "$original/system.reg" ] || make "$original"
-    [ "$original" = "$WINEPREFIX" ] || copy "$original" "$WINEPREFIX"
+    [ -f "$original/system.reg" ] || (make "$original") || return
+    [ "$original" = "$WINEPREFIX" ] || copy "$original" "$WINEPREFIX" || return
     # In this order: with -p before wineboot two service managers with databases of their own answer in turn.
-    wineserver -p
+    wineserver -p || return
     # The first program starts the prefix's services. Here their output goes to the file; started by the first
-    # test they would hold ctest's pipe, and the test would time out although it passed.
-    wine cmd.exe /c rem
+    # test they would hold ctest's pipe, and the test would time out although it passed. COM's service is asked for
+    # by name: started later, by a host that runs in the manager's place, it would take that host's control pipe.
+    wine net.exe start rpcss || true # It may have started.
 }
 
 case $1 in
@@ -47,7 +46,7 @@ start)
     }
     ;;
 stop)
-    stop >/dev/null 2>&1
+    stop >/dev/null 2>&1 || true # Nothing may run.
     ;;
 *)
     echo "usage: $0 start|stop PREFIX [ORIGINAL]" >&2
