@@ -28,9 +28,8 @@ constexpr wchar_t kModule[] = L"UpdateManager.dll";
 constexpr DWORD kNotSigned = 0x800B0100;
 constexpr DWORD kForeignSigner = 0x800B010F;
 
-class TrustedFileTest : public ::testing::Test
+struct TrustedFileTest : ::testing::Test
 {
-protected:
     void SetUp() override { copy_file(m_signed, m_path); }
 
     std::wstring m_signed = SignedDouble(L"tarvex", kModule);

@@ -16,9 +16,8 @@ namespace
 constexpr wchar_t kLink[] = L"Software\\TxTest\\Links\\Link";
 constexpr wchar_t kTarget[] = L"Software\\TxTest\\Links\\Target";
 
-class RegistryLinkTest : public ::testing::Test
+struct RegistryLinkTest : ::testing::Test
 {
-protected:
     /// Deleting the tree would follow the link: the link key itself goes first.
     void TearDown() override
     {

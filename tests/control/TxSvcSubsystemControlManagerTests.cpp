@@ -33,9 +33,8 @@ Service Pending(std::size_t looks, DWORD queryError = 0)
     return service;
 }
 
-class ControlManagerTest : public ::testing::Test
+struct ControlManagerTest : ::testing::Test
 {
-protected:
     void TearDown() override
     {
         CTxSvcHostConfig::ReleaseInstance();

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <new>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "base/ClassObject.h"
@@ -33,9 +34,8 @@ namespace
 constexpr wchar_t kModule[] = L"UpdateManager.dll";
 constexpr wchar_t kEvent[] = L"Global\\{834C46D9-6762-4FF9-8279-2C04C8B1162C}default";
 
-class UpdateManagerTest : public ::testing::Test
+struct UpdateManagerTest : ::testing::Test
 {
-protected:
     /// What was logged since the last call, each with its level.
     std::wstring Log()
     {
@@ -235,57 +235,41 @@ TEST(TrustedCreation, DamagedClassObjectsGiveAStatus)
             *object = g_classObject;
             return g_classObject != nullptr ? S_OK : iid == IID_ITxSvcClassObject ? E_ABORT : E_NOINTERFACE;
         });
-    void* const wild = reinterpret_cast<void*>(0x7E57000000);
-    void* out = wild;
-    const auto create = [&out] {
-        return CreateTrustedObject(CLSID_NULL, CLSCTX_ALL, IID_ITxUpdateAgent, &out);
+    void* out = &g_classObject;
+    const auto create = [&out](CreationTrust trust) {
+        return CreateTrustedObject(CLSID_NULL, CLSCTX_ALL, IID_ITxUpdateAgent, &out, trust);
     };
-    EXPECT_EQ(create(), E_NOINTERFACE) << "the second failure, not the first";
+    EXPECT_EQ(create(CreationTrust::Required), E_NOINTERFACE) << "the second failure, not the first";
     EXPECT_EQ(g_asked, (std::vector{IID_ITxSvcClassObject, Basalt::IID_ITxSvcClassObjectOld}));
     EXPECT_EQ(out, nullptr);
+    EXPECT_EQ(create(CreationTrust::NotAsked), CO_E_NOTINITIALIZED);
     EXPECT_EQ(CreateTrustedObject(CLSID_NULL, CLSCTX_ALL, IID_NULL, nullptr), E_POINTER);
-    EXPECT_EQ(
-        CreateTrustedObject(CLSID_NULL, CLSCTX_ALL, IID_NULL, &out, CreationTrust::NotAsked),
-        CO_E_NOTINITIALIZED);
 
     const Basalt::CModule module(::LoadLibraryW(SignedDouble(L"tarvex", kModule).c_str()));
-    auto* const entry =
-        Basalt::FindExport<HRESULT WINAPI(REFCLSID, REFIID, void**)>(module.Get(), "DllGetClassObject");
-    void* sound = nullptr;
+    using Entry = HRESULT WINAPI(REFCLSID, REFIID, void**);
+    auto* const entry = Basalt::FindExport<Entry>(module.Get(), "DllGetClassObject");
     PrepareDouble();
-    ASSERT_EQ(entry(CLSID_TxUpdateAgent, IID_ITxSvcClassObject, &sound), S_OK);
-    void* nothing = nullptr;
-    void* data = static_cast<void*>(&nothing);
-    void* inData[4] = {data, data, data, data};
-    const struct
-    {
-        const char* name;
-        void* table; ///< Null: the sound one, but for the method of the slot.
-        std::size_t badSlot;
-        HRESULT expected;
-        const wchar_t* calls;
-    } rows[] = {
-        {"no table", wild, 0, E_ACCESSDENIED, L""},
-        {"methods in data", static_cast<void*>(inData), 0, E_ACCESSDENIED, L""},
-        {"no QueryInterface", nullptr, 0, E_ACCESSDENIED, L"release;"},
-        {"no Release", nullptr, 2, S_OK, L"create;"},
-        {"no CreateObject", nullptr, 3, kForeignCallFailed, L"release;"},
+    ASSERT_EQ(entry(CLSID_TxUpdateAgent, IID_ITxSvcClassObject, &g_classObject), S_OK);
+    void* methods[4];
+    std::copy_n(*static_cast<void***>(g_classObject), 4, methods);
+    void* table = static_cast<void*>(methods);
+    g_classObject = static_cast<void*>(&table);
+    EXPECT_EQ(create(CreationTrust::Required), S_OK);
+    // One thing more is broken each time.
+    void* const wild = reinterpret_cast<void*>(0x7E57000000);
+    const std::tuple<const char*, void**, void*, HRESULT> damages[] = {
+        {"CreateObject", &methods[3], static_cast<void*>(&table), kForeignCallFailed},
+        {"Release", &methods[2], wild, kForeignCallFailed},
+        {"QueryInterface", &methods[0], static_cast<void*>(&table), E_ACCESSDENIED},
+        {"the table", &table, wild, E_ACCESSDENIED},
+        {"the object", &g_classObject, wild, E_ACCESSDENIED},
     };
-    for (const auto& row : rows)
+    for (const auto& [name, place, value, expected] : damages)
     {
-        SCOPED_TRACE(row.name);
-        PrepareDouble();
-        void* methods[4];
-        std::copy_n(*static_cast<void***>(sound), 4, methods);
-        methods[row.badSlot] = wild;
-        void* table = row.table != nullptr ? row.table : static_cast<void*>(methods);
-        g_classObject = static_cast<void*>(&table);
-        EXPECT_EQ(create(), row.expected);
-        EXPECT_EQ(out != nullptr, row.expected == S_OK);
-        EXPECT_EQ(RecordedCalls(), row.calls);
+        *place = value;
+        EXPECT_EQ(create(CreationTrust::Required), expected) << name;
     }
-    g_classObject = wild;
-    EXPECT_EQ(create(), E_ACCESSDENIED);
+    EXPECT_EQ(RecordedCalls(), L"create;release;release;");
 }
 
 } // namespace
