@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 #include <stdexcept>
+#include <string>
 #include <vector>
 
 #include "CtlTest.h"
@@ -16,50 +17,47 @@
 namespace
 {
 
-using Bytes = std::vector<BYTE>;
-
 /// The data of an event as it stands in a trace.
-Bytes Payload(ULONG level, const std::wstring& message)
+std::string Payload(ULONG level, const std::wstring& message)
 {
-    Bytes data;
-    const auto add = [&data](const void* field, std::size_t size) {
-        const auto* const bytes = static_cast<const BYTE*>(field);
-        data.insert(data.end(), bytes, bytes + size);
+    const auto number = [](ULONG value) { return std::string(reinterpret_cast<const char*>(&value), 4); };
+    const auto text = [](const std::wstring& value) {
+        return std::string(reinterpret_cast<const char*>(value.c_str()), 2 * value.size() + 2);
     };
-    const auto number = [&add](ULONG value) { add(&value, sizeof(value)); };
-    const auto text = [&add](const std::wstring& value) { add(value.c_str(), (value.size() + 1) * 2); };
-    number(level);
-    text(L"C:\\src\\Source.cpp");
-    text(L"CClass::Method");
-    number(12);
-    text(L"PLATFORM");
-    number(345);
-    number(678);
-    text(message);
-    return data;
+    return number(level) + text(L"C:\\src\\Source.cpp") + text(L"CClass::Method") + number(12) +
+           text(L"PLATFORM") + number(345) + number(678) + text(message);
+}
+
+bool IsMessage(const std::string& data)
+{
+    return TxCtl::DecodeTraceMessage(reinterpret_cast<const BYTE*>(data.data()), data.size()).has_value();
 }
 
 TEST(TraceMessage, IsReadBackOnlyWhole)
 {
-    const Bytes whole = Payload(4, L"text");
-    EXPECT_TRUE(TxCtl::DecodeTraceMessage(whole.data(), whole.size()));
+    const std::string whole = Payload(4, L"text");
+    EXPECT_TRUE(IsMessage(whole));
+    EXPECT_FALSE(IsMessage(whole + '\0'));
     for (std::size_t size = 0; size < whole.size(); ++size)
     {
-        const Bytes cut(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size));
-        EXPECT_FALSE(TxCtl::DecodeTraceMessage(cut.data(), size)) << size;
+        EXPECT_FALSE(IsMessage(whole.substr(0, size))) << size;
     }
-    Bytes more = whole;
-    more.push_back(0);
-    EXPECT_FALSE(TxCtl::DecodeTraceMessage(more.data(), more.size()));
 }
 
 /// The system's side: what the file holds, and what comes of reading it.
-std::vector<EVENT_RECORD> s_records;
+struct Event
+{
+    std::string data;
+    GUID provider = ETWLogging::kMessageEventClass;
+    UCHAR type = ETWLogging::kMessageEventType;
+    UCHAR version = ETWLogging::kMessageEventVersion;
+};
+std::vector<Event> s_events;
 EVENT_TRACE_LOGFILEW s_opened{};
 ULONG s_status;
 int s_open;
 
-TRACEHANDLE WINAPI OpenTrace(EVENT_TRACE_LOGFILEW* trace)
+TRACEHANDLE WINAPI OpenIt(EVENT_TRACE_LOGFILEW* trace)
 {
     EXPECT_EQ(trace->ProcessTraceMode, ULONG{PROCESS_TRACE_MODE_EVENT_RECORD});
     s_opened = *trace;
@@ -69,11 +67,19 @@ TRACEHANDLE WINAPI OpenTrace(EVENT_TRACE_LOGFILEW* trace)
     return isThere ? 7 : INVALID_PROCESSTRACE_HANDLE;
 }
 
-ULONG WINAPI PlayTrace(TRACEHANDLE* handle, ULONG count, FILETIME*, FILETIME*)
+ULONG WINAPI PlayIt(TRACEHANDLE* handle, ULONG count, FILETIME*, FILETIME*)
 {
     EXPECT_EQ(*handle, count * 7);
-    for (EVENT_RECORD& record : s_records)
+    const SYSTEMTIME noon = {2026, 11, 0, 24, 12, 30, 5, 7};
+    for (Event& event : s_events)
     {
+        EVENT_RECORD record{};
+        record.EventHeader.ProviderId = event.provider;
+        record.EventHeader.EventDescriptor.Opcode = event.type;
+        record.EventHeader.EventDescriptor.Version = event.version;
+        ::SystemTimeToFileTime(&noon, reinterpret_cast<FILETIME*>(&record.EventHeader.TimeStamp));
+        record.UserData = event.data.data();
+        record.UserDataLength = static_cast<USHORT>(event.data.size());
         record.UserContext = s_opened.Context;
         s_opened.EventRecordCallback(&record);
     }
@@ -86,99 +92,60 @@ ULONG WINAPI CloseIt(TRACEHANDLE handle)
     return 0;
 }
 
-EVENT_RECORD Record(Bytes& data)
+CtlResult Trace(std::vector<std::wstring> options = {}, const wchar_t* file = L"host.etl")
 {
-    EVENT_RECORD record{};
-    record.EventHeader.ProviderId = ETWLogging::kMessageEventClass;
-    record.EventHeader.EventDescriptor.Opcode = ETWLogging::kMessageEventType;
-    record.EventHeader.EventDescriptor.Version = ETWLogging::kMessageEventVersion;
-    const SYSTEMTIME noon = {2026, 11, 0, 24, 12, 30, 5, 7};
-    FILETIME time{};
-    ::SystemTimeToFileTime(&noon, &time);
-    record.EventHeader.TimeStamp.LowPart = time.dwLowDateTime;
-    record.EventHeader.TimeStamp.HighPart = static_cast<LONG>(time.dwHighDateTime);
-    record.UserData = data.data();
-    record.UserDataLength = static_cast<USHORT>(data.size());
-    return record;
+    options.insert(options.begin(), {L"log", L"trace", file});
+    const CtlResult result = RunCtl(options);
+    EXPECT_EQ(s_open, 0);
+    return result;
 }
 
 TEST(LogTrace, PrintsTheHostsMessagesInLocalTimeAndCountsTheRest)
 {
     const CImportPatch patches[] = {
-        {"OpenTraceW", &OpenTrace},
-        {"ProcessTrace", &PlayTrace},
+        {"OpenTraceW", &OpenIt},
+        {"ProcessTrace", &PlayIt},
         {"CloseTrace", &CloseIt},
         {"SystemTimeToTzSpecificLocalTime", &LocalTimeAnHourLater}};
-    Bytes warning = Payload(2, L"low $");
-    Bytes error = Payload(4, L"high\r\n");
-    Bytes nameless = Payload(9, L"odd");
-    Bytes damaged(error.begin(), error.end() - 1);
-    s_records = {Record(warning), Record(error), Record(nameless)};
-    const std::wstring fields = L"$ [       PLATFORM]$ [PID:  345 TID:  678]$ [          Source.cpp:   12]$ "
-                                L"[                          CClass::Method()]$ ";
-    const std::wstring time = L"11/24/2026 01:30:05 PM$ -- (";
-    const std::wstring low = time + L"Warning)" + fields + L"low $\n";
-    const std::wstring high = time + L"Error)" + fields + L"high\n" + time + L"9)" + fields + L"odd\n";
-    const auto json = [](const wchar_t* level, const wchar_t* message) {
-        return std::wstring(LR"({"time":"2026-11-24T13:30:05.007","level":)") + level +
-               LR"(,"tag":"PLATFORM","process":345,"thread":678,"source":"C:\\src\\Source.cpp","line":12,)" +
-               LR"("function":"CClass::Method","message":")" + message + L"\"}\n";
+    const std::string error = Payload(4, L"high\r\n");
+    const auto line = [](const wchar_t* level, const wchar_t* message) {
+        return std::wstring(L"11/24/2026 01:30:05 PM$ -- (") + level +
+               L")$ [       PLATFORM]$ [PID:  345 TID:  678]$ [          Source.cpp:   12]$ [" +
+               std::wstring(26, L' ') + L"CClass::Method()]$ " + message + L"\n";
     };
-    const struct
-    {
-        std::vector<std::wstring> options;
-        std::wstring out;
-    } table[] = {
-        {{}, low + high},
-        {{L"--level", L"4"}, high},
-        {{L"--since", L"2026-11-24 13:30"}, low + high},
-        {{L"--since", L"2026-11-24 13:31"}, L""},
-        {{L"--json"},
-         json(LR"(2,"levelName":"Warning")", L"low $") + json(LR"(4,"levelName":"Error")", LR"(high\r\n)") +
-             json(LR"(9,"levelName":"9")", L"odd")},
-    };
-    for (const auto& row : table)
-    {
-        std::vector<std::wstring> arguments = {L"log", L"trace", L"host.etl"};
-        arguments.insert(arguments.end(), row.options.begin(), row.options.end());
-        const CtlResult result = RunCtl(arguments);
-        EXPECT_EQ(Narrow(result.out), Narrow(row.out));
-        EXPECT_EQ(Narrow(result.error), "");
-        EXPECT_EQ(result.exitCode + s_open, 0);
-    }
+    const std::wstring low = line(L"Warning", L"low $");
+    const std::wstring high = line(L"Error", L"high") + line(L"9", L"odd");
 
-    s_records = {Record(damaged)};
+    s_events = {{Payload(2, L"low $")}, {error}, {Payload(9, L"odd")}};
+    EXPECT_EQ(Narrow(Trace().out), Narrow(low + high));
+    EXPECT_EQ(Narrow(Trace({L"--level", L"4"}).out), Narrow(high));
+    EXPECT_EQ(Narrow(Trace({L"--since", L"2026-11-24 13:30"}).out), Narrow(low + high));
+    EXPECT_EQ(Narrow(Trace({L"--since", L"2026-11-24 13:31"}).out), "");
     EXPECT_EQ(
-        Narrow(RunCtl({L"log", L"trace", L"host.etl"}).error),
-        "Left out: 0 events of other providers, 1 that could not be read.\n");
-    s_records = {Record(error), Record(error), Record(error), Record(error)};
-    s_records[0].EventHeader.ProviderId = {};
-    s_records[1].EventHeader.EventDescriptor.Opcode = 2;
-    s_records[2].EventHeader.EventDescriptor.Version = 0;
-    s_records[3].EventHeader.ProviderId = {// The system's own about the session is nothing left out.
-                                           0x68FDD900,
-                                           0x4A3E,
-                                           0x11D1,
-                                           {0x84, 0xF4, 0x00, 0x00, 0xF8, 0x04, 0x64, 0xE3}};
-    CtlResult result = RunCtl({L"log", L"trace", L"host.etl"});
-    EXPECT_EQ(
-        Narrow(result.out + result.error),
-        "Left out: 3 events of other providers, 0 that could not be read.\n");
+        Narrow(Trace({L"--level", L"9", L"--json"}).out),
+        R"({"time":"2026-11-24T13:30:05.007","level":9,"levelName":"9","tag":"PLATFORM","process":345,"thread":678,)"
+        R"("source":"C:\\src\\Source.cpp","line":12,"function":"CClass::Method","message":"odd"})"
+        "\n");
+    EXPECT_EQ(Narrow(Trace().error), "");
 
-    struct CFull : CtlResult
+    s_events = {{error.substr(1)}};
+    EXPECT_EQ(Narrow(Trace().error), "Left out: 0 events of other providers, 1 that could not be read.\n");
+    constexpr GUID kSystem = {0x68FDD900, 0x4A3E, 0x11D1, {0x84, 0xF4, 0x00, 0x00, 0xF8, 0x04, 0x64, 0xE3}};
+    s_events = {{error, GUID{}}, {error, kSystem}, {.data = error, .type = 2}, {.data = error, .version = 0}};
+    EXPECT_EQ(Narrow(Trace().error), "Left out: 3 events of other providers, 0 that could not be read.\n");
+    EXPECT_EQ(Narrow(Trace().out), "");
+
+    s_status = ERROR_FILE_CORRUPT;
+    EXPECT_EQ(Trace().error.find(L"txsvcctl: cannot read trace 'host.etl': error 1392: "), 0U);
+    EXPECT_EQ(Trace({}, L"none.etl").error.find(L"txsvcctl: cannot open trace 'none.etl': error 3: "), 0U);
+
+    struct CFull final : CtlResult
     {
         void Out(const std::wstring& /*text*/) override { throw std::runtime_error("full"); }
     } full;
-    s_records = {Record(error), Record(error)};
+    s_events = {{error}, {error}};
     EXPECT_EQ(TxCtl::RunTool({L"log", L"trace", L"host.etl"}, full), TxCtl::ExitCode::Failed);
     EXPECT_EQ(Narrow(full.error), "txsvcctl: full\n");
-
-    s_status = ERROR_FILE_CORRUPT;
-    result = RunCtl({L"log", L"trace", L"host.etl"});
-    EXPECT_EQ(result.error.find(L"txsvcctl: cannot read trace 'host.etl': error 1392: "), 0U) << result;
-    EXPECT_EQ(result.exitCode + s_open, 1);
-    result = RunCtl({L"log", L"trace", L"none.etl"});
-    EXPECT_EQ(result.error.find(L"txsvcctl: cannot open trace 'none.etl': error 3: "), 0U) << result;
 }
 
 } // namespace
