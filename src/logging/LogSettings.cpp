@@ -112,7 +112,7 @@ bool IsLogFileName(const std::wstring& name) noexcept
 {
     const std::size_t dot = name.rfind(L'.');
     return dot != std::wstring::npos && dot != 0 && dot + 1 < name.size() && name.back() != L' ' &&
-           HasNone(name, L"<>:\"/\\|?*");
+           HasNone(name, kNotInFileNames);
 }
 
 bool IsLogTag(const std::wstring& tag) noexcept
@@ -128,12 +128,19 @@ std::wstring ProgramPath()
     return path;
 }
 
-std::wstring LogIniPath()
+std::wstring ProgramFolder()
 {
     std::wstring path = ProgramPath();
     path.resize(path.rfind(L'\\') + 1);
-    return path + kLogIniName;
+    return path;
 }
+
+std::wstring LogIniPath()
+{
+    return ProgramFolder() + kLogIniName;
+}
+
+CLogSettingsReader::CLogSettingsReader() : CLogSettingsReader(LogIniPath(), kLogSettingsKey) {}
 
 CLogSettingsReader::CLogSettingsReader(const std::wstring& iniPath, const wchar_t* keyPath)
     : m_iniPath(iniPath)

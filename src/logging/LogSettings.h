@@ -48,6 +48,7 @@ struct LogTextSetting
 
 /// "C:\..." or "\\server\share...": a service's current folder says nothing.
 [[nodiscard]] bool IsAbsolutePath(const std::wstring& path) noexcept;
+inline constexpr wchar_t kNotInFileNames[] = L"<>:\"/\\|?*";
 /// A name with an extension, without a path.
 [[nodiscard]] bool IsLogFileName(const std::wstring& name) noexcept;
 [[nodiscard]] bool IsLogTag(const std::wstring& tag) noexcept;
@@ -84,6 +85,10 @@ inline constexpr wchar_t kHostControllerPath[] = L"Controller Path WSS"; ///< Th
 /// @throws std::bad_alloc
 [[nodiscard]] std::wstring ProgramPath();
 
+/// Its folder, with a backslash at the end; empty when the system does not tell it.
+/// @throws std::bad_alloc
+[[nodiscard]] std::wstring ProgramFolder();
+
 /// Full path of the settings file: beside the running program.
 /// @throws std::bad_alloc
 [[nodiscard]] std::wstring LogIniPath();
@@ -102,8 +107,9 @@ enum class LogSettingOrigin
 class CLogSettingsReader
 {
 public:
-    explicit CLogSettingsReader(
-        const std::wstring& iniPath = LogIniPath(), const wchar_t* keyPath = kLogSettingsKey);
+    /// Where the hosts' own settings are.
+    CLogSettingsReader();
+    explicit CLogSettingsReader(const std::wstring& iniPath, const wchar_t* keyPath = kLogSettingsKey);
 
     /// @param value receives the number, or the setting's default.
     LogSettingOrigin ReadNumber(const LogNumberSetting& setting, DWORD& value);
