@@ -94,6 +94,12 @@ TEST(ProcessSecurity, AFailingStepLeavesWhatStandsSoFar)
 /// uninitialised, v class object revoked; ? for one of them with arguments that are not right.
 std::string g_calls;
 
+template <char Call>
+HRESULT Note()
+{
+    g_calls += Call;
+    return S_OK;
+}
 HRESULT WINAPI FakeSecurity(
     void* descriptor,
     LONG services,
@@ -124,6 +130,17 @@ BOOL WINAPI FakeDispatcher(const SERVICE_TABLE_ENTRYW* table)
     return TRUE;
 }
 
+HRESULT WINAPI FakeRegister(REFCLSID, IUnknown*, DWORD, DWORD, DWORD* cookie)
+{
+    *cookie = 1;
+    return Note<'r'>();
+}
+void WINAPI FakeCoUninitialize()
+{
+    g_calls += 'u';
+    throw 5; // Hosted code that breaks on its way out.
+}
+
 class HostTest : public ::testing::Test
 {
 protected:
@@ -143,28 +160,12 @@ protected:
 
 private:
     CImportPatch m_patches[6] = {
-        {"CoInitializeEx",
-         +[](void*, DWORD apartment) {
-             g_calls += apartment == COINIT_MULTITHREADED ? 'i' : '?';
-             return S_OK;
-         }},
+        {"CoInitializeEx", &Note<'i'>},
         {"CoInitializeSecurity", &FakeSecurity},
-        {"CoRegisterClassObject",
-         +[](void*, void*, DWORD, DWORD, DWORD* cookie) {
-             g_calls += 'r';
-             *cookie = 1;
-             return S_OK;
-         }},
+        {"CoRegisterClassObject", &FakeRegister},
         {"StartServiceCtrlDispatcherW", &FakeDispatcher},
-        {"CoUninitialize",
-         +[] {
-             g_calls += 'u';
-             throw 5; // Hosted code that breaks on its way out.
-         }},
-        {"CoRevokeClassObject", +[] {
-             g_calls += 'v';
-             return S_OK;
-         }}};
+        {"CoUninitialize", &FakeCoUninitialize},
+        {"CoRevokeClassObject", &Note<'v'>}};
 };
 
 TEST_F(HostTest, EachFailingCallHasItsLineAndLeavesComAsItWas)

@@ -2,28 +2,20 @@
 
 #include <windows.h>
 
+#include <functional>
 #include <gtest/gtest.h>
+#include <numeric>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "base/Owned.h"
-#include "logging/LoggingIf.h"
 #include "support/FakeTrace.h"
 #include "support/ImportPatch.h"
-#include "support/Narrow.h"
 #include "support/NoMemory.h"
 
 namespace
 {
-
-/// The four, and one that somebody else changes.
-constexpr const wchar_t* kNames[] = {
-    L"SeIncreaseBasePriorityPrivilege",
-    L"SeIncreaseQuotaPrivilege",
-    L"SeProfileSingleProcessPrivilege",
-    L"SeUndockPrivilege",
-    L"SeShutdownPrivilege"};
 
 Basalt::CHandle OpenToken()
 {
@@ -32,26 +24,13 @@ Basalt::CHandle OpenToken()
     return token;
 }
 
-/// 1 or 0 for each, enabled or not.
-std::string States()
+/// The process's privileges, as the system gives them.
+std::vector<BYTE> Privileges()
 {
-    std::string states;
-    for (const wchar_t* name : kNames)
-    {
-        PRIVILEGE_SET set{1, PRIVILEGE_SET_ALL_NECESSARY, {}};
-        BOOL isEnabled = FALSE;
-        EXPECT_TRUE(::LookupPrivilegeValueW(nullptr, name, &set.Privilege[0].Luid));
-        EXPECT_TRUE(::PrivilegeCheck(OpenToken().Get(), &set, &isEnabled));
-        states += isEnabled ? "1" : "0";
-    }
-    return states;
-}
-
-void SetState(std::size_t index, bool isEnabled)
-{
-    TOKEN_PRIVILEGES block{1, {{{}, isEnabled ? DWORD{SE_PRIVILEGE_ENABLED} : 0}}};
-    EXPECT_TRUE(::LookupPrivilegeValueW(nullptr, kNames[index], &block.Privileges[0].Luid));
-    EXPECT_TRUE(::AdjustTokenPrivileges(OpenToken().Get(), FALSE, &block, 0, nullptr, nullptr));
+    std::vector<BYTE> block(4096);
+    DWORD size = 0;
+    ::GetTokenInformation(OpenToken().Get(), TokenPrivileges, block.data(), 4096, &size);
+    return block;
 }
 
 int g_calls;
@@ -78,20 +57,13 @@ void* Fake(const char* name, Function* /*type*/)
     return reinterpret_cast<void*>(&Counted<Function>::Call);
 }
 
-/// All errors.
-std::string Errors(const CFakeTrace& log)
-{
-    std::string errors;
-    for (const LogLine& line : log.Lines())
-    {
-        errors +=
-            line.level == ETWLogging::LogError ? Narrow(line.function + L": " + line.message + L"\n") : "";
-    }
-    return errors;
-}
-
 TEST(NvidiaDriverFix, TheFourAreEnabledForTheScopeAndAFailureAtAnyStepLeavesTheOthers)
 {
+    const std::string open = "4 CNvidiaDriverFix::OpenCurrentProcessToken: OpenProcessToken";
+    const std::string save = "4 CNvidiaDriverFix::SaveCurrentPrivilegesFromToken: GetTokenInformation";
+    const std::string set = "4 CNvidiaDriverFix::SetPrivilegeByName: ";
+    const std::string adjust = set + "SetPrivilegeByName: AdjustTokenPrivileges";
+    const std::string restore = "4 CNvidiaDriverFix::RestoreSavedPrivileges: AdjustTokenPrivileges";
 #define FAKE(name) #name, Fake(#name, &::name)
     const struct
     {
@@ -99,63 +71,61 @@ TEST(NvidiaDriverFix, TheFourAreEnabledForTheScopeAndAFailureAtAnyStepLeavesTheO
         void* fake;
         int failingCall;
         int calls;
-        const char* during;
-        const char* after;
-        const char* error;
+        int enabled;
+        bool isPutBack;
+        std::string error;
     } rows[] = {
-        {FAKE(OpenProcessToken), 0, 2, "11110", "01000", ""},
-        {FAKE(OpenProcessToken), 1, 1, "01000", "01001", "OpenProcessToken failed (0x00000521)\n"},
-        {FAKE(OpenProcessToken), 2, 2, "11110", "11111", "OpenProcessToken failed (0x00000521)\n"},
-        {FAKE(GetTokenInformation), 1, 1, "01000", "01001", "Information(1) failed (0x00000521)\n"},
-        {FAKE(GetTokenInformation), 2, 2, "01000", "01001", "Information(2) failed (0x00000521)\n"},
-        {FAKE(LookupPrivilegeValueW), 1, 4, "01110", "01000", "PrivilegeValue failed (0x00000521)\n"},
-        {FAKE(AdjustTokenPrivileges), 1, 5, "01110", "01000", "Privileges failed with error: 1313\n"},
-        {FAKE(AdjustTokenPrivileges),
-         5,
-         5,
-         "11110",
-         "11111",
-         "CNvidiaDriverFix::RestoreSavedPrivileges: AdjustTokenPrivileges failed (0x00000521)\n"},
+        {FAKE(OpenProcessToken), 0, 2, 4, true, ""},
+        {FAKE(OpenProcessToken), 1, 1, 0, true, open + " failed (0x00000521)\n"},
+        {FAKE(OpenProcessToken), 2, 2, 4, false, open + " failed (0x00000521)\n"},
+        {FAKE(GetTokenInformation), 1, 1, 0, true, save + "(1) failed (0x00000521)\n"},
+        {FAKE(GetTokenInformation), 2, 2, 0, true, save + "(2) failed (0x00000521)\n"},
+        {FAKE(LookupPrivilegeValueW), 1, 4, 3, true, set + "LookupPrivilegeValue failed (0x00000521)\n"},
+        {FAKE(AdjustTokenPrivileges), 1, 5, 3, true, adjust + " failed with error: 1313\n"},
+        {FAKE(AdjustTokenPrivileges), 5, 5, 4, false, restore + " failed (0x00000521)\n"},
     };
 #undef FAKE
     for (const auto& row : rows)
     {
         SCOPED_TRACE(testing::Message() << row.import << " " << row.failingCall);
-        for (std::size_t i = 0; i < std::size(kNames); ++i)
-        {
-            SetState(i, i == 1); // One that was on already has to stay on.
-        }
-        const CFakeTrace log;
+        CFakeTrace log;
+        std::vector<BYTE> before = Privileges();
         g_calls = 0;
         g_failingCall = row.failingCall;
 
         std::optional<CImportPatch> patch(std::in_place, row.import, row.fake);
         std::optional<CNvidiaDriverFix> fix(true);
         patch.reset();
-        EXPECT_EQ(States(), row.during);
-        SetState(4, true);
+        const std::vector<BYTE> during = Privileges();
+        std::optional<CNvidiaDriverFix>(true).reset();
+        EXPECT_EQ(Privileges(), during) << "what was on stays on";
+        const std::string begin = log.Take();
         patch.emplace(row.import, row.fake);
         fix.reset();
         patch.reset();
 
-        EXPECT_EQ(States(), row.after);
+        const auto enabled = std::inner_product(
+            during.begin(), during.end(), before.begin(), 0, std::plus<>(), std::not_equal_to<>());
+        EXPECT_EQ(enabled, row.enabled);
+        EXPECT_EQ(Privileges() == before, row.isPutBack);
         EXPECT_EQ(g_calls, row.calls);
-        EXPECT_TRUE(Errors(log).ends_with(row.error));
-        EXPECT_EQ(log.CountContaining(ETWLogging::LogError, L""), std::string(row.error).empty() ? 0U : 1U);
+        EXPECT_NE((begin + log.Take()).find(row.error), std::string::npos);
+        auto* const block = reinterpret_cast<TOKEN_PRIVILEGES*>(before.data());
+        ::AdjustTokenPrivileges(OpenToken().Get(), FALSE, block, 0, nullptr, nullptr);
     }
 }
 
 TEST(NvidiaDriverFix, NothingChangesUnlessItIsToAndCould)
 {
     static int s_closed;
-    const CFakeTrace log;
-    const std::string before = States();
+    CFakeTrace log;
+    const std::vector<BYTE> before = Privileges();
     {
         const CImportPatch patch("CloseHandle", +[](HANDLE) { return ++s_closed; });
         const CNvidiaDriverFix fix(false);
-        EXPECT_EQ(log.Lines().size(), 0U);
+        EXPECT_EQ(Privileges(), before);
     }
-    EXPECT_EQ(s_closed, 2);
+    EXPECT_EQ(s_closed, 3) << "the token that this test opened among them";
     {
         const CImportPatch patch("GetTokenInformation", +[] { return TRUE; });
         const CNvidiaDriverFix fix(true);
@@ -164,19 +134,10 @@ TEST(NvidiaDriverFix, NothingChangesUnlessItIsToAndCould)
         const CNoMemory noMemory;
         const CNvidiaDriverFix fix(true);
     }
-    EXPECT_FALSE(CNvidiaDriverFix::SetPrivilegeByName(nullptr, kNames[0]));
-    EXPECT_FALSE(CNvidiaDriverFix::SetPrivilegeByName(INVALID_HANDLE_VALUE, kNames[0]));
-    EXPECT_FALSE(CNvidiaDriverFix::SetPrivilegeByName(OpenToken().Get(), L""));
-    EXPECT_EQ(States(), before);
-    for (const wchar_t* error :
-         {L"OpenProcessToken error - should have failed",
-          L"Memory alloc failure (",
-          L"Invalid token value",
-          L"No privileges set"})
-    {
-        EXPECT_NE(log.CountContaining(ETWLogging::LogError, error), 0U) << Narrow(error);
-    }
-    EXPECT_EQ(log.CountContaining(ETWLogging::LogError, L""), 5U);
+    EXPECT_EQ(Privileges(), before);
+    const std::string save = "4 CNvidiaDriverFix::SaveCurrentPrivilegesFromToken: ";
+    EXPECT_TRUE(log.Take().starts_with(
+        save + "OpenProcessToken error - should have failed\n" + save + "Memory alloc failure ("));
 }
 
 } // namespace

@@ -3,11 +3,13 @@
 #include <windows.h>
 #include <objbase.h>
 
+#include <cstdint>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <utility>
 
 #include "base/Owned.h"
@@ -149,30 +151,18 @@ private:
 
 TEST_F(TxSvcHostProxyTest, AFailedServiceIsReportedBeforeItIsReleasedAndAnUnloadedOneLeavesFirst)
 {
-    const struct
-    {
-        HRESULT (*run)(DWORD*);
-        const char* expected;
-    } rows[] = {
-        {+[](DWORD* result) {
-             *result = 3;
-             return S_OK;
-         },
-         "create release run release "},
-        {+[](DWORD* result) {
-             thread_local const CNoMemory t_fromNowOn;
-             *result = kTxSvcUnloadModule;
-             return S_OK;
-         },
-         "create release run release sleep 100 free "},
-        {+[](DWORD*) { return E_FAIL; }, "create release run ignore stopped release "},
-        {+[](DWORD*) -> HRESULT { throw 5; }, "create release run ignore stopped release "},
+    g_run = +[](DWORD* result) {
+        *result = 3;
+        return S_OK;
     };
-    for (const auto& row : rows)
-    {
-        g_run = row.run;
-        EXPECT_EQ(RunService(), row.expected);
-    }
+    EXPECT_EQ(RunService(), "create release run release ");
+    g_run = +[](DWORD* result) {
+        *result = kTxSvcUnloadModule;
+        return S_OK;
+    };
+    EXPECT_EQ(RunService(), "create release run release sleep 100 free ");
+    g_run = +[](DWORD*) -> HRESULT { throw 5; };
+    EXPECT_EQ(RunService(), "create release run ignore stopped release ");
 }
 
 TEST_F(TxSvcHostProxyTest, AFailureIsNotReportedOnceTheManagerHasStartedTheServiceAgain)
@@ -220,41 +210,33 @@ TEST_F(TxSvcHostProxyTest, AsksForKeysThatItMayChange)
 TEST_F(TxSvcHostProxyTest, WhatTheSystemRefusesIsLogged)
 {
     g_run = +[](DWORD*) { return E_FAIL; };
-    const auto pointer = [](auto* function) { return reinterpret_cast<void*>(function); };
-    const struct
-    {
-        const char* import;
-        void* fake;
-        const wchar_t* line;
-        const char* expected;
-    } rows[] = {
-        {"CoInitializeEx",
-         pointer(+[] { return E_OUTOFMEMORY; }),
-         L"Failed to initialize COM (0x8007000E)",
-         ""},
-        {"RegisterServiceCtrlHandlerW",
-         pointer(+[]() -> void* { return nullptr; }),
-         L"RegisterServiceCtrlHandler failed",
-         "create release run release "},
-        {"SetServiceStatus",
-         pointer(+[] {
-             ::SetLastError(ERROR_INVALID_SERVICE_CONTROL);
-             return FALSE;
-         }),
-         L"Failed to set the service status, error 1052",
-         "create release run ignore release "},
+    const auto fail = +[]() -> std::uintptr_t {
+        ::SetLastError(ERROR_ACCESS_DENIED);
+        return 0;
     };
-    for (const auto& row : rows)
+    EXPECT_EQ(RunService(), "create release run ignore stopped release ");
+    for (const auto& [import, events, line] :
+         {std::tuple{
+              "RegisterServiceCtrlHandlerW", "release run release ", "RegisterServiceCtrlHandler failed"},
+          {"SetServiceStatus", "run ignore release ", "Failed to set the service status, error 5"}})
     {
-        const CImportPatch patch(row.import, row.fake);
-        EXPECT_EQ(RunService(), row.expected);
-        EXPECT_EQ(m_log.Count(ETWLogging::LogError, row.line), 1U);
+        const CImportPatch patch(import, fail);
+        m_log.Clear();
+        EXPECT_TRUE(RunService().ends_with(events)) << g_events;
+        EXPECT_NE(
+            m_log.Take().find(std::string("4 CTxSvcHostProxy::SetServiceStoppedStatus: ") + line),
+            std::string::npos);
     }
+    const CImportPatch patch("CoInitializeEx", +[] { return E_OUTOFMEMORY; });
+    m_log.Clear();
+    EXPECT_EQ(RunService(), "");
+    EXPECT_TRUE(m_log.Take().ends_with(
+        "4 CTxSvcHostProxy::ProxyServiceMain: Failed to initialize COM (0x8007000E)\n"));
 }
 
 TEST(TxSvcHostProxy, WithoutArgumentsOrAnInstanceOrDuringAStopNothingRuns)
 {
-    const CFakeTrace log;
+    CFakeTrace log;
     wchar_t name[] = L"svc";
     LPWSTR argv[] = {name, nullptr};
 
@@ -264,14 +246,12 @@ TEST(TxSvcHostProxy, WithoutArgumentsOrAnInstanceOrDuringAStopNothingRuns)
     SetReduceRestartStopping(); // For good: this test is the last of the program.
     CTxSvcHostProxy::GenericServiceMain(1, argv);
 
+    const std::string place = "4 CTxSvcHostProxy::GenericServiceMain: ";
     EXPECT_EQ(
-        log.Messages(),
-        (std::vector<std::wstring>{
-            L"Insufficient arguments to ServiceMain",
-            L"NULL passed as argv ",
-            L"No instance for CTxSvcHostProxy",
-            L"GenericServiceMain is called when shutdown, argv[0] = svc"}));
-    EXPECT_EQ(log.CountContaining(ETWLogging::LogError, L""), 4U);
+        log.Take(),
+        place + "Insufficient arguments to ServiceMain\n" + place + "NULL passed as argv \n" + place +
+            "No instance for CTxSvcHostProxy\n" + place +
+            "GenericServiceMain is called when shutdown, argv[0] = svc\n");
 }
 
 } // namespace

@@ -226,7 +226,7 @@ void CSession::show(const Words& words)
     {
         return print(L"no key");
     }
-    Words lines;
+    std::set<std::wstring> lines;
     for (const std::wstring& name : TxCtl::ValueNames(key, words[0]))
     {
         DWORD number = 0;
@@ -239,13 +239,12 @@ void CSession::show(const Words& words)
         {
             text = L"text:" + text;
         }
-        lines.push_back((name.empty() ? L"@" : name) + L" " + text);
+        lines.insert((name.empty() ? L"@" : name) + L" " + text);
     }
     for (const std::wstring& name : TxCtl::SubKeyNames(key, words[0]))
     {
-        lines.push_back(L"[" + name + L"]");
+        lines.insert(L"[" + name + L"]");
     }
-    std::ranges::sort(lines);
     std::ranges::for_each(lines, [this](const std::wstring& line) { print(line); });
 }
 
@@ -393,22 +392,22 @@ void CSession::log(const Words& /*words*/)
         m_log = std::make_unique<CHostLog>(m_folder.File(L"log"));
         return;
     }
+    const bool isWhole = what == L"whole";
+    const std::wregex pattern(isWhole ? L"" : what.empty() ? L"^(?!Norm)" : what);
     const std::vector<HostLogLine> lines = m_log->Lines();
     std::vector<std::pair<DWORD, std::wstring>> threads;
     for (; m_shownLines < lines.size(); ++m_shownLines)
     {
         const HostLogLine& line = lines[m_shownLines];
-        const std::wstring text = line.level.substr(0, 4) + L" " + line.source + L" " + line.function +
-                                  L": " + line.message + L"\n";
-        const bool isWanted = what == L"whole" || (what.empty() ? line.level != L"Normal"
-                                                                : std::regex_search(text, std::wregex(what)));
-        const DWORD id = what == L"whole" ? line.threadId : 0;
-        auto thread = std::ranges::find(threads, id, &std::pair<DWORD, std::wstring>::first);
-        if (thread == threads.end())
+        const std::wstring text = line.levelName.substr(0, 4) + L" " + line.source.value_or(L"") + L" " +
+                                  line.function.value_or(L"") + L": " + line.message + L"\n";
+        if (std::regex_search(text, pattern))
         {
-            thread = threads.insert(thread, {id, L""});
+            const DWORD id = isWhole ? line.thread : 0;
+            auto thread = std::ranges::find(threads, id, &std::pair<DWORD, std::wstring>::first);
+            thread = thread == threads.end() ? threads.insert(thread, {id, L""}) : thread;
+            thread->second += text;
         }
-        thread->second += isWanted ? text : L"";
     }
     for (const auto& [id, text] : threads)
     {
