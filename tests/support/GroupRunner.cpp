@@ -77,11 +77,14 @@ bool IsThreadKnown(DWORD threadId, DWORD processId)
 } // namespace
 
 CGroupRunner::CGroupRunner(const std::wstring& commandLine)
-    : m_event(::CreateEventW(nullptr, TRUE, FALSE, nullptr))
 {
     createPipe();
     m_process.emplace(commandLine);
-    waitForConnection();
+    if (!awaitHost(0))
+    {
+        ThrowError(
+            L"the host ended with " + std::to_wstring(m_process->Wait()) + L" before its services came");
+    }
     while (findServiceThread() != 0)
     {
         // The dispatcher's own.
@@ -193,7 +196,7 @@ void CGroupRunner::createPipe()
     m_pipeName = kPipeName + std::to_wstring(++number);
     m_pipe.Reset(::CreateNamedPipeW(
         m_pipeName.c_str(),
-        PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED | FILE_FLAG_FIRST_PIPE_INSTANCE,
+        PIPE_ACCESS_DUPLEX | FILE_FLAG_FIRST_PIPE_INSTANCE,
         PIPE_TYPE_BYTE,
         1,
         kPipeBufferBytes,
@@ -202,24 +205,6 @@ void CGroupRunner::createPipe()
         nullptr));
     ThrowIfFailed(m_pipe ? ERROR_SUCCESS : ::GetLastError(), L"creating " + m_pipeName);
     ThrowIfFailed(key.WriteDword(L"", number), L"writing the pipe's number");
-}
-
-void CGroupRunner::waitForConnection()
-{
-    OVERLAPPED operation{};
-    operation.hEvent = m_event.Get();
-    const BOOL isDone = ::ConnectNamedPipe(m_pipe.Get(), &operation);
-    if (!isDone && ::GetLastError() == ERROR_PIPE_CONNECTED)
-    {
-        return;
-    }
-    if (const DWORD error = finish(isDone, operation))
-    {
-        DWORD exitCode = STILL_ACTIVE;
-        ::GetExitCodeProcess(Process(), &exitCode);
-        ::TerminateProcess(Process(), ERROR_PROCESS_ABORTED);
-        ThrowError(L"waiting for the host's dispatcher; exit code " + std::to_wstring(exitCode), error);
-    }
 }
 
 /// Sends one request and reads its answer.
@@ -235,43 +220,32 @@ DWORD CGroupRunner::request(const std::wstring& name, DWORD control, const std::
     std::string bytes(reinterpret_cast<const char*>(&head), sizeof(head));
     bytes.append(reinterpret_cast<const char*>(text.data()), textBytes);
 
-    // Both fit into the pipe's buffers, so they come as a whole.
-    OVERLAPPED operation{};
-    operation.hEvent = m_event.Get();
     DWORD answer = ERROR_SUCCESS;
-    DWORD error =
-        finish(::WriteFile(m_pipe.Get(), bytes.data(), head.totalBytes, nullptr, &operation), operation);
-    if (error == ERROR_SUCCESS)
-    {
-        error = finish(::ReadFile(m_pipe.Get(), &answer, sizeof(answer), nullptr, &operation), operation);
-    }
-    if (error != ERROR_PROCESS_ABORTED)
-    {
-        ThrowIfFailed(error, L"control " + std::to_wstring(control) + L" for " + name);
-    }
-    return error == ERROR_SUCCESS ? answer : error;
+    DWORD transferred = 0;
+    const bool hasAnswer = ::WriteFile(m_pipe.Get(), bytes.data(), head.totalBytes, &transferred, nullptr) &&
+                           awaitHost(sizeof(answer)) &&
+                           ::ReadFile(m_pipe.Get(), &answer, sizeof(answer), &transferred, nullptr);
+    return hasAnswer ? answer : ERROR_PROCESS_ABORTED;
 }
 
-/// Waits for an operation on the pipe, which is called off when the time is over or the process has ended.
-/// @param isDone what the call that began the operation returned; call this right after it.
-DWORD CGroupRunner::finish(BOOL isDone, OVERLAPPED& operation)
+/// Waits until the host has connected and written so many bytes.
+/// @return false when it has ended.
+bool CGroupRunner::awaitHost(DWORD bytes) const
 {
-    DWORD error = isDone ? ERROR_SUCCESS : ::GetLastError();
-    if (error == ERROR_IO_PENDING)
+    for (const ULONGLONG end = ::GetTickCount64() + kTimeoutMs; ::GetTickCount64() < end;)
     {
-        const HANDLE handles[] = {m_event.Get(), Process()};
-        const DWORD wait = ::WaitForMultipleObjects(2, handles, FALSE, kTimeoutMs);
-        if (wait != WAIT_OBJECT_0)
+        DWORD available = 0;
+        if (::PeekNamedPipe(m_pipe.Get(), nullptr, 0, nullptr, &available, nullptr) && available >= bytes)
         {
-            ::CancelIoEx(m_pipe.Get(), &operation);
+            return true;
         }
-        DWORD transferred = 0;
-        error = ::GetOverlappedResult(m_pipe.Get(), &operation, &transferred, TRUE) ? ERROR_SUCCESS
-                : wait == WAIT_TIMEOUT                                              ? ERROR_TIMEOUT
-                                                                                    : ERROR_PROCESS_ABORTED;
+        if (::WaitForSingleObject(Process(), kPollMs) == WAIT_OBJECT_0)
+        {
+            return false;
+        }
     }
-    const bool isPipeClosed = error == ERROR_BROKEN_PIPE || error == ERROR_NO_DATA;
-    return isPipeClosed ? ERROR_PROCESS_ABORTED : error;
+    ::TerminateProcess(Process(), ERROR_TIMEOUT);
+    ThrowError(L"the host does not answer, or another service was started before it was there");
 }
 
 std::set<DWORD> CGroupRunner::threads() const

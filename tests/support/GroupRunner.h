@@ -74,15 +74,13 @@ public:
 
 private:
     void createPipe();
-    void waitForConnection();
     DWORD request(const std::wstring& name, DWORD control, const std::wstring& arguments);
-    DWORD finish(BOOL isDone, OVERLAPPED& operation);
+    [[nodiscard]] bool awaitHost(DWORD bytes) const;
     [[nodiscard]] std::set<DWORD> threads() const;
     DWORD findServiceThread();
 
     std::wstring m_pipeName;
     Basalt::CFile m_pipe;
-    Basalt::CHandle m_event; ///< Signalled by the end of the one pipe operation at a time.
     std::optional<CProcess> m_process;
     std::set<DWORD> m_seenThreads;           ///< Of which it is known where they begin.
     std::map<std::wstring, DWORD> m_threads; ///< Of services started; 0 when it ended before it was seen.
