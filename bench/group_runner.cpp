@@ -96,8 +96,8 @@ void StartServices(CGroupRunner& host, const Options& options)
     for (const std::wstring& name : options.services)
     {
         host.StartAndWait(name);
-        const wchar_t* const state = ServiceStateName(QueryService(name).dwCurrentState);
-        Print(L"  %-24s %-14s %7lu\n", name.c_str(), state, host.ProcessId());
+        const std::wstring state = ServiceStateName(QueryService(name).dwCurrentState);
+        Print(L"  %-24s %-14s %7lu\n", name.c_str(), state.c_str(), host.ProcessId());
     }
 }
 
@@ -137,7 +137,8 @@ bool StopServices(CGroupRunner& host, const Options& options)
     for (const std::wstring& name : options.services)
     {
         host.Stop(name);
-        Print(L"  %-24s %s\n", name.c_str(), ServiceStateName(QueryService(name).dwCurrentState));
+        const std::wstring state = ServiceStateName(QueryService(name).dwCurrentState);
+        Print(L"  %-24s %s\n", name.c_str(), state.c_str());
     }
     const std::optional<DWORD> exitCode = host.WaitForExit();
     if (!exitCode)

@@ -1,88 +1,99 @@
 #include <windows.h>
 
+#include <cstring>
 #include <functional>
 #include <gtest/gtest.h>
+#include <map>
 #include <stdexcept>
 #include <string>
+#include <thread>
+#include <tuple>
 
-#include "ServiceRun.h"
 #include "TxSubsystemModule.h"
 #include "support/ComReference.h"
+#include "support/ImportPatch.h"
 
 namespace
 {
 
 /// A service that does what the test says.
-class CScriptedService : public TxSdk::CSubsystem
+struct CScripted : TxSdk::CSubsystem
 {
-public:
     using TxSdk::CSubsystem::ReportProgress;
     using TxSdk::CSubsystem::SetExitCode;
     using TxSdk::CSubsystem::SetUnloadAfterStop;
 
-    std::function<DWORD(CScriptedService&)> onStart;
-    std::function<void(CScriptedService&, HANDLE)> run;
-    std::function<void(CScriptedService&)> onStop;
+    /// Never given back: who still looks at the object finds no pointers there.
+    static void operator delete(void* object, std::size_t size) { std::memset(object, 0xDD, size); }
+
+    void WaitForStop(HANDLE stopEvent) { CSubsystem::Run(stopEvent); }
+
+    using Start = std::function<DWORD(CScripted&)>;
+    using Body = std::function<void(CScripted&, HANDLE)>;
+    using Stop = std::function<void(CScripted&)>;
+    Start onStart;
+    Body run;
+    Stop onStop;
 
 private:
     DWORD OnStart(DWORD argc, LPWSTR* argv) override
     {
         return onStart ? onStart(*this) : CSubsystem::OnStart(argc, argv);
     }
-    void Run(HANDLE stopEvent) override { run ? run(*this, stopEvent) : CSubsystem::Run(stopEvent); }
+    void Run(HANDLE stopEvent) override { run(*this, stopEvent); }
     void OnStop() override { onStop ? onStop(*this) : CSubsystem::OnStop(); }
 };
 
-CComReference<ITxSvcSubsystem> MakeService(
-    decltype(CScriptedService::onStart) onStart = {},
-    decltype(CScriptedService::run) run = {},
-    decltype(CScriptedService::onStop) onStop = {})
+/// What the service control manager has of a service.
+struct Service
 {
-    auto* const service = new CScriptedService;
-    service->onStart = std::move(onStart);
-    service->run = std::move(run);
-    service->onStop = std::move(onStop);
-    return CComReference<ITxSvcSubsystem>(service);
+    LPHANDLER_FUNCTION_EX handler = nullptr;
+    void* context = nullptr;
+    /// S1/9: starting, checkpoint 1, 9 ms; R5: running, accepts 5; P: stopping; X0: stopped, exit code 0.
+    std::string reports = {};
+};
+std::map<std::wstring, Service> s_services;
+
+DWORD Control(DWORD control, const std::wstring& name = L"Svc")
+{
+    return s_services[name].handler(control, 0, nullptr, s_services[name].context);
 }
 
-/// The reported states, a letter each: S start pending, R running, P stop pending, X stopped.
-std::string States(const std::vector<SERVICE_STATUS>& reports)
+struct SubsystemTest : ::testing::Test
 {
-    std::string states;
-    for (const SERVICE_STATUS& report : reports)
+    SubsystemTest() { s_services.clear(); }
+    ~SubsystemTest() override { EXPECT_EQ(TxSdk::CanUnloadNow(), S_OK) << "an object was not released"; }
+
+    static SERVICE_STATUS_HANDLE WINAPI
+    Register(const wchar_t* name, LPHANDLER_FUNCTION_EX handler, void* context)
     {
-        states += "?XSPR"[report.dwCurrentState]; // In the order of the states' numbers, 1 to 4.
+        s_services[name] = {handler, context};
+        return reinterpret_cast<SERVICE_STATUS_HANDLE>(&s_services[name]);
     }
-    return states;
-}
-
-/// What the service control manager wants of every report.
-void ExpectSound(const std::vector<SERVICE_STATUS>& reports)
-{
-    DWORD lastState = 0;
-    DWORD lastCheckPoint = 0;
-    for (const SERVICE_STATUS& report : reports)
+    static BOOL WINAPI Report(SERVICE_STATUS_HANDLE handle, SERVICE_STATUS* status)
     {
-        const DWORD state = report.dwCurrentState;
-        const bool pending = state == SERVICE_START_PENDING || state == SERVICE_STOP_PENDING;
-        const DWORD accepted = state == SERVICE_RUNNING ? SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN : 0u;
-        EXPECT_EQ(report.dwServiceType, DWORD{SERVICE_WIN32_SHARE_PROCESS});
-        EXPECT_EQ(report.dwControlsAccepted, accepted);
-        EXPECT_EQ(report.dwWaitHint != 0, pending);
-        EXPECT_EQ(report.dwCheckPoint, !pending ? 0u : state == lastState ? lastCheckPoint + 1 : 1u);
-        EXPECT_TRUE(state == SERVICE_STOPPED || report.dwWin32ExitCode == NO_ERROR);
-        lastState = state;
-        lastCheckPoint = report.dwCheckPoint;
+        const auto& [type, state, accepted, exitCode, ownExitCode, checkPoint, waitHint] = *status;
+        std::string& reports = reinterpret_cast<Service*>(handle)->reports;
+        reports += reports.empty() ? "" : " ";
+        reports += "?XSPR"[state];
+        reports += std::to_string(
+            state == SERVICE_STOPPED   ? exitCode + accepted + checkPoint + waitHint
+            : state == SERVICE_RUNNING ? accepted + exitCode + checkPoint + waitHint
+                                       : checkPoint + accepted + exitCode);
+        reports += waitHint == 0 ? "" : "/" + std::to_string(waitHint);
+        reports += type == SERVICE_WIN32_SHARE_PROCESS && ownExitCode == 0 ? "" : "?";
+        return TRUE;
     }
-}
 
-class SubsystemTest : public ::testing::Test
-{
-protected:
-    void SetUp() override { ASSERT_TRUE(m_manager.IsActive()); }
-    void TearDown() override { EXPECT_EQ(TxSdk::CanUnloadNow(), S_OK) << "an object was not released"; }
+    /// As the host runs it: on this thread.
+    HRESULT Run(CScripted* service, std::wstring name = L"Svc")
+    {
+        LPWSTR argv[] = {name.data(), nullptr};
+        return CComReference<ITxSvcSubsystem>(service).Get()->TxServiceMain(1, argv, &m_result);
+    }
 
-    CFakeManager m_manager;
+    DWORD m_result = 0;
+    CImportPatch m_patches[2] = {{"RegisterServiceCtrlHandlerExW", &Register}, {"SetServiceStatus", &Report}};
 };
 
 } // namespace
@@ -91,124 +102,159 @@ TEST_F(SubsystemTest, ReportsEveryRoadInOrder)
 {
     const auto fail = [](auto&) -> DWORD { return ERROR_NOT_READY; };
     const auto raise = [](auto&&...) -> DWORD { throw std::runtime_error("on purpose"); };
-    const auto endWithError = [](auto& service, HANDLE) { service.SetExitCode(ERROR_WRITE_FAULT); };
+    const auto end = [](auto& service, HANDLE) { service.SetExitCode(ERROR_WRITE_FAULT); };
     const auto unload = [](auto& service) { return service.SetUnloadAfterStop(), DWORD{ERROR_SUCCESS}; };
     const auto startSlowly = [](auto& service) {
         service.ReportProgress();
-        service.ReportProgress(1);
-        return DWORD{ERROR_SUCCESS};
+        return service.ReportProgress(1), DWORD{ERROR_SUCCESS};
+    };
+    const auto stop = [](auto& service, HANDLE stopEvent) {
+        EXPECT_EQ(Control(SERVICE_CONTROL_STOP), DWORD{NO_ERROR});
+        service.WaitForStop(stopEvent);
     };
     const auto stopSlowly = [](auto& service, HANDLE stopEvent) {
         service.ReportProgress(); // Running: nothing to report.
-        ::WaitForSingleObject(stopEvent, INFINITE);
+        EXPECT_EQ(Control(SERVICE_CONTROL_SHUTDOWN), DWORD{NO_ERROR});
+        EXPECT_EQ(::WaitForSingleObject(stopEvent, 0), DWORD{WAIT_OBJECT_0});
+        EXPECT_EQ(::WaitForSingleObject(stopEvent, 0), DWORD{WAIT_OBJECT_0}); // It stays signalled.
         service.ReportProgress();
     };
-    const struct
+    using Row = std::tuple<const char*, DWORD, CScripted::Start, CScripted::Body, CScripted::Stop>;
+    for (const auto& [reports, result, onStart, run, onStop] : std::initializer_list<Row>{
+             {"S1/10000 R5 P1/10000 X0", 0, {}, stop, {}},
+             {"S1/10000 R5 P1/10000 X0", 0xDEADBABE, unload, stop, {}},
+             {"S1/10000 S2/10000 S3/1 R5 P1/10000 P2/10000 X0", 0, startSlowly, stopSlowly, {}},
+             {"S1/10000 X21", 21, fail, {}, {}},
+             {"S1/10000 X1064", 1064, raise, {}, {}},
+             {"S1/10000 R5 X1064", 1064, {}, raise, {}},
+             {"S1/10000 R5 X29", 29, {}, end, {}},
+             {"S1/10000 R5 P1/10000 X1064", 1064, {}, stop, raise}})
     {
-        const char* name;
-        const char* states;
-        decltype(CScriptedService::onStart) onStart;
-        decltype(CScriptedService::run) run;
-        decltype(CScriptedService::onStop) onStop;
-        DWORD control; // 0: the service ends by itself.
-        DWORD exitCode;
-    } cases[] = {
-        {"stop", "SRPX", {}, {}, {}, SERVICE_CONTROL_STOP, 0},
-        {"shutdown", "SRPX", {}, {}, {}, SERVICE_CONTROL_SHUTDOWN, 0},
-        {"unload", "SRPX", unload, {}, {}, SERVICE_CONTROL_STOP, 0},
-        {"slow", "SSSRPPX", startSlowly, stopSlowly, {}, SERVICE_CONTROL_STOP, 0},
-        {"OnStart fails", "SX", fail, {}, {}, 0, ERROR_NOT_READY},
-        {"OnStart throws", "SX", raise, {}, {}, 0, 1064},
-        {"Run throws", "SRX", {}, raise, {}, 0, 1064},
-        {"Run ends", "SRX", {}, endWithError, {}, 0, ERROR_WRITE_FAULT},
-        {"OnStop throws", "SRPX", {}, {}, raise, SERVICE_CONTROL_STOP, 1064},
-    };
-    for (const auto& row : cases)
-    {
-        SCOPED_TRACE(row.name);
-        CServiceRun run(MakeService(row.onStart, row.run, row.onStop), std::to_wstring(&row - cases));
-
-        if (row.control != 0)
-        {
-            ASSERT_TRUE(run.WaitFor(SERVICE_RUNNING));
-            EXPECT_EQ(run.Control(row.control), DWORD{NO_ERROR});
-        }
-        run.Join();
-
-        const std::vector<SERVICE_STATUS> reports = run.Reports();
-        EXPECT_EQ(States(reports), row.states);
-        ExpectSound(reports);
-        EXPECT_EQ(reports.back().dwWin32ExitCode, row.exitCode);
-        EXPECT_EQ(run.Returned(), S_OK);
-        EXPECT_EQ(run.Result(), row.name == std::string("unload") ? 0xDEADBABE : row.exitCode);
+        auto* const service = new CScripted;
+        service->onStart = onStart;
+        service->run = run;
+        service->onStop = onStop;
+        EXPECT_EQ(Run(service), S_OK);
+        EXPECT_EQ(s_services[L"Svc"].reports, reports);
+        EXPECT_EQ(m_result, result);
     }
 }
 
 TEST_F(SubsystemTest, HandlesOneStopOfTheServiceMeantAndNoOtherControl)
 {
     int stops = 0;
-    const auto countStop = [&stops](auto&) { ++stops; };
-    const auto waitTwice = [](auto& /*service*/, HANDLE stopEvent) {
-        ::WaitForSingleObject(stopEvent, INFINITE);
-        EXPECT_EQ(::WaitForSingleObject(stopEvent, 0), DWORD{WAIT_OBJECT_0}); // It stays signalled.
+    auto* const outer = new CScripted;
+    outer->run = [&](auto& /*service*/, HANDLE) {
+        auto* const inner = new CScripted;
+        inner->onStop = [&stops](auto&) { ++stops; };
+        inner->run = [&](auto& /*service*/, HANDLE) {
+            EXPECT_EQ(Control(SERVICE_CONTROL_INTERROGATE, L"Inner"), DWORD{NO_ERROR});
+            EXPECT_EQ(Control(SERVICE_CONTROL_PAUSE, L"Inner"), DWORD{ERROR_CALL_NOT_IMPLEMENTED});
+            EXPECT_EQ(s_services[L"Inner"].reports, "S1/10000 R5");
+            EXPECT_EQ(Control(SERVICE_CONTROL_STOP, L"Inner"), DWORD{NO_ERROR});
+            EXPECT_EQ(Control(SERVICE_CONTROL_SHUTDOWN, L"Inner"), DWORD{NO_ERROR});
+        };
+        EXPECT_EQ(Run(inner, L"Inner"), S_OK);
+        EXPECT_EQ(Control(SERVICE_CONTROL_STOP, L"Inner"), DWORD{NO_ERROR}); // On its way when it had gone.
+        EXPECT_EQ(s_services[L"Svc"].reports, "S1/10000 R5");
+        Control(SERVICE_CONTROL_STOP);
     };
-    CServiceRun before(MakeService(), L"Before");
-    ASSERT_TRUE(before.WaitFor(SERVICE_RUNNING));
-    CServiceRun run(MakeService({}, waitTwice, countStop), L"Svc");
-    ASSERT_TRUE(run.WaitFor(SERVICE_RUNNING));
-    CServiceRun after(MakeService(), L"After");
-    ASSERT_TRUE(after.WaitFor(SERVICE_RUNNING));
-
-    EXPECT_EQ(run.Control(SERVICE_CONTROL_INTERROGATE), DWORD{NO_ERROR});
-    EXPECT_EQ(run.Control(SERVICE_CONTROL_PAUSE), DWORD{ERROR_CALL_NOT_IMPLEMENTED});
-    EXPECT_EQ(run.Reports().size(), 2u);
-    EXPECT_EQ(run.Control(SERVICE_CONTROL_STOP), DWORD{NO_ERROR});
-    EXPECT_EQ(run.Control(SERVICE_CONTROL_SHUTDOWN), DWORD{NO_ERROR});
-    run.Join();
-    EXPECT_EQ(run.Control(SERVICE_CONTROL_STOP), DWORD{NO_ERROR}); // On its way when the service had gone.
-
+    EXPECT_EQ(Run(outer), S_OK);
     EXPECT_EQ(stops, 1);
-    EXPECT_EQ(run.Reports().size(), 4u);
-    EXPECT_EQ(before.Reports().size(), 2u);
-    EXPECT_EQ(after.Reports().size(), 2u);
+    EXPECT_EQ(s_services[L"Svc"].reports, s_services[L"Inner"].reports);
+    EXPECT_EQ(s_services[L"Svc"].reports, "S1/10000 R5 P1/10000 X0");
 }
 
 TEST_F(SubsystemTest, IsReportedStoppedOnlyWhenOnStopIsOver)
 {
     const TxSdk::CHandle inOnStop(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
-    const CServiceRun* running = nullptr;
-    bool stoppedMeanwhile = true;
-    const auto endEarly = [&](auto& /*service*/, HANDLE) { ::WaitForSingleObject(inOnStop.Get(), INFINITE); };
-    const auto stopSlowly = [&](auto& service) {
-        ::SetEvent(inOnStop.Get());
-        stoppedMeanwhile = running->WaitFor(SERVICE_STOPPED, 50);
-        service.ReportProgress(); // No deadlock with the thread that waits.
+    std::jthread controls;
+    auto* const service = new CScripted;
+    service->run = [&](auto& /*service*/, HANDLE) {
+        controls = std::jthread([] { Control(SERVICE_CONTROL_STOP); });
+        ::WaitForSingleObject(inOnStop.Get(), INFINITE); // Ends before it is told to.
     };
-    CServiceRun run(MakeService({}, endEarly, stopSlowly), L"Svc");
-    running = &run;
-    ASSERT_TRUE(run.WaitFor(SERVICE_RUNNING));
-
-    run.Control(SERVICE_CONTROL_STOP);
-    run.Join();
-
-    EXPECT_FALSE(stoppedMeanwhile);
-    EXPECT_EQ(run.Reports().back().dwCurrentState, DWORD{SERVICE_STOPPED});
+    service->onStop = [&](auto& stopping) {
+        ::SetEvent(inOnStop.Get());
+        ::Sleep(50); // The service's thread could report meanwhile.
+        EXPECT_EQ(s_services[L"Svc"].reports, "S1/10000 R5 P1/10000");
+        stopping.ReportProgress(); // No deadlock with the thread that waits.
+    };
+    EXPECT_EQ(Run(service), S_OK);
+    EXPECT_EQ(s_services[L"Svc"].reports, "S1/10000 R5 P1/10000 P2/10000 X0");
 }
 
 TEST_F(SubsystemTest, LeavesTheReportToTheHostWhenItCannotReportItself)
 {
-    const CImportPatch patch(
-        "RegisterServiceCtrlHandlerExW",
-        +[](const wchar_t*, LPHANDLER_FUNCTION_EX, void*) -> SERVICE_STATUS_HANDLE {
-            ::SetLastError(ERROR_SERVICE_DOES_NOT_EXIST);
-            return nullptr;
-        });
-    CServiceRun run(MakeService(), L"Svc");
-    DWORD result = 0;
+    EXPECT_EQ(
+        CComReference<ITxSvcSubsystem>(new CScripted).Get()->TxServiceMain(0, nullptr, &m_result),
+        E_INVALIDARG);
+    for (const char* const call : {"RegisterServiceCtrlHandlerExW", "CreateEventW"})
+    {
+        const CImportPatch patch(call, +[]() -> void* { return ::SetLastError(ERROR_NOT_READY), nullptr; });
+        EXPECT_EQ(Run(new CScripted), HRESULT_FROM_WIN32(ERROR_NOT_READY));
+    }
+    EXPECT_TRUE(s_services.empty());
+}
 
-    run.Join();
+namespace
+{
 
-    EXPECT_EQ(run.Returned(), HRESULT_FROM_WIN32(ERROR_SERVICE_DOES_NOT_EXIST));
-    EXPECT_TRUE(run.Reports().empty());
-    EXPECT_EQ(MakeService().Get()->TxServiceMain(0, nullptr, &result), E_INVALIDARG);
+/// Its construction fails.
+template <typename Exception>
+struct CFailing : TxSdk::CSubsystem
+{
+    CFailing() { throw Exception(); }
+};
+
+constexpr CLSID kClsid = {0x5D1FBE3A, 0x0B52, 0x4B8E, {0x8A, 0x11, 0x60, 0x3C, 0x7E, 0x55, 0x10, 0x01}};
+
+template <typename Service>
+HRESULT Create(const IID& iid, void** object)
+{
+    void* classObject = nullptr;
+    EXPECT_EQ(TxSdk::GetClassObject<Service>(kClsid, kClsid, IID_ITxSvcClassObject, &classObject), S_OK);
+    const CComReference<ITxSvcClassObject> owned(static_cast<ITxSvcClassObject*>(classObject));
+    return owned.Get()->CreateObject(iid, object);
+}
+
+HRESULT GetClass(const IID& iid, void** object)
+{
+    return TxSdk::GetClassObject<CScripted>(kClsid, kClsid, iid, object);
+}
+
+HRESULT GetOtherClass(const IID& iid, void** object)
+{
+    return TxSdk::GetClassObject<CScripted>(kClsid, IID_ITxSvcSubsystem, iid, object);
+}
+
+} // namespace
+
+TEST(Module, GivesItsClassAndItsObjectsWithOneReferenceOrSaysWhyNot)
+{
+    const std::tuple<HRESULT (*)(const IID&, void**), IID, HRESULT> rows[] = {
+        {&GetClass, IID_ITxSvcClassObject, S_OK},
+        {&GetClass, IID_IUnknown, S_OK},
+        {&GetClass, IID_IClassFactory, E_NOINTERFACE},
+        {&GetOtherClass, IID_ITxSvcClassObject, CLASS_E_CLASSNOTAVAILABLE},
+        {&Create<CScripted>, IID_ITxSvcSubsystem, S_OK},
+        {&Create<CScripted>, IID_IClassFactory, E_NOINTERFACE},
+        {&Create<CFailing<std::bad_alloc>>, IID_ITxSvcSubsystem, E_OUTOFMEMORY},
+        {&Create<CFailing<int>>, IID_ITxSvcSubsystem, E_UNEXPECTED},
+    };
+    for (const auto& [get, iid, expected] : rows)
+    {
+        void* object = static_cast<void*>(&object); // Not null.
+        EXPECT_EQ(get(iid, nullptr), E_POINTER);
+        EXPECT_EQ(get(iid, &object), expected);
+        ASSERT_EQ(object != nullptr, expected == S_OK);
+        EXPECT_EQ(TxSdk::CanUnloadNow(), object != nullptr ? S_FALSE : S_OK);
+        if (object != nullptr)
+        {
+            EXPECT_EQ(static_cast<IUnknown*>(object)->AddRef(), 2U);
+            EXPECT_EQ(static_cast<IUnknown*>(object)->Release(), 1U);
+            EXPECT_EQ(static_cast<IUnknown*>(object)->Release(), 0U);
+        }
+        EXPECT_EQ(TxSdk::CanUnloadNow(), S_OK);
+    }
 }

@@ -1,6 +1,7 @@
 #include "Session.h"
 
 #include <windows.h>
+#include <shellapi.h>
 
 #include <algorithm>
 #include <cwchar>
@@ -38,30 +39,13 @@ void ReplaceAll(Text& text, const Text& from, const Text& to)
     }
 }
 
-/// Words are parted by blanks; quotes keep blanks and an empty word together.
 std::vector<std::wstring> Split(const std::wstring& line)
 {
-    std::vector<std::wstring> words;
-    bool isQuoted = false;
-    bool isOpen = false;
-    for (const wchar_t character : line)
-    {
-        isQuoted = isQuoted != (character == L'"');
-        if (character == L' ' && !isQuoted)
-        {
-            isOpen = false;
-            continue;
-        }
-        if (!std::exchange(isOpen, true))
-        {
-            words.emplace_back();
-        }
-        if (character != L'"')
-        {
-            words.back() += character;
-        }
-    }
-    return words;
+    int count = 0;
+    wchar_t** const words = ::CommandLineToArgvW(line.c_str(), &count);
+    std::vector<std::wstring> split(words, words + count);
+    ::LocalFree(words);
+    return split;
 }
 
 /// The console of the tool's commands: what goes to the standard error is marked.
@@ -81,11 +65,6 @@ private:
 
     std::wstring& m_text;
 };
-
-std::wstring HostCommand(const std::wstring& arguments)
-{
-    return L"\"" + BesideTest(L"TxSvHost.exe") + L"\" " + arguments;
-}
 
 /// Removes the services and classes that the product's keys name, then the keys and the link to them.
 void ForgetProduct()
@@ -155,7 +134,7 @@ std::string CSession::Execute(const std::string& line)
         {L"host", {1, &CSession::host}},      {L"link", {1, &CSession::link}},
         {L"listen", {0, &CSession::listen}},  {L"log", {0, &CSession::log}},
         {L"class", {2, &CSession::setClass}}, {L"privileges", {0, &CSession::privileges}},
-        {L"run", {0, &CSession::run}},        {L"set", {3, &CSession::set}},
+        {L"run", {1, &CSession::run}},        {L"set", {3, &CSession::set}},
         {L"show", {1, &CSession::show}},      {L"start", {1, &CSession::start}},
         {L"state", {1, &CSession::state}},    {L"stop", {1, &CSession::stop}},
         {L"trim", {0, &CSession::trim}},      {L"txsvcctl", {0, &CSession::txsvcctl}}};
@@ -247,7 +226,7 @@ void CSession::show(const Words& words)
     {
         return print(L"no key");
     }
-    Words lines;
+    std::set<std::wstring> lines;
     for (const std::wstring& name : TxCtl::ValueNames(key, words[0]))
     {
         DWORD number = 0;
@@ -260,13 +239,12 @@ void CSession::show(const Words& words)
         {
             text = L"text:" + text;
         }
-        lines.push_back((name.empty() ? L"@" : name) + L" " + text);
+        lines.insert((name.empty() ? L"@" : name) + L" " + text);
     }
     for (const std::wstring& name : TxCtl::SubKeyNames(key, words[0]))
     {
-        lines.push_back(L"[" + name + L"]");
+        lines.insert(L"[" + name + L"]");
     }
-    std::ranges::sort(lines);
     std::ranges::for_each(lines, [this](const std::wstring& line) { print(line); });
 }
 
@@ -300,16 +278,17 @@ void CSession::file(const Words& words)
     }
 }
 
-/// The host by itself, outside of the service manager.
-void CSession::run(const Words& /*words*/)
+/// By itself, outside of the service manager.
+void CSession::run(const Words& words)
 {
     SkipControlPipe();
-    print(L"exit code " + std::to_wstring(RunProcess(HostCommand(m_arguments))));
+    const std::wstring arguments = m_arguments.substr(std::min(m_arguments.size(), words[0].size()));
+    print(L"exit code " + std::to_wstring(RunProcess(L"\"" + BesideTest(words[0]) + L"\"" + arguments)));
 }
 
 void CSession::host(const Words& /*words*/)
 {
-    m_host = std::make_unique<CGroupRunner>(HostCommand(m_arguments));
+    m_host = std::make_unique<CGroupRunner>(L"\"" + BesideTest(L"TxSvHost.exe") + L"\" " + m_arguments);
 }
 
 void CSession::end(const Words& /*words*/)
@@ -413,22 +392,22 @@ void CSession::log(const Words& /*words*/)
         m_log = std::make_unique<CHostLog>(m_folder.File(L"log"));
         return;
     }
+    const bool isWhole = what == L"whole";
+    const std::wregex pattern(isWhole ? L"" : what.empty() ? L"^(?!Norm)" : what);
     const std::vector<HostLogLine> lines = m_log->Lines();
     std::vector<std::pair<DWORD, std::wstring>> threads;
     for (; m_shownLines < lines.size(); ++m_shownLines)
     {
         const HostLogLine& line = lines[m_shownLines];
-        const std::wstring text = line.level.substr(0, 4) + L" " + line.source + L" " + line.function +
-                                  L": " + line.message + L"\n";
-        const bool isWanted = what == L"whole" || (what.empty() ? line.level != L"Normal"
-                                                                : std::regex_search(text, std::wregex(what)));
-        const DWORD id = what == L"whole" ? line.threadId : 0;
-        auto thread = std::ranges::find(threads, id, &std::pair<DWORD, std::wstring>::first);
-        if (thread == threads.end())
+        const std::wstring text = line.levelName.substr(0, 4) + L" " + line.source.value_or(L"") + L" " +
+                                  line.function.value_or(L"") + L": " + line.message + L"\n";
+        if (std::regex_search(text, pattern))
         {
-            thread = threads.insert(thread, {id, L""});
+            const DWORD id = isWhole ? line.thread : 0;
+            auto thread = std::ranges::find(threads, id, &std::pair<DWORD, std::wstring>::first);
+            thread = thread == threads.end() ? threads.insert(thread, {id, L""}) : thread;
+            thread->second += text;
         }
-        thread->second += isWanted ? text : L"";
     }
     for (const auto& [id, text] : threads)
     {

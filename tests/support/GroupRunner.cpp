@@ -1,5 +1,6 @@
 #include "support/GroupRunner.h"
 
+#include <psapi.h>
 #include <tlhelp32.h>
 #include <winternl.h>
 
@@ -43,16 +44,26 @@ bool MarkState(const std::wstring& name, DWORD state)
     return ::SetServiceStatus(reinterpret_cast<SERVICE_STATUS_HANDLE>(service.Get()), &status) != FALSE;
 }
 
-/// Null until the thread runs.
-const BYTE* StartAddress(DWORD threadId)
+/// Where a thread begins; null until it runs.
+void* StartAddress(DWORD threadId)
 {
     constexpr auto kStartAddress = static_cast<THREADINFOCLASS>(9); // ThreadQuerySetWin32StartAddress
     static auto* const s_query = Basalt::FindExport<decltype(NtQueryInformationThread)>(
         ::GetModuleHandleW(L"ntdll.dll"), "NtQueryInformationThread");
     const Basalt::CHandle thread(::OpenThread(THREAD_QUERY_INFORMATION, FALSE, threadId));
-    const BYTE* address = nullptr;
-    s_query(thread.Get(), kStartAddress, static_cast<void*>(&address), sizeof(address), nullptr);
+    void* address = nullptr;
+    s_query(thread.Get(), kStartAddress, &address, sizeof(address), nullptr);
     return address;
+}
+
+/// Whether this is code of the DLL that Wine's dispatcher is in.
+bool IsDispatcherCode(HANDLE process, const void* address)
+{
+    MEMORY_BASIC_INFORMATION memory{};
+    wchar_t name[MAX_PATH] = {};
+    ::VirtualQueryEx(process, address, &memory, sizeof(memory));
+    ::GetModuleBaseNameW(process, static_cast<HMODULE>(memory.AllocationBase), name, MAX_PATH);
+    return ::lstrcmpiW(name, L"sechost.dll") == 0;
 }
 
 /// An ended thread can be opened as long as anybody holds a handle to it, as Wine's dispatcher does until it
@@ -66,19 +77,17 @@ bool IsThreadKnown(DWORD threadId, DWORD processId)
 } // namespace
 
 CGroupRunner::CGroupRunner(const std::wstring& commandLine)
-    : m_event(::CreateEventW(nullptr, TRUE, FALSE, nullptr))
 {
     createPipe();
     m_process.emplace(commandLine);
-    try
+    if (!awaitHost(0))
     {
-        waitForConnection();
-        findDispatcher();
+        ThrowError(
+            L"the host ended with " + std::to_wstring(m_process->Wait()) + L" before its services came");
     }
-    catch (...)
+    while (findServiceThread() != 0)
     {
-        ::TerminateProcess(Process(), ERROR_PROCESS_ABORTED);
-        throw;
+        // The dispatcher's own.
     }
 }
 
@@ -100,7 +109,7 @@ CGroupRunner::~CGroupRunner()
 
 DWORD CGroupRunner::Start(const std::wstring& name, const std::vector<std::wstring>& arguments)
 {
-    if (QueryService(name).dwCurrentState != SERVICE_STOPPED || !MarkState(name, SERVICE_START_PENDING))
+    if (!MarkState(name, SERVICE_START_PENDING))
     {
         ThrowError(L"cannot mark " + name + L" as pending");
     }
@@ -110,11 +119,10 @@ DWORD CGroupRunner::Start(const std::wstring& name, const std::vector<std::wstri
         text += argument + L'\0';
     }
     m_threads[name] = 0; // From here on the manager is told of its end, whatever happens.
-    const std::set<DWORD> before = threads();
     const DWORD answer = request(name, kControlStart, text + L'\0');
     if (answer == ERROR_SUCCESS)
     {
-        m_threads[name] = findServiceThread(before);
+        m_threads[name] = findServiceThread();
     }
     else
     {
@@ -126,7 +134,10 @@ DWORD CGroupRunner::Start(const std::wstring& name, const std::vector<std::wstri
 void CGroupRunner::StartAndWait(const std::wstring& name, const std::vector<std::wstring>& arguments)
 {
     ThrowIfFailed(Start(name, arguments), L"cannot start " + name);
-    awaitState(name, SERVICE_RUNNING);
+    if (!WaitForState(name, SERVICE_RUNNING))
+    {
+        ThrowError(name + L" does not run");
+    }
 }
 
 void CGroupRunner::Stop(const std::wstring& name)
@@ -137,10 +148,9 @@ void CGroupRunner::Stop(const std::wstring& name)
     {
         ThrowIfFailed(answer, L"cannot stop " + name);
     }
-    awaitState(name, SERVICE_STOPPED);
-    if (!WaitForThreadEnd(name))
+    if (!WaitForState(name, SERVICE_STOPPED) || !WaitForThreadEnd(name))
     {
-        ThrowError(L"the thread of " + name + L" goes on after it reported the end");
+        ThrowError(name + L" or its thread goes on");
     }
 }
 
@@ -172,18 +182,6 @@ std::optional<DWORD> CGroupRunner::WaitForExit() const
     return hasEnded ? std::optional(exitCode) : std::nullopt;
 }
 
-void CGroupRunner::awaitState(const std::wstring& name, DWORD state) const
-{
-    if (!WaitForState(name, state))
-    {
-        const SERVICE_STATUS_PROCESS status = QueryService(name);
-        ThrowError(
-            name + L" should be " + ServiceStateName(state) + L" but is " +
-            ServiceStateName(status.dwCurrentState) + L", exit code " +
-            std::to_wstring(status.dwWin32ExitCode));
-    }
-}
-
 /// Takes the next pipe number for the host that is started afterwards.
 void CGroupRunner::createPipe()
 {
@@ -198,7 +196,7 @@ void CGroupRunner::createPipe()
     m_pipeName = kPipeName + std::to_wstring(++number);
     m_pipe.Reset(::CreateNamedPipeW(
         m_pipeName.c_str(),
-        PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED | FILE_FLAG_FIRST_PIPE_INSTANCE,
+        PIPE_ACCESS_DUPLEX | FILE_FLAG_FIRST_PIPE_INSTANCE,
         PIPE_TYPE_BYTE,
         1,
         kPipeBufferBytes,
@@ -207,43 +205,6 @@ void CGroupRunner::createPipe()
         nullptr));
     ThrowIfFailed(m_pipe ? ERROR_SUCCESS : ::GetLastError(), L"creating " + m_pipeName);
     ThrowIfFailed(key.WriteDword(L"", number), L"writing the pipe's number");
-}
-
-void CGroupRunner::waitForConnection()
-{
-    OVERLAPPED operation{};
-    operation.hEvent = m_event.Get();
-    const BOOL isDone = ::ConnectNamedPipe(m_pipe.Get(), &operation);
-    if (!isDone && ::GetLastError() == ERROR_PIPE_CONNECTED)
-    {
-        return;
-    }
-    const DWORD error = finish(isDone, operation);
-    DWORD exitCode = STILL_ACTIVE;
-    ::GetExitCodeProcess(Process(), &exitCode);
-    ThrowIfFailed(
-        error,
-        L"the host did not call the dispatcher, or another service was started meanwhile; exit code " +
-            std::to_wstring(exitCode));
-}
-
-/// Finds where the code of the dispatcher's DLL is in the process, to know its threads by where they begin.
-void CGroupRunner::findDispatcher()
-{
-    const Basalt::CFile modules(::CreateToolhelp32Snapshot(TH32CS_SNAPMODULE, ProcessId()));
-    MODULEENTRY32W entry{};
-    entry.dwSize = sizeof(entry);
-    for (BOOL more = ::Module32FirstW(modules.Get(), &entry); more;
-         more = ::Module32NextW(modules.Get(), &entry))
-    {
-        if (::lstrcmpiW(entry.szModule, L"sechost.dll") == 0)
-        {
-            m_dispatcherBegin = entry.modBaseAddr;
-            m_dispatcherEnd = entry.modBaseAddr + entry.modBaseSize;
-            return;
-        }
-    }
-    ThrowError(L"the host has no sechost.dll");
 }
 
 /// Sends one request and reads its answer.
@@ -259,43 +220,32 @@ DWORD CGroupRunner::request(const std::wstring& name, DWORD control, const std::
     std::string bytes(reinterpret_cast<const char*>(&head), sizeof(head));
     bytes.append(reinterpret_cast<const char*>(text.data()), textBytes);
 
-    // Both fit into the pipe's buffers, so they come as a whole.
-    OVERLAPPED operation{};
-    operation.hEvent = m_event.Get();
     DWORD answer = ERROR_SUCCESS;
-    DWORD error =
-        finish(::WriteFile(m_pipe.Get(), bytes.data(), head.totalBytes, nullptr, &operation), operation);
-    if (error == ERROR_SUCCESS)
-    {
-        error = finish(::ReadFile(m_pipe.Get(), &answer, sizeof(answer), nullptr, &operation), operation);
-    }
-    if (error != ERROR_PROCESS_ABORTED)
-    {
-        ThrowIfFailed(error, L"control " + std::to_wstring(control) + L" for " + name);
-    }
-    return error == ERROR_SUCCESS ? answer : error;
+    DWORD transferred = 0;
+    const bool hasAnswer = ::WriteFile(m_pipe.Get(), bytes.data(), head.totalBytes, &transferred, nullptr) &&
+                           awaitHost(sizeof(answer)) &&
+                           ::ReadFile(m_pipe.Get(), &answer, sizeof(answer), &transferred, nullptr);
+    return hasAnswer ? answer : ERROR_PROCESS_ABORTED;
 }
 
-/// Waits for an operation on the pipe, which is called off when the time is over or the process has ended.
-/// @param isDone what the call that began the operation returned; call this right after it.
-DWORD CGroupRunner::finish(BOOL isDone, OVERLAPPED& operation)
+/// Waits until the host has connected and written so many bytes.
+/// @return false when it has ended.
+bool CGroupRunner::awaitHost(DWORD bytes) const
 {
-    DWORD error = isDone ? ERROR_SUCCESS : ::GetLastError();
-    if (error == ERROR_IO_PENDING)
+    for (const ULONGLONG end = ::GetTickCount64() + kTimeoutMs; ::GetTickCount64() < end;)
     {
-        const HANDLE handles[] = {m_event.Get(), Process()};
-        const DWORD wait = ::WaitForMultipleObjects(2, handles, FALSE, kTimeoutMs);
-        if (wait != WAIT_OBJECT_0)
+        DWORD available = 0;
+        if (::PeekNamedPipe(m_pipe.Get(), nullptr, 0, nullptr, &available, nullptr) && available >= bytes)
         {
-            ::CancelIoEx(m_pipe.Get(), &operation);
+            return true;
         }
-        DWORD transferred = 0;
-        error = ::GetOverlappedResult(m_pipe.Get(), &operation, &transferred, TRUE) ? ERROR_SUCCESS
-                : wait == WAIT_TIMEOUT                                              ? ERROR_TIMEOUT
-                                                                                    : ERROR_PROCESS_ABORTED;
+        if (::WaitForSingleObject(Process(), kPollMs) == WAIT_OBJECT_0)
+        {
+            return false;
+        }
     }
-    const bool isPipeClosed = error == ERROR_BROKEN_PIPE || error == ERROR_NO_DATA;
-    return isPipeClosed ? ERROR_PROCESS_ABORTED : error;
+    ::TerminateProcess(Process(), ERROR_TIMEOUT);
+    ThrowError(L"the host does not answer, or another service was started before it was there");
 }
 
 std::set<DWORD> CGroupRunner::threads() const
@@ -317,20 +267,29 @@ std::set<DWORD> CGroupRunner::threads() const
 
 /// The dispatcher has made the service's thread before it answers. Where a new thread begins is not known
 /// before it runs, which on a busy machine may be later; until then it may be anybody's.
-/// @return 0 when it has ended already.
-DWORD CGroupRunner::findServiceThread(const std::set<DWORD>& before) const
+/// @return a thread of the dispatcher that was not seen before; 0 when there is none, or it has ended
+/// already.
+DWORD CGroupRunner::findServiceThread()
 {
     for (const ULONGLONG end = ::GetTickCount64() + kTimeoutMs; ::GetTickCount64() < end; ::Sleep(kPollMs))
     {
         bool isOpen = false;
-        for (const DWORD thread : threads())
+        const std::set<DWORD> now = threads();
+        std::erase_if(
+            m_seenThreads, [&now](DWORD thread) { return !now.contains(thread); }); // Ids come again.
+        for (const DWORD thread : now)
         {
-            const BYTE* const address = before.contains(thread) ? m_dispatcherEnd : StartAddress(thread);
-            if (address >= m_dispatcherBegin && address < m_dispatcherEnd)
+            if (m_seenThreads.contains(thread))
+            {
+                continue;
+            }
+            const void* const address = StartAddress(thread);
+            isOpen = isOpen || address == nullptr;
+            if (address != nullptr && m_seenThreads.insert(thread).second &&
+                IsDispatcherCode(Process(), address))
             {
                 return thread;
             }
-            isOpen = isOpen || address == nullptr;
         }
         if (!isOpen)
         {

@@ -74,19 +74,14 @@ public:
 
 private:
     void createPipe();
-    void waitForConnection();
-    void findDispatcher();
-    void awaitState(const std::wstring& name, DWORD state) const;
     DWORD request(const std::wstring& name, DWORD control, const std::wstring& arguments);
-    DWORD finish(BOOL isDone, OVERLAPPED& operation);
+    [[nodiscard]] bool awaitHost(DWORD bytes) const;
     [[nodiscard]] std::set<DWORD> threads() const;
-    [[nodiscard]] DWORD findServiceThread(const std::set<DWORD>& before) const;
+    DWORD findServiceThread();
 
     std::wstring m_pipeName;
     Basalt::CFile m_pipe;
-    Basalt::CHandle m_event; ///< Signalled by the end of the one pipe operation at a time.
     std::optional<CProcess> m_process;
-    const BYTE* m_dispatcherBegin = nullptr; ///< Its code, in the host's address space.
-    const BYTE* m_dispatcherEnd = nullptr;
+    std::set<DWORD> m_seenThreads;           ///< Of which it is known where they begin.
     std::map<std::wstring, DWORD> m_threads; ///< Of services started; 0 when it ended before it was seen.
 };

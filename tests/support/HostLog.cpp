@@ -1,12 +1,12 @@
 #include "support/HostLog.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "base/ObfuscatedRegKey.h"
 #include "control/RegistryLink.h"
 #include "logging/LogSettings.h"
 #include "support/Errors.h"
-#include "support/Narrow.h"
 #include "support/TestGroup.h"
 #include "txsvcctl/LogReader.h"
 
@@ -18,27 +18,13 @@ constexpr DWORD kPollMs = 10;
 
 struct CCollector final : TxCtl::ILogSink
 {
-    void Add(TxCtl::LogEntry entry) override
-    {
-        lines.push_back(
-            {entry.levelName,
-             entry.process.value_or(0),
-             entry.thread,
-             entry.source.value_or(L""),
-             entry.function.value_or(L""),
-             entry.message});
-    }
+    void Add(TxCtl::LogEntry entry) override { lines.push_back(std::move(entry)); }
     bool EndPiece() override { return true; }
 
     std::vector<HostLogLine> lines;
 };
 
 } // namespace
-
-void PrintTo(const HostLogLine& line, std::ostream* stream)
-{
-    *stream << Narrow(line.level + L" " + line.function + L": " + line.message);
-}
 
 CHostLog::CHostLog(const std::wstring& folder) : m_path(folder + L"\\PLATFORM.log")
 {
@@ -72,14 +58,15 @@ std::vector<HostLogLine> CHostLog::Lines() const
 
 std::size_t CHostLog::Count(const std::wstring& level, const std::wstring& message) const
 {
-    return static_cast<std::size_t>(std::ranges::count_if(
-        Lines(), [&](const HostLogLine& line) { return line.level == level && line.message == message; }));
+    return static_cast<std::size_t>(std::ranges::count_if(Lines(), [&](const HostLogLine& line) {
+        return line.levelName == level && line.message == message;
+    }));
 }
 
 std::size_t CHostLog::CountContaining(const std::wstring& level, const std::wstring& part) const
 {
     return static_cast<std::size_t>(std::ranges::count_if(Lines(), [&](const HostLogLine& line) {
-        return line.level == level && line.message.find(part) != std::wstring::npos;
+        return line.levelName == level && line.message.find(part) != std::wstring::npos;
     }));
 }
 

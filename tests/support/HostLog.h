@@ -3,21 +3,12 @@
 #include <windows.h>
 
 #include <cstddef>
-#include <ostream>
 #include <string>
 #include <vector>
 
-/// One message of the text log.
-struct HostLogLine
-{
-    std::wstring level; ///< "Normal", "Warning", "Information", "Error" or "Critical"
-    DWORD processId = 0;
-    DWORD threadId = 0;
-    std::wstring source;
-    std::wstring function;
-    std::wstring message;
-};
-void PrintTo(const HostLogLine& line, std::ostream* stream);
+#include "txsvcctl/LogText.h"
+
+using HostLogLine = TxCtl::LogEntry;
 
 /// Has every host that starts within its scope write its log into a text file, all fields and all levels, and
 /// reads it.

@@ -1,6 +1,5 @@
 #include "support/ServiceScope.h"
 
-#include <iterator>
 #include <utility>
 
 #include "support/Errors.h"
@@ -106,18 +105,4 @@ bool WaitForServiceState(const std::wstring& name, DWORD state, DWORD timeoutMs,
             return false;
         }
     }
-}
-
-const wchar_t* ServiceStateName(DWORD state) noexcept
-{
-    constexpr const wchar_t* kNames[] = {
-        L"unknown",
-        L"stopped",
-        L"start pending",
-        L"stop pending",
-        L"running",
-        L"continue pending",
-        L"pause pending",
-        L"paused"};
-    return state < std::size(kNames) ? kNames[state] : kNames[0];
 }

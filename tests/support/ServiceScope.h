@@ -5,6 +5,7 @@
 #include <string>
 
 #include "base/Owned.h"
+#include "txsvcctl/ServiceManager.h"
 
 /// A service entry in the service control manager, removed at the end of the scope.
 class CServiceScope
@@ -37,5 +38,7 @@ private:
 [[nodiscard]] bool WaitForServiceState(
     const std::wstring& name, DWORD state, DWORD timeoutMs, HANDLE process = nullptr);
 
-/// "running", "stop pending" and so on.
-[[nodiscard]] const wchar_t* ServiceStateName(DWORD state) noexcept;
+[[nodiscard]] inline std::wstring ServiceStateName(DWORD state)
+{
+    return TxCtl::StateName({state});
+}
