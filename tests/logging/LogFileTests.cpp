@@ -1,38 +1,35 @@
-#include "logging/Logging.h"
-
 #include <windows.h>
 #include <aclapi.h>
 #include <sddl.h>
 
 #include <algorithm>
 #include <cwchar>
-#include <filesystem>
-#include <fstream>
-#include <gtest/gtest.h>
-#include <iterator>
+#include <map>
 #include <memory>
-#include <set>
+#include <regex>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <tuple>
 #include <vector>
 
-#include "base/ObfuscatedRegKey.h"
+#include "LoggingTest.h"
 #include "base/Text.h"
+#include "logging/BasaltLogger.h"
+#include "logging/Log.h"
 #include "logging/LogLine.h"
-#include "support/ImportPatch.h"
+#include "logging/Logging.h"
+#include "support/Narrow.h"
+#include "support/NoMemory.h"
 #include "support/Process.h"
-#include "support/TestFolder.h"
-#include "support/TestKey.h"
 
 using namespace ETWLogging;
 
 namespace
 {
 
-using Counts = std::vector<std::size_t>;
-using Text = const wchar_t*;
+const std::wstring s_thisProgram = BesideTest(L"logging_tests.exe"); // Before any test tells another one.
 
 TEST(LogLine, HoldsTheTimeOnATwelveHourClockTheLevelAndTheFieldsThatTheOptionsChoose)
 {
@@ -46,7 +43,6 @@ TEST(LogLine, HoldsTheTimeOnATwelveHourClockTheLevelAndTheFieldsThatTheOptionsCh
     const std::tuple<DWORD, Text, Text, Text, Text, std::wstring> rows[] = {
         {0x10, L"TxSvHost", L"f", L"g", L"text", L" [       TxSvHost]$ text\r\n"},
         {0x10, L"ABCDEFGHIJKLMNOPQ", L"f", L"g", L"text", L" [ABCDEFGHIJKLMNO]$ text\r\n"},
-        {0x14, L"t", L"f", L"g", L"text", L" [              t]$" + ids + L" text\r\n"},
         {0x0C, L"t", L"C:\\s\\H.cpp", L"g", L"text", ids + L" [               H.cpp:   12]$ text\r\n"},
         {0x28, L"t", longFile, L"CHost::Run", L"text", cutFile + run + L" text\r\n"},
         {0x3C, L"", longFile, longName, L"text", L" " + ids + cutFile + cutName + L" text\r\n"},
@@ -59,7 +55,6 @@ TEST(LogLine, HoldsTheTimeOnATwelveHourClockTheLevelAndTheFieldsThatTheOptionsCh
             BuildLogLine({options, tag, 42, 7, at(0), file, 12, function}, LogLevelName(LogError), message),
             L"03/09/2024 12:05:07 AM$ -- (Error)$" + tail);
     }
-
     const std::tuple<WORD, DWORD, Text> starts[] = {
         {0, 1, L"03/09/2024 12:05:07 AM$ -- (Normal)$ x\r\n"},
         {1, 2, L"03/09/2024 01:05:07 AM$ -- (Warning)$ x\r\n"},
@@ -73,129 +68,118 @@ TEST(LogLine, HoldsTheTimeOnATwelveHourClockTheLevelAndTheFieldsThatTheOptionsCh
     }
 }
 
-bool Exists(const std::wstring& path)
+DWORD Log(CLogging& logger, Text text = L"text", DWORD level = LogError)
 {
-    return ::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+    return logger.Log(L"f", L"f", 1, level, text);
 }
 
-/// The lines without their ends, and without the byte order mark that must be there.
-std::vector<std::wstring> ReadLines(const std::wstring& path)
+void Write(CLogging& logger, int count)
 {
-    std::ifstream stream(std::filesystem::path(path), std::ios::binary);
-    const std::string bytes(std::istreambuf_iterator<char>(stream), {});
-    const std::wstring text(reinterpret_cast<Text>(bytes.data()), bytes.size() / sizeof(wchar_t));
-    EXPECT_TRUE(text.empty() || text[0] == L'\xFEFF');
-    std::vector<std::wstring> lines;
-    for (std::size_t from = 1, end = 0; (end = text.find(L"\r\n", from)) != text.npos; from = end + 2)
+    for (; count > 0; --count)
     {
-        lines.push_back(text.substr(from, end - from));
+        ASSERT_EQ(Log(logger), 0U);
     }
-    return lines;
 }
 
-DWORD Probe(const std::wstring& arguments)
+std::wstring Sddl(const SECURITY_ATTRIBUTES* security)
 {
-    return RunProcess(L"\"" + BesideTest(L"log_probe.exe") + L"\" " + arguments);
+    wchar_t* text = nullptr;
+    ::ConvertSecurityDescriptorToStringSecurityDescriptorW(
+        security->lpSecurityDescriptor, 1, DACL_SECURITY_INFORMATION, &text, nullptr);
+    const std::wstring copy = text;
+    ::LocalFree(text);
+    return copy;
 }
 
-DWORD s_waitResult = WAIT_TIMEOUT;
-std::vector<DWORD> s_waitedMs;
-std::vector<std::wstring> s_mutexNames;
-
-struct FileLoggerTest : ::testing::Test
+struct FileLoggerTest : LoggingTest
 {
     /// A logger that is ready to write shared.log in the test's folder, or in another one.
-    std::unique_ptr<CLogging> Make(DWORD entries, DWORD oldFiles, bool mutex = true, Text folder = nullptr)
+    std::unique_ptr<CLogging> Make(
+        DWORD entries, DWORD oldFiles, bool hasMutex = true, const std::wstring& folder = {})
     {
         auto logger = std::make_unique<CLogging>();
         logger->Initialize(L"shared", 0, nullptr, 0);
-        logger->SetFolder(folder == nullptr ? m_folder.Path().c_str() : folder);
+        logger->SetFolder(folder.empty() ? m_log.c_str() : folder.c_str());
         logger->SetRotation(entries, oldFiles);
-        logger->SetMutexEnabled(mutex);
+        logger->SetMutexEnabled(hasMutex);
         logger->Activate();
         return logger;
     }
-    static DWORD Log(CLogging& logger, Text text, DWORD level = LogError)
+    /// The folder's files with the number of their lines, the oldest first: "2:10 1:10 0:3".
+    std::string Files() const
     {
-        return logger.Log(L"f", L"f", 1, level, text);
-    }
-    static void Write(CLogging& logger, int count)
-    {
-        for (int i = 0; i < count; ++i)
+        std::string files;
+        for (std::size_t number = 0; number < 100; ++number)
         {
-            ASSERT_EQ(Log(logger, L"text"), 0u);
+            const std::wstring path = File(number);
+            if (std::filesystem::exists(path))
+            {
+                const std::wstring text = ReadWide(path);
+                files = std::to_string(number) + ":" + std::to_string(std::ranges::count(text, L'\n')) + " " +
+                        files;
+            }
         }
+        return files;
     }
     std::wstring File(std::size_t number) const
     {
-        return m_folder.File(number == 0 ? L"shared.log" : L"shared." + std::to_wstring(number) + L".log");
-    }
-    /// Number of lines in shared.log, shared.1.log and so on, up to the first that is missing.
-    Counts LineCounts() const
-    {
-        Counts counts;
-        while (Exists(File(counts.size())))
-        {
-            counts.push_back(ReadLines(File(counts.size())).size());
-        }
-        return counts;
+        return m_log + L"\\" + m_name + (number == 0 ? L"" : L"." + std::to_wstring(number)) + L".log";
     }
 
-    CTestFolder m_folder;
+    const std::wstring m_log = m_folder.File(L"log");
+    std::wstring m_name = L"shared";
 };
 
 TEST_F(FileLoggerTest, WritesWhateverHasALevelNameAndRefusesTheRest)
 {
-    const std::tuple<DWORD, Text, DWORD> rows[] = {
-        {LogNormal, L"below", 0},
-        {LogInformation2, L"text", 0},
-        {0, L"text", 87},
-        {7, L"text", 87},
-        {MAXDWORD, L"text", 87},
-        {LogError, L"", 87},
-        {LogError, nullptr, 87}};
     const auto logger = Make(100, 1);
-    for (const auto& [level, message, status] : rows)
+    for (const DWORD level : {DWORD{LogNormal}, DWORD{LogInformation2}})
     {
-        EXPECT_EQ(Log(*logger, message, level), status);
+        EXPECT_EQ(Log(*logger, L"below", level), 0U);
     }
-    EXPECT_EQ(logger->IsLevelEnabled(LogWarning), 0u);
-    EXPECT_NE(logger->IsLevelEnabled(LogInformation), 0u);
-    EXPECT_EQ(LineCounts(), Counts{2});
-    EXPECT_NE(ReadLines(File(0))[0].find(L"(Normal)$ [  logging_tests]$ below"), std::wstring::npos);
+    for (const DWORD level : {0U, 7U, MAXDWORD})
+    {
+        EXPECT_EQ(Log(*logger, L"text", level), DWORD{ERROR_INVALID_PARAMETER});
+    }
+    EXPECT_EQ(Log(*logger, L"") + Log(*logger, nullptr), 2 * ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(logger->IsLevelEnabled(LogWarning) * 2 + logger->IsLevelEnabled(LogInformation), 1U);
+    EXPECT_EQ(ReadWide(File(0)).substr(22, 41), L"$ -- (Normal)$ [           host]$ below\r\n");
+    EXPECT_EQ(Files(), "0:2 ");
 
     // The file comes before the line.
     ASSERT_TRUE(::DeleteFileW(File(0).c_str()) && ::CreateDirectoryW(File(0).c_str(), nullptr));
     EXPECT_EQ(Log(*logger, L"text", 0), DWORD{ERROR_ACCESS_DENIED});
+
+    EXPECT_EQ(logger->SetFileName(L"other.log"), 0U);
+    EXPECT_EQ(logger->SetFileName(L"name") + logger->SetFileName(nullptr), 2 * ERROR_INVALID_PARAMETER);
+    const CNoMemory noMemory;
+    EXPECT_EQ(logger->SetFolder(L"D:\\a folder that is longer than what a string holds in itself"), 14U);
+    EXPECT_EQ(logger->GetFileName(), std::wstring_view(L"other.log"));
 }
 
 TEST_F(FileLoggerTest, MakesTheFolderWithItsParentsOrSwitchesItselfOff)
 {
-    const auto good = Make(100, 1, true, m_folder.File(L"a\\b\\c").c_str());
+    const auto good = Make(100, 1, true, m_folder.File(L"a\\b\\c"));
     Write(*good, 1);
     const std::wstring obstacle = m_folder.File(L"a\\b\\c\\shared.log");
-    EXPECT_TRUE(Exists(obstacle));
-    for (const std::wstring& folder : {std::wstring(), obstacle, obstacle + L"\\below"})
+    for (const std::wstring& folder : {obstacle, obstacle + L"\\below"})
     {
-        const auto logger = Make(100, 1, true, folder.c_str());
-        EXPECT_EQ(Log(*logger, L"text"), 87u);
-
-        // For good, whatever is configured later.
-        logger->SetFolder(m_folder.Path().c_str());
+        const auto logger = Make(100, 1, true, folder);
+        EXPECT_EQ(Log(*logger), DWORD{ERROR_INVALID_PARAMETER});
+        logger->SetFolder(m_log.c_str()); // For good, whatever is configured later.
         logger->Activate();
         logger->SetThreshold(LogNormal);
-        EXPECT_EQ(Log(*logger, L"text"), 87u);
-        EXPECT_EQ(logger->IsLevelEnabled(LogInformation2), 0u);
+        EXPECT_EQ(Log(*logger), DWORD{ERROR_INVALID_PARAMETER});
+        EXPECT_EQ(logger->IsLevelEnabled(LogInformation2), 0U);
         EXPECT_FALSE(logger->IsStarted());
     }
     good->SetWriteGate([](CLogging&) { return false; });
-    EXPECT_EQ(Log(*good, L"text"), 87u);
+    EXPECT_EQ(Log(*good), DWORD{ERROR_INVALID_PARAMETER});
 }
 
-Text s_security = nullptr;
-std::wstring s_fault;
-std::wstring s_made;
-std::wstring s_debugger;
+/// What the system says instead of the truth; null: the truth.
+Text s_security;
+std::wstring s_fault, s_made, s_debugger;
 
 DWORD WINAPI SecurityAsGiven(
     HANDLE object,
@@ -207,13 +191,12 @@ DWORD WINAPI SecurityAsGiven(
     PACL*,
     PSECURITY_DESCRIPTOR* made)
 {
-    BOOL value = FALSE;
     if (s_security == nullptr)
     {
         return RealFunction<decltype(::GetSecurityInfo)>("GetSecurityInfo", L"advapi32.dll")(
             object, type, what, owner, nullptr, rights, nullptr, made);
     }
-    EXPECT_TRUE(::ConvertStringSecurityDescriptorToSecurityDescriptorW(s_security, 1, made, nullptr));
+    BOOL value = ::ConvertStringSecurityDescriptorToSecurityDescriptorW(s_security, 1, made, nullptr);
     ::GetSecurityDescriptorOwner(*made, owner, &value);
     ::GetSecurityDescriptorDacl(*made, &value, rights, &value);
     return 0;
@@ -225,8 +208,7 @@ OpenAsGiven(Text path, DWORD access, DWORD share, SECURITY_ATTRIBUTES*, DWORD ho
     const bool isHidden = s_fault.starts_with(L"hidden") && std::wstring_view(path).ends_with(L"Tarvex");
     if (isHidden || (s_fault == L"no rights" && (access & WRITE_DAC) != 0))
     {
-        ::SetLastError(ERROR_ACCESS_DENIED);
-        return INVALID_HANDLE_VALUE;
+        return ::SetLastError(ERROR_ACCESS_DENIED), INVALID_HANDLE_VALUE;
     }
     return RealFunction<decltype(::CreateFileW)>("CreateFileW")(
         path, access, share, nullptr, how, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
@@ -234,25 +216,16 @@ OpenAsGiven(Text path, DWORD access, DWORD share, SECURITY_ATTRIBUTES*, DWORD ho
 
 DWORD WINAPI PathAsGiven(HANDLE file, wchar_t* path, DWORD size, DWORD flags)
 {
-    const DWORD length =
+    const auto length =
         RealFunction<decltype(PathAsGiven)>("GetFinalPathNameByHandleW")(file, path, size, flags);
     path[0] = std::wstring_view(path).ends_with(L"\\" + s_fault) ? L'?' : path[0];
     return length;
 }
 
-/// Whose security: the default one, a folder of logs, the product's, which gives services nothing below it.
 BOOL WINAPI NoteWhatIsMade(Text path, SECURITY_ATTRIBUTES* security)
 {
     const BOOL isMade = RealFunction<decltype(NoteWhatIsMade)>("CreateDirectoryW")(path, security);
-    wchar_t* text = nullptr;
-    if (isMade && security != nullptr)
-    {
-        ::ConvertSecurityDescriptorToStringSecurityDescriptorW(
-            security->lpSecurityDescriptor, 1, DACL_SECURITY_INFORMATION, &text, nullptr);
-        s_made += std::wcsstr(text, L"(A;OICI;0x1301bf;;;LS)") != nullptr ? L"logs " : L"product ";
-        ::LocalFree(text);
-    }
-    s_made += isMade && security == nullptr ? L"default " : L"";
+    s_made += !isMade ? L"" : security == nullptr ? L"as usual\n" : Sddl(security) + L"\n";
     return isMade;
 }
 
@@ -284,10 +257,13 @@ TEST_F(FileLoggerTest, TakesOnlyADefaultFolderThatNoUserCanChange)
     const std::wstring folder = data.File(L"TARVEX\\.\\log"); // As it may be spelt in log.ini.
     const CImportPatch making("CreateDirectoryW", &NoteWhatIsMade);
     const CImportPatch debugger("OutputDebugStringW", +[](Text text) { s_debugger += text; });
-    s_made.clear();
-    Write(*Make(100, 1, true, m_folder.File(L"a\\b").c_str()), 1);
-    Write(*Make(100, 1, true, folder.c_str()), 1);
-    EXPECT_EQ(s_made, L"default logs product logs ");
+    Write(*Make(100, 1, true, m_folder.File(L"a\\b")), 1);
+    Write(*Make(100, 1, true, folder), 1);
+    EXPECT_EQ(Narrow(s_made), R"(as usual
+D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;FA;;;OW)(A;OICI;0x1301bf;;;LS)(A;OICI;0x1301bf;;;NS)(A;OICI;0x1301bf;;;SU)(A;OICI;0x1200a9;;;BU)
+D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;;0x1200ad;;;OW)(A;;0x1200ad;;;LS)(A;;0x1200ad;;;NS)(A;;0x1200ad;;;SU)(A;OICI;0x1200a9;;;BU)
+D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;FA;;;OW)(A;OICI;0x1301bf;;;LS)(A;OICI;0x1301bf;;;NS)(A;OICI;0x1301bf;;;SU)(A;OICI;0x1200a9;;;BU)
+)");
 
     PSECURITY_DESCRIPTOR security = nullptr;
     ::ConvertStringSecurityDescriptorToSecurityDescriptorW(L"D:(A;;FA;;;WD)", 1, &security, nullptr);
@@ -297,7 +273,6 @@ TEST_F(FileLoggerTest, TakesOnlyADefaultFolderThatNoUserCanChange)
         EXPECT_TRUE(::SetFileSecurityW(path.c_str(), DACL_SECURITY_INFORMATION, security));
         held.emplace_back(::CreateFileW(
             path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
-        EXPECT_TRUE(held.back());
     }
     ::LocalFree(security);
     const CImportPatch patches[] = {
@@ -312,28 +287,26 @@ TEST_F(FileLoggerTest, TakesOnlyADefaultFolderThatNoUserCanChange)
         s_security = given;
         s_fault = fault;
         s_debugger.clear();
-        const auto logger = Make(100, 1, true, folder.c_str());
-        EXPECT_EQ(Log(*logger, L"text"), error == 0 ? 0u : 87u);
-        EXPECT_EQ(Log(*logger, L"text") == 0, logger->IsStarted());
+        const auto logger = Make(100, 1, true, folder);
+        EXPECT_EQ(Log(*logger), error == 0 ? 0U : 87U);
+        EXPECT_EQ(Log(*logger) == 0, logger->IsStarted());
         EXPECT_EQ(
             s_debugger,
-            error == 0
-                ? L""
-                : Basalt::FormatText(L"Log folder '%s' cannot be used: error %u", folder.c_str(), error));
+            error == 0 ? L""
+                       : L"Log folder '" + folder + L"' cannot be used: error " + std::to_wstring(error));
     }
     held.clear();
     s_security = L"O:SYD:";
     s_fault = L"hidden";
     std::filesystem::remove_all(folder);
-    EXPECT_EQ(Log(*Make(100, 1, true, folder.c_str()), L"text"), 87u);
-    EXPECT_FALSE(Exists(folder)) << "nothing is made where nobody could look";
+    EXPECT_EQ(Log(*Make(100, 1, true, folder)), 87U);
+    EXPECT_FALSE(std::filesystem::exists(folder)) << "nothing is made where nobody could look";
     s_security = L"O:BU";
     Write(*Make(100, 1), 1); // Its administrator's affair, but for a link.
     const CImportPatch link(
         "GetFileAttributesW",
         +[](Text) { return DWORD{FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT}; });
-    EXPECT_EQ(Log(*Make(100, 1), L"text"), 87u);
-    EXPECT_EQ(Log(*Make(100, 1, true, folder.c_str()), L"text"), 87u);
+    EXPECT_EQ(Log(*Make(100, 1)) + Log(*Make(100, 1, true, folder)), 2 * 87U);
 }
 
 TEST_F(FileLoggerTest, RotatesByTheEntriesOfAllWriters)
@@ -341,33 +314,30 @@ TEST_F(FileLoggerTest, RotatesByTheEntriesOfAllWriters)
     const auto first = Make(10, 3);
     const auto second = Make(10, 3);
     Write(*first, 7);
-    Write(*second, 3);
-    EXPECT_EQ(LineCounts(), Counts{10}); // Full, but the next file waits for the next line.
-    EXPECT_EQ(Log(*first, L"two\nlines"), 0u);
+    Write(*second, 2);
+    EXPECT_EQ(Log(*second, (L"40 KB" + std::wstring(20000, L'.') + L"the end").c_str()), 0U);
+    EXPECT_EQ(Files(), "0:10 "); // Full, but the next file waits for the next line.
+    EXPECT_EQ(Log(*first, L"two\nlines"), 0U);
     Write(*second, 8);
     Write(*first, 1);
-    EXPECT_EQ(LineCounts(), (Counts{1, 9, 10}));
+    EXPECT_EQ(Files(), "2:10 1:10 0:1 ");
     Write(*second, 40);
-    EXPECT_EQ(LineCounts(), (Counts{1, 10, 10, 10}));
+    EXPECT_EQ(Files(), "3:10 2:10 1:10 0:1 ");
 
     // Another file of this name, about which the first logger knows nothing.
     ASSERT_TRUE(::DeleteFileW(File(0).c_str()));
     Write(*second, 9);
     Write(*first, 2);
-    EXPECT_EQ(LineCounts(), (Counts{1, 10, 10, 10}));
+    EXPECT_EQ(Files(), "3:10 2:10 1:10 0:1 ");
     Write(*Make(10, 0), 10); // Keeps no old file: deletes the full one.
-    EXPECT_EQ(LineCounts(), (Counts{1, 10, 10, 10}));
+    EXPECT_EQ(Files(), "3:10 2:10 1:10 0:1 ");
 }
 
 TEST_F(FileLoggerTest, AReaderThatBlocksARenameCostsNoLineAndNoOldFile)
 {
     for (const std::size_t held : {0U, 1U})
     {
-        SCOPED_TRACE(held);
-        while (!LineCounts().empty())
-        {
-            ::DeleteFileW(File(LineCounts().size() - 1).c_str());
-        }
+        std::filesystem::remove_all(m_log);
         const auto logger = Make(5, 2);
         Write(*logger, 15);
         {
@@ -376,32 +346,47 @@ TEST_F(FileLoggerTest, AReaderThatBlocksARenameCostsNoLineAndNoOldFile)
                 ::CreateFileW(File(held).c_str(), GENERIC_READ, kShare, nullptr, OPEN_EXISTING, 0, nullptr));
             ASSERT_TRUE(reader);
             Write(*logger, 4);
-            EXPECT_EQ(ReadLines(File(0)).size(), 9u);
-            EXPECT_EQ(ReadLines(File(2)).size(), 5u);
+            EXPECT_EQ(Files().substr(0, 4) + Files().substr(Files().size() - 4), "2:5 0:9 ") << held;
         }
         Write(*logger, 1);
-        EXPECT_EQ(LineCounts(), (Counts{1, 9, 5}));
+        EXPECT_EQ(Files(), "2:5 1:9 0:1 ") << held;
     }
 }
 
+std::wstring s_mutexes;
+HANDLE s_mutex;
+
+HANDLE WINAPI RecordMutex(SECURITY_ATTRIBUTES* security, Text name, DWORD flags, DWORD access)
+{
+    s_mutexes += name + std::wstring(L" ") + Sddl(security) + L"\n";
+    return s_mutex = RealFunction<decltype(RecordMutex)>("CreateMutexExW")(security, name, flags, access);
+}
+
+DWORD s_waitResult = WAIT_TIMEOUT;
+std::vector<DWORD> s_waitedMs;
+
 TEST_F(FileLoggerTest, WithoutTheMutexItGoesOnButDoesNotRotate)
 {
-    const auto logger = Make(3, 1);
     const auto unserialised = Make(3, 1, false);
-    const CImportPatch patch(
-        "WaitForSingleObject", +[](HANDLE, DWORD ms) {
-            ms % 7000 == 0 ? s_waitedMs.push_back(ms) : void(); // Not those of the watching thread.
-            return s_waitResult;
-        });
+    const CImportPatch patches[] = {
+        {"CreateMutexExW", &RecordMutex},
+        {"WaitForSingleObject", +[](HANDLE object, DWORD ms) {
+             if (object != s_mutex) // The watching thread's.
+             {
+                 return RealFunction<decltype(::WaitForSingleObject)>("WaitForSingleObject")(object, ms);
+             }
+             s_waitedMs.push_back(ms);
+             return s_waitResult;
+         }}};
+    const auto logger = Make(3, 1);
     Write(*logger, 2);
     s_waitResult = WAIT_FAILED;
     Write(*logger, 2);
     EXPECT_EQ(s_waitedMs, (std::vector<DWORD>{7000, 0, 0, 7000})) << "once in vain, not again at once";
-    EXPECT_EQ(LineCounts(), Counts{4});
-
+    EXPECT_EQ(Files(), "0:4 ");
     Write(*unserialised, 2); // Told to do without, it rotates.
-    EXPECT_EQ(s_waitedMs.size(), 4u);
-    EXPECT_EQ(LineCounts(), (Counts{2, 4}));
+    EXPECT_EQ(Files(), "1:4 0:2 ");
+    EXPECT_EQ(s_waitedMs.size(), 4U);
 }
 
 TEST_F(FileLoggerTest, AMutexWhoseHolderDiedIsHeldAgain)
@@ -413,43 +398,45 @@ TEST_F(FileLoggerTest, AMutexWhoseHolderDiedIsHeldAgain)
         std::jthread([&logger] { Write(*logger, 3); }).join();
     }
     Write(*logger, 1); // The first one already rotates.
-    EXPECT_EQ(LineCounts(), (Counts{1, 3}));
-}
-
-HANDLE WINAPI RecordMutex(SECURITY_ATTRIBUTES* security, Text name, DWORD flags, DWORD access)
-{
-    EXPECT_NE(security, nullptr);
-    s_mutexNames.emplace_back(name);
-    return RealFunction<decltype(RecordMutex)>("CreateMutexExW")(security, name, flags, access);
+    EXPECT_EQ(Files(), "1:3 0:1 ");
 }
 
 TEST_F(FileLoggerTest, EachFileHasItsMutexHoweverItsPathIsSpeltUnlessAnotherUserHasMadeIt)
 {
     const CImportPatch patch("CreateMutexExW", &RecordMutex);
-    std::wstring upper = m_folder.Path();
-    std::transform(upper.begin(), upper.end(), upper.begin(), ::towupper);
-    Make(3, 1);
-    Make(3, 1, true, (upper + L"\\.").c_str());
-    const auto other = Make(3, 1, true, m_folder.File(L"2").c_str());
-    ASSERT_EQ(s_mutexNames.size(), 3u);
-    EXPECT_EQ(s_mutexNames[0], s_mutexNames[1]);
-    EXPECT_NE(s_mutexNames[0], s_mutexNames[2]);
-    EXPECT_EQ(s_mutexNames[0].substr(0, 7), L"Global\\");
+    s_program = L"D:\\host.exe";
+    s_mutexes.clear();
+    Make(3, 1, true, L"D:\\Some\\..\\LOGS");
+    Make(3, 1, true, L"d:\\logs\\.");
+    Make(3, 1, true, L"D:\\logs2");
+    EXPECT_EQ(
+        Narrow(s_mutexes),
+        R"(Global\Tarvex.Log.EC6743F66EC7C327 D:(A;;GA;;;SY)(A;;GA;;;BA)(A;;0x120001;;;LS)(A;;0x120001;;;NS)(A;;0x120001;;;SU)
+Global\Tarvex.Log.EC6743F66EC7C327 D:(A;;GA;;;SY)(A;;GA;;;BA)(A;;0x120001;;;LS)(A;;0x120001;;;NS)(A;;0x120001;;;SU)
+Global\Tarvex.Log.5386B4C000C93305 D:(A;;GA;;;SY)(A;;GA;;;BA)(A;;0x120001;;;LS)(A;;0x120001;;;NS)(A;;0x120001;;;SU)
+)");
 
+    const auto other = Make(3, 1);
     s_security = L"O:BU";
     const CImportPatch owner("GetSecurityInfo", &SecurityAsGiven);
-    Write(*Make(3, 1, true, m_folder.File(L"2").c_str()), 4);
-    const std::vector<std::wstring> lines = ReadLines(m_folder.File(L"2\\shared.log"));
-    ASSERT_EQ(lines.size(), 5u) << "never rotated, and said so";
-    EXPECT_NE(lines[0].find(L"error 1307"), std::wstring::npos);
+    Write(*Make(3, 1), 4);
+    EXPECT_EQ(Files(), "0:5 ") << "never rotated, and said so";
+    EXPECT_EQ(Narrow(ReadWide(File(0)).substr(22)), "");
 }
 
 BOOL WINAPI DiskIsFull(HANDLE file, LPCVOID data, DWORD, LPDWORD written, LPOVERLAPPED)
 {
     constexpr DWORD kRoom = 10;
     RealFunction<decltype(::WriteFile)>("WriteFile")(file, data, kRoom, written, nullptr);
-    ::SetLastError(ERROR_DISK_FULL);
-    return FALSE;
+    return ::SetLastError(ERROR_DISK_FULL), FALSE;
+}
+
+std::wstring s_renamed;
+
+BOOL WINAPI RenameMeanwhile(HANDLE file, LPCVOID data, DWORD size, LPDWORD written, LPOVERLAPPED)
+{
+    EXPECT_TRUE(::MoveFileW(s_renamed.c_str(), (s_renamed + L".old").c_str()));
+    return RealFunction<decltype(::WriteFile)>("WriteFile")(file, data, size, written, nullptr);
 }
 
 TEST_F(FileLoggerTest, GoesOnWhenWhatKeptItFromWritingIsGone)
@@ -461,67 +448,105 @@ TEST_F(FileLoggerTest, GoesOnWhenWhatKeptItFromWritingIsGone)
         EXPECT_EQ(Log(*logger, L"lost"), DWORD{ERROR_DISK_FULL});
     }
     Write(*logger, 1);
-    EXPECT_EQ(LineCounts(), Counts{3}) << "nothing stays of a line that did not fit";
-
+    EXPECT_EQ(Files(), "0:3 ") << "nothing stays of a line that did not fit";
     {
         // As good as a file that is read-only, which means nothing to an administrator of Wine.
         const Basalt::CFile held(::CreateFileW(
             File(0).c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
         EXPECT_EQ(Log(*logger, L"lost"), DWORD{ERROR_SHARING_VIOLATION});
     }
+    {
+        s_renamed = File(0);
+        const CImportPatch rename("WriteFile", &RenameMeanwhile);
+        Write(*logger, 1);
+    }
     Write(*logger, 1);
-    EXPECT_EQ(LineCounts(), Counts{4});
-
-    std::filesystem::remove_all(m_folder.Path());
+    EXPECT_EQ(Files(), "0:1 ");
+    std::filesystem::remove_all(m_log);
     Write(*logger, 1);
-    EXPECT_EQ(LineCounts(), Counts{1}) << "the folder is made again";
+    EXPECT_EQ(Files(), "0:1 ") << "the folder is made again";
 }
 
-TEST_F(FileLoggerTest, ManyProcessesLoseAndTearNoLine)
-{
-    constexpr std::size_t kEach = 100;
-    const auto probe = [this] { EXPECT_EQ(Probe(L"write \"" + m_folder.Path() + L"\""), 0u); };
-    {
-        const std::jthread probes[] = {std::jthread(probe), std::jthread(probe)};
-        const auto logger = Make(25, 20);
-        for (std::size_t i = 0; i < kEach; ++i)
-        {
-            EXPECT_EQ(Log(*logger, (L"own/" + std::to_wstring(i)).c_str()), 0u);
-        }
-    }
+constexpr wchar_t kLogSource[] = L"logging_tests";
 
-    EXPECT_EQ(LineCounts(), Counts(12, 25));
-    std::set<std::wstring> texts;
-    for (std::size_t i = 0; i < 12; ++i)
+/// In a process of its own, whose settings say: the text file, in the test's folder.
+TEST(Process, DISABLED_LogsFromTheFirstCallToItsEnd)
+{
+    const auto first = [] { EXPECT_EQ(LogWrite(LogError, kLogSource, L"f", 1, L"first"), 0U); };
     {
-        for (const std::wstring& line : ReadLines(File(i)))
-        {
-            EXPECT_EQ(line.substr(22, 15), L"$ -- (Error)$ [");
-            texts.insert(line.substr(line.rfind(L' ')));
-        }
+        const std::jthread threads[] = {std::jthread(first), std::jthread(first), std::jthread(first)};
     }
-    EXPECT_EQ(texts.size(), 3 * kEach);
+    SetLoggingIdentity({nullptr, L"PLATFORM", 0, nullptr, 0}); // Too late.
+    EXPECT_EQ(LogWrite(LogNormal, kLogSource, L"f", 1, L"below the %s", L"threshold"), 0U);
+    EXPECT_TRUE(!LogIsEnabled(LogNormal) && LogIsEnabled(LogInformation));
+    for (const DWORD level : {0UL, 1UL, 2UL, 3UL})
+    {
+        Basalt::CLogger::Log(level, L"base", L"f", 1, L"bridged %u", level);
+    }
+    for (int i = 0; i < 100; ++i)
+    {
+        TX_LOG(LogError, L"f", L"%u/%d", ::GetCurrentProcessId(), i);
+    }
+    static std::atomic<int> s_written = 0;
+    for (int i = 0; i < 4; ++i)
+    {
+        std::thread([] {
+            for (int left = 200; left > 0; --left, ++s_written)
+            {
+                TX_LOG(LogError, L"f", L"still here");
+            }
+        }).detach();
+    }
+    while (s_written < 40)
+    {
+        ::Sleep(1);
+    }
 }
 
-/// In processes whose settings say: the text file, in the test's folder.
-TEST_F(FileLoggerTest, TheFirstLogCallDecidesTheBridgeFollowsAndTheProcessEndsWhileThreadsStillLog)
+TEST_F(FileLoggerTest, ManyProcessesLoseAndTearNoLineThoughTheyEndWhileTheirThreadsLog)
 {
-    const CTestKey key(HKEY_LOCAL_MACHINE, kLogSettingsKey);
-    Basalt::CObfuscatedRegKey settings;
-    EXPECT_EQ(settings.Open(HKEY_LOCAL_MACHINE, kLogSettingsKey, KEY_WRITE), 0u);
-    EXPECT_EQ(settings.WriteDword(kMechanismSetting.name, kFileMechanism), 0u);
-    EXPECT_EQ(settings.WriteString(kFolderSetting.name, m_folder.Path()), 0u);
-    EXPECT_EQ(Probe(L"identity"), 0u);
-
-    const std::vector<std::wstring> lines = ReadLines(m_folder.File(L"_no_group.log"));
-    ASSERT_EQ(lines.size(), 6u);
-    EXPECT_NE(lines[3].find(L"(Error)$ [      log_probe]$ first"), std::wstring::npos);
-    EXPECT_NE(lines[4].find(L"(Normal)$ [      log_probe]$ below the threshold"), std::wstring::npos);
-    EXPECT_NE(lines[5].find(L"(Error)$ [      log_probe]$ bridged 7"), std::wstring::npos);
-    EXPECT_FALSE(Exists(m_folder.File(L"PLATFORM.log")));
-
-    EXPECT_EQ(Probe(L"exit"), 0u);
-    EXPECT_GE(ReadLines(m_folder.File(L"_no_group.log")).size(), 46u);
+    EXPECT_EQ(m_settings.WriteDword(kMechanismSetting.name, kFileMechanism), 0U);
+    EXPECT_EQ(m_settings.WriteDword(kEntriesSetting.name, 25), 0U);
+    EXPECT_EQ(m_settings.WriteDword(kOldFilesSetting.name, 99), 0U);
+    EXPECT_EQ(m_settings.WriteString(kFolderSetting.name, m_log), 0U);
+    const auto run = [] {
+        EXPECT_EQ(
+            RunProcess(
+                L"\"" + s_thisProgram + L"\" --gtest_also_run_disabled_tests --gtest_filter=Process.*"),
+            0U);
+    };
+    {
+        const std::jthread processes[] = {std::jthread(run), std::jthread(run)};
+    }
+    m_name = L"_no_group";
+    EXPECT_TRUE(std::regex_match(Files(), std::regex("([0-9]+:25 )+0:[0-9]+ "))) << Files();
+    const std::wregex form(LR"(../../.... ..:..:.. .M\$ -- (\(.*\))\$ \[  logging_tests\]\$ (.*)\r)");
+    std::map<std::wstring, int> times;
+    for (std::size_t number = 0; std::filesystem::exists(File(number)); ++number)
+    {
+        std::wistringstream text(ReadWide(File(number)));
+        std::wsmatch parts;
+        for (std::wstring line; std::getline(text, line);)
+        {
+            EXPECT_TRUE(std::regex_match(line, parts, form)) << Narrow(line);
+            ++times[parts[1].str() + L" " + parts[2].str()];
+        }
+    }
+    EXPECT_GE(std::exchange(times[L"(Error) still here"], 0), 80);
+    std::string all;
+    for (const auto& [message, count] : times)
+    {
+        all += message.find(L'/') == message.npos ? std::to_string(count) + Narrow(message) + "\n" : "";
+    }
+    EXPECT_EQ(all, R"(2(Error) bridged 2
+6(Error) first
+0(Error) still here
+2(Normal) below the threshold
+2(Normal) bridged 0
+2(Normal) bridged 1
+2(Warning) bridged 3
+)");
+    EXPECT_EQ(times.size(), 207U);
 }
 
 } // namespace
