@@ -37,11 +37,12 @@ SRWLOCK g_calls = SRWLOCK_INIT;
 std::atomic<bool> g_isClosed = false; ///< The main thread is on its way out.
 
 /// One call from another process; false when it comes too late. Never a wait: COM's end on the main thread
-/// may wait for the call in its turn.
+/// may wait for the call in its turn. The flag is looked at as well, since the lock may admit further calls
+/// as long as one that it admitted runs.
 class CCall
 {
 public:
-    CCall() noexcept : m_isAdmitted(::TryAcquireSRWLockShared(&g_calls) != FALSE) {}
+    CCall() noexcept : m_isAdmitted(!g_isClosed && ::TryAcquireSRWLockShared(&g_calls) != FALSE) {}
     ~CCall()
     {
         if (m_isAdmitted)

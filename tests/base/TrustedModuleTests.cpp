@@ -1,14 +1,17 @@
 #include "base/TrustedModule.h"
 
 #include <windows.h>
+#include <psapi.h>
+#include <wincrypt.h>
+#include <wintrust.h>
 
+#include <cwchar>
 #include <filesystem>
-#include <fstream>
 #include <gtest/gtest.h>
-#include <iterator>
 #include <string>
-#include <vector>
+#include <string_view>
 
+#include "base/ModuleFinder.h"
 #include "base/Owned.h"
 #include "support/Doubles.h"
 #include "support/ImportPatch.h"
@@ -16,42 +19,35 @@
 #include "support/TestFolder.h"
 
 using namespace Basalt;
+using std::filesystem::copy_file;
 
 namespace
 {
 
 constexpr wchar_t kModule[] = L"UpdateManager.dll";
+constexpr DWORD kNotSigned = 0x800B0100;
+constexpr DWORD kForeignSigner = 0x800B010F;
 
-/// A trusted file that a test may damage.
 class TrustedFileTest : public ::testing::Test
 {
 protected:
-    void SetUp() override { std::filesystem::copy_file(SignedDouble(L"tarvex", kModule), m_path); }
-    void Write(const std::vector<char>& bytes, std::size_t size)
-    {
-        std::ofstream(std::filesystem::path(m_path), std::ios::binary)
-            .write(bytes.data(), static_cast<std::streamsize>(size));
-    }
-    [[nodiscard]] CFile OpenForWriting() const
-    {
-        return CFile(::CreateFileW(m_path.c_str(), GENERIC_WRITE, 7, nullptr, OPEN_EXISTING, 0, nullptr));
-    }
+    void SetUp() override { copy_file(m_signed, m_path); }
 
+    std::wstring m_signed = SignedDouble(L"tarvex", kModule);
     CTestFolder m_folder;
-    std::wstring m_path = m_folder.File(kModule);
+    std::wstring m_path = m_folder.File(kModule); ///< A trusted file that a test may damage.
 };
 
 TEST_F(TrustedFileTest, OnlyTheTwoSignersExactNamesOnAnUnchangedFileAreTrusted)
 {
-    constexpr DWORD kForeignSigner = 0x800B010F;
     const struct
     {
         std::wstring path;
         DWORD verdict;
     } rows[] = {
-        {SignedDouble(L"tarvex", kModule), ERROR_SUCCESS},
+        {m_signed, ERROR_SUCCESS},
         {SignedDouble(L"quintor", kModule), ERROR_SUCCESS},
-        {SignedDouble(L"unsigned", kModule), 0x800B0100},
+        {SignedDouble(L"unsigned", kModule), kNotSigned},
         {SignedDouble(L"changed", kModule), 0x80096010},
         {SignedDouble(L"foreign", kModule), kForeignSigner},
         {SignedDouble(L"contains", kModule), kForeignSigner},
@@ -61,58 +57,41 @@ TEST_F(TrustedFileTest, OnlyTheTwoSignersExactNamesOnAnUnchangedFileAreTrusted)
         {SignedDouble(L"issuer", kModule), kForeignSigner},
         {L"", ERROR_INVALID_PARAMETER},
         {m_folder.File(L"missing.dll"), ERROR_FILE_NOT_FOUND},
-        {m_folder.File(L"missing\\missing.dll"), ERROR_PATH_NOT_FOUND},
         {m_folder.Path(), ERROR_ACCESS_DENIED},
         {kModule, ERROR_BAD_PATHNAME},
         {L"\\TxSvcHost\\LogCntrl.dll", ERROR_BAD_PATHNAME},
         {L"C:LogCntrl.dll", ERROR_BAD_PATHNAME},
+        {L"\\\\?\\" + m_signed, ERROR_SUCCESS},
     };
     for (const auto& row : rows)
     {
         SCOPED_TRACE(Narrow(row.path));
         EXPECT_EQ(CheckTrustedModule(row.path), row.verdict);
     }
-}
-
-TEST_F(TrustedFileTest, TruncatedAndDamagedFilesGiveAStatus)
-{
-    std::ifstream file(std::filesystem::path(m_path), std::ios::binary);
-    const std::vector<char> good{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-    file.close();
-    const std::size_t signatureAt = std::filesystem::file_size(SignedDouble(L"unsigned", kModule));
-    ASSERT_GT(good.size(), signatureAt);
-
-    for (const std::size_t size : {std::size_t{0}, std::size_t{64}, signatureAt, good.size() - 1})
+    for (auto size = std::filesystem::file_size(m_path) - 1; size != 0; size /= 2)
     {
-        Write(good, size);
-        EXPECT_NE(CheckTrustedModule(m_path), DWORD{ERROR_SUCCESS}) << size;
-    }
-    for (std::size_t at = 0; at < good.size(); at += at < signatureAt ? signatureAt / 7 : 101)
-    {
-        std::vector<char> damaged = good;
-        damaged[at] = static_cast<char>(~damaged[at]);
-        Write(damaged, damaged.size());
-        // In the signature's own block much is not looked at, least of all by Wine: there it is enough to
-        // come back.
-        EXPECT_TRUE(CheckTrustedModule(m_path) != ERROR_SUCCESS || at >= signatureAt) << at;
+        std::filesystem::resize_file(m_path, size);
+        EXPECT_NE(CheckTrustedModule(m_path), 0U) << size;
     }
 }
 
 TEST_F(TrustedFileTest, TheFileStaysAsItWasUntilItIsLetGo)
 {
-    const std::wstring other = m_folder.File(L"other.dll");
-    std::filesystem::copy_file(m_path, other);
+    const auto write = [this] {
+        return CFile(::CreateFileW(m_path.c_str(), GENERIC_WRITE, 7, nullptr, OPEN_EXISTING, 0, nullptr));
+    };
     CTrustedFile file;
-    ASSERT_EQ(file.Open(m_path), DWORD{ERROR_SUCCESS});
+    ASSERT_EQ(file.Open(m_path), 0U);
 
     EXPECT_EQ(::MoveFileExW(m_path.c_str(), m_folder.File(L"moved.dll").c_str(), 0), FALSE);
-    EXPECT_EQ(::MoveFileExW(other.c_str(), m_path.c_str(), MOVEFILE_REPLACE_EXISTING), FALSE);
+    EXPECT_EQ(::CopyFileW(m_signed.c_str(), m_path.c_str(), FALSE), FALSE);
     EXPECT_EQ(::DeleteFileW(m_path.c_str()), FALSE);
-    EXPECT_FALSE(OpenForWriting());
+    EXPECT_FALSE(write());
     EXPECT_TRUE(CModule(::LoadLibraryW(m_path.c_str())));
 
-    file.Close();
-    const CFile writer = OpenForWriting();
+    EXPECT_EQ(file.Open(m_folder.Path()), DWORD{ERROR_ACCESS_DENIED});
+    EXPECT_FALSE(file);
+    const CFile writer = write();
     EXPECT_TRUE(writer);
     EXPECT_EQ(file.Open(m_path), DWORD{ERROR_SHARING_VIOLATION}) << "somebody may still write to it";
 }
@@ -121,13 +100,73 @@ TEST_F(TrustedFileTest, NothingIsTrustedWithoutTheSystemsCheck)
 {
     const CImportPatch patch(
         "LoadLibraryExW", +[](const wchar_t*, HANDLE, DWORD flags) -> HMODULE {
-            EXPECT_EQ(flags, DWORD{LOAD_LIBRARY_SEARCH_SYSTEM32});
-            ::SetLastError(ERROR_MOD_NOT_FOUND);
+            ::SetLastError(flags == LOAD_LIBRARY_SEARCH_SYSTEM32 ? ERROR_MOD_NOT_FOUND : ERROR_SUCCESS);
             return nullptr;
         });
-    ASSERT_TRUE(patch.IsActive());
+    EXPECT_EQ(CheckTrustedModule(m_path), DWORD{ERROR_MOD_NOT_FOUND});
+}
 
-    EXPECT_NE(CheckTrustedModule(m_path), DWORD{ERROR_SUCCESS});
+using GetExport = void* WINAPI(HMODULE, const char*);
+using Verify = LONG WINAPI(HWND, GUID*, WINTRUST_DATA*);
+GetExport* const g_getExport = RealFunction<GetExport>("GetProcAddress");
+Verify* g_verify;
+std::wstring_view g_name;
+std::wstring g_states;
+
+/// What may be asked of the system at boot, when nobody can answer.
+LONG WINAPI VerifyOffline(HWND window, GUID* action, WINTRUST_DATA* data)
+{
+    EXPECT_TRUE(window == static_cast<HWND>(INVALID_HANDLE_VALUE) && data->dwUIChoice == WTD_UI_NONE);
+    EXPECT_EQ(data->fdwRevocationChecks, DWORD{WTD_REVOKE_WHOLECHAIN});
+    EXPECT_EQ(data->dwProvFlags, DWORD{WTD_REVOCATION_CHECK_CHAIN | WTD_CACHE_ONLY_URL_RETRIEVAL});
+    EXPECT_EQ(::GetFileType(data->pFile->hFile), DWORD{FILE_TYPE_DISK}) << "what is held, not the path";
+    g_states += std::to_wstring(data->dwStateAction);
+    return g_verify(window, action, data);
+}
+
+TEST_F(TrustedFileTest, TheCheckAsksNobodyAndComparesTheWholeName)
+{
+    const auto nameOf = +[](const CERT_CONTEXT*, DWORD, DWORD, void*, wchar_t* name, DWORD) {
+        return static_cast<DWORD>(g_name.copy(name, g_name.size())) + 1;
+    };
+    static void* const s_nameOf = reinterpret_cast<void*>(nameOf);
+    const CImportPatch patch(
+        "GetProcAddress", +[](HMODULE module, const char* name) {
+            void* const found = g_getExport(module, name);
+            if (std::string_view(name) == "WinVerifyTrust")
+            {
+                g_verify = reinterpret_cast<Verify*>(found);
+                return reinterpret_cast<void*>(&VerifyOffline);
+            }
+            return std::string_view(name) == "CertGetNameStringW" ? s_nameOf : found;
+        });
+    g_name = L"Quintor Corporation";
+    EXPECT_EQ(CheckTrustedModule(m_path), 0U);
+    g_name = {L"Tarvex, Inc.\0 Partners", 22};
+    EXPECT_EQ(CheckTrustedModule(m_path), kForeignSigner);
+    EXPECT_EQ(g_states, L"1212") << "verified and closed each time";
+}
+
+TEST_F(TrustedFileTest, CodeIsTrustedAsTheFileOfItsModuleIs)
+{
+    MODULEINFO own{};
+    ::GetModuleInformation(::GetCurrentProcess(), ::GetModuleHandleW(nullptr), &own, sizeof(own));
+    const auto* const begin = static_cast<const BYTE*>(own.lpBaseOfDll);
+    const CModule good(::LoadLibraryW(m_signed.c_str()));
+    ASSERT_TRUE(good);
+    EXPECT_EQ(CheckTrustedCode(good.Get()), 0U);
+    EXPECT_EQ(CheckTrustedCode(begin), kNotSigned);
+    EXPECT_EQ(CheckTrustedCode(begin + own.SizeOfImage - 1), kNotSigned);
+    EXPECT_EQ(CheckTrustedCode(begin - 1), DWORD{ERROR_ACCESS_DENIED});
+    EXPECT_EQ(CheckTrustedCode(begin + own.SizeOfImage), DWORD{ERROR_ACCESS_DENIED});
+
+    // A path cut off where a trusted file's path ends must not pass for that file.
+    const CImportPatch patch(
+        "K32GetModuleFileNameExW", +[](HANDLE, HMODULE, wchar_t* name, DWORD size) {
+            std::wcscpy(name, SignedDouble(L"tarvex", kModule).c_str());
+            return size;
+        });
+    EXPECT_EQ(CheckTrustedCode(good.Get()), DWORD{ERROR_INVALID_PARAMETER});
 }
 
 } // namespace

@@ -6,13 +6,13 @@
 #include <string>
 #include <vector>
 
+#include "base/Text.h"
 #include "support/ImportPatch.h"
 #include "support/TestKey.h"
 
 namespace
 {
 
-constexpr wchar_t kParent[] = L"Software\\TxTest\\Links";
 constexpr wchar_t kLink[] = L"Software\\TxTest\\Links\\Link";
 constexpr wchar_t kTarget[] = L"Software\\TxTest\\Links\\Target";
 
@@ -23,25 +23,23 @@ protected:
     void TearDown() override
     {
         Basalt::CRegKey link;
-        if (link.Open(HKEY_LOCAL_MACHINE, kLink, KEY_ALL_ACCESS, REG_OPTION_OPEN_LINK) == ERROR_SUCCESS)
-        {
-            static_cast<void>(DeleteKeyByHandle(link.Get()));
-        }
+        static_cast<void>(link.Open(HKEY_LOCAL_MACHINE, kLink, KEY_ALL_ACCESS, REG_OPTION_OPEN_LINK));
+        static_cast<void>(DeleteKeyByHandle(link.Get()));
+        ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, kLink);
+        ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, kTarget);
     }
 
-    static bool MakeLink(bool force = true) { return CreateRegistryLink(kLink, kTarget, force, true); }
-
-    /// What a reader of the link's path finds is what was written to the target.
-    static bool LeadsToTarget()
+    /// Makes an ordinary key where the link shall be.
+    static void MakeKey(int values, const wchar_t* subKey)
     {
-        Basalt::CRegKey target;
-        Basalt::CRegKey throughLink;
-        DWORD value = 0;
-        const DWORD mark = ::GetTickCount();
-        return target.Open(HKEY_LOCAL_MACHINE, kTarget, KEY_ALL_ACCESS) == ERROR_SUCCESS &&
-               target.WriteDword(L"mark", mark) == ERROR_SUCCESS &&
-               throughLink.Open(HKEY_LOCAL_MACHINE, kLink, KEY_READ) == ERROR_SUCCESS &&
-               throughLink.ReadDword(L"mark", value) == ERROR_SUCCESS && value == mark;
+        Basalt::CRegKey key;
+        Basalt::CRegKey below;
+        ASSERT_EQ(key.Create(HKEY_LOCAL_MACHINE, kLink, KEY_ALL_ACCESS), 0U);
+        ASSERT_EQ(below.Create(key.Get(), subKey, KEY_ALL_ACCESS), 0U); // The key itself for no name.
+        while (values-- != 0)
+        {
+            ASSERT_EQ(key.WriteDword(std::to_wstring(values).c_str(), 1), 0U);
+        }
     }
 
     static std::wstring LinkData()
@@ -49,141 +47,92 @@ protected:
         Basalt::CRegKey link;
         DWORD type = REG_NONE;
         std::vector<BYTE> data;
-        EXPECT_EQ(link.Open(HKEY_LOCAL_MACHINE, kLink, KEY_READ, REG_OPTION_OPEN_LINK), DWORD{0});
-        EXPECT_EQ(link.ReadValue(L"SymbolicLinkValue", type, data), DWORD{0});
-        EXPECT_EQ(type, DWORD{REG_LINK});
-        return {reinterpret_cast<const wchar_t*>(data.data()), data.size() / sizeof(wchar_t)};
+        EXPECT_EQ(link.Open(HKEY_LOCAL_MACHINE, kLink, KEY_READ, REG_OPTION_OPEN_LINK), 0U);
+        static_cast<void>(link.ReadValue(L"SymbolicLinkValue", type, data));
+        return type != REG_LINK
+                   ? L"no link"
+                   : std::wstring(
+                         reinterpret_cast<const wchar_t*>(data.data()), data.size() / sizeof(wchar_t));
     }
 
-    CTestKey m_parent{HKEY_LOCAL_MACHINE, kParent};
+    CTestKey m_parent{HKEY_LOCAL_MACHINE, L"Software\\TxTest\\Links"};
 };
 
-void PlainKey(const std::vector<std::wstring>& subKeys, int values)
+TEST_F(RegistryLinkTest, ReplacesWhateverStandsAtTheLinkPathByForceAlone)
 {
-    Basalt::CRegKey key;
-    ASSERT_EQ(key.Create(HKEY_LOCAL_MACHINE, kLink, KEY_ALL_ACCESS), DWORD{0});
-    for (int i = 0; i < values; ++i)
-    {
-        ASSERT_EQ(key.WriteDword(std::to_wstring(i).c_str(), 1), DWORD{0});
-    }
-    for (const std::wstring& path : subKeys)
-    {
-        Basalt::CRegKey subKey;
-        ASSERT_EQ(subKey.Create(key.Get(), path.c_str(), KEY_ALL_ACCESS), DWORD{0});
-        ASSERT_EQ(subKey.WriteDword(L"value", 1), DWORD{0});
-    }
-}
-
-TEST_F(RegistryLinkTest, ReplacesWhateverStandsAtTheLinkPath)
-{
+    const std::wstring prefix = L"\\Registry\\MACHINE\\";
+    const std::wstring tooLong(495, L't');
+    const std::wstring longest(494, L't');
     const struct
     {
         const char* name;
-        std::vector<std::wstring> subKeys;
-        int values;
-        bool exists = true;
+        int values; ///< -1: there is no key; -2: there is a link to somewhere else.
+        const wchar_t* subKey = L"";
+        bool force = true;
+        bool isMade = true;
+        const wchar_t* target = kTarget;
+        std::wstring data = L"\\Registry\\MACHINE\\Software\\TxTest\\Links\\Target"; // No terminator.
     } rows[] = {
-        {"absent", {}, 0, false},
-        {"plain and empty", {}, 0},
-        {"one value", {}, 1},
-        {"several values", {}, 3},
-        {"deep sub-keys", {L"a\\b\\c\\d\\e", L"a\\x", L"z"}, 2},
+        {"absent", -1},
+        {"empty", 0},
+        {"one value", 1},
+        {"several values", 2},
+        {"deep sub-keys", 2, L"a\\b\\c\\d\\e"},
+        {"one sub-key", 0, L"a"},
+        {"a link to somewhere else", -2},
+        {"without force", 0, L"", false, false, kTarget, L"no link"},
+        {"a link, without force", -2, L"", false, false, kTarget, prefix + L"Nowhere"},
+        {"as long as it may be", -1, L"", true, true, longest.c_str(), prefix + longest},
+        {"too long", -1, L"", true, false, tooLong.c_str(), L"\\"},
     };
     for (const auto& row : rows)
     {
         SCOPED_TRACE(row.name);
-        if (row.exists)
-        {
-            PlainKey(row.subKeys, row.values);
-        }
+        row.values < 0 ? void() : MakeKey(row.values, row.subKey);
+        ASSERT_TRUE(row.values != -2 || CreateRegistryLink(kLink, L"Nowhere", true, false));
 
-        EXPECT_FALSE(IsRegistryLink(kLink));
-        EXPECT_TRUE(MakeLink());
-        EXPECT_TRUE(IsRegistryLink(kLink));
-        EXPECT_TRUE(LeadsToTarget());
-        EXPECT_EQ(LinkData(), std::wstring(L"\\Registry\\MACHINE\\") + kTarget) << "no terminator";
+        EXPECT_EQ(IsRegistryLink(kLink), row.values == -2);
+        const bool ensure = row.target == kTarget;
+        EXPECT_EQ(CreateRegistryLink(kLink, row.target, row.force, ensure), row.isMade);
+        EXPECT_EQ(LinkData(), row.data);
+        Basalt::CRegKey target;
+        EXPECT_EQ(target.Open(HKEY_LOCAL_MACHINE, kTarget, KEY_READ) == 0, ensure);
+        EXPECT_EQ(IsRegistryLink(kLink), row.data != L"no link");
         TearDown();
     }
 }
 
-TEST_F(RegistryLinkTest, ALinkToSomewhereElseIsALinkAndIsReplacedOnlyByForce)
+TEST_F(RegistryLinkTest, OpensKeysForWhatItDoesWithThem)
 {
-    ASSERT_TRUE(CreateRegistryLink(kLink, L"Software\\TxTest\\Links\\Elsewhere", true, false));
-
-    EXPECT_TRUE(IsRegistryLink(kLink)) << "also when it leads nowhere";
-    EXPECT_FALSE(MakeLink(false));
-    EXPECT_TRUE(MakeLink(true));
-    EXPECT_TRUE(LeadsToTarget());
-}
-
-TEST_F(RegistryLinkTest, ChecksItsArgumentsAndMakesAnAbsentKeyPlain)
-{
-    Basalt::CRegKey key;
-
-    EXPECT_FALSE(IsRegistryLink(nullptr));
-    EXPECT_FALSE(IsRegistryLink(L""));
-    EXPECT_FALSE(CreateRegistryLink(L"", kTarget, true, true));
-    EXPECT_FALSE(CreateRegistryLink(kLink, nullptr, true, true));
+    static std::wstring s_opened;
+    const CImportPatch refuse(
+        "RegCreateKeyExW",
+        +[](HKEY,
+            const wchar_t*,
+            DWORD,
+            wchar_t*,
+            DWORD options,
+            REGSAM access,
+            SECURITY_ATTRIBUTES*,
+            HKEY*,
+            DWORD*) -> LSTATUS {
+            Basalt::AppendFormat(s_opened, L"%lu %lX, ", options, access);
+            return ERROR_ACCESS_DENIED;
+        });
     EXPECT_FALSE(IsRegistryLink(kLink));
-    EXPECT_EQ(key.Open(HKEY_LOCAL_MACHINE, kLink, KEY_READ), DWORD{ERROR_SUCCESS});
+    EXPECT_FALSE(CreateRegistryLink(kLink, kTarget, true, true));
+    EXPECT_FALSE(CreateRegistryLink(kLink, kTarget, true, false));
+    EXPECT_EQ(s_opened, L"8 F003F, 0 2001F, 2 F003F, ");
 }
 
-TEST_F(RegistryLinkTest, ATargetThatDoesNotFitLeavesThePlaceholder)
+TEST_F(RegistryLinkTest, GivesUpOnAKeyThatNeverGetsEmpty)
 {
-    // 18 characters of the kernel's prefix and 494 of the target fill the 512.
-    EXPECT_FALSE(CreateRegistryLink(kLink, std::wstring(495, L't').c_str(), true, false));
-    EXPECT_EQ(LinkData(), L"\\");
-
-    EXPECT_TRUE(CreateRegistryLink(kLink, std::wstring(494, L't').c_str(), true, false));
-    EXPECT_EQ(LinkData().size(), 512U);
-}
-
-int g_removals = 0;
-
-LSTATUS WINAPI PretendToEmpty(HKEY, const wchar_t*)
-{
-    ++g_removals;
-    return ERROR_SUCCESS;
-}
-LSTATUS WINAPI RefuseToEmpty(HKEY, const wchar_t*)
-{
-    ++g_removals;
-    return ERROR_ACCESS_DENIED;
-}
-HMODULE WINAPI NoModule(const wchar_t*)
-{
-    return nullptr;
-}
-
-TEST_F(RegistryLinkTest, GivesUpOnAKeyThatCannotBeRemoved)
-{
-    const struct
-    {
-        const char* name;
-        LSTATUS(WINAPI* empty)(HKEY, const wchar_t*);
-        int attempts;
-    } rows[] = {{"refuses at once", &RefuseToEmpty, 1}, {"never gets empty", &PretendToEmpty, 6}};
-    for (const auto& row : rows)
-    {
-        SCOPED_TRACE(row.name);
-        PlainKey({L"sub"}, 2);
-        g_removals = 0;
-        const CImportPatch patch("SHDeleteKeyW", row.empty);
-        ASSERT_TRUE(patch.IsActive());
-
-        EXPECT_FALSE(MakeLink());
-        EXPECT_EQ(g_removals, row.attempts);
-        EXPECT_FALSE(IsRegistryLink(kLink));
-    }
-}
-
-TEST_F(RegistryLinkTest, GivesUpWithoutTheKernelsDelete)
-{
-    PlainKey({}, 0);
-    const CImportPatch patch("GetModuleHandleW", &NoModule);
-    ASSERT_TRUE(patch.IsActive());
-
-    EXPECT_FALSE(MakeLink());
+    static int s_passes = 0;
+    MakeKey(0, L"sub");
+    const CImportPatch pretend(
+        "SHDeleteKeyW", +[](HKEY, const wchar_t*) { return ++s_passes == 0 ? LSTATUS{1} : LSTATUS{0}; });
+    EXPECT_FALSE(CreateRegistryLink(kLink, kTarget, true, false));
+    EXPECT_EQ(s_passes, 6);
 }
 
 } // namespace

@@ -4,14 +4,17 @@
 #include <objbase.h>
 #include <oleauto.h>
 
+#include <algorithm>
 #include <gtest/gtest.h>
 #include <new>
 #include <string>
+#include <vector>
 
 #include "base/ClassObject.h"
 #include "base/SystemLibrary.h"
-#include "control/AnsiRegistryReader.h"
+#include "base/Text.h"
 #include "control/InstallingUpdate.h"
+#include "control/TrustedCreation.h"
 #include "control/TxUpdateMgr_Helper.h"
 #include "doubles/Record.h"
 #include "logging/Log.h"
@@ -22,126 +25,33 @@
 #include "support/TestKey.h"
 
 using namespace ETWLogging;
+using Basalt::kForeignCallFailed;
 
 namespace
 {
 
 constexpr wchar_t kModule[] = L"UpdateManager.dll";
-constexpr wchar_t kAgentKey[] = L"SOFTWARE\\Classes\\CLSID\\{DA32C9C5-1147-402A-A127-E0E169E9E9B4}";
-
-HMODULE g_client; ///< The update client's module, or null while there is none.
-int g_initialised;
-
-/// Puts the test double in the place of the local server.
-HRESULT WINAPI GetClientClassObject(REFCLSID clsid, DWORD context, COSERVERINFO*, REFIID iid, void** object)
-{
-    EXPECT_TRUE(clsid == CLSID_TxUpdateClient && context == CLSCTX_LOCAL_SERVER && g_initialised == 1);
-    using Entry = HRESULT WINAPI(REFCLSID, REFIID, void**);
-    auto* const entry = Basalt::FindExport<Entry>(g_client, "DllGetClassObject");
-    return entry == nullptr ? REGDB_E_CLASSNOTREG : entry(clsid, iid, object);
-}
-
-HRESULT WINAPI FailToInitialise(void*, DWORD)
-{
-    return RPC_E_CHANGED_MODE;
-}
+constexpr wchar_t kEvent[] = L"Global\\{834C46D9-6762-4FF9-8279-2C04C8B1162C}default";
 
 class UpdateManagerTest : public ::testing::Test
 {
 protected:
-    void SetUp() override { PrepareDouble(); }
-    /// The event that says that the instance "default" works on an update.
-    void StartUpdate()
+    /// What was logged since the last call, each with its level.
+    std::wstring Log()
     {
-        m_event.Reset(
-            ::CreateEventW(nullptr, TRUE, FALSE, L"Global\\{834C46D9-6762-4FF9-8279-2C04C8B1162C}default"));
+        std::wstring text;
+        for (const LogLine& line : m_log.Lines())
+        {
+            text += std::to_wstring(line.level) + L" " + line.message + L";";
+        }
+        m_log.Clear();
+        return text;
     }
 
-    Basalt::CHandle m_event;
+    Basalt::CHandle m_event; ///< That says that the instance "default" works on an update.
     CTxUpdateMgr_Helper m_helper;
     CLogCapture m_log;
 };
-
-TEST_F(UpdateManagerTest, WithoutAnEventNoUpdateRunsAndComIsLeftAlone)
-{
-    const CImportPatch patch(
-        "CoInitializeEx", +[](void*, DWORD) -> HRESULT {
-            ADD_FAILURE();
-            return E_FAIL;
-        });
-    ASSERT_TRUE(patch.IsActive());
-
-    EXPECT_EQ(IsInstallingUpdate(), 0U);
-
-    const std::vector<std::wstring> expected = {
-        L"Checking if an update is currently installing....",
-        L"Enter IsInstallingUpdate",
-        L"Checking if an update is currently running....",
-        L"An update is NOT running.",
-        L"update manager is not running",
-        L"Reduce restart: IsInstallingUpdate return value is 0"};
-    EXPECT_EQ(m_log.Messages(), expected);
-    const LogLine last = m_log.Lines().back();
-    EXPECT_EQ(last.level, DWORD{LogInformation});
-    EXPECT_EQ(last.source + L" " + last.function, L"TxSvcHostMain IsInstallingUpdate");
-    EXPECT_EQ(m_log.Lines()[3].source, L"TxUpdateMgr_Helper");
-}
-
-TEST_F(UpdateManagerTest, OnlyATrustedAndLivingClientsYesCounts)
-{
-    StartUpdate();
-    const CImportPatch getClassObject("CoGetClassObject", &GetClientClassObject);
-    const CImportPatch initialise(
-        "CoInitializeEx", +[](void*, DWORD model) -> HRESULT {
-            EXPECT_EQ(model, DWORD{COINIT_APARTMENTTHREADED});
-            ++g_initialised;
-            return S_FALSE;
-        });
-    const CImportPatch uninitialise(
-        "CoUninitialize", +[] {
-            --g_initialised;
-            EXPECT_NE(RecordedCalls(), L"create;release;ask;") << "the client is released first";
-        });
-    const std::wstring notCreated = L"Reduce restart: Failed to create ITxUpdateClientRot object,hr = 0x";
-    const std::wstring notAsked = L"Reduce restart: Failed to ask ITxUpdateClientRot object,hr = 0x";
-    const struct
-    {
-        const wchar_t* variant;
-        const wchar_t* mode;
-        DWORD installing;
-        const wchar_t* calls;
-        std::wstring error;
-    } rows[] = {
-        {L"tarvex", L"installing", 7, L"create;release;ask;release;", L""},
-        {L"quintor", L"installing old", 7, L"create;release;ask;release;", L""},
-        {L"tarvex", L"", 0, L"create;release;ask;release;", L""},
-        {L"tarvex", L"installing fail", 0, L"create;release;ask;release;", notAsked + L"80004004"},
-        {L"tarvex", L"installing throw", 0, L"create;release;ask;release;", notAsked + L"800710dd"},
-        {L"tarvex", L"installing null", 0, L"create;release;", notCreated + L"800710dd"},
-        {L"unsigned", L"installing", 0, L"release;", notCreated + L"80070005"},
-        {L"changed", L"installing", 0, L"release;", notCreated + L"80070005"},
-        {L"missing", L"installing", 0, L"", notCreated + L"80040154"},
-    };
-    for (const auto& row : rows)
-    {
-        SCOPED_TRACE(Narrow(std::wstring(row.variant) + L" " + row.mode));
-        const Basalt::CModule client(::LoadLibraryW(SignedDouble(row.variant, kModule).c_str()));
-        g_client = client.Get();
-        PrepareDouble(row.mode);
-        m_log.Clear();
-
-        EXPECT_EQ(IsInstallingUpdate(), row.installing);
-
-        EXPECT_EQ(RecordedCalls(), row.calls);
-        EXPECT_EQ(g_initialised, 0);
-        EXPECT_EQ(m_log.Count(LogError, row.error), row.error.empty() ? 0U : 1U);
-        EXPECT_EQ(m_log.CountContaining(LogError, L""), row.error.empty() ? 0U : 1U);
-        EXPECT_EQ(m_log.Messages().back().back(), L'0' + row.installing);
-    }
-    const CImportPatch failing("CoInitializeEx", &FailToInitialise);
-    EXPECT_EQ(IsInstallingUpdate(), 0U);
-    EXPECT_EQ(g_initialised, 0);
-}
 
 TEST_F(UpdateManagerTest, OperationsKeepTheirSlotsAndRefuseNull)
 {
@@ -162,12 +72,17 @@ TEST_F(UpdateManagerTest, OperationsKeepTheirSlotsAndRefuseNull)
     auto* const* slot = *reinterpret_cast<Operation***>(&m_helper);
     for (const auto& row : rows)
     {
-        SCOPED_TRACE(Narrow(row.name));
-        m_log.Clear();
         EXPECT_EQ((*slot++)(&m_helper, nullptr, nullptr), row.result);
-        EXPECT_TRUE(m_log.Has(LogError, row.error));
-        EXPECT_EQ(m_log.Lines().back().function, std::wstring(L"CTxUpdateMgr_Helper::") + row.name);
+        const LogLine last = m_log.Lines().back();
+        EXPECT_TRUE(last.level == LogError && last.message == row.error) << last.level;
+        EXPECT_EQ(
+            last.source + L" " + last.function,
+            std::wstring(L"TxUpdateMgr_Helper CTxUpdateMgr_Helper::") + row.name);
     }
+    SetLoggingIdentity({});
+    const CTxUpdateMgr_Helper other;
+    EXPECT_STREQ(GetLoggingIdentity().group, L"UPDMGR");
+    EXPECT_EQ(GetLoggingIdentity().host, nullptr);
 }
 
 TEST_F(UpdateManagerTest, TheEventOfTheInstanceSaysWhetherItRunsAndTakesTheReminder)
@@ -175,98 +90,94 @@ TEST_F(UpdateManagerTest, TheEventOfTheInstanceSaysWhetherItRunsAndTakesTheRemin
     BOOL running = 2;
     DWORD phase = 77;
     EXPECT_EQ(m_helper.IsUpdateRunning2(&running, &phase), S_OK);
-    EXPECT_EQ(running, 0);
-    EXPECT_EQ(phase, 77U);
+    EXPECT_TRUE(running == 0 && phase == 77);
 
-    StartUpdate();
+    m_event.Reset(::CreateEventW(nullptr, TRUE, FALSE, kEvent));
     EXPECT_EQ(m_helper.IsUpdateRunning(&running), S_OK);
     EXPECT_EQ(running, 1);
-    EXPECT_TRUE(m_log.Has(LogNormal, L"An update is running."));
-    EXPECT_EQ(::WaitForSingleObject(m_event.Get(), 0), DWORD{WAIT_TIMEOUT});
     EXPECT_EQ(m_helper.RemindRestart(), S_OK);
     EXPECT_EQ(::WaitForSingleObject(m_event.Get(), 0), DWORD{WAIT_OBJECT_0});
+    const CImportPatch patch(
+        "CoInitializeEx", +[](void*, DWORD model) -> HRESULT {
+            return model == COINIT_APARTMENTTHREADED ? RPC_E_CHANGED_MODE : S_OK;
+        });
+    EXPECT_EQ(IsInstallingUpdate(), 0U);
+    EXPECT_TRUE(
+        Log().ends_with(L"1 An update is running.;3 Reduce restart: IsInstallingUpdate return value is 0;"))
+        << "the client is not missed";
 
     EXPECT_FALSE(m_helper.SetInstance(std::wstring(260, L'x').c_str()));
-    ASSERT_TRUE(
-        m_helper.SetInstance(std::wstring(259, L'x').c_str())); // The event's name is cut, not overrun.
+    ASSERT_TRUE(m_helper.SetInstance(std::wstring(259, L'x').c_str())); // The event's name is cut.
     EXPECT_EQ(m_helper.IsUpdateRunning(&running), S_OK);
     EXPECT_EQ(running, 0);
 }
 
 TEST_F(UpdateManagerTest, WrongTypesAndSizesInTheRegistryAreReportedAndReadAsNothing)
 {
-    StartUpdate();
-    CTestKey phaseKey(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Tarvex\\UPDMGR\\Update\\pkg_default");
-    CTestKey pendingKey(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Tarvex\\Volatile\\KSC");
-    const std::wstring noPhase = L"Failed to read update phase from the registry - error ";
-    const std::wstring noPending = L"Failed to read IsRestartPending value from registry - error ";
-    const ULONGLONG one = 1;
-    const ULONGLONG two = 2;
+    CTestKey phases(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Tarvex\\UPDMGR\\Update\\pkg_default");
+    CTestKey restarts(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Tarvex\\Volatile\\KSC");
+    m_event.Reset(::CreateEventW(nullptr, TRUE, FALSE, kEvent));
+    const std::wstring noPhase = L"2 Failed to read update phase from the registry - error ";
+    const std::wstring unread = L"2 Failed to read IsRestartPending value from registry - error ";
+    const std::wstring begin = L"1 Checking if restart is pending...;";
+    const std::wstring end = L"1 No restart is pending;";
     const struct
     {
-        const char* name;
-        DWORD type;
-        const void* data;
+        DWORD type; ///< REG_NONE: there is no value.
+        ULONGLONG data;
         DWORD size;
         DWORD phase;
         BOOL pending;
-        std::wstring phaseWarning;
-        std::wstring pendingWarning;
+        std::wstring noPhase;
+        std::wstring notPending;
     } rows[] = {
-        {"missing", REG_NONE, nullptr, 0, 0, 0, noPhase + L"2", noPending + L"2"},
-        {"one", REG_DWORD, &one, 4, 1, 1, L"", L""},
-        {"two", REG_DWORD, &two, 4, 2, 0, L"", L""},
-        {"short", REG_DWORD, &two, 1, 2, 0, L"", L""},
-        {"text", REG_SZ, L"1", 4, 0, 0, noPhase + L"0", L"Invalid value type"},
-        {"binary", REG_BINARY, &one, 4, 0, 0, noPhase + L"0", L"Invalid value type"},
-        {"wide", REG_QWORD, &one, 8, 0, 0, noPhase + L"234", noPending + L"234"},
+        {REG_NONE, 0, 0, 0, 0, noPhase + L"2;", unread + L"2;"},
+        {REG_DWORD, 1, 4, 1, 1, L"", L""},
+        {REG_DWORD, 2, 4, 2, 0, L"", L""},
+        {REG_SZ, L'1', 4, 0, 0, noPhase + L"0;", L"2 Invalid value type;"},
+        {REG_QWORD, 1, 8, 0, 0, noPhase + L"234;", unread + L"234;"},
     };
     for (const auto& row : rows)
     {
-        SCOPED_TRACE(row.name);
-        if (row.type != REG_NONE)
-        {
-            ASSERT_EQ(phaseKey.Key().WriteValue(L"phase", row.type, row.data, row.size), 0U);
-            ASSERT_EQ(pendingKey.Key().WriteValue(L"IsRestartPending", row.type, row.data, row.size), 0U);
-        }
-        m_log.Clear();
+        SCOPED_TRACE(row.type);
+        const auto store = [&row](CTestKey& key, const wchar_t* name) {
+            return row.type == REG_NONE ? 0 : key.Key().WriteValue(name, row.type, &row.data, row.size);
+        };
+        ASSERT_TRUE(store(phases, L"phase") == 0 && store(restarts, L"IsRestartPending") == 0);
         BOOL running = 2;
         DWORD phase = 77;
         BOOL pending = 2;
 
         EXPECT_EQ(m_helper.IsUpdateRunning2(&running, &phase), S_OK);
+        EXPECT_TRUE(running == 1 && phase == row.phase) << phase;
+        EXPECT_EQ(
+            Log(),
+            L"1 Checking if an update is currently running....;1 An update is running.;" + row.noPhase);
         EXPECT_EQ(m_helper.IsRestartPending(&pending), S_OK);
-
-        EXPECT_EQ(phase, row.phase);
         EXPECT_EQ(pending, row.pending);
-        EXPECT_EQ(m_log.Count(LogWarning, row.phaseWarning), row.phaseWarning.empty() ? 0U : 1U);
-        EXPECT_EQ(m_log.Count(LogWarning, row.pendingWarning), row.pendingWarning.empty() ? 0U : 1U);
-        EXPECT_TRUE(
-            m_log.Has(LogNormal, row.pending != 0 ? L"Restart is pending" : L"No restart is pending"));
+        EXPECT_EQ(Log(), begin + row.notPending + (row.pending != 0 ? L"1 Restart is pending;" : end));
     }
 
-    CTestKey otherKey(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Tarvex\\Volatile\\Default");
-    ASSERT_EQ(otherKey.Key().WriteDword(L"IsRestartPending", 1), 0U);
-    ASSERT_TRUE(m_helper.SetInstance(L"Default")); // Not "default": the other key.
     BOOL pending = 2;
+    CTestKey other(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Tarvex\\Volatile\\Default");
+    ASSERT_EQ(other.Key().WriteDword(L"IsRestartPending", 1), 0U);
+    ASSERT_TRUE(m_helper.SetInstance(L"Default")); // Not "default": the other key.
     EXPECT_EQ(m_helper.IsRestartPending(&pending), S_OK);
     EXPECT_EQ(pending, 1);
 
-    const CImportPatch patch(
-        "RegQueryValueExA", +[](HKEY, const char*, DWORD*, DWORD*, BYTE*, DWORD*) -> LSTATUS {
-            return ERROR_INSUFFICIENT_BUFFER;
-        });
     m_log.Clear();
+    const CImportPatch patch("RegQueryValueExA", +[]() -> LSTATUS { return ERROR_INSUFFICIENT_BUFFER; });
     EXPECT_EQ(m_helper.IsRestartPending(&pending), S_OK);
-    EXPECT_TRUE(m_log.Has(LogWarning, noPending + L"234"));
+    EXPECT_EQ(Log(), begin + unread + L"234;" + end);
 }
 
 /// The agent for real: registered, and loaded by COM.
 TEST_F(UpdateManagerTest, OnlyATrustedAgentIsAskedToCancel)
 {
-    ASSERT_GE(::CoInitializeEx(nullptr, COINIT_MULTITHREADED), 0);
-    CTestKey key(HKEY_LOCAL_MACHINE, kAgentKey);
-    CTestKey server(HKEY_LOCAL_MACHINE, std::wstring(kAgentKey) + L"\\InprocServer32");
+    ASSERT_EQ(::CoInitializeEx(nullptr, COINIT_MULTITHREADED), S_OK);
+    CTestKey server(
+        HKEY_LOCAL_MACHINE,
+        L"SOFTWARE\\Classes\\CLSID\\{DA32C9C5-1147-402A-A127-E0E169E9E9B4}\\InprocServer32");
     ASSERT_EQ(server.Key().WriteString(L"ThreadingModel", L"Both"), 0U);
     ASSERT_TRUE(m_helper.SetInstance(L"other"));
     const wchar_t* const asked = L"create;release;cancel other;release;";
@@ -275,12 +186,16 @@ TEST_F(UpdateManagerTest, OnlyATrustedAgentIsAskedToCancel)
         const wchar_t* variant;
         const wchar_t* mode;
         HRESULT result;
+        bool isMade; ///< The agent, so that it can be asked.
         const wchar_t* calls;
     } rows[] = {
-        {L"unsigned", L"", E_ACCESSDENIED, L"release;"},
-        {L"tarvex", L"fail", E_ABORT, asked},
-        {L"tarvex", L"throw", Basalt::kForeignCallFailed, asked},
-        {L"tarvex", L"old", S_OK, asked},
+        {L"unsigned", L"", E_ACCESSDENIED, false, L"release;"},
+        {L"tarvex", L"refuse", CLASS_E_NOAGGREGATION, false, L"create;release;"},
+        {L"tarvex", L"null", kForeignCallFailed, false, L"create;release;"},
+        {L"tarvex", L"fail", E_ABORT, true, asked},
+        {L"tarvex", L"throw", kForeignCallFailed, true, asked},
+        {L"tarvex", L"nothing", S_FALSE, true, asked},
+        {L"tarvex", L"old", S_OK, true, asked},
     };
     for (const auto& row : rows)
     {
@@ -292,31 +207,85 @@ TEST_F(UpdateManagerTest, OnlyATrustedAgentIsAskedToCancel)
 
         EXPECT_EQ(m_helper.CancelUpdate2(&cancelled), row.result);
 
-        const bool isSent = row.result == S_OK;
-        EXPECT_EQ(cancelled, isSent ? 1 : 0);
+        EXPECT_EQ(cancelled, row.result == S_OK ? 1 : 0);
         EXPECT_EQ(RecordedCalls(), row.calls);
-        EXPECT_TRUE(m_log.Has(LogInformation, L"Cancelling updates..."));
-        EXPECT_EQ(m_log.Has(LogInformation, L"Successfully send cancel request"), isSent);
+        const std::wstring code = Basalt::FormatText(L" hr = 0x%08x;", row.result);
         EXPECT_EQ(
-            m_log.CountContaining(LogError, L"Failed to send cancel request. hr = 0x8"), isSent ? 0U : 1U);
+            Log(),
+            L"3 Cancelling updates...;" +
+                (row.isMade ? L"" : L"4 Failed to create update agent object." + code) +
+                (row.result == S_OK ? L"3 Successfully send cancel request;"
+                                    : L"4 Failed to send cancel request." + code));
     }
+    const CImportPatch patch("SysAllocString", +[](const wchar_t*) -> BSTR { return nullptr; });
     PrepareDouble();
-    {
-        const CImportPatch patch("SysAllocString", +[](const wchar_t*) -> BSTR { return nullptr; });
-        EXPECT_THROW(m_helper.CancelUpdate(), std::bad_alloc);
-    }
+    EXPECT_THROW(m_helper.CancelUpdate(), std::bad_alloc);
     EXPECT_EQ(RecordedCalls(), L"create;release;release;");
     ::CoUninitialize();
 }
 
-TEST_F(UpdateManagerTest, TheHelperLeavesItsLoggingIdentityBehind)
+void* g_classObject;
+std::vector<IID> g_asked;
+
+TEST(TrustedCreation, DamagedClassObjectsGiveAStatus)
 {
-    SetLoggingIdentity({});
-    const CTxUpdateMgr_Helper helper;
-    const LoggingIdentity identity = GetLoggingIdentity();
-    EXPECT_STREQ(identity.group, L"UPDMGR");
-    EXPECT_TRUE(identity.host == nullptr && identity.context == nullptr);
-    EXPECT_EQ(identity.context2 + identity.mechanismOverride, 0U);
+    const CImportPatch patch(
+        "CoGetClassObject", +[](REFCLSID, DWORD, COSERVERINFO*, REFIID iid, void** object) -> HRESULT {
+            g_asked.push_back(iid);
+            *object = g_classObject;
+            return g_classObject != nullptr ? S_OK : iid == IID_ITxSvcClassObject ? E_ABORT : E_NOINTERFACE;
+        });
+    void* const wild = reinterpret_cast<void*>(0x7E57000000);
+    void* out = wild;
+    const auto create = [&out] {
+        return CreateTrustedObject(CLSID_NULL, CLSCTX_ALL, IID_ITxUpdateAgent, &out);
+    };
+    EXPECT_EQ(create(), E_NOINTERFACE) << "the second failure, not the first";
+    EXPECT_EQ(g_asked, (std::vector{IID_ITxSvcClassObject, Basalt::IID_ITxSvcClassObjectOld}));
+    EXPECT_EQ(out, nullptr);
+    EXPECT_EQ(CreateTrustedObject(CLSID_NULL, CLSCTX_ALL, IID_NULL, nullptr), E_POINTER);
+    EXPECT_EQ(
+        CreateTrustedObject(CLSID_NULL, CLSCTX_ALL, IID_NULL, &out, CreationTrust::NotAsked),
+        CO_E_NOTINITIALIZED);
+
+    const Basalt::CModule module(::LoadLibraryW(SignedDouble(L"tarvex", kModule).c_str()));
+    auto* const entry =
+        Basalt::FindExport<HRESULT WINAPI(REFCLSID, REFIID, void**)>(module.Get(), "DllGetClassObject");
+    void* sound = nullptr;
+    PrepareDouble();
+    ASSERT_EQ(entry(CLSID_TxUpdateAgent, IID_ITxSvcClassObject, &sound), S_OK);
+    void* nothing = nullptr;
+    void* data = static_cast<void*>(&nothing);
+    void* inData[4] = {data, data, data, data};
+    const struct
+    {
+        const char* name;
+        void* table; ///< Null: the sound one, but for the method of the slot.
+        std::size_t badSlot;
+        HRESULT expected;
+        const wchar_t* calls;
+    } rows[] = {
+        {"no table", wild, 0, E_ACCESSDENIED, L""},
+        {"methods in data", static_cast<void*>(inData), 0, E_ACCESSDENIED, L""},
+        {"no QueryInterface", nullptr, 0, E_ACCESSDENIED, L"release;"},
+        {"no Release", nullptr, 2, S_OK, L"create;"},
+        {"no CreateObject", nullptr, 3, kForeignCallFailed, L"release;"},
+    };
+    for (const auto& row : rows)
+    {
+        SCOPED_TRACE(row.name);
+        PrepareDouble();
+        void* methods[4];
+        std::copy_n(*static_cast<void***>(sound), 4, methods);
+        methods[row.badSlot] = wild;
+        void* table = row.table != nullptr ? row.table : static_cast<void*>(methods);
+        g_classObject = static_cast<void*>(&table);
+        EXPECT_EQ(create(), row.expected);
+        EXPECT_EQ(out != nullptr, row.expected == S_OK);
+        EXPECT_EQ(RecordedCalls(), row.calls);
+    }
+    g_classObject = wild;
+    EXPECT_EQ(create(), E_ACCESSDENIED);
 }
 
 } // namespace

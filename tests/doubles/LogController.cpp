@@ -1,5 +1,5 @@
 /// @file
-/// A log controller library that records its calls, Stop also for other processes, where kTestRecordKey
+/// A log controller library that records its calls, at Stop also for other processes, where kTestRecordKey
 /// exists. Modes: "fail" (Start gives 1234), "throw" (all throw).
 
 #include <windows.h>
@@ -30,16 +30,25 @@ extern "C"
     }
     __declspec(dllexport) DWORD WINAPI Stop(DWORD_PTR zero, const wchar_t* name)
     {
+        const DWORD result = Perform(L"Stop " + std::to_wstring(zero) + L" " + name);
         HKEY key = nullptr;
         if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kTestRecordKey, 0, KEY_SET_VALUE, &key) == ERROR_SUCCESS)
         {
-            const std::wstring value = L"Stop-" + std::to_wstring(::GetCurrentProcessId());
+            const auto write = [key](
+                                   const std::wstring& value,
+                                   DWORD type,
+                                   const void* data,
+                                   std::size_t size) {
+                ::RegSetValueExW(
+                    key, value.c_str(), 0, type, static_cast<const BYTE*>(data), static_cast<DWORD>(size));
+            };
             const DWORD yes = 1;
-            ::RegSetValueExW(
-                key, value.c_str(), 0, REG_DWORD, reinterpret_cast<const BYTE*>(&yes), sizeof(yes));
+            const std::wstring calls = RecordedCalls();
+            write(L"Stop-" + std::to_wstring(::GetCurrentProcessId()), REG_DWORD, &yes, sizeof(yes));
+            write(L"controller", REG_SZ, calls.c_str(), (calls.size() + 1) * sizeof(wchar_t));
             ::RegCloseKey(key);
         }
-        return Perform(L"Stop " + std::to_wstring(zero) + L" " + name);
+        return result;
     }
     __declspec(dllexport) DWORD WINAPI RestartSession(const wchar_t*)
     {

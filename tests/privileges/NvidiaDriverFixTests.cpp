@@ -3,300 +3,180 @@
 #include <windows.h>
 
 #include <gtest/gtest.h>
-#include <map>
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "base/Owned.h"
-#include "base/SystemLibrary.h"
 #include "logging/LoggingIf.h"
 #include "support/ImportPatch.h"
 #include "support/LogCapture.h"
 #include "support/Narrow.h"
-
-using namespace ETWLogging;
+#include "support/NoMemory.h"
 
 namespace
 {
 
-constexpr const wchar_t* kFour[] = {
+/// The four, and one that somebody else changes.
+constexpr const wchar_t* kNames[] = {
     L"SeIncreaseBasePriorityPrivilege",
     L"SeIncreaseQuotaPrivilege",
     L"SeProfileSingleProcessPrivilege",
     L"SeUndockPrivilege",
-};
-constexpr wchar_t kBystander[] = L"SeShutdownPrivilege";
-
-/// Enabled or not, for each privilege that the token holds.
-using States = std::map<std::wstring, bool>;
+    L"SeShutdownPrivilege"};
 
 Basalt::CHandle OpenToken()
 {
     Basalt::CHandle token;
-    EXPECT_TRUE(CNvidiaDriverFix::OpenCurrentProcessToken(*token.Put()));
+    ::OpenProcessToken(::GetCurrentProcess(), TOKEN_QUERY | TOKEN_ADJUST_PRIVILEGES, token.Put());
     return token;
 }
 
-States ReadStates()
+/// 1 or 0 for each, enabled or not.
+std::string States()
 {
-    const Basalt::CHandle token = OpenToken();
-    DWORD size = 0;
-    ::GetTokenInformation(token.Get(), TokenPrivileges, nullptr, 0, &size);
-    std::vector<BYTE> block(size);
-    EXPECT_NE(::GetTokenInformation(token.Get(), TokenPrivileges, block.data(), size, &size), FALSE);
-    const auto* privileges = reinterpret_cast<const TOKEN_PRIVILEGES*>(block.data());
-    States states;
-    for (DWORD i = 0; i < privileges->PrivilegeCount; ++i)
+    std::string states;
+    for (const wchar_t* name : kNames)
     {
-        LUID_AND_ATTRIBUTES entry = privileges->Privileges[i];
-        wchar_t name[64] = {};
-        DWORD length = 64;
-        EXPECT_NE(::LookupPrivilegeNameW(nullptr, &entry.Luid, name, &length), FALSE);
-        states[name] = (entry.Attributes & SE_PRIVILEGE_ENABLED) != 0;
+        PRIVILEGE_SET set{1, PRIVILEGE_SET_ALL_NECESSARY, {}};
+        BOOL isEnabled = FALSE;
+        EXPECT_TRUE(::LookupPrivilegeValueW(nullptr, name, &set.Privilege[0].Luid));
+        EXPECT_TRUE(::PrivilegeCheck(OpenToken().Get(), &set, &isEnabled));
+        states += isEnabled ? "1" : "0";
     }
     return states;
 }
 
-void SetState(const wchar_t* name, bool enabled)
+void SetState(std::size_t index, bool isEnabled)
 {
-    const Basalt::CHandle token = OpenToken();
-    TOKEN_PRIVILEGES block{};
-    block.PrivilegeCount = 1;
-    block.Privileges[0].Attributes = enabled ? SE_PRIVILEGE_ENABLED : 0;
-    ASSERT_NE(::LookupPrivilegeValueW(nullptr, name, &block.Privileges[0].Luid), FALSE);
-    ASSERT_NE(::AdjustTokenPrivileges(token.Get(), FALSE, &block, 0, nullptr, nullptr), FALSE);
+    TOKEN_PRIVILEGES block{1, {{{}, isEnabled ? DWORD{SE_PRIVILEGE_ENABLED} : 0}}};
+    EXPECT_TRUE(::LookupPrivilegeValueW(nullptr, kNames[index], &block.Privileges[0].Luid));
+    EXPECT_TRUE(::AdjustTokenPrivileges(OpenToken().Get(), FALSE, &block, 0, nullptr, nullptr));
 }
 
-class NvidiaDriverFixTest : public ::testing::Test
-{
-protected:
-    void SetUp() override
-    {
-        for (const wchar_t* name : kFour)
-        {
-            SetState(name, false);
-        }
-        SetState(kFour[1], true); // One that was on already has to stay on.
-        SetState(kBystander, false);
-        m_before = ReadStates();
-        m_whileEnabled = m_before;
-        for (const wchar_t* name : kFour)
-        {
-            if (m_whileEnabled.contains(name))
-            {
-                m_whileEnabled[name] = true;
-            }
-        }
-        ASSERT_NE(m_before, m_whileEnabled);
-        m_log.Clear();
-    }
+int g_calls;
+int g_failingCall; ///< From 1.
 
-    States m_before;
-    States m_whileEnabled;
-    CLogCapture m_log;
+/// Fails at one of its calls.
+template <typename Function>
+struct Counted;
+template <typename... Arguments>
+struct Counted<BOOL WINAPI(Arguments...)>
+{
+    static inline BOOL(WINAPI* s_real)(Arguments...);
+    static BOOL WINAPI Call(Arguments... arguments)
+    {
+        ::SetLastError(ERROR_NO_SUCH_PRIVILEGE);
+        return ++g_calls == g_failingCall ? FALSE : s_real(arguments...);
+    }
 };
 
-TEST_F(NvidiaDriverFixTest, TheFourAreEnabledForTheScopeAndEverythingIsPutBack)
+template <typename Function>
+void* Fake(const char* name, Function* /*type*/)
 {
+    Counted<Function>::s_real = RealFunction<Function>(name, L"advapi32.dll");
+    return reinterpret_cast<void*>(&Counted<Function>::Call);
+}
+
+/// All errors.
+std::string Errors(const CLogCapture& log)
+{
+    std::string errors;
+    for (const LogLine& line : log.Lines())
     {
-        const CNvidiaDriverFix fix(true);
-        EXPECT_EQ(ReadStates(), m_whileEnabled);
-        SetState(kBystander, true); // Whoever changed another one in between is undone too.
+        errors +=
+            line.level == ETWLogging::LogError ? Narrow(line.function + L": " + line.message + L"\n") : "";
     }
-    EXPECT_EQ(ReadStates(), m_before);
-
-    const std::vector<std::wstring> messages = m_log.Messages();
-    ASSERT_EQ(messages.size(), 5U);
-    EXPECT_EQ(messages[0], L"Setting 4 privileges");
-    for (std::size_t i = 0; i < 4; ++i)
-    {
-        EXPECT_EQ(messages[i + 1], std::wstring(L"Setting privilege: ") + kFour[i]);
-    }
-    EXPECT_EQ(m_log.Lines()[1].source, L"NvidiaDriverFix");
-    EXPECT_EQ(m_log.Lines()[1].function, L"CNvidiaDriverFix::SetPrivilegeByName");
+    return errors;
 }
 
-TEST_F(NvidiaDriverFixTest, AnExceptionOutOfTheScopePutsThemBackToo)
+TEST(NvidiaDriverFix, TheFourAreEnabledForTheScopeAndAFailureAtAnyStepLeavesTheOthers)
 {
-    try
-    {
-        const CNvidiaDriverFix fix(true);
-        EXPECT_EQ(ReadStates(), m_whileEnabled);
-        throw 5;
-    }
-    catch (int)
-    {
-    }
-    EXPECT_EQ(ReadStates(), m_before);
-}
-
-TEST_F(NvidiaDriverFixTest, WithoutApplyNothingChanges)
-{
-    {
-        const CNvidiaDriverFix fix(false);
-        EXPECT_EQ(ReadStates(), m_before);
-    }
-    EXPECT_EQ(ReadStates(), m_before);
-    EXPECT_TRUE(m_log.Lines().empty());
-}
-
-// Fakes: each fails as the real call would. Cleared by the test.
-int g_calls;
-int g_failingCall; ///< Which call in a row fails, from 1.
-decltype(&::GetTokenInformation) g_getTokenInformation;
-decltype(&::LookupPrivilegeValueW) g_lookup;
-decltype(&::AdjustTokenPrivileges) g_adjust;
-void* (*g_malloc)(std::size_t);
-
-bool Fails()
-{
-    ::SetLastError(ERROR_NO_SUCH_PRIVILEGE);
-    return ++g_calls == g_failingCall;
-}
-
-BOOL WINAPI FakeOpen(HANDLE, DWORD access, HANDLE*)
-{
-    EXPECT_EQ(access, 0x28U);
-    ::SetLastError(ERROR_NO_SUCH_PRIVILEGE);
-    return FALSE;
-}
-BOOL WINAPI FakeGet(HANDLE token, TOKEN_INFORMATION_CLASS what, void* data, DWORD size, DWORD* needed)
-{
-    return Fails() ? FALSE : g_getTokenInformation(token, what, data, size, needed);
-}
-BOOL WINAPI FakeGetAll(HANDLE, TOKEN_INFORMATION_CLASS, void*, DWORD, DWORD*)
-{
-    return TRUE;
-}
-BOOL WINAPI FakeLookup(const wchar_t* system, const wchar_t* name, LUID* luid)
-{
-    return Fails() ? FALSE : g_lookup(system, name, luid);
-}
-BOOL WINAPI
-FakeAdjust(HANDLE token, BOOL all, TOKEN_PRIVILEGES* block, DWORD size, TOKEN_PRIVILEGES* old, DWORD* need)
-{
-    return Fails() ? FALSE : g_adjust(token, all, block, size, old, need);
-}
-void* FakeMalloc(std::size_t size)
-{
-    return Fails() ? nullptr : g_malloc(size);
-}
-
-TEST_F(NvidiaDriverFixTest, AFailureAtAnyStepIsLoggedOnceAndTheOtherPrivilegesAreSet)
-{
-    // Not by their names: an optimiser would look those up in the patched table again.
-    const HMODULE advapi = ::GetModuleHandleW(L"advapi32.dll");
-    g_getTokenInformation =
-        Basalt::FindExport<decltype(::GetTokenInformation)>(advapi, "GetTokenInformation");
-    g_lookup = Basalt::FindExport<decltype(::LookupPrivilegeValueW)>(advapi, "LookupPrivilegeValueW");
-    g_adjust = Basalt::FindExport<decltype(::AdjustTokenPrivileges)>(advapi, "AdjustTokenPrivileges");
-    // Its address here would be the patched thunk's.
-    g_malloc = Basalt::FindExport<void*(std::size_t)>(::GetModuleHandleW(L"msvcrt.dll"), "malloc");
-    const auto pointer = [](auto* function) { return reinterpret_cast<void*>(function); };
+#define FAKE(name) #name, Fake(#name, &::name)
     const struct
     {
         const char* import;
         void* fake;
         int failingCall;
-        const wchar_t* error;
-        bool areOthersEnabled;
-        bool isRestored;
+        int calls;
+        const char* during;
+        const char* after;
+        const char* error;
     } rows[] = {
-        {"OpenProcessToken", pointer(&FakeOpen), 0, L"OpenProcessToken failed (0x00000521)", false, true},
-        {"GetTokenInformation",
-         pointer(&FakeGetAll),
-         0,
-         L"OpenProcessToken error - should have failed",
-         false,
-         true},
-        {"GetTokenInformation",
-         pointer(&FakeGet),
-         1,
-         L"GetTokenInformation(1) failed (0x00000521)",
-         false,
-         true},
-        {"malloc", pointer(&FakeMalloc), 1, L"Memory alloc failure (", false, true},
-        {"GetTokenInformation",
-         pointer(&FakeGet),
-         2,
-         L"GetTokenInformation(2) failed (0x00000521)",
-         false,
-         true},
-        {"LookupPrivilegeValueW",
-         pointer(&FakeLookup),
-         1,
-         L"LookupPrivilegeValue failed (0x00000521)",
-         true,
-         true},
-        {"AdjustTokenPrivileges",
-         pointer(&FakeAdjust),
-         1,
-         L"SetPrivilegeByName: AdjustTokenPrivileges failed with error: 1313",
-         true,
-         true},
-        {"AdjustTokenPrivileges",
-         pointer(&FakeAdjust),
+        {FAKE(OpenProcessToken), 0, 2, "11110", "01000", ""},
+        {FAKE(OpenProcessToken), 1, 1, "01000", "01001", "OpenProcessToken failed (0x00000521)\n"},
+        {FAKE(OpenProcessToken), 2, 2, "11110", "11111", "OpenProcessToken failed (0x00000521)\n"},
+        {FAKE(GetTokenInformation), 1, 1, "01000", "01001", "Information(1) failed (0x00000521)\n"},
+        {FAKE(GetTokenInformation), 2, 2, "01000", "01001", "Information(2) failed (0x00000521)\n"},
+        {FAKE(LookupPrivilegeValueW), 1, 4, "01110", "01000", "PrivilegeValue failed (0x00000521)\n"},
+        {FAKE(AdjustTokenPrivileges), 1, 5, "01110", "01000", "Privileges failed with error: 1313\n"},
+        {FAKE(AdjustTokenPrivileges),
          5,
-         L"AdjustTokenPrivileges failed (0x00000521)",
-         true,
-         false},
+         5,
+         "11110",
+         "11111",
+         "CNvidiaDriverFix::RestoreSavedPrivileges: AdjustTokenPrivileges failed (0x00000521)\n"},
     };
+#undef FAKE
     for (const auto& row : rows)
     {
-        SCOPED_TRACE(Narrow(row.error));
-        SetUp();
-        States expected = row.areOthersEnabled ? m_whileEnabled : m_before;
-        if (row.failingCall == 1)
+        SCOPED_TRACE(testing::Message() << row.import << " " << row.failingCall);
+        for (std::size_t i = 0; i < std::size(kNames); ++i)
         {
-            expected[kFour[0]] = false;
+            SetState(i, i == 1); // One that was on already has to stay on.
         }
+        const CLogCapture log;
         g_calls = 0;
         g_failingCall = row.failingCall;
 
-        std::optional<CNvidiaDriverFix> fix;
         std::optional<CImportPatch> patch(std::in_place, row.import, row.fake);
-        ASSERT_TRUE(patch->IsActive());
-        fix.emplace(true);
+        std::optional<CNvidiaDriverFix> fix(true);
         patch.reset();
-        const States during = ReadStates();
+        EXPECT_EQ(States(), row.during);
+        SetState(4, true);
         patch.emplace(row.import, row.fake);
         fix.reset();
         patch.reset();
 
-        EXPECT_EQ(during, expected);
-        EXPECT_EQ(ReadStates(), row.isRestored ? m_before : during);
-        EXPECT_EQ(m_log.CountContaining(LogError, row.error), 1U);
-        EXPECT_EQ(m_log.CountContaining(LogError, L""), 1U);
+        EXPECT_EQ(States(), row.after);
+        EXPECT_EQ(g_calls, row.calls);
+        EXPECT_TRUE(Errors(log).ends_with(row.error));
+        EXPECT_EQ(log.CountContaining(ETWLogging::LogError, L""), std::string(row.error).empty() ? 0U : 1U);
     }
 }
 
-TEST_F(NvidiaDriverFixTest, SinglePrivilegesSayWhatIsWrongWithThem)
+TEST(NvidiaDriverFix, NothingChangesUnlessItIsToAndCould)
 {
-    const Basalt::CHandle token = OpenToken();
-    const struct
+    static int s_closed;
+    const CLogCapture log;
+    const std::string before = States();
     {
-        HANDLE token;
-        const wchar_t* name;
-        const wchar_t* error;
-    } rows[] = {
-        {nullptr, kFour[0], L"Invalid token value"},
-        {INVALID_HANDLE_VALUE, kFour[0], L"Invalid token value"},
-        {token.Get(), L"", L"No privileges set"},
-        {token.Get(), L"SeNoSuchPrivilege", L"LookupPrivilegeValue failed (0x00000521)"},
-    };
-    for (const auto& row : rows)
-    {
-        SCOPED_TRACE(Narrow(row.error));
-        m_log.Clear();
-        EXPECT_FALSE(CNvidiaDriverFix::SetPrivilegeByName(row.token, row.name));
-        EXPECT_TRUE(m_log.Has(LogError, row.error));
+        const CImportPatch patch("CloseHandle", +[](HANDLE) { return ++s_closed; });
+        const CNvidiaDriverFix fix(false);
+        EXPECT_EQ(log.Lines().size(), 0U);
     }
-    EXPECT_EQ(ReadStates(), m_before);
-    // One that the token does not hold is a success.
-    EXPECT_FALSE(m_before.contains(L"SeMachineAccountPrivilege"));
-    EXPECT_TRUE(CNvidiaDriverFix::SetPrivilegeByName(token.Get(), L"SeMachineAccountPrivilege"));
+    EXPECT_EQ(s_closed, 2);
+    {
+        const CImportPatch patch("GetTokenInformation", +[] { return TRUE; });
+        const CNvidiaDriverFix fix(true);
+    }
+    {
+        const CNoMemory noMemory;
+        const CNvidiaDriverFix fix(true);
+    }
+    EXPECT_FALSE(CNvidiaDriverFix::SetPrivilegeByName(nullptr, kNames[0]));
+    EXPECT_FALSE(CNvidiaDriverFix::SetPrivilegeByName(INVALID_HANDLE_VALUE, kNames[0]));
+    EXPECT_FALSE(CNvidiaDriverFix::SetPrivilegeByName(OpenToken().Get(), L""));
+    EXPECT_EQ(States(), before);
+    for (const wchar_t* error :
+         {L"OpenProcessToken error - should have failed",
+          L"Memory alloc failure (",
+          L"Invalid token value",
+          L"No privileges set"})
+    {
+        EXPECT_NE(log.CountContaining(ETWLogging::LogError, error), 0U) << Narrow(error);
+    }
+    EXPECT_EQ(log.CountContaining(ETWLogging::LogError, L""), 5U);
 }
 
 } // namespace

@@ -4,8 +4,12 @@
 
 #include <algorithm>
 #include <cwchar>
+#include <filesystem>
+#include <fstream>
 #include <iterator>
+#include <map>
 #include <regex>
+#include <set>
 #include <utility>
 
 #include "base/WorkingSetEvent.h"
@@ -14,7 +18,6 @@
 #include "support/Errors.h"
 #include "support/Narrow.h"
 #include "support/Process.h"
-#include "support/TestKey.h"
 #include "txsvcctl/RegistryNames.h"
 #include "txsvcctl/ServiceManager.h"
 #include "txsvcctl/Tool.h"
@@ -23,30 +26,8 @@
 namespace
 {
 
-constexpr DWORD kTimeoutMs = 30000;
+constexpr DWORD kTimeoutMs = 60000;
 constexpr wchar_t kClasses[] = L"Software\\Classes\\CLSID\\";
-
-constexpr std::pair<const wchar_t*, TestBehaviour> kBehaviours[] = {
-    {L"WellBehaved", TestBehaviour::WellBehaved},
-    {L"UnloadAfterStop", TestBehaviour::UnloadAfterStop},
-    {L"StartFails", TestBehaviour::StartFails},
-    {L"ThrowEarly", TestBehaviour::ThrowEarly},
-    {L"ThrowRunning", TestBehaviour::ThrowRunning},
-    {L"CrashEarly", TestBehaviour::CrashEarly},
-    {L"CrashRunning", TestBehaviour::CrashRunning},
-    {L"StackOverflow", TestBehaviour::StackOverflow},
-    {L"FailSilently", TestBehaviour::FailSilently},
-    {L"FailAfterStopped", TestBehaviour::FailAfterStopped},
-    {L"ReleaseThrows", TestBehaviour::ReleaseThrows},
-    {L"SlowLoad", TestBehaviour::SlowLoad},
-    {L"CreateFails", TestBehaviour::CreateFails},
-    {L"CreateThrows", TestBehaviour::CreateThrows},
-    {L"CreateGivesNull", TestBehaviour::CreateGivesNull},
-    {L"ClassFails", TestBehaviour::ClassFails},
-    {L"ClassThrows", TestBehaviour::ClassThrows},
-    {L"ClassCrashes", TestBehaviour::ClassCrashes},
-    {L"ClassRefuses", TestBehaviour::ClassRefuses},
-};
 
 template <typename Text>
 void ReplaceAll(Text& text, const Text& from, const Text& to)
@@ -83,17 +64,6 @@ std::vector<std::wstring> Split(const std::wstring& line)
     return words;
 }
 
-std::wstring Join(
-    std::vector<std::wstring>::const_iterator begin, std::vector<std::wstring>::const_iterator end)
-{
-    std::wstring text;
-    for (; begin != end; ++begin)
-    {
-        text += (text.empty() ? L"" : L" ") + *begin;
-    }
-    return text;
-}
-
 /// The console of the tool's commands: what goes to the standard error is marked.
 class CTranscript final : public TxCtl::IConsole
 {
@@ -112,15 +82,9 @@ private:
     std::wstring& m_text;
 };
 
-std::wstring HostKey(const std::wstring& below)
+std::wstring HostCommand(const std::wstring& arguments)
 {
-    return std::wstring(kHostKey) + L"\\" + below;
-}
-
-void DeleteService(const std::wstring& name)
-{
-    const Basalt::CServiceHandle service = OpenServiceByName(name, DELETE);
-    ::DeleteService(service.Get());
+    return L"\"" + BesideTest(L"TxSvHost.exe") + L"\" " + arguments;
 }
 
 /// Removes the services and classes that the product's keys name, then the keys and the link to them.
@@ -132,7 +96,7 @@ void ForgetProduct()
         for (const std::wstring& group : TxCtl::SubKeyNames(root, kHostKey))
         {
             Basalt::CRegKey key;
-            static_cast<void>(key.Open(HKEY_LOCAL_MACHINE, HostKey(group).c_str(), KEY_READ));
+            static_cast<void>(key.Open(root.Get(), group.c_str(), KEY_READ));
             for (const std::wstring& service : TxCtl::ValueNames(key, group))
             {
                 std::wstring clsid;
@@ -140,7 +104,7 @@ void ForgetProduct()
                     clsid.size() == 38)
                 {
                     ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, (kClasses + clsid).c_str());
-                    DeleteService(service);
+                    ::DeleteService(OpenServiceByName(service, DELETE).Get());
                 }
             }
         }
@@ -168,6 +132,7 @@ CSession::~CSession()
 {
     m_host.reset();
     m_groups.clear();
+    m_entries.clear();
     m_log.reset();
     ForgetProduct();
     for (const std::wstring& key : m_keys)
@@ -178,95 +143,40 @@ CSession::~CSession()
 
 std::string CSession::Execute(const std::string& line)
 {
+    struct Command
+    {
+        std::size_t least; ///< Words behind the command.
+        void (CSession::*run)(const Words&);
+    };
+    static const std::map<std::wstring, Command> s_commands = {
+        {L"await", {2, &CSession::await}},    {L"begin", {1, &CSession::begin}},
+        {L"end", {0, &CSession::end}},        {L"entry", {1, &CSession::entry}},
+        {L"file", {1, &CSession::file}},      {L"group", {1, &CSession::group}},
+        {L"host", {1, &CSession::host}},      {L"link", {1, &CSession::link}},
+        {L"listen", {0, &CSession::listen}},  {L"log", {0, &CSession::log}},
+        {L"class", {2, &CSession::setClass}}, {L"privileges", {0, &CSession::privileges}},
+        {L"run", {0, &CSession::run}},        {L"set", {3, &CSession::set}},
+        {L"show", {1, &CSession::show}},      {L"start", {1, &CSession::start}},
+        {L"state", {1, &CSession::state}},    {L"stop", {1, &CSession::stop}},
+        {L"trim", {0, &CSession::trim}},      {L"txsvcctl", {0, &CSession::txsvcctl}}};
+
     m_out.clear();
-    dispatch(Split(expand(TxCtl::FromUtf8(line))));
+    const std::wstring text = expand(TxCtl::FromUtf8(line));
+    const Words words = Split(text);
+    m_arguments = text.substr(std::min(text.size(), words[0].size() + 1));
+    const auto command = s_commands.find(words[0]);
+    if (command == s_commands.end() || words.size() <= command->second.least)
+    {
+        ThrowError(L"no such command, or not enough words: " + words[0]);
+    }
+    (this->*command->second.run)({words.begin() + 1, words.end()});
     return normalise(Narrow(m_out));
 }
 
-void CSession::dispatch(const Words& words)
-{
-    const std::wstring& command = words[0];
-    const auto is = [&](const wchar_t* name, std::size_t least) {
-        return command == name && words.size() > least;
-    };
-    if (command == L"txsvcctl")
-    {
-        tool({words.begin() + 1, words.end()});
-    }
-    else if (is(L"group", 1))
-    {
-        group(words);
-    }
-    else if (is(L"class", 2))
-    {
-        setClass(words);
-    }
-    else if (is(L"set", 3))
-    {
-        setValue(words);
-    }
-    else if (is(L"show", 1))
-    {
-        showKey(words[1]);
-    }
-    else if (is(L"run", 1))
-    {
-        SkipControlPipe();
-        const DWORD code =
-            RunProcess(L"\"" + BesideTest(words[1]) + L"\" " + Join(words.begin() + 2, words.end()));
-        print(L"exit code " + std::to_wstring(code));
-    }
-    else if (is(L"host", 1))
-    {
-        m_host = std::make_unique<CGroupRunner>(L"\"" + BesideTest(L"TxSvHost.exe") + L"\" " + words[1]);
-    }
-    else if (is(L"start", 1))
-    {
-        start(words);
-    }
-    else if (is(L"stop", 1))
-    {
-        m_host->Stop(words[1]);
-        showState(words[1]);
-    }
-    else if (is(L"state", 1))
-    {
-        showState(words[1]);
-    }
-    else if (command == L"trim")
-    {
-        const auto name = Basalt::WorkingSetEventName(m_host->ProcessId());
-        const Basalt::CHandle event(::OpenEventW(EVENT_MODIFY_STATE, FALSE, name.data()));
-        print(event && ::SetEvent(event.Get()) ? L"signalled" : L"no event");
-    }
-    else if (command == L"end")
-    {
-        const std::optional<DWORD> code = m_host->WaitForExit();
-        print(code ? L"exit code " + std::to_wstring(*code) : L"still running");
-        m_host.reset();
-    }
-    else if (command == L"log")
-    {
-        const std::wstring what = words.size() > 1 ? words[1] : L"";
-        what == L"on" ? void(m_log = std::make_unique<CHostLog>(m_folder.File(L"log")))
-                      : showLog(what == L"whole");
-    }
-    else if (is(L"await", 2))
-    {
-        const std::wstring message = Join(words.begin() + 2, words.end());
-        print(m_log->WaitFor(words[1], message) ? L"logged" : L"not logged");
-    }
-    else
-    {
-        ThrowError(L"no such command, or not enough words: " + command);
-    }
-}
-
-void CSession::tool(const Words& arguments)
+void CSession::txsvcctl(const Words& words)
 {
     CTranscript transcript(m_out);
-    const auto code = static_cast<int>(TxCtl::RunTool(arguments, transcript));
-    if (code != 0)
+    if (const auto code = static_cast<int>(TxCtl::RunTool(words, transcript)))
     {
         print(L"= " + std::to_wstring(code));
     }
@@ -275,131 +185,250 @@ void CSession::tool(const Words& arguments)
 void CSession::group(const Words& words)
 {
     std::vector<TestSubsystem> subsystems;
-    for (auto word = words.begin() + 2; word != words.end(); ++word)
+    for (auto word = words.begin() + 1; word != words.end(); ++word)
     {
         const std::size_t equals = std::min(word->find(L'='), word->size());
-        TestSubsystem subsystem{
-            word->substr(0, equals), word->substr(std::min(equals + 1, word->size())), L""};
-        for (const auto& [name, behaviour] : kBehaviours)
-        {
-            if (subsystem.clsid == name)
-            {
-                subsystem.clsid = TestClsidText(behaviour);
-                subsystem.modulePath = BesideTest(kTestModule);
-            }
-        }
-        subsystems.push_back(std::move(subsystem));
+        const std::wstring what = word->substr(std::min(equals + 1, word->size()));
+        const bool isTest = std::ranges::find(kTestBehaviours, what) != std::end(kTestBehaviours);
+        subsystems.push_back(
+            {word->substr(0, equals),
+             isTest ? TestClsidText(what) : what,
+             isTest ? BesideTest(kTestModule) : L""});
     }
-    m_groups.push_back(std::make_unique<CTestGroup>(words[1], subsystems));
+    m_groups.push_back(std::make_unique<CTestGroup>(words[0], subsystems));
+}
+
+/// Makes the entry of another program's service, or shows what the service manager has of one.
+void CSession::entry(const Words& words)
+{
+    if (words.size() > 1)
+    {
+        m_entries.emplace_back(words[0], words[1], SERVICE_WIN32_OWN_PROCESS);
+        return;
+    }
+    const auto entry = TxCtl::CServiceManager(SC_MANAGER_CONNECT).FindConfig(words[0]);
+    print(
+        entry ? L"type " + std::to_wstring(entry->type) + L", start " + std::to_wstring(entry->startType) +
+                    L", " + entry->imagePath + L", " + entry->displayName
+              : L"no entry");
 }
 
 void CSession::setClass(const Words& words)
 {
-    const std::wstring path = kClasses + words[1];
-    m_keys.push_back(path);
+    m_keys.push_back(kClasses + words[0]);
+    const std::wstring path = m_keys.back() + L"\\InprocServer32";
     Basalt::CRegKey key;
-    ThrowIfFailed(key.Create(HKEY_LOCAL_MACHINE, (path + L"\\InprocServer32").c_str(), KEY_ALL_ACCESS), path);
-    ThrowIfFailed(key.WriteString(L"", words[2]), path);
+    ThrowIfFailed(key.Create(HKEY_LOCAL_MACHINE, path.c_str(), KEY_ALL_ACCESS), path);
+    ThrowIfFailed(key.WriteString(L"", words[1]), path);
     ThrowIfFailed(key.WriteString(L"ThreadingModel", L"Both"), path);
 }
 
-/// set KEY NAME dword:N, text:T or none; "@" names the default value.
-void CSession::setValue(const Words& words)
+void CSession::set(const Words& words)
 {
-    const std::wstring path = words[1] == L"record" ? kTestRecordKey : words[1];
-    const std::wstring name = words[2] == L"@" ? L"" : words[2];
-    const std::wstring& value = words[3];
-    if (path == kTestRecordKey)
+    const std::wstring name = words[1] == L"@" ? L"" : words[1];
+    const std::wstring& value = words[2];
+    if (words[0] == kTestRecordKey)
     {
-        m_keys.push_back(path);
+        m_keys.push_back(words[0]);
     }
     Basalt::CRegKey key;
-    ThrowIfFailed(key.Create(HKEY_LOCAL_MACHINE, path.c_str(), KEY_ALL_ACCESS), path);
+    ThrowIfFailed(key.Create(HKEY_LOCAL_MACHINE, words[0].c_str(), KEY_ALL_ACCESS), words[0]);
     const DWORD status = value.starts_with(L"dword:")
                              ? key.WriteDword(name.c_str(), std::wcstoul(value.c_str() + 6, nullptr, 0))
                          : value.starts_with(L"text:") ? key.WriteString(name.c_str(), value.substr(5))
                                                        : key.DeleteValue(name.c_str());
-    ThrowIfFailed(status, path + L" " + name);
+    ThrowIfFailed(status, words[0] + L" " + name);
 }
 
-void CSession::showKey(const std::wstring& path)
+void CSession::show(const Words& words)
 {
     Basalt::CRegKey key;
-    if (key.Open(HKEY_LOCAL_MACHINE, path.c_str(), KEY_READ) != ERROR_SUCCESS)
+    if (key.Open(HKEY_LOCAL_MACHINE, words[0].c_str(), KEY_READ) != ERROR_SUCCESS)
     {
         return print(L"no key");
     }
     Words lines;
-    for (const std::wstring& name : TxCtl::ValueNames(key, path))
+    for (const std::wstring& name : TxCtl::ValueNames(key, words[0]))
     {
         DWORD number = 0;
-        std::wstring text;
-        const bool isNumber = key.ReadDword(name.c_str(), number) == ERROR_SUCCESS;
-        const bool isText = !isNumber && key.ReadString(name.c_str(), text) == ERROR_SUCCESS;
-        lines.push_back(
-            (name.empty() ? L"@" : name) + L" " +
-            (isNumber ? L"dword:" + std::to_wstring(number)
-             : isText ? L"text:" + text
-                      : L"other"));
+        std::wstring text = L"other";
+        if (key.ReadDword(name.c_str(), number) == ERROR_SUCCESS)
+        {
+            text = L"dword:" + std::to_wstring(number);
+        }
+        else if (key.ReadString(name.c_str(), text) == ERROR_SUCCESS)
+        {
+            text = L"text:" + text;
+        }
+        lines.push_back((name.empty() ? L"@" : name) + L" " + text);
     }
-    for (const std::wstring& name : TxCtl::SubKeyNames(key, path))
+    for (const std::wstring& name : TxCtl::SubKeyNames(key, words[0]))
     {
         lines.push_back(L"[" + name + L"]");
     }
-    std::sort(lines.begin(), lines.end());
-    std::for_each(lines.begin(), lines.end(), [this](const std::wstring& line) { print(line); });
+    std::ranges::sort(lines);
+    std::ranges::for_each(lines, [this](const std::wstring& line) { print(line); });
 }
 
-/// By the stand-in; shows how it went once the service runs, or has stopped and its thread is gone.
+/// Makes a link, or shows where one leads.
+void CSession::link(const Words& words)
+{
+    if (words.size() > 1)
+    {
+        return print(
+            CreateRegistryLink(words[0].c_str(), words[1].c_str(), true, true) ? L"linked" : L"not linked");
+    }
+    Basalt::CRegKey key;
+    DWORD type = REG_NONE;
+    std::vector<BYTE> data;
+    const bool isLink =
+        key.Open(HKEY_LOCAL_MACHINE, words[0].c_str(), KEY_READ, REG_OPTION_OPEN_LINK) == ERROR_SUCCESS &&
+        key.ReadValue(L"SymbolicLinkValue", type, data) == ERROR_SUCCESS && type == REG_LINK;
+    const auto* const target = reinterpret_cast<const wchar_t*>(data.data());
+    print(isLink ? std::wstring(target, data.size() / sizeof(wchar_t)) : L"no link");
+}
+
+/// In UTF-8; without lines it is removed.
+void CSession::file(const Words& words)
+{
+    const std::filesystem::path path = words[0];
+    std::filesystem::create_directories(path.parent_path());
+    std::filesystem::remove(path);
+    for (auto line = words.begin() + 1; line != words.end(); ++line)
+    {
+        std::ofstream(path, std::ios::app) << Narrow(*line) << "\n";
+    }
+}
+
+/// The host by itself, outside of the service manager.
+void CSession::run(const Words& /*words*/)
+{
+    SkipControlPipe();
+    print(L"exit code " + std::to_wstring(RunProcess(HostCommand(m_arguments))));
+}
+
+void CSession::host(const Words& /*words*/)
+{
+    m_host = std::make_unique<CGroupRunner>(HostCommand(m_arguments));
+}
+
+void CSession::end(const Words& /*words*/)
+{
+    const std::optional<DWORD> code = m_host->WaitForExit();
+    print(code ? L"exit code " + std::to_wstring(*code) : L"still running");
+    m_host.reset();
+}
+
+/// Does not wait for the service.
+void CSession::begin(const Words& words)
+{
+    if (const DWORD error = m_host->Start(words[0], {words.begin() + 1, words.end()}))
+    {
+        print(L"error " + std::to_wstring(error));
+    }
+}
+
 void CSession::start(const Words& words)
 {
-    const std::wstring& service = words[1];
-    if (const DWORD error = m_host->Start(service, {words.begin() + 2, words.end()}))
+    begin(words);
+    // One with arguments ends by itself, unless it stays; it may run for a moment.
+    if (words.size() > 1 && words[1] == L"exit" && !m_host->WaitForState(words[0], SERVICE_STOPPED))
     {
-        return print(L"error " + std::to_wstring(error));
+        print(L"does not stop");
     }
+    state(words);
+}
+
+void CSession::stop(const Words& words)
+{
+    m_host->Stop(words[0]);
+    state(words);
+}
+
+/// Of a service that does not start any more; a stopped one's thread is gone then.
+void CSession::state(const Words& words)
+{
     const ULONGLONG end = ::GetTickCount64() + kTimeoutMs;
-    while (QueryService(service).dwCurrentState == SERVICE_START_PENDING && ::GetTickCount64() < end)
+    while (QueryService(words[0]).dwCurrentState == SERVICE_START_PENDING && ::GetTickCount64() < end)
     {
         ::Sleep(1);
     }
-    // One that ends by itself may run for a moment.
-    if (words.size() > 2 ? m_host->WaitForState(service, SERVICE_STOPPED)
-                         : QueryService(service).dwCurrentState == SERVICE_STOPPED)
+    if (m_host != nullptr && QueryService(words[0]).dwCurrentState == SERVICE_STOPPED)
     {
-        static_cast<void>(m_host->WaitForThreadEnd(service));
+        static_cast<void>(m_host->WaitForThreadEnd(words[0]));
     }
-    showState(service);
-}
-
-void CSession::showState(const std::wstring& service)
-{
-    const SERVICE_STATUS_PROCESS status = QueryService(service);
+    const SERVICE_STATUS_PROCESS status = QueryService(words[0]);
     print(
         ServiceStateName(status.dwCurrentState) +
         (status.dwWin32ExitCode == 0 ? L"" : L", exit code " + std::to_wstring(status.dwWin32ExitCode)));
 }
 
-/// What was logged since it was last shown: level, function and message. Whole, thread after thread in the
-/// order of their first messages; else without what is normal, in its order.
-void CSession::showLog(bool isWhole)
+/// Makes the trigger of the host's working-set reduction in its place, or tells whether it was pulled.
+void CSession::listen(const Words& /*words*/)
 {
+    if (m_event)
+    {
+        return print(::WaitForSingleObject(m_event.Get(), 0) == WAIT_OBJECT_0 ? L"signalled" : L"silence");
+    }
+    const auto name = Basalt::WorkingSetEventName(m_host->ProcessId());
+    m_event.Reset(::CreateEventW(nullptr, FALSE, FALSE, name.data()));
+    print(::GetLastError() == ERROR_ALREADY_EXISTS ? L"the host listens" : L"the host does not listen");
+}
+
+void CSession::trim(const Words& /*words*/)
+{
+    const auto name = Basalt::WorkingSetEventName(m_host->ProcessId());
+    const Basalt::CHandle event(::OpenEventW(EVENT_MODIFY_STATE, FALSE, name.data()));
+    print(event && ::SetEvent(event.Get()) ? L"signalled" : L"no event");
+}
+
+/// Those that the host has enabled.
+void CSession::privileges(const Words& /*words*/)
+{
+    Basalt::CHandle token;
+    BYTE block[4096];
+    DWORD size = 0;
+    ::OpenProcessToken(m_host->Process(), TOKEN_QUERY, token.Put());
+    ::GetTokenInformation(token.Get(), TokenPrivileges, block, sizeof(block), &size);
+    const auto& held = *reinterpret_cast<const TOKEN_PRIVILEGES*>(block);
+    std::set<std::wstring> enabled;
+    for (DWORD i = 0; i < held.PrivilegeCount; ++i)
+    {
+        LUID_AND_ATTRIBUTES privilege = held.Privileges[i];
+        wchar_t name[64] = {};
+        size = 64;
+        ::LookupPrivilegeNameW(nullptr, &privilege.Luid, name, &size);
+        enabled.insert((privilege.Attributes & SE_PRIVILEGE_ENABLED) != 0 ? name : L"");
+    }
+    std::ranges::for_each(enabled, [this](const std::wstring& name) { print(name); });
+}
+
+/// "on" begins it. Else what was logged since it was last shown: "whole", thread after thread in the order of
+/// their first messages; lines that match an expression; or without what is normal.
+void CSession::log(const Words& /*words*/)
+{
+    const std::wstring& what = m_arguments;
+    if (what == L"on")
+    {
+        m_log = std::make_unique<CHostLog>(m_folder.File(L"log"));
+        return;
+    }
     const std::vector<HostLogLine> lines = m_log->Lines();
     std::vector<std::pair<DWORD, std::wstring>> threads;
     for (; m_shownLines < lines.size(); ++m_shownLines)
     {
         const HostLogLine& line = lines[m_shownLines];
-        if (!isWhole && line.level == L"Normal")
-        {
-            continue;
-        }
-        const DWORD id = isWhole ? line.threadId : 0;
+        const std::wstring text = line.level.substr(0, 4) + L" " + line.source + L" " + line.function +
+                                  L": " + line.message + L"\n";
+        const bool isWanted = what == L"whole" || (what.empty() ? line.level != L"Normal"
+                                                                : std::regex_search(text, std::wregex(what)));
+        const DWORD id = what == L"whole" ? line.threadId : 0;
         auto thread = std::ranges::find(threads, id, &std::pair<DWORD, std::wstring>::first);
         if (thread == threads.end())
         {
             thread = threads.insert(thread, {id, L""});
         }
-        thread->second += line.level.substr(0, 4) + L" " + line.function + L": " + line.message + L"\n";
+        thread->second += isWanted ? text : L"";
     }
     for (const auto& [id, text] : threads)
     {
@@ -407,27 +436,43 @@ void CSession::showLog(bool isWhole)
     }
 }
 
+void CSession::await(const Words& words)
+{
+    const std::wstring message = m_arguments.substr(words[0].size() + 1);
+    print(m_log->WaitFor(words[0], message) ? L"logged" : L"not logged");
+}
+
 std::wstring CSession::expand(std::wstring text) const
 {
     ReplaceAll<std::wstring>(text, L"{bin}", BesideTest(L""));
     ReplaceAll<std::wstring>(text, L"{tmp}", m_folder.Path());
     ReplaceAll<std::wstring>(text, L"{host}", kHostKey);
-    for (const auto& [name, behaviour] : kBehaviours)
+    ReplaceAll<std::wstring>(text, L"{record}", kTestRecordKey);
+    for (const std::wstring_view behaviour : kTestBehaviours)
     {
-        ReplaceAll<std::wstring>(text, std::wstring(L"{") + name + L"}", TestClsidText(behaviour));
+        ReplaceAll<std::wstring>(text, L"{" + std::wstring(behaviour) + L"}", TestClsidText(behaviour));
     }
     return text;
 }
 
 std::string CSession::normalise(std::string text) const
 {
-    ReplaceAll<std::string>(text, Narrow(BesideTest(L"")), "{bin}");
-    ReplaceAll<std::string>(text, Narrow(m_folder.Path()), "{tmp}");
-    for (const auto& [name, behaviour] : kBehaviours)
+    for (const auto& [path, name] : {std::pair{BesideTest(L""), "{bin}"}, {m_folder.Path(), "{tmp}"}})
+    {
+        std::string inJson = Narrow(path);
+        ReplaceAll<std::string>(text, inJson, name);
+        ReplaceAll<std::string>(inJson, "\\", "\\\\");
+        ReplaceAll<std::string>(text, inJson, name);
+    }
+    for (const std::wstring_view behaviour : kTestBehaviours)
     {
         ReplaceAll<std::string>(
-            text, Narrow(TestClsidText(behaviour)), Narrow(std::wstring(L"{") + name + L"}"));
+            text, Narrow(TestClsidText(behaviour)), "{" + Narrow(std::wstring(behaviour)) + "}");
     }
     text = std::regex_replace(text, std::regex("\\d+\\.\\d+s"), "#s");
+    text = std::regex_replace(text, std::regex("(error \\d+): [^.\n]+\\."), "$1: #."); // The system's text.
+    text =
+        std::regex_replace(text, std::regex("SCM interface .GLE=0x.{8}"), "SCM interface (#"); // Any call's.
+    text = std::regex_replace(text, std::regex("Stop-\\d+"), "Stop-#");
     return std::regex_replace(text, std::regex("process \\d+"), "process #");
 }

@@ -4,13 +4,14 @@
 #include <string>
 #include <vector>
 
+#include "base/Owned.h"
 #include "support/GroupRunner.h"
 #include "support/HostLog.h"
 #include "support/TestFolder.h"
 #include "support/TestGroup.h"
 
 /// What a person would do with the product at a command prompt, one command a line. README.md lists the
-/// commands.
+/// commands; each is a method here, which gets the words behind it.
 ///
 /// The registry, the service manager and COM are the prefix's own. What the product's keys name there is gone
 /// before and after a session.
@@ -30,24 +31,39 @@ public:
 private:
     using Words = std::vector<std::wstring>;
 
-    void dispatch(const Words& words);
-    void tool(const Words& arguments);
+    void await(const Words& words);
+    void begin(const Words& words);
+    void end(const Words& words);
+    void entry(const Words& words);
+    void file(const Words& words);
     void group(const Words& words);
+    void host(const Words& words);
+    void link(const Words& words);
+    void listen(const Words& words);
+    void log(const Words& words);
     void setClass(const Words& words);
-    void setValue(const Words& words);
-    void showKey(const std::wstring& path);
+    void privileges(const Words& words);
+    void run(const Words& words);
+    void set(const Words& words);
+    void show(const Words& words);
     void start(const Words& words);
-    void showState(const std::wstring& service);
-    void showLog(bool isWhole);
+    void state(const Words& words);
+    void stop(const Words& words);
+    void trim(const Words& words);
+    void txsvcctl(const Words& words);
+
     [[nodiscard]] std::wstring expand(std::wstring text) const;
     [[nodiscard]] std::string normalise(std::string text) const;
     void print(const std::wstring& text) { m_out += text + L"\n"; }
 
-    CTestFolder m_folder;
+    CDataFolder m_folder;
     std::unique_ptr<CHostLog> m_log;
     std::size_t m_shownLines = 0;
     std::vector<std::unique_ptr<CTestGroup>> m_groups;
+    std::vector<CServiceScope> m_entries;
     std::vector<std::wstring> m_keys; ///< Removed at the end, below HKEY_LOCAL_MACHINE.
     std::unique_ptr<CGroupRunner> m_host;
+    Basalt::CHandle m_event;
+    std::wstring m_arguments; ///< Of the command, as they stand.
     std::wstring m_out;
 };

@@ -1,44 +1,63 @@
 #include <windows.h>
 #include <malloc.h>
 
-#include <new>
+#include <cwchar>
+#include <iterator>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 #include "TestSubsystemIds.h"
 #include "TxSubsystemModule.h"
+#include "base/ClassObject.h"
+#include "proxy/FirstRunGate.h"
 
 namespace
 {
 
-void Record(const std::wstring& name, DWORD type, const void* data, DWORD size)
+void Record(const wchar_t* name, const std::wstring& text)
 {
     HKEY key = nullptr;
     if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kTestRecordKey, 0, KEY_SET_VALUE, &key) == ERROR_SUCCESS)
     {
-        ::RegSetValueExW(key, name.c_str(), 0, type, static_cast<const BYTE*>(data), size);
+        const auto size = static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t));
+        ::RegSetValueExW(key, name, 0, REG_SZ, reinterpret_cast<const BYTE*>(text.c_str()), size);
         ::RegCloseKey(key);
     }
 }
 
-[[noreturn]] void Throw()
+std::wstring ReadRecord(const wchar_t* name)
 {
-    throw std::runtime_error("thrown on purpose");
+    wchar_t text[64] = {};
+    DWORD size = sizeof(text);
+    ::RegGetValueW(HKEY_LOCAL_MACHINE, kTestRecordKey, name, RRF_RT_REG_SZ, nullptr, text, &size);
+    return text;
 }
 
-/// An access violation that no compiler may take for undefined behaviour and drop.
-void Crash()
+bool Says(std::wstring_view text, std::wstring_view word)
 {
-    auto* const page = static_cast<volatile int*>(::VirtualAlloc(nullptr, 1, MEM_RESERVE, PAGE_NOACCESS));
-    *page = 1;
+    return text.find(word) != std::wstring_view::npos;
 }
 
-/// Asks for more than the whole stack at once: the page that faults then is far from what is in use. Wine
-/// keeps no stack back for a handler, and ends a thread that has too little left.
-void OverflowStack()
+/// Does what a behaviour says after its place.
+HRESULT Act(std::wstring_view act)
 {
-    const volatile std::size_t size = std::size_t{64} * 1024 * 1024;
-    *static_cast<volatile char*>(::_alloca(size)) = 1;
+    if (act == L"Throws")
+    {
+        throw std::runtime_error("thrown on purpose");
+    }
+    if (act == L"Crashes") // In a way that no compiler may take for undefined behaviour and drop.
+    {
+        *static_cast<volatile int*>(::VirtualAlloc(nullptr, 1, MEM_RESERVE, PAGE_NOACCESS)) = 1;
+    }
+    if (act == L"Overflows")
+    {
+        // More than the whole stack at once: the page that faults then is far from what is in use. Wine keeps
+        // no stack back for a handler, and ends a thread that has too little left.
+        const volatile std::size_t size = std::size_t{64} * 1024 * 1024;
+        *static_cast<volatile char*>(::_alloca(size)) = 1;
+    }
+    return act == L"Fails" ? E_FAIL : S_OK;
 }
 
 DWORD WINAPI IgnoreControl(DWORD, DWORD, void*, void*)
@@ -46,109 +65,128 @@ DWORD WINAPI IgnoreControl(DWORD, DWORD, void*, void*)
     return NO_ERROR;
 }
 
+void Report(const wchar_t* service, DWORD state, DWORD exitCode)
+{
+    SERVICE_STATUS status = {SERVICE_WIN32_SHARE_PROCESS, state, 0, exitCode, 0, 0, 0};
+    ::SetServiceStatus(::RegisterServiceCtrlHandlerExW(service, &IgnoreControl, nullptr), &status);
+}
+
 class CTestService : public TxSdk::CSubsystem
 {
 public:
-    explicit CTestService(TestBehaviour behaviour) noexcept : m_behaviour(behaviour) {}
+    explicit CTestService(std::wstring_view behaviour) noexcept : m_behaviour(behaviour) {}
 
     HRESULT STDMETHODCALLTYPE TxServiceMain(DWORD argc, LPWSTR* argv, DWORD* result) override
     {
-        switch (m_behaviour)
+        if (m_behaviour.starts_with(L"Early"))
         {
-        case TestBehaviour::ThrowRunning:
-            report(argv[0], SERVICE_RUNNING, NO_ERROR);
-            Throw();
-        case TestBehaviour::ThrowEarly:
-            Throw();
-        case TestBehaviour::CrashRunning:
-            report(argv[0], SERVICE_RUNNING, NO_ERROR);
-            Crash();
-            return S_OK;
-        case TestBehaviour::CrashEarly:
-            Crash();
-            return S_OK;
-        case TestBehaviour::StackOverflow:
-            OverflowStack();
-            return S_OK;
-        case TestBehaviour::FailAfterStopped:
-            report(argv[0], SERVICE_RUNNING, NO_ERROR);
-            report(argv[0], SERVICE_STOPPED, ERROR_NOT_READY);
-            return E_FAIL;
-        case TestBehaviour::FailSilently:
-            return E_FAIL;
-        default:
-            return CSubsystem::TxServiceMain(argc, argv, result);
+            return Act(m_behaviour.substr(5));
         }
+        if (m_behaviour.starts_with(L"Running") || m_behaviour.starts_with(L"Stopped"))
+        {
+            Report(argv[0], SERVICE_RUNNING, NO_ERROR);
+            m_behaviour[0] == L'S' ? Report(argv[0], SERVICE_STOPPED, ERROR_NOT_READY) : void();
+            return Act(m_behaviour.substr(7));
+        }
+        return CSubsystem::TxServiceMain(argc, argv, result);
     }
 
     ULONG STDMETHODCALLTYPE Release() override
     {
-        const TestBehaviour behaviour = m_behaviour;
+        const bool throws = m_behaviour == L"ReleaseThrows";
         const ULONG left = CSubsystem::Release();
-        if (left == 0 && behaviour == TestBehaviour::ReleaseThrows)
-        {
-            Throw();
-        }
+        static_cast<void>(left == 0 && throws ? Act(L"Throws") : S_OK);
         return left;
     }
 
 private:
     DWORD OnStart(DWORD argc, LPWSTR* argv) override
     {
-        m_exitAtOnce = argc == 3 && std::wstring(argv[1]) == L"exit";
+        const std::wstring_view command = argc > 1 ? argv[1] : L"";
+        m_exitAtOnce = command == L"exit";
         if (m_exitAtOnce)
         {
-            SetExitCode(std::stoul(argv[2]));
+            SetExitCode(std::wcstoul(argv[2], nullptr, 10));
         }
-        return m_behaviour == TestBehaviour::StartFails ? ERROR_NOT_READY : ERROR_SUCCESS;
+        if (command == L"tell")
+        {
+            Record(
+                L"told",
+                L"error mode " + std::to_wstring(::GetErrorMode()) + L", priority " +
+                    std::to_wstring(::GetThreadPriority(::GetCurrentThread())));
+        }
+        return m_behaviour == L"StartFails" ? ERROR_NOT_READY : ERROR_SUCCESS;
     }
 
     void Run(HANDLE stopEvent) override
     {
-        if (m_behaviour == TestBehaviour::UnloadAfterStop)
+        if (m_behaviour == L"UnloadAfterStop")
         {
             SetUnloadAfterStop();
         }
         ::WaitForSingleObject(stopEvent, m_exitAtOnce ? 0 : INFINITE);
     }
 
-    void report(const wchar_t* name, DWORD state, DWORD exitCode) noexcept
-    {
-        if (m_statusHandle == nullptr)
-        {
-            m_statusHandle = ::RegisterServiceCtrlHandlerExW(name, &IgnoreControl, nullptr);
-        }
-        SERVICE_STATUS status = {SERVICE_WIN32_SHARE_PROCESS, state, 0, exitCode, 0, 0, 0};
-        ::SetServiceStatus(m_statusHandle, &status);
-    }
-
-    const TestBehaviour m_behaviour;
-    SERVICE_STATUS_HANDLE m_statusHandle = nullptr;
+    const std::wstring_view m_behaviour;
     bool m_exitAtOnce = false;
 };
 
-class CTestClassObject final : public TxSdk::Detail::CUnknown<ITxSvcClassObject, IID_ITxSvcClassObject>
+/// Loads that come one after another never meet.
+void LoadSlowly()
+{
+    static const HANDLE s_met = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    static LONG s_loading = 0;
+    if (::InterlockedIncrement(&s_loading) == 2)
+    {
+        ::SetEvent(s_met);
+    }
+    const DWORD milliseconds = std::wcstoul(ReadRecord(L"LoadMs").c_str(), nullptr, 10);
+    Record(L"met", ::WaitForSingleObject(s_met, milliseconds) == WAIT_OBJECT_0 ? L"yes" : L"no");
+    ::InterlockedDecrement(&s_loading);
+}
+
+/// Of objects that are never freed.
+template <typename Interface>
+class CForever : public Interface
 {
 public:
-    explicit CTestClassObject(TestBehaviour behaviour) noexcept : m_behaviour(behaviour) {}
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID, void**) override { return E_NOINTERFACE; }
+    ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
+    ULONG STDMETHODCALLTYPE Release() override { return 1; }
+};
+
+/// The configuration object of the first-run service.
+class COobe final : public CForever<IOobeConfiguration>
+{
+public:
+    HRESULT STDMETHODCALLTYPE GetServiceEnabledState(USHORT* state, DWORD* error) override
+    {
+        const std::wstring mode = ReadRecord(L"Oobe");
+        *state = static_cast<USHORT>(std::wcstoul(mode.c_str(), nullptr, 10));
+        *error = Says(mode, L"error") ? ERROR_NOT_READY : *error;
+        static_cast<void>(Says(mode, L"throws") ? Act(L"Throws") : S_OK);
+        return Says(mode, L"fails") ? E_FAIL : S_OK;
+    }
+};
+
+class CTestClassObject final : public CForever<ITxSvcClassObject>
+{
+public:
+    explicit CTestClassObject(std::wstring_view behaviour) noexcept : m_behaviour(behaviour) {}
 
     HRESULT STDMETHODCALLTYPE CreateObject(REFIID riid, void** object) override
     {
         *object = nullptr;
-        switch (m_behaviour)
+        if (riid == IID_IOobeConfiguration)
         {
-        case TestBehaviour::SlowLoad:
-            loadSlowly();
-            break;
-        case TestBehaviour::CreateFails:
-            return E_OUTOFMEMORY;
-        case TestBehaviour::CreateThrows:
-            Throw();
-        case TestBehaviour::CreateGivesNull:
-            return S_OK;
-        default:
-            break;
+            *object = Says(ReadRecord(L"Oobe"), L"refused") ? nullptr : new COobe;
+            return *object != nullptr ? S_OK : E_ACCESSDENIED;
         }
+        if (m_behaviour.starts_with(L"Create"))
+        {
+            return Act(m_behaviour.substr(6));
+        }
+        m_behaviour == L"SlowLoad" ? LoadSlowly() : void();
         auto* const service = new CTestService(m_behaviour);
         const HRESULT result = service->QueryInterface(riid, object);
         service->CSubsystem::Release();
@@ -156,23 +194,7 @@ public:
     }
 
 private:
-    static void loadSlowly()
-    {
-        LARGE_INTEGER entered;
-        LARGE_INTEGER left;
-        ::QueryPerformanceCounter(&entered);
-        ::Sleep(kSlowLoadMs);
-        ::QueryPerformanceCounter(&left);
-        const SlowLoadTimes times = {entered.QuadPart, left.QuadPart};
-        Record(
-            L"SlowLoad-" + std::to_wstring(::GetCurrentProcessId()) + L"-" +
-                std::to_wstring(::GetCurrentThreadId()),
-            REG_BINARY,
-            &times,
-            sizeof(times));
-    }
-
-    const TestBehaviour m_behaviour;
+    const std::wstring_view m_behaviour;
 };
 
 } // namespace
@@ -181,30 +203,22 @@ TX_SUBSYSTEM_EXPORTS
 
 STDAPI DllGetClassObject(REFCLSID clsid, REFIID iid, void** object)
 {
-    const auto behaviour = static_cast<TestBehaviour>(clsid.Data4[7]);
+    const bool isFirstRun = clsid == CLSID_OobeConfiguration;
+    const bool isOld = isFirstRun && Says(ReadRecord(L"Oobe"), L"old");
+    const std::size_t number = isFirstRun ? 1 : clsid.Data4[7];
     *object = nullptr;
-    if (!(clsid == TestClsid(behaviour)))
+    if (number == 0 || number > std::size(kTestBehaviours) ||
+        iid != (isOld ? Basalt::IID_ITxSvcClassObjectOld : IID_ITxSvcClassObject))
     {
         return CLASS_E_CLASSNOTAVAILABLE;
     }
-    switch (behaviour)
+    const std::wstring_view behaviour = kTestBehaviours[number - 1];
+    if (behaviour.starts_with(L"Class"))
     {
-    case TestBehaviour::ClassThrows:
-        Throw();
-    case TestBehaviour::ClassCrashes:
-        Crash();
-        return E_UNEXPECTED;
-    case TestBehaviour::ClassRefuses:
-        return E_NOINTERFACE;
-    case TestBehaviour::ClassFails:
-        return CLASS_E_CLASSNOTAVAILABLE;
-    default:
-        break;
+        return Act(behaviour.substr(5));
     }
-    auto* const classObject = new CTestClassObject(behaviour);
-    const HRESULT result = classObject->QueryInterface(iid, object);
-    classObject->Release();
-    return result;
+    *object = new CTestClassObject(behaviour);
+    return S_OK;
 }
 
 STDAPI DllCanUnloadNow()
@@ -217,8 +231,7 @@ BOOL WINAPI DllMain(HINSTANCE /*module*/, DWORD reason, void* processEnds)
 {
     if (reason == DLL_PROCESS_DETACH && processEnds == nullptr)
     {
-        const DWORD yes = 1;
-        Record(L"Unloaded-" + std::to_wstring(::GetCurrentProcessId()), REG_DWORD, &yes, sizeof(yes));
+        Record(L"unloaded", L"yes");
     }
     return TRUE;
 }

@@ -3,10 +3,6 @@
 #include <tlhelp32.h>
 #include <winternl.h>
 
-#include <algorithm>
-#include <cstring>
-#include <utility>
-
 #include "base/RegKey.h"
 #include "base/SystemLibrary.h"
 #include "support/Errors.h"
@@ -25,8 +21,8 @@ constexpr DWORD kPipeBufferBytes = 4096;
 /// What the manager itself may do with a service: report states for it.
 constexpr DWORD kSetStatusAccess = 0x8000;
 
+constexpr DWORD kTimeoutMs = 60000; ///< For a machine that does much else.
 constexpr DWORD kPollMs = 2;
-constexpr DWORD kEndTimeoutMs = 5000;
 
 /// Head of a request; the service's name and the arguments follow, each with its terminator.
 struct RequestHead
@@ -38,36 +34,24 @@ struct RequestHead
 };
 
 /// Reports a state in the manager's place.
-/// @return 0 or the Win32 error.
-DWORD MarkState(const std::wstring& name, DWORD state)
+bool MarkState(const std::wstring& name, DWORD state)
 {
     const Basalt::CServiceHandle service = OpenServiceByName(name, kSetStatusAccess);
-    if (!service)
-    {
-        return ::GetLastError();
-    }
     SERVICE_STATUS status{};
     status.dwServiceType = SERVICE_WIN32_SHARE_PROCESS;
     status.dwCurrentState = state;
-    const auto handle = reinterpret_cast<SERVICE_STATUS_HANDLE>(service.Get());
-    return ::SetServiceStatus(handle, &status) ? ERROR_SUCCESS : ::GetLastError();
+    return ::SetServiceStatus(reinterpret_cast<SERVICE_STATUS_HANDLE>(service.Get()), &status) != FALSE;
 }
 
-bool IsStarted(const std::wstring& name) noexcept
-{
-    SERVICE_STATUS status{};
-    const Basalt::CServiceHandle service = OpenServiceByName(name, SERVICE_QUERY_STATUS);
-    return service && ::QueryServiceStatus(service.Get(), &status) &&
-           status.dwCurrentState != SERVICE_STOPPED;
-}
-
-const BYTE* StartAddress(HANDLE thread)
+/// Null until the thread runs.
+const BYTE* StartAddress(DWORD threadId)
 {
     constexpr auto kStartAddress = static_cast<THREADINFOCLASS>(9); // ThreadQuerySetWin32StartAddress
     static auto* const s_query = Basalt::FindExport<decltype(NtQueryInformationThread)>(
         ::GetModuleHandleW(L"ntdll.dll"), "NtQueryInformationThread");
+    const Basalt::CHandle thread(::OpenThread(THREAD_QUERY_INFORMATION, FALSE, threadId));
     const BYTE* address = nullptr;
-    s_query(thread, kStartAddress, static_cast<void*>(&address), sizeof(address), nullptr);
+    s_query(thread.Get(), kStartAddress, static_cast<void*>(&address), sizeof(address), nullptr);
     return address;
 }
 
@@ -81,69 +65,62 @@ bool IsThreadKnown(DWORD threadId, DWORD processId)
 
 } // namespace
 
-CGroupRunner::CGroupRunner(const std::wstring& commandLine, DWORD timeoutMs)
-    : m_timeoutMs(timeoutMs), m_event(::CreateEventW(nullptr, TRUE, FALSE, nullptr))
+CGroupRunner::CGroupRunner(const std::wstring& commandLine)
+    : m_event(::CreateEventW(nullptr, TRUE, FALSE, nullptr))
 {
-    if (!m_event)
-    {
-        ThrowError(L"CreateEventW", ::GetLastError());
-    }
     createPipe();
-    startProcess(commandLine);
+    m_process.emplace(commandLine);
     try
     {
         waitForConnection();
         findDispatcher();
-        m_knownThreads = dispatcherThreads();
     }
     catch (...)
     {
-        stopAll();
+        ::TerminateProcess(Process(), ERROR_PROCESS_ABORTED);
         throw;
     }
 }
 
 CGroupRunner::~CGroupRunner()
 {
-    stopAll();
+    ::TerminateProcess(Process(), ERROR_PROCESS_ABORTED);
+    ::WaitForSingleObject(Process(), kTimeoutMs);
+    // The manager does not watch this process: without a word from here the services would run for ever.
+    for (const auto& [name, thread] : m_threads)
+    {
+        SERVICE_STATUS status{};
+        const Basalt::CServiceHandle service = OpenServiceByName(name, SERVICE_QUERY_STATUS);
+        if (::QueryServiceStatus(service.Get(), &status) && status.dwCurrentState != SERVICE_STOPPED)
+        {
+            MarkState(name, SERVICE_STOPPED);
+        }
+    }
 }
 
 DWORD CGroupRunner::Start(const std::wstring& name, const std::vector<std::wstring>& arguments)
 {
-    const Basalt::CServiceHandle service = OpenServiceByName(name, SERVICE_QUERY_STATUS);
-    if (!service)
+    if (QueryService(name).dwCurrentState != SERVICE_STOPPED || !MarkState(name, SERVICE_START_PENDING))
     {
-        return ::GetLastError();
+        ThrowError(L"cannot mark " + name + L" as pending");
     }
-    if (QueryService(name).dwCurrentState != SERVICE_STOPPED)
-    {
-        return ERROR_SERVICE_ALREADY_RUNNING;
-    }
-    ThrowIfFailed(MarkState(name, SERVICE_START_PENDING), L"cannot mark " + name + L" as pending");
-
     std::wstring text = name + L'\0';
     for (const std::wstring& argument : arguments)
     {
         text += argument + L'\0';
     }
     m_threads[name] = 0; // From here on the manager is told of its end, whatever happens.
-    const DWORD answer = transact(name, kControlStart, text + L'\0');
-    if (answer != ERROR_SUCCESS)
+    const std::set<DWORD> before = threads();
+    const DWORD answer = request(name, kControlStart, text + L'\0');
+    if (answer == ERROR_SUCCESS)
     {
-        m_threads.erase(name);
-        ThrowIfFailed(MarkState(name, SERVICE_STOPPED), L"cannot mark " + name + L" as stopped");
-        return answer;
+        m_threads[name] = findServiceThread(before);
     }
-    std::vector<DWORD> threads = dispatcherThreads();
-    for (const DWORD thread : threads)
+    else
     {
-        if (std::find(m_knownThreads.begin(), m_knownThreads.end(), thread) == m_knownThreads.end())
-        {
-            m_threads[name] = thread;
-        }
+        MarkState(name, SERVICE_STOPPED);
     }
-    m_knownThreads = std::move(threads);
-    return ERROR_SUCCESS;
+    return answer;
 }
 
 void CGroupRunner::StartAndWait(const std::wstring& name, const std::vector<std::wstring>& arguments)
@@ -152,44 +129,31 @@ void CGroupRunner::StartAndWait(const std::wstring& name, const std::vector<std:
     awaitState(name, SERVICE_RUNNING);
 }
 
-DWORD CGroupRunner::Control(const std::wstring& name, DWORD control)
-{
-    if (QueryService(name).dwCurrentState == SERVICE_STOPPED)
-    {
-        return ERROR_SERVICE_NOT_ACTIVE; // As the manager answers: the handler is not there any more.
-    }
-    return transact(name, control, {});
-}
-
 void CGroupRunner::Stop(const std::wstring& name)
 {
-    const DWORD answer = Control(name, SERVICE_CONTROL_STOP);
+    const DWORD answer = request(name, SERVICE_CONTROL_STOP, {});
     // The last service's end may end the process before its answer is out.
     if (answer != ERROR_PROCESS_ABORTED)
     {
         ThrowIfFailed(answer, L"cannot stop " + name);
     }
     awaitState(name, SERVICE_STOPPED);
-    if (!WaitForThreadEnd(name, m_timeoutMs))
+    if (!WaitForThreadEnd(name))
     {
         ThrowError(L"the thread of " + name + L" goes on after it reported the end");
     }
 }
 
-bool CGroupRunner::WaitForState(const std::wstring& name, DWORD state, DWORD timeoutMs) const
+bool CGroupRunner::WaitForState(const std::wstring& name, DWORD state) const
 {
-    return WaitForServiceState(name, state, timeoutMs, m_process.Get());
+    return WaitForServiceState(name, state, kTimeoutMs, Process());
 }
 
-bool CGroupRunner::WaitForThreadEnd(const std::wstring& name, DWORD timeoutMs) const
+bool CGroupRunner::WaitForThreadEnd(const std::wstring& name) const
 {
     const auto found = m_threads.find(name);
-    if (found == m_threads.end())
-    {
-        return true;
-    }
-    const ULONGLONG end = ::GetTickCount64() + timeoutMs;
-    while (IsThreadKnown(found->second, m_processId))
+    const ULONGLONG end = ::GetTickCount64() + kTimeoutMs;
+    while (found != m_threads.end() && IsThreadKnown(found->second, ProcessId()))
     {
         if (::GetTickCount64() >= end)
         {
@@ -200,26 +164,23 @@ bool CGroupRunner::WaitForThreadEnd(const std::wstring& name, DWORD timeoutMs) c
     return true;
 }
 
-std::optional<DWORD> CGroupRunner::WaitForExit(DWORD timeoutMs) const
+std::optional<DWORD> CGroupRunner::WaitForExit() const
 {
     DWORD exitCode = 0;
-    if (::WaitForSingleObject(m_process.Get(), timeoutMs) != WAIT_OBJECT_0 ||
-        !::GetExitCodeProcess(m_process.Get(), &exitCode))
-    {
-        return std::nullopt;
-    }
-    return exitCode;
+    const bool hasEnded = ::WaitForSingleObject(Process(), kTimeoutMs) == WAIT_OBJECT_0 &&
+                          ::GetExitCodeProcess(Process(), &exitCode);
+    return hasEnded ? std::optional(exitCode) : std::nullopt;
 }
 
 void CGroupRunner::awaitState(const std::wstring& name, DWORD state) const
 {
-    if (!WaitForState(name, state, m_timeoutMs))
+    if (!WaitForState(name, state))
     {
         const SERVICE_STATUS_PROCESS status = QueryService(name);
         ThrowError(
             name + L" should be " + ServiceStateName(state) + L" but is " +
             ServiceStateName(status.dwCurrentState) + L", exit code " +
-            std::to_wstring(status.dwWin32ExitCode) + (WaitForExit(0) ? L"; the host has ended" : L""));
+            std::to_wstring(status.dwWin32ExitCode));
     }
 }
 
@@ -229,86 +190,50 @@ void CGroupRunner::createPipe()
     // The volatile key is there as soon as the manager runs, and opening the manager waits for that.
     const Basalt::CServiceHandle manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
     Basalt::CRegKey key;
+    DWORD number = 0;
     ThrowIfFailed(
         key.Open(HKEY_LOCAL_MACHINE, kCurrentPipeKey, KEY_READ | KEY_WRITE),
-        L"this is not Wine: RegOpenKeyExW(ServiceCurrent)");
-    DWORD number = 0;
-    ThrowIfFailed(key.ReadDword(L"", number), L"reading ServiceCurrent");
-    ++number;
-    m_pipeName = kPipeName + std::to_wstring(number);
+        L"this is not Wine: opening its pipe");
+    ThrowIfFailed(key.ReadDword(L"", number), L"reading the pipe's number");
+    m_pipeName = kPipeName + std::to_wstring(++number);
     m_pipe.Reset(::CreateNamedPipeW(
         m_pipeName.c_str(),
         PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED | FILE_FLAG_FIRST_PIPE_INSTANCE,
-        PIPE_TYPE_BYTE | PIPE_READMODE_BYTE | PIPE_WAIT,
+        PIPE_TYPE_BYTE,
         1,
         kPipeBufferBytes,
         kPipeBufferBytes,
         0,
         nullptr));
-    if (!m_pipe)
-    {
-        ThrowError(L"CreateNamedPipeW(" + m_pipeName + L")", ::GetLastError());
-    }
-    ThrowIfFailed(key.WriteDword(L"", number), L"writing ServiceCurrent");
-}
-
-void CGroupRunner::startProcess(const std::wstring& commandLine)
-{
-    STARTUPINFOW startup{};
-    startup.cb = sizeof(startup);
-    PROCESS_INFORMATION process{};
-    std::wstring writable = commandLine; // CreateProcessW writes into it.
-    if (!::CreateProcessW(
-            nullptr,
-            writable.data(),
-            nullptr,
-            nullptr,
-            FALSE,
-            DETACHED_PROCESS,
-            nullptr,
-            nullptr,
-            &startup,
-            &process))
-    {
-        ThrowError(L"CreateProcessW(" + commandLine + L")", ::GetLastError());
-    }
-    ::CloseHandle(process.hThread);
-    m_process.Reset(process.hProcess);
-    m_processId = process.dwProcessId;
+    ThrowIfFailed(m_pipe ? ERROR_SUCCESS : ::GetLastError(), L"creating " + m_pipeName);
+    ThrowIfFailed(key.WriteDword(L"", number), L"writing the pipe's number");
 }
 
 void CGroupRunner::waitForConnection()
 {
     OVERLAPPED operation{};
     operation.hEvent = m_event.Get();
-    const BOOL connected = ::ConnectNamedPipe(m_pipe.Get(), &operation);
-    if (!connected && ::GetLastError() == ERROR_PIPE_CONNECTED)
+    const BOOL isDone = ::ConnectNamedPipe(m_pipe.Get(), &operation);
+    if (!isDone && ::GetLastError() == ERROR_PIPE_CONNECTED)
     {
         return;
     }
-    DWORD transferred = 0;
-    const DWORD error = finish(connected, operation, transferred);
-    if (error == ERROR_PROCESS_ABORTED)
-    {
-        const std::wstring exitCode = std::to_wstring(WaitForExit().value_or(STILL_ACTIVE));
-        ThrowError(L"the host ended with " + exitCode + L" before it called the service dispatcher");
-    }
-    if (error == ERROR_TIMEOUT)
-    {
-        ThrowError(
-            L"the host did not call the service dispatcher within " + std::to_wstring(m_timeoutMs) +
-            L" ms, or another service was started meanwhile");
-    }
-    ThrowIfFailed(error, L"ConnectNamedPipe(" + m_pipeName + L")");
+    const DWORD error = finish(isDone, operation);
+    DWORD exitCode = STILL_ACTIVE;
+    ::GetExitCodeProcess(Process(), &exitCode);
+    ThrowIfFailed(
+        error,
+        L"the host did not call the dispatcher, or another service was started meanwhile; exit code " +
+            std::to_wstring(exitCode));
 }
 
 /// Finds where the code of the dispatcher's DLL is in the process, to know its threads by where they begin.
 void CGroupRunner::findDispatcher()
 {
-    const Basalt::CFile modules(::CreateToolhelp32Snapshot(TH32CS_SNAPMODULE, m_processId));
+    const Basalt::CFile modules(::CreateToolhelp32Snapshot(TH32CS_SNAPMODULE, ProcessId()));
     MODULEENTRY32W entry{};
     entry.dwSize = sizeof(entry);
-    for (BOOL more = modules ? ::Module32FirstW(modules.Get(), &entry) : FALSE; more;
+    for (BOOL more = ::Module32FirstW(modules.Get(), &entry); more;
          more = ::Module32NextW(modules.Get(), &entry))
     {
         if (::lstrcmpiW(entry.szModule, L"sechost.dll") == 0)
@@ -325,133 +250,92 @@ void CGroupRunner::findDispatcher()
 /// @param arguments the strings behind the service's name, each with its terminator, and one more; or
 /// nothing.
 /// @return the answer, or ERROR_PROCESS_ABORTED when the process ended before it came.
-DWORD CGroupRunner::transact(const std::wstring& name, DWORD control, const std::wstring& arguments)
+DWORD CGroupRunner::request(const std::wstring& name, DWORD control, const std::wstring& arguments)
 {
     const std::wstring text = name + L'\0' + arguments;
-    const std::size_t textBytes = text.size() * sizeof(wchar_t);
+    const auto textBytes = static_cast<DWORD>(text.size() * sizeof(wchar_t));
     const RequestHead head{
-        kRequestMagic,
-        static_cast<DWORD>(sizeof(RequestHead) + textBytes),
-        static_cast<DWORD>(name.size() + 1),
-        control};
-    std::vector<BYTE> request(head.totalBytes);
-    std::memcpy(request.data(), &head, sizeof(head));
-    std::memcpy(request.data() + sizeof(head), text.data(), textBytes);
+        kRequestMagic, DWORD{sizeof(RequestHead)} + textBytes, static_cast<DWORD>(name.size() + 1), control};
+    std::string bytes(reinterpret_cast<const char*>(&head), sizeof(head));
+    bytes.append(reinterpret_cast<const char*>(text.data()), textBytes);
 
+    // Both fit into the pipe's buffers, so they come as a whole.
+    OVERLAPPED operation{};
+    operation.hEvent = m_event.Get();
     DWORD answer = ERROR_SUCCESS;
-    DWORD error = transfer(request.data(), head.totalBytes, EDirection::Send);
+    DWORD error =
+        finish(::WriteFile(m_pipe.Get(), bytes.data(), head.totalBytes, nullptr, &operation), operation);
     if (error == ERROR_SUCCESS)
     {
-        error = transfer(&answer, sizeof(answer), EDirection::Receive);
+        error = finish(::ReadFile(m_pipe.Get(), &answer, sizeof(answer), nullptr, &operation), operation);
     }
-    if (error == ERROR_PROCESS_ABORTED)
+    if (error != ERROR_PROCESS_ABORTED)
     {
-        return error;
+        ThrowIfFailed(error, L"control " + std::to_wstring(control) + L" for " + name);
     }
-    ThrowIfFailed(error, L"control " + std::to_wstring(control) + L" for " + name);
-    return answer;
-}
-
-/// Moves all of the bytes through the pipe, however many it takes at a time.
-DWORD CGroupRunner::transfer(void* data, DWORD size, EDirection direction)
-{
-    for (DWORD done = 0; done < size;)
-    {
-        OVERLAPPED operation{};
-        operation.hEvent = m_event.Get();
-        BYTE* const at = static_cast<BYTE*>(data) + done;
-        const BOOL completed = direction == EDirection::Send
-                                   ? ::WriteFile(m_pipe.Get(), at, size - done, nullptr, &operation)
-                                   : ::ReadFile(m_pipe.Get(), at, size - done, nullptr, &operation);
-        DWORD transferred = 0;
-        const DWORD error = finish(completed, operation, transferred);
-        if (error != ERROR_SUCCESS)
-        {
-            return error;
-        }
-        done += transferred;
-    }
-    return ERROR_SUCCESS;
+    return error == ERROR_SUCCESS ? answer : error;
 }
 
 /// Waits for an operation on the pipe, which is called off when the time is over or the process has ended.
-/// @param completed what the call that began the operation returned; call this right after it.
-DWORD CGroupRunner::finish(BOOL completed, OVERLAPPED& operation, DWORD& transferred)
+/// @param isDone what the call that began the operation returned; call this right after it.
+DWORD CGroupRunner::finish(BOOL isDone, OVERLAPPED& operation)
 {
-    DWORD error = completed ? ERROR_SUCCESS : ::GetLastError();
-    if (error == ERROR_SUCCESS || error == ERROR_IO_PENDING)
+    DWORD error = isDone ? ERROR_SUCCESS : ::GetLastError();
+    if (error == ERROR_IO_PENDING)
     {
-        const HANDLE handles[] = {m_event.Get(), m_process.Get()};
-        const DWORD wait = ::WaitForMultipleObjects(2, handles, FALSE, m_timeoutMs);
+        const HANDLE handles[] = {m_event.Get(), Process()};
+        const DWORD wait = ::WaitForMultipleObjects(2, handles, FALSE, kTimeoutMs);
         if (wait != WAIT_OBJECT_0)
         {
             ::CancelIoEx(m_pipe.Get(), &operation);
         }
+        DWORD transferred = 0;
         error = ::GetOverlappedResult(m_pipe.Get(), &operation, &transferred, TRUE) ? ERROR_SUCCESS
-                                                                                    : ::GetLastError();
-        if (error == ERROR_OPERATION_ABORTED)
-        {
-            error = wait == WAIT_TIMEOUT ? ERROR_TIMEOUT : ERROR_PROCESS_ABORTED;
-        }
+                : wait == WAIT_TIMEOUT                                              ? ERROR_TIMEOUT
+                                                                                    : ERROR_PROCESS_ABORTED;
     }
-    const bool isPipeClosed =
-        error == ERROR_BROKEN_PIPE || error == ERROR_NO_DATA || error == ERROR_PIPE_NOT_CONNECTED;
+    const bool isPipeClosed = error == ERROR_BROKEN_PIPE || error == ERROR_NO_DATA;
     return isPipeClosed ? ERROR_PROCESS_ABORTED : error;
 }
 
-/// The threads that Wine's dispatcher made: its own, and one for each running service.
-std::vector<DWORD> CGroupRunner::dispatcherThreads() const
+std::set<DWORD> CGroupRunner::threads() const
 {
-    std::vector<DWORD> found;
-    const Basalt::CFile threads(::CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0));
+    std::set<DWORD> found;
+    const Basalt::CFile snapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0));
     THREADENTRY32 entry{};
     entry.dwSize = sizeof(entry);
-    for (BOOL more = threads ? ::Thread32First(threads.Get(), &entry) : FALSE; more;
-         more = ::Thread32Next(threads.Get(), &entry))
+    for (BOOL more = ::Thread32First(snapshot.Get(), &entry); more;
+         more = ::Thread32Next(snapshot.Get(), &entry))
     {
-        if (entry.th32OwnerProcessID != m_processId)
+        if (entry.th32OwnerProcessID == ProcessId())
         {
-            continue;
-        }
-        const Basalt::CHandle thread(::OpenThread(THREAD_QUERY_INFORMATION, FALSE, entry.th32ThreadID));
-        const BYTE* const address = thread ? StartAddress(thread.Get()) : nullptr;
-        if (address >= m_dispatcherBegin && address < m_dispatcherEnd)
-        {
-            found.push_back(entry.th32ThreadID);
+            found.insert(entry.th32ThreadID);
         }
     }
     return found;
 }
 
-void CGroupRunner::stopAll() noexcept
+/// The dispatcher has made the service's thread before it answers. Where a new thread begins is not known
+/// before it runs, which on a busy machine may be later; until then it may be anybody's.
+/// @return 0 when it has ended already.
+DWORD CGroupRunner::findServiceThread(const std::set<DWORD>& before) const
 {
-    bool isListening = !m_threads.empty();
-    for (const auto& [name, thread] : m_threads)
+    for (const ULONGLONG end = ::GetTickCount64() + kTimeoutMs; ::GetTickCount64() < end; ::Sleep(kPollMs))
     {
-        isListening = isListening && (!IsStarted(name) || tryStop(name));
-    }
-    if (!WaitForExit(isListening ? kEndTimeoutMs : 0))
-    {
-        ::TerminateProcess(m_process.Get(), ERROR_PROCESS_ABORTED);
-        ::WaitForSingleObject(m_process.Get(), kEndTimeoutMs);
-    }
-    // The manager does not watch this process: without a word from here the services would run for ever.
-    for (const auto& [name, thread] : m_threads)
-    {
-        if (IsStarted(name))
+        bool isOpen = false;
+        for (const DWORD thread : threads())
         {
-            static_cast<void>(MarkState(name, SERVICE_STOPPED));
+            const BYTE* const address = before.contains(thread) ? m_dispatcherEnd : StartAddress(thread);
+            if (address >= m_dispatcherBegin && address < m_dispatcherEnd)
+            {
+                return thread;
+            }
+            isOpen = isOpen || address == nullptr;
+        }
+        if (!isOpen)
+        {
+            return 0;
         }
     }
-}
-
-bool CGroupRunner::tryStop(const std::wstring& name) noexcept
-try
-{
-    Stop(name);
-    return true;
-}
-catch (const std::exception&)
-{
-    return false;
+    return 0;
 }

@@ -4,10 +4,44 @@
 
 #include <string>
 
-/// Runs a program to its end, without a window, and returns its exit code.
-/// @throws std::runtime_error when it cannot be started or has not ended after @p timeoutMs (it is ended
-/// then).
-DWORD RunProcess(std::wstring commandLine, DWORD timeoutMs = 20000);
+#include "base/Owned.h"
+
+inline constexpr DWORD kProcessTimeoutMs = 60000;
+
+/// A program that runs without a window.
+/// Errors: std::runtime_error.
+class CProcess
+{
+public:
+    /// @param out, error its standard output and error: inheritable handles, null for none.
+    explicit CProcess(std::wstring commandLine, HANDLE out = nullptr, HANDLE error = nullptr);
+
+    [[nodiscard]] HANDLE Handle() const noexcept { return m_process.Get(); }
+    [[nodiscard]] DWORD Id() const noexcept { return ::GetProcessId(Handle()); }
+    /// Waits for its end; a program that has not ended in time is ended, which is an error.
+    /// @return its exit code.
+    DWORD Wait(DWORD timeoutMs = kProcessTimeoutMs);
+
+private:
+    std::wstring m_commandLine;
+    Basalt::CHandle m_process;
+};
+
+/// Runs a program to its end and returns its exit code. @throws std::runtime_error as CProcess does
+inline DWORD RunProcess(std::wstring commandLine, DWORD timeoutMs = kProcessTimeoutMs)
+{
+    return CProcess(std::move(commandLine)).Wait(timeoutMs);
+}
+
+struct ProcessOutput
+{
+    DWORD exitCode;
+    std::string out; ///< The bytes as they were written, as the next.
+    std::string error;
+};
+
+/// The same for one whose output goes to files. @throws std::runtime_error as CProcess does
+[[nodiscard]] ProcessOutput RunForOutput(const std::wstring& commandLine);
 
 /// Raises the number of Wine's next control pipe, as the manager does for a start of its own. A service
 /// program that is run by hand then fails at once to connect, instead of waiting for the pipe of a service

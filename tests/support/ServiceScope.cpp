@@ -1,5 +1,6 @@
 #include "support/ServiceScope.h"
 
+#include <iterator>
 #include <utility>
 
 #include "support/Errors.h"
@@ -7,57 +8,28 @@
 namespace
 {
 
-constexpr DWORD kStopTimeoutMs = 10000;
+constexpr DWORD kTimeoutMs = 60000;
 constexpr DWORD kPollMs = 5;
-/// The manager keeps a deleted entry until it has closed the last handle to it, those of ended processes too.
-constexpr DWORD kGoneTimeoutMs = 10000;
 
 SERVICE_STATUS_PROCESS Query(SC_HANDLE service, const std::wstring& name)
 {
     SERVICE_STATUS_PROCESS status{};
     DWORD needed = 0;
-    if (!::QueryServiceStatusEx(
-            service, SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status), sizeof(status), &needed))
+    auto* const buffer = reinterpret_cast<BYTE*>(&status);
+    if (!::QueryServiceStatusEx(service, SC_STATUS_PROCESS_INFO, buffer, sizeof(status), &needed))
     {
-        ThrowError(L"QueryServiceStatusEx(" + name + L")", ::GetLastError());
+        ThrowError(L"asking for the state of " + name, ::GetLastError());
     }
     return status;
 }
 
-Basalt::CServiceHandle CreateEntry(
-    SC_HANDLE manager, const std::wstring& name, const std::wstring& imagePath, DWORD serviceType)
+void Remove(const std::wstring& name)
 {
-    for (const ULONGLONG end = ::GetTickCount64() + kGoneTimeoutMs;;)
+    ::DeleteService(OpenServiceByName(name, DELETE).Get());
+    // The manager keeps a deleted entry until the last handle to it is closed, those of ended processes too.
+    const ULONGLONG end = ::GetTickCount64() + kTimeoutMs;
+    while (OpenServiceByName(name, SERVICE_QUERY_STATUS) && ::GetTickCount64() < end)
     {
-        Basalt::CServiceHandle service(::CreateServiceW(
-            manager,
-            name.c_str(),
-            name.c_str(),
-            SERVICE_ALL_ACCESS,
-            serviceType,
-            SERVICE_DEMAND_START,
-            SERVICE_ERROR_IGNORE,
-            imagePath.c_str(),
-            nullptr,
-            nullptr,
-            nullptr,
-            nullptr,
-            nullptr));
-        const DWORD error = ::GetLastError();
-        if (service)
-        {
-            return service;
-        }
-        const bool isLeftover = error == ERROR_SERVICE_EXISTS || error == ERROR_SERVICE_MARKED_FOR_DELETE ||
-                                error == ERROR_DUPLICATE_SERVICE_NAME;
-        if (!isLeftover || ::GetTickCount64() >= end)
-        {
-            ThrowError(L"CreateServiceW(" + name + L")", error);
-        }
-        if (const Basalt::CServiceHandle leftover = OpenServiceByName(name, DELETE))
-        {
-            ::DeleteService(leftover.Get());
-        }
         ::Sleep(kPollMs);
     }
 }
@@ -67,12 +39,23 @@ Basalt::CServiceHandle CreateEntry(
 CServiceScope::CServiceScope(std::wstring name, const std::wstring& imagePath, DWORD serviceType)
     : m_name(std::move(name))
 {
+    Remove(m_name); // What a broken run left.
     const Basalt::CServiceHandle manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CREATE_SERVICE));
-    if (!manager)
-    {
-        ThrowError(L"OpenSCManagerW", ::GetLastError());
-    }
-    m_service = CreateEntry(manager.Get(), m_name, imagePath, serviceType);
+    m_service.Reset(::CreateServiceW(
+        manager.Get(),
+        m_name.c_str(),
+        m_name.c_str(),
+        SERVICE_ALL_ACCESS,
+        serviceType,
+        SERVICE_DEMAND_START,
+        SERVICE_ERROR_IGNORE,
+        imagePath.c_str(),
+        nullptr,
+        nullptr,
+        nullptr,
+        nullptr,
+        nullptr));
+    ThrowIfFailed(m_service ? ERROR_SUCCESS : ::GetLastError(), L"creating the service " + m_name);
 }
 
 CServiceScope::~CServiceScope()
@@ -89,42 +72,27 @@ CServiceScope::~CServiceScope()
     SERVICE_STATUS answer{};
     if (::ControlService(m_service.Get(), SERVICE_CONTROL_STOP, &answer) && process)
     {
-        ::WaitForSingleObject(process.Get(), kStopTimeoutMs);
+        ::WaitForSingleObject(process.Get(), kTimeoutMs);
     }
-    ::DeleteService(m_service.Get());
     m_service.Reset();
-    const ULONGLONG end = ::GetTickCount64() + kGoneTimeoutMs;
-    while (OpenServiceByName(m_name, SERVICE_QUERY_STATUS) && ::GetTickCount64() < end)
-    {
-        ::Sleep(kPollMs);
-    }
+    Remove(m_name);
 }
 
 Basalt::CServiceHandle OpenServiceByName(const std::wstring& name, DWORD access)
 {
     const Basalt::CServiceHandle manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
-    return Basalt::CServiceHandle(manager ? ::OpenServiceW(manager.Get(), name.c_str(), access) : nullptr);
+    return Basalt::CServiceHandle(::OpenServiceW(manager.Get(), name.c_str(), access));
 }
 
 SERVICE_STATUS_PROCESS QueryService(const std::wstring& name)
 {
-    const Basalt::CServiceHandle service = OpenServiceByName(name, SERVICE_QUERY_STATUS);
-    if (!service)
-    {
-        ThrowError(L"OpenServiceW(" + name + L")", ::GetLastError());
-    }
-    return Query(service.Get(), name);
+    return Query(OpenServiceByName(name, SERVICE_QUERY_STATUS).Get(), name);
 }
 
 bool WaitForServiceState(const std::wstring& name, DWORD state, DWORD timeoutMs, HANDLE process)
 {
     const Basalt::CServiceHandle service = OpenServiceByName(name, SERVICE_QUERY_STATUS);
-    if (!service)
-    {
-        ThrowError(L"OpenServiceW(" + name + L")", ::GetLastError());
-    }
-    const ULONGLONG end = ::GetTickCount64() + timeoutMs;
-    for (;;)
+    for (const ULONGLONG end = ::GetTickCount64() + timeoutMs;; ::Sleep(kPollMs))
     {
         // Both are looked at before the state: what was reached at the last moment counts.
         const bool isOver = ::GetTickCount64() >= end ||
@@ -137,7 +105,6 @@ bool WaitForServiceState(const std::wstring& name, DWORD state, DWORD timeoutMs,
         {
             return false;
         }
-        ::Sleep(kPollMs);
     }
 }
 

@@ -20,18 +20,12 @@ public:
     CServiceScope(CServiceScope&& other) noexcept = default;
     CServiceScope& operator=(CServiceScope&&) = delete;
 
-    [[nodiscard]] const std::wstring& Name() const noexcept { return m_name; }
-    [[nodiscard]] SC_HANDLE Handle() const noexcept
-    {
-        return m_service.Get();
-    } ///< SERVICE_ALL_ACCESS, borrowed.
-
 private:
     std::wstring m_name;
     Basalt::CServiceHandle m_service;
 };
 
-/// Opens a service of the local manager; null on failure, with the last error set.
+/// Opens a service of the local manager; null on failure.
 [[nodiscard]] Basalt::CServiceHandle OpenServiceByName(const std::wstring& name, DWORD access);
 
 /// What the manager says. @throws std::runtime_error, also for a service that does not exist.

@@ -23,7 +23,8 @@ struct TestSubsystem
 };
 
 /// A service group as an installation leaves it: the group's key, the CLSIDs of its subsystems, and the
-/// services in the service control manager, all of them removed at the end of the scope.
+/// services in the service control manager, all of them removed at the end of the scope. With the last group
+/// the host's key goes, and what all groups share.
 ///
 ///     CTestGroup group(L"Core", {{L"alpha", L"{...}", BesideTest(L"Alpha.dll")}, {L"beta", L"{...}", L""}});
 ///     group.SetRootValue(L"ForceSerialLoads", 0);
@@ -35,7 +36,7 @@ class CTestGroup
 {
 public:
     CTestGroup(
-        std::wstring name,
+        const std::wstring& name,
         const std::vector<TestSubsystem>& subsystems,
         const std::wstring& hostPath = BesideTest(L"TxSvHost.exe"));
     ~CTestGroup();
@@ -44,33 +45,19 @@ public:
 
     /// "<host>" /Group: the services' image path, and what a CGroupRunner starts.
     [[nodiscard]] const std::wstring& CommandLine() const noexcept { return m_commandLine; }
-    [[nodiscard]] const std::wstring& Name() const noexcept { return m_name; }
 
     /// The group's key, open for reading and writing; a further value or key below it is removed with it.
     [[nodiscard]] Basalt::CRegKey& Key() noexcept { return m_key; }
 
-    /// Writes a setting that all groups share ("ForceSerialLoads", "WSSEnable", ...); what stood there before
-    /// comes back at the end.
-    void SetRootValue(const std::wstring& name, DWORD value);
+    /// Writes a setting that all groups share ("ForceSerialLoads", "WSSEnable", ...).
+    static void SetRootValue(const std::wstring& name, DWORD value);
 
 private:
-    struct SavedValue
-    {
-        std::wstring name;
-        bool existed;
-        DWORD type;
-        std::vector<BYTE> data;
-    };
-
     void registerSubsystem(const TestSubsystem& subsystem);
-    void remove() noexcept;
 
-    std::wstring m_name;
+    std::wstring m_path; ///< Of the group's key.
     std::wstring m_commandLine;
     std::vector<std::wstring> m_classKeys;
-    std::vector<SavedValue> m_savedValues;
-    bool m_isRootNew = false; ///< The host's key is removed as a whole at the end.
-    Basalt::CRegKey m_root;
     Basalt::CRegKey m_key;
     std::vector<CServiceScope> m_services;
 };

@@ -2,52 +2,44 @@
 
 #include <windows.h>
 
-#include <gtest/gtest.h>
-#include <optional>
+#include <ostream>
 #include <string>
 #include <vector>
 
-#include "base/RegKey.h"
-
-inline constexpr wchar_t kTestGroup[] = L"TXCTL";
-inline constexpr wchar_t kTestClsid[] = L"{7C1D3B52-9E40-4B6A-8F21-AD00C0DE0001}";
-inline constexpr wchar_t kOtherClsid[] = L"{7C1D3B52-9E40-4B6A-8F21-AD00C0DE0002}";
+#include "support/Narrow.h"
+#include "txsvcctl/Tool.h"
 
 /// What one run of the tool gave.
-struct CtlResult
+struct CtlResult : TxCtl::IConsole
 {
+    void Out(const std::wstring& text) override { out += text + L"\n"; }
+    void Error(const std::wstring& text) override { error += text + L"\n"; }
+
     int exitCode = -1;
     std::wstring out;
     std::wstring error;
 };
 
-/// Runs commands in this process on the prefix's real registry and service manager. All that they may have
-/// left is gone before and after each test.
-class CtlTest : public ::testing::Test
+inline std::ostream& operator<<(std::ostream& stream, const CtlResult& result)
 {
-protected:
-    CtlTest() { Clean(); }
-    ~CtlTest() override { Clean(); }
+    return stream << Narrow(result.out + result.error) << "= " << result.exitCode;
+}
 
-    static CtlResult Run(const std::vector<std::wstring>& arguments);
-    /// install with a module, a CLSID and a host that are all right.
-    static CtlResult Install(
-        const std::wstring& service,
-        const std::vector<std::wstring>& more = {},
-        const std::wstring& group = kTestGroup,
-        const std::wstring& clsid = kTestClsid);
+/// Runs a command in this process, on the prefix's real registry and service manager.
+inline CtlResult RunCtl(const std::vector<std::wstring>& arguments)
+{
+    CtlResult result;
+    result.exitCode = static_cast<int>(TxCtl::RunTool(arguments, result));
+    return result;
+}
 
-    /// A 64-bit DLL of the system that exports DllGetClassObject, and an executable for the entries.
-    static std::wstring Module();
-    static std::wstring Host();
-
-    /// Values below HKEY_LOCAL_MACHINE; nothing when the key or the value is missing.
-    static std::optional<std::wstring> Text(const std::wstring& path, const std::wstring& name = {});
-    static void Write(const std::wstring& path, const std::wstring& name, const std::wstring& value);
-    static bool HasKey(const std::wstring& path);
-    static std::wstring GroupKey(const std::wstring& group = kTestGroup);
-    static std::wstring ClassKey(const std::wstring& clsid = kTestClsid);
-
-private:
-    static void Clean();
-};
+/// For SystemTimeToTzSpecificLocalTime, whatever the time zone is.
+inline BOOL WINAPI
+LocalTimeAnHourLater(const TIME_ZONE_INFORMATION* /*zone*/, const SYSTEMTIME* universal, SYSTEMTIME* local)
+{
+    constexpr LONGLONG kHour = 36'000'000'000;
+    LARGE_INTEGER time{};
+    ::SystemTimeToFileTime(universal, reinterpret_cast<FILETIME*>(&time));
+    time.QuadPart += kHour;
+    return ::FileTimeToSystemTime(reinterpret_cast<FILETIME*>(&time), local);
+}

@@ -2,8 +2,10 @@
 
 #include <windows.h>
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <gtest/gtest.h>
 #include <thread>
 
 #include "CtlTest.h"
@@ -11,8 +13,9 @@
 #include "base/Text.h"
 #include "logging/LogFile.h"
 #include "logging/LogLine.h"
-#include "support/Narrow.h"
+#include "support/ImportPatch.h"
 #include "support/TestFolder.h"
+#include "txsvcctl/ToolError.h"
 #include "txsvcctl/Utf8.h"
 
 using ETWLogging::BuildLogLine;
@@ -26,30 +29,17 @@ std::string Utf16(const std::wstring& text)
     return {reinterpret_cast<const char*>(text.data()), text.size() * sizeof(wchar_t)};
 }
 
-class LogShowTest : public CtlTest
+class LogShowTest : public ::testing::Test
 {
 protected:
-    LogShowTest() { m_log.SetPath(m_file); }
-
-    /// Appends a message, as the logger does. The hour is the level.
-    void Write(WORD level, const std::wstring& message)
-    {
-        ETWLogging::CLogFile::COpened file;
-        ASSERT_EQ(m_log.Open(true, file), DWORD{0});
-        const SYSTEMTIME time = {2026, 11, 0, 24, level, 0, 0, 0};
-        const wchar_t* const name = ETWLogging::LogLevelName(level);
-        ASSERT_EQ(m_log.Write(file, BuildLogLine({0, L"", 0, 0, time}, name, message.c_str())), DWORD{0});
-    }
-
     std::string Show(const std::string& bytes, const wchar_t* form)
     {
         std::ofstream(std::filesystem::path(m_file), std::ios::binary) << bytes;
-        return ToUtf8(Run({L"log", L"show", m_file, form}).out);
+        return ToUtf8(RunCtl({L"log", L"show", m_file, form}).out);
     }
 
     CTestFolder m_folder;
     std::wstring m_file = m_folder.File(L"x.log");
-    ETWLogging::CLogFile m_log;
 };
 
 TEST_F(LogShowTest, GivesBackWhatLinesWereBuiltFrom)
@@ -100,6 +90,7 @@ TEST_F(LogShowTest, TornAndForeignTextIsKeptApart)
     const std::string table[][2] = {
         {in + "a\r\n" + in + "torn", out + "a\n" + out + "torn\n"},
         {in + "a\r\n11/24/2026 12:05:07 PM$ -- (Err", out + "a\n"},
+        {in + "[]$ a\n", out + "[]$ a\n"},
         {in + "a\r\nb", out + "a\n    b\n"},
         {"rest\r\n" + in + "a\r\n13" + in + "b\n", "rest\n" + out + "a\n    13" + in + "b\n"},
         {"\xEF\xBB\xBF" + in + "\xE4\n", out + "\xC3\xA4\n"}, // The system's code page.
@@ -113,92 +104,167 @@ TEST_F(LogShowTest, TornAndForeignTextIsKeptApart)
     }
 }
 
-TEST_F(LogShowTest, ShowsWhatIsAskedForOfTheConfiguredLog)
+TEST_F(LogShowTest, ATornLineHasTheFieldsThatAreWhole)
 {
-    EXPECT_NE(Run({L"log", L"show"}).error.find(L"mechanism file"), std::wstring::npos);
-    ASSERT_EQ(Run({L"log", L"set", L"folder", m_folder.Path()}).exitCode, 0);
-    ASSERT_EQ(Run({L"log", L"set", L"file", L"x.log"}).exitCode, 0);
-    m_log.SetRotation(2, 5);
-    Write(1, L"first");
-    Write(2, L"alpha-2 and alphabet");
-    Write(3, L"of 'Alpha'.");
-    Write(4, L"last");
-    const std::wstring missing = m_folder.File(L"none\\x.log");
-    const struct
+    const std::wstring head = L"11/24/2026 12:05:07 PM$ -- (9)$";
+    const std::wstring fields[] = {
+        L" [              t]$",
+        L" [PID:    1 TID:    2]$",
+        L" [               s.cpp:    3]$",
+        L" [                                    C::F()]$"};
+    for (std::wstring line = head; const std::wstring& field : fields)
     {
-        std::vector<std::wstring> options;
-        std::string shown;    ///< the hours
-        const wchar_t* error; ///< part of a message
-        int exitCode = 0;
-    } table[] = {
-        {{}, "1234", L""},
-        {{m_folder.File(L"x.log")}, "34", L""},
-        {{L"--level", L"4"}, "4", L""},
-        {{L"--level", L"6"}, "34", L""},
-        {{L"--service", L"ALPHA"}, "3", L""},
-        {{L"--since", L"2026-11-24 03:00"}, "34", L""},
-        {{L"--since", L"2026-11-24T02:00:01", L"--level", L"1"}, "34", L""},
-        {{L"--since", L"99999d"}, "1234", L""},
-        {{L"--since", L"1m"}, "", L""},
-        {{L"--level", L"7"}, "", L"--level", 2},
-        {{L"--service", L""}, "", L"empty name", 2},
-        {{L"--since", L"2026-02-30"}, "", L"'2026-02-30' is no time", 2},
-        {{missing}, "", L"none\\x.log': error 3: ", 1},
-        {{missing, L"--follow"}, "", L"cannot watch folder", 1},
-    };
-    for (const auto& row : table)
-    {
-        SCOPED_TRACE(row.options.empty() ? "all" : Narrow(row.options.back()));
-        std::vector<std::wstring> arguments = {L"log", L"show"};
-        arguments.insert(arguments.end(), row.options.begin(), row.options.end());
-
-        const CtlResult result = Run(arguments);
-
-        std::string shown;
-        for (std::size_t at = 0; (at = result.out.find(L"T0", at)) != std::wstring::npos; ++at)
+        for (std::size_t size = 1; size < field.size(); ++size)
         {
-            shown += static_cast<char>(result.out[at + 2]);
+            const std::wstring torn = field.substr(0, size);
+            const auto entry = TxCtl::ParseLogLine(line + torn);
+            ASSERT_TRUE(entry);
+            EXPECT_EQ(Narrow(entry->message), Narrow(torn.substr(1)));
         }
-        EXPECT_EQ(shown, row.shown);
-        EXPECT_EQ(result.exitCode, row.exitCode);
-        EXPECT_NE(result.error.find(row.error), std::wstring::npos) << Narrow(result.error);
+        line += field;
     }
-    const auto moment = [](const wchar_t* age) { return static_cast<double>(TxCtl::ParseMoment(age)); };
-    EXPECT_NEAR(moment(L"2880m"), moment(L"2d"), 3e7);
-    EXPECT_NEAR(moment(L"48h"), moment(L"2d"), 3e7);
 }
 
-class CStoppingConsole final : public TxCtl::IConsole
+/// Reads on as a log goes through its life.
+class LogReaderTest : public LogShowTest, private TxCtl::ILogSink
+{
+protected:
+    std::string ReadOn(bool wantsMore = true)
+    {
+        m_text.clear();
+        m_wantsMore = wantsMore;
+        EXPECT_EQ(m_reader.ReadOn(false), m_reader.HasFile() && wantsMore);
+        return m_text;
+    }
+    void Append(const std::string& text)
+    {
+        std::ofstream(m_file.c_str(), std::ios::app | std::ios::binary) << text;
+    }
+    void Rename(const wchar_t* from, const wchar_t* to)
+    {
+        std::filesystem::rename(m_folder.File(from), m_folder.File(to));
+    }
+
+    const std::string m_line = "11/24/2026 12:05:07 PM$ -- (Error)$ ";
+
+private:
+    void Add(TxCtl::LogEntry entry) override { m_text += ToUtf8(entry.message) + ";"; }
+    bool EndPiece() override { return m_wantsMore; }
+
+    std::string m_text;
+    bool m_wantsMore = true;
+    TxCtl::CLogReader m_reader{m_file, 1, *this};
+};
+
+TEST_F(LogReaderTest, ReadsEachLineOnceWhateverBecomesOfTheFile)
+{
+    EXPECT_EQ(ReadOn(), "");
+    Append(m_line + "1\r\n");
+    EXPECT_EQ(ReadOn(), "1;");
+    EXPECT_EQ(ReadOn(), "");
+    Append(m_line + "2 to");
+    EXPECT_EQ(ReadOn(), "");
+    Append("rn\r\nmore\r\n");
+    EXPECT_EQ(ReadOn(), "2 torn\nmore;");
+    const auto size = std::filesystem::file_size(m_file);
+    Append(m_line + "no room");
+    EXPECT_EQ(ReadOn(), "");
+    std::filesystem::resize_file(m_file, size); // As the logger does then.
+    EXPECT_EQ(ReadOn(), "");
+    Append(m_line + "3\r\n");
+    EXPECT_EQ(ReadOn(), "3;");
+    std::filesystem::resize_file(m_file, 0);
+    Append(m_line + "4\r\n");
+    EXPECT_EQ(ReadOn(), "4;");
+
+    Append(m_line + "5\r\n"); // Two rotations.
+    Rename(L"x.log", L"x.2.log");
+    Append(m_line + "6\r\n");
+    Rename(L"x.log", L"x.1.log");
+    Append(m_line + "7\r\n");
+    EXPECT_EQ(ReadOn(), "5;6;7;");
+
+    const auto longAgo = std::filesystem::file_time_type::clock::now() - std::chrono::hours(1);
+    std::filesystem::last_write_time(m_folder.File(L"x.1.log"), longAgo);
+    std::filesystem::last_write_time(m_folder.File(L"x.2.log"), longAgo);
+    Rename(L"x.log", L"gone.log"); // What is numbered is older.
+    Append(m_line + "8\r\n");
+    EXPECT_EQ(ReadOn(), "8;");
+
+    Append(m_line + "9\r\n" + m_line + "10\r\n");
+    Rename(L"x.log", L"x.1.log");
+    Append(m_line + "11\r\n");
+    EXPECT_EQ(ReadOn(false), "9;");
+}
+
+PHANDLER_ROUTINE s_onControl;
+
+class CFollowing final : public CtlResult
 {
 public:
     void Out(const std::wstring& text) override
     {
-        m_text += text + L"\n";
-        ::SetEvent(text.ends_with(L"last") ? m_stop.Get() : nullptr);
+        CtlResult::Out(text);
+        m_isAtEnd = text.ends_with(L"last");
+        ::SetEvent(m_hasBegun.Get());
     }
-    void Error(const std::wstring& text) override { Out(text); }
 
-    const Basalt::CHandle m_stop{::CreateEventW(nullptr, TRUE, FALSE, nullptr)};
-    std::wstring m_text; ///< Of the follower's thread while it runs.
+    const Basalt::CHandle m_hasBegun{::CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+    static inline bool m_isAtEnd = false; ///< Of the follower's thread.
 };
 
-TEST_F(LogShowTest, FollowingLosesNoLineAtRotationsAndEndsWhenStopped)
+TEST_F(LogShowTest, FollowingLosesNoLineAtRotationsAndEndsAtControlC)
 {
-    CStoppingConsole console;
+    const CImportPatch patches[] = {
+        {"SetConsoleCtrlHandler",
+         +[](PHANDLER_ROUTINE handler, BOOL isAdded) {
+             s_onControl = handler;
+             return isAdded;
+         }},
+        {"WaitForMultipleObjects", +[](DWORD count, const HANDLE* handles, BOOL all, DWORD milliseconds) {
+             if (CFollowing::m_isAtEnd)
+             {
+                 EXPECT_FALSE(s_onControl(CTRL_CLOSE_EVENT));
+                 EXPECT_TRUE(s_onControl(CTRL_C_EVENT));
+             }
+             return RealFunction<decltype(::WaitForMultipleObjects)>("WaitForMultipleObjects")(
+                 count, handles, all, milliseconds);
+         }}};
+    ETWLogging::CLogFile log;
+    log.SetPath(m_file);
+    log.SetRotation(7, 99);
+    CFollowing console;
+    TxCtl::ExitCode exitCode{};
+    std::thread follower([&] { exitCode = TxCtl::RunTool({L"log", L"show", m_file, L"--follow"}, console); });
     std::wstring expected;
-    m_log.SetRotation(7, 99);
-    std::jthread follower([&] { TxCtl::CLogShow(m_file, 99, {}, console.m_stop.Get(), console).Follow(); });
     for (int i = 0; i < 400; ++i)
     {
         const std::wstring message = i == 399 ? L"last" : std::to_wstring(i);
-        Write(1, message);
+        ETWLogging::CLogFile::COpened file;
+        EXPECT_EQ(log.Open(true, file), DWORD{0});
+        const ETWLogging::LogLineFields fields{.time = {2026, 11, 0, 24, 1, 0, 0, 0}};
+        EXPECT_EQ(log.Write(file, BuildLogLine(fields, L"Normal", message.c_str())), DWORD{0});
         expected += L"2026-11-24T01:00:00  Normal       " + message + L"\n";
+        EXPECT_EQ(::WaitForSingleObject(console.m_hasBegun.Get(), 60000), WAIT_OBJECT_0);
     }
 
-    EXPECT_EQ(::WaitForSingleObject(console.m_stop.Get(), 20000), WAIT_OBJECT_0);
-    ::SetEvent(console.m_stop.Get());
     follower.join();
-    EXPECT_EQ(ToUtf8(console.m_text), ToUtf8(expected));
+    EXPECT_EQ(exitCode, TxCtl::ExitCode::Success);
+    EXPECT_TRUE(console.out == expected) << Narrow(console.out + console.error).substr(0, 1000);
+}
+
+TEST_F(LogShowTest, AnAgeIsCountedBackFromNowAndLocal)
+{
+    constexpr double kHour = 3600e7;
+    const CImportPatch zone("SystemTimeToTzSpecificLocalTime", &LocalTimeAnHourLater);
+    for (const auto& [age, hours] : {std::pair{L"90m", 1.5}, {L"2h", 2.0}, {L"3d", 72.0}})
+    {
+        FILETIME now{};
+        ::GetSystemTimeAsFileTime(&now);
+        const auto local =
+            static_cast<double>(ULONGLONG{now.dwHighDateTime} << 32 | now.dwLowDateTime) + kHour;
+        EXPECT_NEAR(static_cast<double>(TxCtl::ParseMoment(age)), local - hours * kHour, 60e7) << hours;
+    }
 }
 
 } // namespace

@@ -4,176 +4,148 @@
 #include <evntcons.h>
 #include <evntrace.h>
 
-#include <nlohmann/json.hpp>
+#include <gtest/gtest.h>
+#include <stdexcept>
+#include <string>
 #include <vector>
 
 #include "CtlTest.h"
-#include "logging/ETWLogging.h"
 #include "logging/EventRecord.h"
 #include "support/ImportPatch.h"
-#include "support/Narrow.h"
+#include "txsvcctl/ToolError.h"
 
 namespace
 {
 
-using Bytes = std::vector<BYTE>;
-
-Bytes s_payload;
-
-ULONG WINAPI CopyPayload(TRACEHANDLE, EVENT_TRACE_HEADER* header)
+/// The data of an event as it stands in a trace.
+std::string Payload(ULONG level, const std::wstring& message)
 {
-    s_payload.clear();
-    for (const MOF_FIELD& field : reinterpret_cast<ETWLogging::MessageEvent*>(header)->fields)
-    {
-        const auto* const data = reinterpret_cast<const BYTE*>(field.DataPtr);
-        s_payload.insert(s_payload.end(), data, data + field.Length);
-    }
-    return ERROR_SUCCESS;
+    const auto number = [](ULONG value) { return std::string(reinterpret_cast<const char*>(&value), 4); };
+    const auto text = [](const std::wstring& value) {
+        return std::string(reinterpret_cast<const char*>(value.c_str()), 2 * value.size() + 2);
+    };
+    return number(level) + text(L"C:\\src\\Source.cpp") + text(L"CClass::Method") + number(12) +
+           text(L"PLATFORM") + number(345) + number(678) + text(message);
 }
 
-/// The data of an event as it stands in a trace: what the real logger hands to TraceEvent.
-Bytes PayloadOf(DWORD level, const wchar_t* text)
+bool IsMessage(const std::string& data)
 {
-    const CImportPatch patches[] = {
-        {"RegisterTraceGuidsW",
-         +[](WMIDPREQUEST callback,
-             void* context,
-             const GUID*,
-             ULONG,
-             TRACE_GUID_REGISTRATION*,
-             LPCWSTR,
-             LPCWSTR,
-             TRACEHANDLE*) {
-             WNODE_HEADER node{};
-             ULONG size = sizeof(node);
-             return callback(WMI_ENABLE_EVENTS, context, &size, &node);
-         }},
-        {"GetTraceLoggerHandle", +[](void*) { return TRACEHANDLE{1}; }},
-        {"GetTraceEnableLevel", +[](TRACEHANDLE) { return UCHAR{TRACE_LEVEL_VERBOSE}; }},
-        {"GetTraceEnableFlags", +[](TRACEHANDLE) { return ULONG{0}; }},
-        {"TraceEvent", &CopyPayload}};
-    ETWLogging::CETWLogging logger;
-    logger.InitializeEx(nullptr, L"PLATFORM", 0, nullptr, 0);
-    logger.Start();
-    logger.LogEx(level, L"C:\\src\\Source.cpp", L"CClass::Method", 12, text);
-    return s_payload;
+    return TxCtl::DecodeTraceMessage(reinterpret_cast<const BYTE*>(data.data()), data.size()).has_value();
 }
 
-TEST(TraceMessage, IsReadBackFieldByFieldAndOnlyWhole)
+TEST(TraceMessage, IsReadBackOnlyWhole)
 {
-    const Bytes whole = PayloadOf(ETWLogging::LogError, L"the text");
-
-    const TxCtl::TraceMessage message =
-        TxCtl::DecodeTraceMessage(whole.data(), whole.size()).value_or(TxCtl::TraceMessage{});
-
-    EXPECT_EQ(message.level, ULONG{ETWLogging::LogError});
-    EXPECT_EQ(message.file + message.function + message.group, L"C:\\src\\Source.cppCClass::MethodPLATFORM");
-    EXPECT_EQ(message.line, 12U);
-    EXPECT_EQ(message.processId, ::GetCurrentProcessId());
-    EXPECT_EQ(message.threadId, ::GetCurrentThreadId());
-    EXPECT_EQ(message.message, L"the text");
+    const std::string whole = Payload(4, L"text");
+    EXPECT_TRUE(IsMessage(whole));
+    EXPECT_FALSE(IsMessage(whole + '\0'));
     for (std::size_t size = 0; size < whole.size(); ++size)
     {
-        const Bytes cut(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size));
-        EXPECT_FALSE(TxCtl::DecodeTraceMessage(cut.data(), size)) << size;
+        EXPECT_FALSE(IsMessage(whole.substr(0, size))) << size;
     }
-    Bytes more = whole;
-    more.push_back(0);
-    EXPECT_FALSE(TxCtl::DecodeTraceMessage(more.data(), more.size()));
-    const Bytes hostile(1000, 0xFF);
-    EXPECT_FALSE(TxCtl::DecodeTraceMessage(hostile.data(), hostile.size()));
 }
 
-/// The system's side: what the file holds.
-std::vector<EVENT_RECORD> s_records;
-EVENT_TRACE_LOGFILEW s_opened{};
-
-ULONG WINAPI PlayTrace(TRACEHANDLE*, ULONG, FILETIME*, FILETIME*)
+/// The system's side: what the file holds, and what comes of reading it.
+struct Event
 {
-    for (EVENT_RECORD& record : s_records)
+    std::string data;
+    GUID provider = ETWLogging::kMessageEventClass;
+    UCHAR type = ETWLogging::kMessageEventType;
+    UCHAR version = ETWLogging::kMessageEventVersion;
+};
+std::vector<Event> s_events;
+EVENT_TRACE_LOGFILEW s_opened{};
+ULONG s_status;
+int s_open;
+
+TRACEHANDLE WINAPI OpenIt(EVENT_TRACE_LOGFILEW* trace)
+{
+    EXPECT_EQ(trace->ProcessTraceMode, ULONG{PROCESS_TRACE_MODE_EVENT_RECORD});
+    s_opened = *trace;
+    const bool isThere = trace->LogFileName == std::wstring(L"host.etl");
+    s_open += isThere;
+    ::SetLastError(ERROR_PATH_NOT_FOUND);
+    return isThere ? 7 : INVALID_PROCESSTRACE_HANDLE;
+}
+
+ULONG WINAPI PlayIt(TRACEHANDLE* handle, ULONG count, FILETIME*, FILETIME*)
+{
+    EXPECT_EQ(*handle, count * 7);
+    const SYSTEMTIME noon = {2026, 11, 0, 24, 12, 30, 5, 7};
+    for (Event& event : s_events)
     {
+        EVENT_RECORD record{};
+        record.EventHeader.ProviderId = event.provider;
+        record.EventHeader.EventDescriptor.Opcode = event.type;
+        record.EventHeader.EventDescriptor.Version = event.version;
+        ::SystemTimeToFileTime(&noon, reinterpret_cast<FILETIME*>(&record.EventHeader.TimeStamp));
+        record.UserData = event.data.data();
+        record.UserDataLength = static_cast<USHORT>(event.data.size());
         record.UserContext = s_opened.Context;
         s_opened.EventRecordCallback(&record);
     }
-    return ERROR_SUCCESS;
+    return s_status;
 }
 
-EVENT_RECORD Record(Bytes& data, const GUID& eventClass = ETWLogging::kMessageEventClass)
+ULONG WINAPI CloseIt(TRACEHANDLE handle)
 {
-    EVENT_RECORD record{};
-    record.EventHeader.Flags = EVENT_HEADER_FLAG_CLASSIC_HEADER;
-    record.EventHeader.ProviderId = eventClass;
-    record.EventHeader.EventDescriptor.Opcode = ETWLogging::kMessageEventType;
-    record.EventHeader.EventDescriptor.Version = ETWLogging::kMessageEventVersion;
-    const SYSTEMTIME noon = {2026, 11, 0, 24, 12, 30, 5, 7};
-    FILETIME time{};
-    ::SystemTimeToFileTime(&noon, &time);
-    record.EventHeader.TimeStamp.LowPart = time.dwLowDateTime;
-    record.EventHeader.TimeStamp.HighPart = static_cast<LONG>(time.dwHighDateTime);
-    record.UserData = data.data();
-    record.UserDataLength = static_cast<USHORT>(data.size());
-    return record;
+    s_open -= handle == 7;
+    return 0;
 }
 
-class LogTraceTest : public CtlTest
+CtlResult Trace(std::vector<std::wstring> options = {}, const wchar_t* file = L"host.etl")
 {
-protected:
-    ~LogTraceTest() override { s_records.clear(); }
-};
+    options.insert(options.begin(), {L"log", L"trace", file});
+    const CtlResult result = RunCtl(options);
+    EXPECT_EQ(s_open, 0);
+    return result;
+}
 
-TEST_F(LogTraceTest, PrintsTheHostsMessagesAndCountsTheRest)
+TEST(LogTrace, PrintsTheHostsMessagesInLocalTimeAndCountsTheRest)
 {
-    Bytes warning = PayloadOf(ETWLogging::LogWarning, L"low $");
-    Bytes error = PayloadOf(ETWLogging::LogError, L"high\r\n");
-    Bytes nameless = PayloadOf(9, L"odd");
-    Bytes damaged(error.begin(), error.end() - 1);
-    s_records = {Record(warning), Record(error), Record(nameless), Record(damaged), Record(error, GUID{})};
     const CImportPatch patches[] = {
-        {"OpenTraceW",
-         +[](EVENT_TRACE_LOGFILEW* trace) {
-             EXPECT_EQ(trace->LogFileName, std::wstring(L"host.etl"));
-             EXPECT_EQ(trace->ProcessTraceMode, ULONG{PROCESS_TRACE_MODE_EVENT_RECORD});
-             s_opened = *trace;
-             return TRACEHANDLE{7};
-         }},
-        {"ProcessTrace", &PlayTrace},
-        {"CloseTrace", +[](TRACEHANDLE handle) { return handle == 7 ? ULONG{0} : ULONG{1}; }}};
+        {"OpenTraceW", &OpenIt},
+        {"ProcessTrace", &PlayIt},
+        {"CloseTrace", &CloseIt},
+        {"SystemTimeToTzSpecificLocalTime", &LocalTimeAnHourLater}};
+    const std::string error = Payload(4, L"high\r\n");
+    const auto line = [](const wchar_t* level, const wchar_t* message) {
+        return std::wstring(L"11/24/2026 01:30:05 PM$ -- (") + level +
+               L")$ [       PLATFORM]$ [PID:  345 TID:  678]$ [          Source.cpp:   12]$ [" +
+               std::wstring(26, L' ') + L"CClass::Method()]$ " + message + L"\n";
+    };
+    const std::wstring low = line(L"Warning", L"low $");
+    const std::wstring high = line(L"Error", L"high") + line(L"9", L"odd");
 
-    const CtlResult text = Run({L"log", L"trace", L"host.etl", L"--level", L"4"});
-    const CtlResult json = Run({L"log", L"trace", L"host.etl", L"--json"});
+    s_events = {{Payload(2, L"low $")}, {error}, {Payload(9, L"odd")}};
+    EXPECT_EQ(Narrow(Trace().out), Narrow(low + high));
+    EXPECT_EQ(Narrow(Trace({L"--level", L"4"}).out), Narrow(high));
+    EXPECT_EQ(Narrow(Trace({L"--since", L"2026-11-24 13:30"}).out), Narrow(low + high));
+    EXPECT_EQ(Narrow(Trace({L"--since", L"2026-11-24 13:31"}).out), "");
+    EXPECT_EQ(
+        Narrow(Trace({L"--level", L"9", L"--json"}).out),
+        R"({"time":"2026-11-24T13:30:05.007","level":9,"levelName":"9","tag":"PLATFORM","process":345,"thread":678,)"
+        R"("source":"C:\\src\\Source.cpp","line":12,"function":"CClass::Method","message":"odd"})"
+        "\n");
+    EXPECT_EQ(Narrow(Trace().error), "");
 
-    EXPECT_EQ(text.exitCode + json.exitCode, 0);
-    EXPECT_EQ(text.error, L"Left out: 1 events of other providers, 1 that could not be read.\n");
-    const std::size_t second = text.out.find(L'\n') + 1;
-    EXPECT_NE(text.out.find(L"05 "), std::wstring::npos);
-    EXPECT_NE(text.out.find(L"$ -- (Error)$ [       PLATFORM]$ [PID:"), std::wstring::npos);
-    EXPECT_NE(
-        text.out.find(
-            L"]$ [          Source.cpp:   12]$ [                          CClass::Method()]$ high\n"),
-        std::wstring::npos)
-        << Narrow(text.out);
-    EXPECT_NE(text.out.find(L"(9)$", second), std::wstring::npos);
-    const nlohmann::json first = nlohmann::json::parse(Narrow(json.out.substr(0, json.out.find(L'\n'))));
-    EXPECT_EQ(first["message"], "low $");
-    EXPECT_EQ(first["levelName"], "Warning");
-    EXPECT_EQ(first["time"].get<std::string>().substr(14), "30:05.007");
-    EXPECT_EQ(first["source"], "C:\\src\\Source.cpp");
-    EXPECT_EQ(Run({L"log", L"trace", L"host.etl", L"--since", L"2026-11-26"}).out, L"");
-    EXPECT_NE(Run({L"log", L"trace", L"host.etl", L"--since", L"2026-11-23"}).out, L"");
-    EXPECT_EQ(Run({L"log", L"trace", L"host.etl", L"--since", L"once"}).exitCode, 2);
-}
+    s_events = {{error.substr(1)}};
+    EXPECT_EQ(Narrow(Trace().error), "Left out: 0 events of other providers, 1 that could not be read.\n");
+    constexpr GUID kSystem = {0x68FDD900, 0x4A3E, 0x11D1, {0x84, 0xF4, 0x00, 0x00, 0xF8, 0x04, 0x64, 0xE3}};
+    s_events = {{error, GUID{}}, {error, kSystem}, {.data = error, .type = 2}, {.data = error, .version = 0}};
+    EXPECT_EQ(Narrow(Trace().error), "Left out: 3 events of other providers, 0 that could not be read.\n");
+    EXPECT_EQ(Narrow(Trace().out), "");
 
-TEST_F(LogTraceTest, ATraceThatCannotBeReadIsAnError)
-{
-    const CtlResult missing = Run({L"log", L"trace", L"C:\\missing.etl"});
-    EXPECT_EQ(missing.exitCode, 1);
-    EXPECT_NE(missing.error.find(L"cannot open trace 'C:\\missing.etl'"), std::wstring::npos);
+    s_status = ERROR_FILE_CORRUPT;
+    EXPECT_EQ(Trace().error.find(L"txsvcctl: cannot read trace 'host.etl': error 1392: "), 0U);
+    EXPECT_EQ(Trace({}, L"none.etl").error.find(L"txsvcctl: cannot open trace 'none.etl': error 3: "), 0U);
 
-    const CImportPatch open("OpenTraceW", +[](EVENT_TRACE_LOGFILEW*) { return TRACEHANDLE{7}; });
-    const CImportPatch process(
-        "ProcessTrace", +[](TRACEHANDLE*, ULONG, FILETIME*, FILETIME*) { return ULONG{ERROR_FILE_CORRUPT}; });
-    EXPECT_NE(Run({L"log", L"trace", L"x.etl"}).error.find(L"error 1392"), std::wstring::npos);
-    EXPECT_EQ(Run({L"log", L"trace"}).exitCode, 2);
+    struct CFull final : CtlResult
+    {
+        void Out(const std::wstring& /*text*/) override { throw std::runtime_error("full"); }
+    } full;
+    s_events = {{error}, {error}};
+    EXPECT_EQ(TxCtl::RunTool({L"log", L"trace", L"host.etl"}, full), TxCtl::ExitCode::Failed);
+    EXPECT_EQ(Narrow(full.error), "txsvcctl: full\n");
 }
 
 } // namespace
