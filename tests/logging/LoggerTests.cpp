@@ -1,8 +1,9 @@
 #include <cstdarg>
 #include <memory>
+#include <optional>
+#include <regex>
 #include <thread>
 #include <tuple>
-#include <vector>
 
 #include "LoggingTest.h"
 #include "base/Text.h"
@@ -29,93 +30,76 @@ struct LoggerTest : LoggingTest
 
 TEST_F(LoggerTest, AnEventCarriesTheMessageFieldByField)
 {
-    // The level, as a field, on Windows' scale in the header.
-    const std::tuple<DWORD, DWORD, UCHAR> rows[] = {
-        {1, 1, 5},
-        {2, 2, 3},
-        {3, 3, 4},
-        {4, 4, 2},
-        {5, 5, 1},
-        {6, 3, 4},
-        {0, 0, 0},
-        {7, 7, 0},
-        {300, 300, 0}};
-    ASSERT_EQ(m_logger.InitializeEx(nullptr, L"GROUP", 0, nullptr, 0), 0U);
-    ASSERT_EQ(m_logger.Start(), 0U);
-    for (const auto& [level, carried, windowsLevel] : rows)
+    ASSERT_EQ(m_logger.InitializeEx(nullptr, L"GROUP", 0, nullptr, 0) + m_logger.Start(), 0U);
+    std::string levels; // As a field, on Windows' scale in the header.
+    for (const DWORD level : {1U, 2U, 3U, 4U, 5U, 6U, 0U, 7U, 300U})
     {
         EXPECT_EQ(m_logger.LogEx(level, L"file", nullptr, 0x1234567, L"text"), 0U);
         const LogLine line = m_trace.Lines().back();
-        EXPECT_EQ(line.level, carried);
-        EXPECT_EQ(line.windowsLevel, windowsLevel) << level;
+        levels += std::to_string(line.level) + "/" + std::to_string(line.windowsLevel) + " ";
         EXPECT_EQ(line.source + line.function + line.group + line.message, L"fileGROUPtext");
         EXPECT_EQ(line.line, 0x1234567U);
         EXPECT_EQ(line.processId, ::GetCurrentProcessId());
         EXPECT_EQ(line.threadId, ::GetCurrentThreadId());
     }
+    EXPECT_EQ(levels, "1/5 2/3 3/4 4/2 5/1 3/4 0/0 7/0 300/0 ");
 }
 
-TEST_F(LoggerTest, TheSessionChoosesTheLevels)
+TEST_F(LoggerTest, TheSessionChoosesTheLevelsBetweenStartAndStop)
 {
-    // Session on, its level, its flags; the message's level; enabled, written. The configured threshold is 4.
-    const std::tuple<bool, UCHAR, ULONG, DWORD, bool, bool> rows[] = {
-        {true, 0, 0, 4, true, true},
-        {true, 0, 0, 3, true, true}, // Information always passes.
-        {true, 0, 0, 2, false, true},
-        {true, 0, 0, MAXDWORD, true, true}, // Without sign.
-        {true, 1, 0, 5, true, true},        // Windows' scale: critical.
-        {true, 1, 0, 4, false, true},
-        {true, 2, 0, 4, true, true},
-        {true, 2, 0, 2, false, true},
-        {true, 3, 0, 2, true, true},
-        {true, 4, 0, 1, false, true},
-        {true, 5, 0, 1, true, true},
-        {true, 255, 0, 1, true, true},
-        {false, 5, 0, 1, false, false},
-        {false, 1, 0, 4, true, false},
-        {true, 5, 1U << 3, 4, true, true},
-        {true, 5, 1U << 3, 5, true, false},
-        {true, 5, 1U << 3, 3, true, true},  // Information reaches every session.
-        {true, 5, 1U << 3, 33, true, true}, // No flag stands for it.
-    };
+    // The session's level, its flags, whether it is on; the levels enabled, the levels written. The
+    // configured threshold is 4.
+    const std::tuple<UCHAR, ULONG, bool, const char*, const char*> rows[] = {
+        {0, 0, true, "34567", "1234567"},
+        {1, 0, true, "3567", "1234567"}, // Windows' scale: critical.
+        {2, 0, true, "34567", "1234567"},
+        {3, 0, true, "234567", "1234567"},
+        {4, 0, true, "234567", "1234567"},
+        {5, 0, true, "1234567", "1234567"},
+        {255, 0, true, "1234567", "1234567"},
+        {5, 1U << 3, true, "1234567", "347"}, // No flag stands for 7, and information reaches every session.
+        {5, 1U << 5, true, "1234567", "367"},
+        {5, 1U << 3, false, "34567", ""}};
+    const std::size_t others = m_trace.Registered();
     CLevelGate gate;
-    m_trace.Session().isOn = false;
     m_logger.SetLevelGate(&gate);
-    EXPECT_FALSE(gate.IsClosed(1)); // Start is still to come, and may fail.
-    ASSERT_EQ(m_logger.Start(), 0U);
-    EXPECT_TRUE(gate.IsClosed(4)) << "nobody listens yet";
     m_logger.SetThreshold(4);
-    for (const auto& [isOn, sessionLevel, flags, level, enabled, written] : rows)
+    m_trace.Session() = {.isOn = false, .status = ERROR_NO_SYSTEM_RESOURCES};
+    EXPECT_EQ(m_logger.Start(), DWORD{ERROR_NO_SYSTEM_RESOURCES});
+    EXPECT_EQ(m_logger.Stop(), 0U);
+    EXPECT_FALSE(gate.IsClosed(1)); // Start may still come.
+    m_trace.Session().status = 0;
+    ASSERT_EQ(m_logger.Start() + m_logger.Start(), 0U);
+    EXPECT_EQ(m_trace.Registered(), others + 1);
+    EXPECT_TRUE(gate.IsClosed(4)) << "nobody listens yet";
+    for (const auto& [sessionLevel, flags, isOn, enabled, written] : rows)
     {
-        SCOPED_TRACE(testing::Message() << isOn << ' ' << int{sessionLevel} << ' ' << flags << ' ' << level);
+        SCOPED_TRACE(testing::Message() << int{sessionLevel} << ' ' << flags << isOn);
         m_trace.Session().level = sessionLevel;
         m_trace.Session().flags = flags;
         EXPECT_EQ(m_trace.Tell(WMI_ENABLE_EVENTS), 0U);
         EXPECT_EQ(isOn ? 0U : m_trace.Tell(WMI_DISABLE_EVENTS), 0U);
-        EXPECT_EQ(m_logger.IsLevelEnabled(level) != 0, enabled);
-        EXPECT_EQ(m_logger.Log(L"", L"", 1, level, L"text"), 0U);
-        EXPECT_EQ(m_trace.Take().empty(), !written);
-        EXPECT_EQ(gate.IsClosed(level), level < CLevelGate::kLevels && !(enabled && written));
+        std::string isEnabled, isWritten;
+        for (DWORD level = 1; level <= 7; ++level)
+        {
+            isEnabled += m_logger.IsLevelEnabled(level) != 0 ? std::to_string(level) : "";
+            EXPECT_EQ(m_logger.Log(L"", L"", 1, level, L"text"), 0U);
+            const bool isThere = !m_trace.Take().empty();
+            isWritten += isThere ? std::to_string(level) : "";
+            EXPECT_EQ(gate.IsClosed(level), !isThere || m_logger.IsLevelEnabled(level) == 0);
+        }
+        EXPECT_EQ(isEnabled, enabled);
+        EXPECT_EQ(isWritten, written);
     }
+    EXPECT_NE(m_logger.IsLevelEnabled(MAXDWORD), 0U); // Without sign.
+    EXPECT_FALSE(gate.IsClosed(MAXDWORD));
     EXPECT_EQ(m_trace.Tell(WMI_GET_ALL_DATA), DWORD{ERROR_INVALID_PARAMETER});
-    EXPECT_EQ(m_logger.Stop(), 0U);
-    EXPECT_FALSE(gate.IsClosed(4));
-}
-
-TEST_F(LoggerTest, RegistersOnceAndUnregistersWhatItRegistered)
-{
-    const std::size_t others = m_trace.Registered();
-    m_trace.Session().status = ERROR_NO_SYSTEM_RESOURCES;
-    EXPECT_EQ(m_logger.Start(), DWORD{ERROR_NO_SYSTEM_RESOURCES});
-    EXPECT_EQ(m_logger.Stop(), 0U);
-    m_trace.Session().status = 0;
-    EXPECT_EQ(m_logger.Start() + m_logger.Start(), 0U);
-    EXPECT_EQ(m_trace.Registered(), others + 1);
-    EXPECT_EQ(m_logger.Stop(), 0U);
-    EXPECT_EQ(CETWLogging().Start(), 0U);
+    EXPECT_EQ(m_trace.Tell(WMI_ENABLE_EVENTS), 0U);
+    EXPECT_EQ(m_logger.Stop() + CETWLogging().Start(), 0U);
     EXPECT_EQ(m_trace.Registered(), others);
     EXPECT_EQ(m_logger.LogEx(LogError, L"", L"", 1, L"text"), 0U);
     EXPECT_EQ(m_trace.Take(), "");
+    EXPECT_FALSE(gate.IsClosed(4));
 }
 
 struct Config final : ILogConfigReader
@@ -213,31 +197,23 @@ TEST_F(LoggerTest, TheHolderCutsTheTextAndAsksForTheLevelAsTheKindOfLoggerWantsI
 TEST_F(LoggerTest, TeardownWaitsForTheUsersAndLeaksWhatTheyKeep)
 {
     const std::size_t others = m_trace.Registered();
-    CLoggerSlot slot;
-    slot.Publish(MakeHolder(0));
+    for (const bool isStaying : {false, true})
     {
-        const CLoggerSlot::CUse use(slot);
-        slot.Teardown(10);
-        EXPECT_EQ(Write(*use.Get(), LogError, L"still there"), 0U);
-        EXPECT_EQ(CLoggerSlot::CUse(slot).Get(), nullptr);
-    }
-    slot.Publish(MakeHolder(0));
-    std::atomic<bool> isInside = false;
-    std::jthread user([&] {
-        const CLoggerSlot::CUse use(slot);
-        EXPECT_EQ(Write(*use.Get(), LogError, L"text"), 0U);
-        isInside = true;
-        while (CLoggerSlot::CUse(slot).Get() != nullptr) // Until the teardown has begun.
+        CLoggerSlot slot;
+        slot.Publish(MakeHolder(0));
+        std::optional<CLoggerSlot::CUse> use(std::in_place, slot);
+        EXPECT_EQ(Write(*use->Get(), LogError, L"text"), 0U);
+        std::thread ending([&] { slot.Teardown(isStaying ? 10 : INFINITE); });
+        while (CLoggerSlot::CUse(slot).Get() != nullptr)
         {
         }
-        ::Sleep(20); // Enough for one that would not wait.
-        EXPECT_EQ(m_trace.Registered(), others + 2);
-    });
-    while (!isInside)
-    {
+        isStaying ? ending.join() : ::Sleep(20); // Enough for one that would not wait.
+        EXPECT_EQ(m_trace.Registered(), others + 1);
+        EXPECT_EQ(Write(*use->Get(), LogError, L"still there"), 0U);
+        use.reset();
+        isStaying ? void() : ending.join();
+        EXPECT_EQ(m_trace.Registered(), others + isStaying);
     }
-    slot.Teardown(INFINITE);
-    EXPECT_EQ(m_trace.Registered(), others + 1);
 }
 
 std::wstring s_lines;
@@ -257,7 +233,6 @@ TEST_F(LoggerTest, OneBasaltHandlerAtATimeIsRegisteredAndItsOwnersLearnOfMistake
 {
     CLogger::UnregisterHandler(&Basalt::DefaultLoggingHandler());
     Recorder a(L"a"), b(L"b");
-    const auto number = [](const void* p) { return static_cast<DWORD>(reinterpret_cast<std::uintptr_t>(p)); };
     EXPECT_EQ(CLogger::UnregisterHandler(&a), DWORD{ERROR_INVALID_STATE});
     EXPECT_EQ(CLogger::RegisterHandler(&a) + CLogger::RegisterHandler(&a), 0U);
     EXPECT_EQ(CLogger::RegisterHandler(&b), DWORD{ERROR_INVALID_STATE});
@@ -269,32 +244,30 @@ TEST_F(LoggerTest, OneBasaltHandlerAtATimeIsRegisteredAndItsOwnersLearnOfMistake
         CLogger::Log(1, L"file", L"f", 3, L"text");
     }
     EXPECT_EQ(CLogger::UnregisterHandler(&a), 0U);
-    const std::wstring state = Basalt::SystemMessage(ERROR_INVALID_STATE),
-                       parameter = Basalt::SystemMessage(ERROR_INVALID_PARAMETER);
+    for (const Recorder* const recorder : {&a, &b})
+    {
+        const auto number = static_cast<DWORD>(reinterpret_cast<std::uintptr_t>(recorder));
+        const std::wregex text(Basalt::FormatText(L"0x%08X", number));
+        s_lines = std::regex_replace(s_lines, text, recorder->name);
+    }
+    const std::string parameter = Narrow(Basalt::SystemMessage(ERROR_INVALID_PARAMETER)),
+                      state = Narrow(Basalt::SystemMessage(ERROR_INVALID_STATE));
     EXPECT_EQ(
-        s_lines,
-        Basalt::FormatText(
-            LR"(a 2 Logging\internal_logging Basalt::CLogger::UnregisterHandler 102 %s: Request to Unregister Logging handler 0x%08X, but none are registered
-a 2 Logging\internal_logging Basalt::CLogger::RegisterHandler 67 %s: Registered Logging Handler 0x%08X cannot be replaced with 0x%08X
-a 2 Logging\internal_logging Basalt::CLogger::RegisterHandler 57 %s: Cannot Register (NULL) handler
-a 2 Logging\internal_logging Basalt::CLogger::UnregisterHandler 92 %s: Cannot Unregister (NULL) handler
-a 2 Logging\internal_logging Basalt::CLogger::UnregisterHandler 110 %s: Failed to Unregister Logging handler (requested handler 0x%08X != registered handler 0x%08X)
-b 2 Logging\internal_logging Basalt::CLogger::UnregisterHandler 115 %s: Failed to Unregister Logging handler (requested handler 0x%08X != registered handler 0x%08X)
+        Narrow(s_lines),
+        R"(a 2 Logging\internal_logging Basalt::CLogger::UnregisterHandler 102 )" + state +
+            R"(: Request to Unregister Logging handler a, but none are registered
+a 2 Logging\internal_logging Basalt::CLogger::RegisterHandler 67 )" +
+            state + R"(: Registered Logging Handler a cannot be replaced with b
+a 2 Logging\internal_logging Basalt::CLogger::RegisterHandler 57 )" +
+            parameter + R"(: Cannot Register (NULL) handler
+a 2 Logging\internal_logging Basalt::CLogger::UnregisterHandler 92 )" +
+            parameter + R"(: Cannot Unregister (NULL) handler
+a 2 Logging\internal_logging Basalt::CLogger::UnregisterHandler 110 )" +
+            state + R"(: Failed to Unregister Logging handler (requested handler b != registered handler a)
+b 2 Logging\internal_logging Basalt::CLogger::UnregisterHandler 115 )" +
+            state + R"(: Failed to Unregister Logging handler (requested handler b != registered handler a)
 a 2 file f 3 General memory-allocation failure in Basalt logger.
-)",
-            state.c_str(),
-            number(&a),
-            state.c_str(),
-            number(&a),
-            number(&b),
-            parameter.c_str(),
-            parameter.c_str(),
-            state.c_str(),
-            number(&b),
-            number(&a),
-            state.c_str(),
-            number(&b),
-            number(&a)));
+)");
     // Without one the default handler sends the bare message to the debugger until it is replaced.
     static std::wstring s_debugger;
     const CImportPatch debugger("OutputDebugStringW", +[](Text text) { s_debugger += text; });

@@ -12,6 +12,7 @@
 
 #include "support/FakeTrace.h"
 #include "support/ImportPatch.h"
+#include "support/NoMemory.h"
 #include "workingset/WorkingSetTimer.h"
 
 namespace
@@ -25,7 +26,8 @@ constexpr LONGLONG kTicks = kMeasureMs * 10000LL, kBusy = 4 * kTicks / 10, kLong
 struct Step
 {
     std::optional<WorkingSetRecord> start; ///< With new settings.
-    char trigger;         ///< T timer, E event; t: timer, after an init that forgets nothing.
+    char trigger; ///< T timer, E event; t: timer, after an init that forgets nothing; i, m: without memory
+                  ///< for the init, for the run.
     ULONGLONG workingSet; ///< 0: cannot be read.
     /// "ws" the size is read, "cpu" usage measured, "idle" waited for less, "trim", "arm".
     std::string trace;
@@ -50,6 +52,7 @@ LONGLONG s_now = 0xFFFFFFFF, s_used = 0xFFFFFFFF; ///< Every interval carries in
 
 BOOL Note(const char* token)
 {
+    const CNoMemory::CExempt exempt;
     s_trace += s_trace.empty() ? token : std::string(" ") + token;
     s_isStopped = s_isStopped || s_step.stopAt == token;
     ::SetLastError(ERROR_ACCESS_DENIED);
@@ -72,9 +75,8 @@ struct WorkingSetCallbackTest : ::testing::Test, IWorkingSetTimer
             CTxWorkingSetCallback* const again = std::exchange(s_signalled, nullptr);
             EXPECT_TRUE(again == nullptr || again->OnCallback(false));
             s_now += s_step.elapsedTicks;
-            s_step.usedTicks.push_back(0);
-            s_used += s_step.usedTicks.front();
-            s_step.usedTicks.pop_front();
+            s_used += s_step.usedTicks.empty() ? 0 : s_step.usedTicks.front();
+            s_step.usedTicks.empty() ? void() : s_step.usedTicks.pop_front();
         }
         return s_isStopped ? WAIT_OBJECT_0 : WAIT_TIMEOUT;
     }
@@ -107,9 +109,15 @@ struct WorkingSetCallbackTest : ::testing::Test, IWorkingSetTimer
         s_step = step;
         s_trace.clear();
         s_isStopped = false;
-        step.start&& step.trigger != 't' ? void(m_callback.emplace()) : void();
-        ASSERT_TRUE(!step.start || m_callback->init(s_stopEvent, this, *step.start));
-        EXPECT_EQ(m_callback->OnCallback(step.trigger != 'E'), step.result);
+        step.start&& step.trigger == 'T' ? void(m_callback.emplace()) : void();
+        {
+            const CNoMemory noMemory(step.trigger == 'i' ? 0 : -1);
+            ASSERT_TRUE(!step.start || m_callback->init(s_stopEvent, this, *step.start));
+        }
+        {
+            const CNoMemory noMemory(step.trigger == 'm' ? 0 : -1);
+            EXPECT_EQ(m_callback->OnCallback(step.trigger != 'E'), step.result);
+        }
         EXPECT_EQ(s_trace, step.trace);
         EXPECT_EQ(m_callback->GetOptimalBucketUpperLimit(), step.limitAfter);
     }
@@ -179,6 +187,14 @@ TEST_F(WorkingSetCallbackTest, RunsTrimAndLearnTheBand)
              {Settings(2, 0), 'T', 1, "cpu ws trim arm", 0},
              {{}, 'T', 6 * kMb, "cpu ws trim arm", 0},
              {Settings(2, 0, 30, 20 * kMb), 't', 11 * kMb, "cpu ws trim arm", 20 * kMb},
+             // Without memory they are dropped.
+             {Settings(2, 0), 'T', 1, "cpu ws trim arm", 0},
+             {{}, 'T', 6 * kMb, "cpu ws trim arm", 0},
+             {{}, 'm', 6 * kMb, "cpu ws trim arm", 0},
+             {{}, 'T', 6 * kMb, "cpu ws trim arm", 0},
+             {Settings(9, 0), 't', 7 * kMb, "cpu ws trim arm", 0},
+             {Settings(2, 0, 30, kMb), 'i', 6 * kMb, "cpu ws trim arm", 0},
+             {{}, 'T', 6 * kMb, "cpu ws trim arm", 7 * kMb},
              // The ceiling is exact. 0.29 has no exact form: 28.999999999999996 is truncated.
              {Settings(1, 100, 29, 100), 'T', 128, "ws arm", 100},
              {{}, 'T', 129, "ws cpu trim arm", 100},
@@ -190,7 +206,10 @@ TEST_F(WorkingSetCallbackTest, RunsTrimAndLearnTheBand)
     {
         Play(step);
     }
-    EXPECT_EQ(m_log.Take(), "");
+    EXPECT_EQ(
+        m_log.Take(), R"(4 CTxWorkingSetCallback::addSample: Out of memory, the recorded samples are dropped
+4 CTxWorkingSetCallback::init: Out of memory, the recorded samples are dropped
+)");
 }
 
 TEST_F(WorkingSetCallbackTest, BusyProcessesWaitAndRunsEndEarlyWithoutArmingTheTimer)
