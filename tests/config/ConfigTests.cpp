@@ -7,8 +7,8 @@
 #include "config/RegistryStore.h"
 #include "config/TxSvcHostConfig.h"
 #include "logging/LoggingIf.h"
+#include "support/FakeTrace.h"
 #include "support/ImportPatch.h"
-#include "support/LogCapture.h"
 #include "support/Narrow.h"
 #include "support/TestKey.h"
 
@@ -36,7 +36,7 @@ TEST(RegistryStore, StringReadsEndAt1022BytesAndAtTheFirstTerminatorAndANullKeyI
     CTestKey key(HKEY_LOCAL_MACHINE, L"SOFTWARE\\TxTest\\Store");
     for (const auto& row : rows)
     {
-        const CLogCapture log;
+        const CFakeTrace log;
         std::wstring value;
         ASSERT_EQ(key.Key().WriteValue(L"text", REG_SZ, row.stored.c_str(), row.bytes), 0U);
 
@@ -45,7 +45,7 @@ TEST(RegistryStore, StringReadsEndAt1022BytesAndAtTheFirstTerminatorAndANullKeyI
         EXPECT_EQ(value.size(), row.expectedLength) << row.name;
         EXPECT_EQ(log.Has(ETWLogging::LogError, L"Error 0x000000EA on key 'text'"), !row.ok) << row.name;
     }
-    const CLogCapture log;
+    const CFakeTrace log;
     DWORD count = 0;
     std::vector<std::wstring> names = {L"old"};
     EXPECT_FALSE(CRegistryStore::QueryRegistryInfoKey(nullptr, count, count));
@@ -82,7 +82,7 @@ LSTATUS Fail()
 /// Makes each call once.
 void CallAll()
 {
-    const CLogCapture log;
+    const CFakeTrace log;
     CTxSvcHostConfig& config = CTxSvcHostConfig::GetInstance();
     std::vector<std::wstring> services;
     std::wstring clsid;

@@ -10,8 +10,8 @@
 #include "host/TxSvcHost.h"
 #include "host/TxSvcHostMain.h"
 #include "logging/LoggingIf.h"
+#include "support/FakeTrace.h"
 #include "support/ImportPatch.h"
-#include "support/LogCapture.h"
 #include "support/NoMemory.h"
 #include "support/TestKey.h"
 
@@ -136,7 +136,7 @@ protected:
 
     CTestKey m_root{HKEY_LOCAL_MACHINE, CTxSvcHostConfig::kRootKey};
     Basalt::CRegKey m_group;
-    CLogCapture m_log;
+    CFakeTrace m_log;
     wchar_t m_program[8] = L"program";
     wchar_t m_entry[3] = L"/g";
     wchar_t* m_argv[3] = {m_program, m_entry, nullptr};

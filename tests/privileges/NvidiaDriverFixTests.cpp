@@ -9,8 +9,8 @@
 
 #include "base/Owned.h"
 #include "logging/LoggingIf.h"
+#include "support/FakeTrace.h"
 #include "support/ImportPatch.h"
-#include "support/LogCapture.h"
 #include "support/Narrow.h"
 #include "support/NoMemory.h"
 
@@ -79,7 +79,7 @@ void* Fake(const char* name, Function* /*type*/)
 }
 
 /// All errors.
-std::string Errors(const CLogCapture& log)
+std::string Errors(const CFakeTrace& log)
 {
     std::string errors;
     for (const LogLine& line : log.Lines())
@@ -125,7 +125,7 @@ TEST(NvidiaDriverFix, TheFourAreEnabledForTheScopeAndAFailureAtAnyStepLeavesTheO
         {
             SetState(i, i == 1); // One that was on already has to stay on.
         }
-        const CLogCapture log;
+        const CFakeTrace log;
         g_calls = 0;
         g_failingCall = row.failingCall;
 
@@ -148,7 +148,7 @@ TEST(NvidiaDriverFix, TheFourAreEnabledForTheScopeAndAFailureAtAnyStepLeavesTheO
 TEST(NvidiaDriverFix, NothingChangesUnlessItIsToAndCould)
 {
     static int s_closed;
-    const CLogCapture log;
+    const CFakeTrace log;
     const std::string before = States();
     {
         const CImportPatch patch("CloseHandle", +[](HANDLE) { return ++s_closed; });

@@ -14,8 +14,8 @@
 #include "config/TxSvcHostConfig.h"
 #include "control/ReduceRestart.h"
 #include "logging/LoggingIf.h"
+#include "support/FakeTrace.h"
 #include "support/ImportPatch.h"
-#include "support/LogCapture.h"
 #include "support/NoMemory.h"
 #include "support/TestKey.h"
 
@@ -123,7 +123,7 @@ protected:
     CTestKey m_root{HKEY_LOCAL_MACHINE, CTxSvcHostConfig::kRootKey};
     CTestKey m_class{HKEY_CLASSES_ROOT, std::wstring(L"CLSID\\") + kClsid};
     CTxSvcHostProxy m_proxy;
-    CLogCapture m_log;
+    CFakeTrace m_log;
 
 private:
     CImportPatch m_patches[6] = {
@@ -254,7 +254,7 @@ TEST_F(TxSvcHostProxyTest, WhatTheSystemRefusesIsLogged)
 
 TEST(TxSvcHostProxy, WithoutArgumentsOrAnInstanceOrDuringAStopNothingRuns)
 {
-    const CLogCapture log;
+    const CFakeTrace log;
     wchar_t name[] = L"svc";
     LPWSTR argv[] = {name, nullptr};
 

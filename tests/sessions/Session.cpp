@@ -1,6 +1,7 @@
 #include "Session.h"
 
 #include <windows.h>
+#include <shellapi.h>
 
 #include <algorithm>
 #include <cwchar>
@@ -38,30 +39,13 @@ void ReplaceAll(Text& text, const Text& from, const Text& to)
     }
 }
 
-/// Words are parted by blanks; quotes keep blanks and an empty word together.
 std::vector<std::wstring> Split(const std::wstring& line)
 {
-    std::vector<std::wstring> words;
-    bool isQuoted = false;
-    bool isOpen = false;
-    for (const wchar_t character : line)
-    {
-        isQuoted = isQuoted != (character == L'"');
-        if (character == L' ' && !isQuoted)
-        {
-            isOpen = false;
-            continue;
-        }
-        if (!std::exchange(isOpen, true))
-        {
-            words.emplace_back();
-        }
-        if (character != L'"')
-        {
-            words.back() += character;
-        }
-    }
-    return words;
+    int count = 0;
+    wchar_t** const words = ::CommandLineToArgvW(line.c_str(), &count);
+    std::vector<std::wstring> split(words, words + count);
+    ::LocalFree(words);
+    return split;
 }
 
 /// The console of the tool's commands: what goes to the standard error is marked.
@@ -81,11 +65,6 @@ private:
 
     std::wstring& m_text;
 };
-
-std::wstring HostCommand(const std::wstring& arguments)
-{
-    return L"\"" + BesideTest(L"TxSvHost.exe") + L"\" " + arguments;
-}
 
 /// Removes the services and classes that the product's keys name, then the keys and the link to them.
 void ForgetProduct()
@@ -155,7 +134,7 @@ std::string CSession::Execute(const std::string& line)
         {L"host", {1, &CSession::host}},      {L"link", {1, &CSession::link}},
         {L"listen", {0, &CSession::listen}},  {L"log", {0, &CSession::log}},
         {L"class", {2, &CSession::setClass}}, {L"privileges", {0, &CSession::privileges}},
-        {L"run", {0, &CSession::run}},        {L"set", {3, &CSession::set}},
+        {L"run", {1, &CSession::run}},        {L"set", {3, &CSession::set}},
         {L"show", {1, &CSession::show}},      {L"start", {1, &CSession::start}},
         {L"state", {1, &CSession::state}},    {L"stop", {1, &CSession::stop}},
         {L"trim", {0, &CSession::trim}},      {L"txsvcctl", {0, &CSession::txsvcctl}}};
@@ -300,16 +279,17 @@ void CSession::file(const Words& words)
     }
 }
 
-/// The host by itself, outside of the service manager.
-void CSession::run(const Words& /*words*/)
+/// By itself, outside of the service manager.
+void CSession::run(const Words& words)
 {
     SkipControlPipe();
-    print(L"exit code " + std::to_wstring(RunProcess(HostCommand(m_arguments))));
+    const std::wstring arguments = m_arguments.substr(std::min(m_arguments.size(), words[0].size()));
+    print(L"exit code " + std::to_wstring(RunProcess(L"\"" + BesideTest(words[0]) + L"\"" + arguments)));
 }
 
 void CSession::host(const Words& /*words*/)
 {
-    m_host = std::make_unique<CGroupRunner>(HostCommand(m_arguments));
+    m_host = std::make_unique<CGroupRunner>(L"\"" + BesideTest(L"TxSvHost.exe") + L"\" " + m_arguments);
 }
 
 void CSession::end(const Words& /*words*/)

@@ -17,8 +17,9 @@ namespace
 constexpr TRACEHANDLE kSession = 0x7E57;
 
 std::mutex g_mutex;
-TraceSession g_session;
-std::map<TRACEHANDLE, std::pair<WMIDPREQUEST, void*>> g_registered;
+// Never destroyed: loggers live until the process ends.
+auto& g_session = *new TraceSession;
+auto& g_registered = *new std::map<TRACEHANDLE, std::pair<WMIDPREQUEST, void*>>;
 
 ULONG Control(TRACEHANDLE registration, WMIDPREQUESTCODE code)
 {
