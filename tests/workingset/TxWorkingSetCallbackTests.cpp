@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 #include <optional>
 #include <string>
-#include <tuple>
 #include <utility>
 
 #include "support/FakeTrace.h"
@@ -140,23 +139,23 @@ WorkingSetRecord Settings(DWORD count, DWORD stored = kStored, DWORD factor = 30
 
 TEST_F(WorkingSetCallbackTest, InitRejectsZerosInTheirOrderAndTakesTheStoredLimit)
 {
-    // Bucket range, limit factor, occurrence count, idle wait, stored limit; what is wrong, the limit.
-    const std::tuple<DWORD, DWORD, DWORD, DWORD, DWORD, std::string, ULONGLONG> rows[] = {
-        {0, 0, 0, 0, 50, "m_dwWsBucketRange", 0},
-        {9, 0, 0, 0, 50, "m_wsLimitFactor", 0},
-        {9, 1, 0, 0, 50, "m_dwOptimalOccuranceCount", 0},
-        {9, 1, 1, 0, 50, "m_processIdleWaitTime", 0},
-        {9, 1, 1, 1, 9, "", 9},
-        {0xFFFFFFFF, 1, 1, 1, 0xFFFFFFFE, "", 0}};
-    for (const auto& [range, factor, count, idle, stored, wrong, limit] : rows)
+    WorkingSetRecord record = Settings(1, 0xFFFFFFFE, 30, 0xFFFFFFFF);
+    ASSERT_TRUE(m_callback->init(s_stopEvent, this, record));
+    EXPECT_EQ(m_callback->GetOptimalBucketUpperLimit(), 0U); // It is less than a bucket.
+    for (DWORD* const next :
+         {&record.dwProcessIdleWaitTime,
+          &record.dwOptimalOccuranceCount,
+          &record.dwLimitFactor,
+          &record.dwBucketRange})
     {
-        CTxWorkingSetCallback callback;
-        const WorkingSetRecord record{1, 1, 5, 1, 0, 0, factor, stored, range, count, idle};
-        EXPECT_EQ(callback.init(s_stopEvent, this, record), wrong.empty());
-        const std::string log = m_log.Take();
-        EXPECT_EQ(log, wrong.empty() ? "" : "2 CTxWorkingSetCallback::init: " + wrong + " invalid (0)\n");
-        EXPECT_EQ(callback.GetOptimalBucketUpperLimit(), limit) << stored;
+        *next = 0;
+        EXPECT_FALSE(m_callback->init(s_stopEvent, this, record));
     }
+    EXPECT_EQ(m_log.Take(), R"(2 CTxWorkingSetCallback::init: m_processIdleWaitTime invalid (0)
+2 CTxWorkingSetCallback::init: m_dwOptimalOccuranceCount invalid (0)
+2 CTxWorkingSetCallback::init: m_wsLimitFactor invalid (0)
+2 CTxWorkingSetCallback::init: m_dwWsBucketRange invalid (0)
+)");
 }
 
 TEST_F(WorkingSetCallbackTest, RunsTrimAndLearnTheBand)
@@ -262,25 +261,22 @@ TEST_F(WorkingSetCallbackTest, ProgressIsLoggedOnRequest)
 {
     WorkingSetRecord record = Settings(1);
     record.dwLoggingEnabled = 1;
-    Play({record, 'E', 0, "cpu", kStored, true, "", {kBusy}});
-    Play({{}, 'E', 0, "cpu trim arm", kStored});
-    Play({{}, 'T', 3000000001, "ws cpu trim arm", 3004170240});
-    Play({{}, 'T', 3000000002, "ws arm", 3004170240});
+    record.stOptimalBucketUpperLimit = 0xC0000000;
+    Play({record, 'E', 0, "cpu", 0xC0000000, true, "", {kBusy}});
+    Play({{}, 'T', 5000000000, "ws cpu trim arm", 0xC0000000});
+    Play({{}, 'T', 3221225472, "ws arm", 3224371200});
     Play({{}, 'T', kMb, "ws arm", 5 * kMb});
     record.stOptimalBucketUpperLimit = 0;
     Play({record, 'T', kMb, "cpu ws trim arm", 0});
     EXPECT_EQ(m_log.Take(), R"(1 CTxWorkingSetCallback::onWsEventTrigger: Working set event triggered
 1 CTxWorkingSetCallback::isCpuUsageBelowLimit: CPU Usage is above limit (>5)
-1 CTxWorkingSetCallback::onWsEventTrigger: Working set event triggered
-1 CTxWorkingSetCallback::limitWorkingSet: Process working set adjusted successfully
 1 CTxWorkingSetCallback::onWsTimer: Working set event triggered (timer)
 1 CTxWorkingSetCallback::onWsTimer: Regular run.
 1 CTxWorkingSetCallback::limitWorkingSet: Process working set adjusted successfully
-1 CTxWorkingSetCallback::getOptimalBucket: New optimal bucket decided, m_wsOptimalBucket.first=-1296039936, m_wsOptimalBucket.second=-1290797056
 1 CTxWorkingSetCallback::onWsTimer: Working set event triggered (timer)
 1 CTxWorkingSetCallback::onWsTimer: Regular run.
-1 CTxWorkingSetCallback::handleRegularRun: Current working set is within range, Current WS=-1294967294
-1 CTxWorkingSetCallback::getOptimalBucket: New optimal bucket decided, m_wsOptimalBucket.first=-1296039936, m_wsOptimalBucket.second=-1290797056
+1 CTxWorkingSetCallback::handleRegularRun: Current working set is within range, Current WS=-1073741824
+1 CTxWorkingSetCallback::getOptimalBucket: New optimal bucket decided, m_wsOptimalBucket.first=-1075838976, m_wsOptimalBucket.second=-1070596096
 1 CTxWorkingSetCallback::onWsTimer: Working set event triggered (timer)
 1 CTxWorkingSetCallback::onWsTimer: Regular run.
 1 CTxWorkingSetCallback::handleRegularRun: Current working set is lower than the range, Current WS=1048576
