@@ -1,23 +1,38 @@
 /// @file
-/// A log controller library that records its calls, at Stop also for other processes, where kTestRecordKey
-/// exists. Modes: "fail" (Start gives 1234), "throw" (all throw).
+/// A log controller library that adds its calls to the value "controller" of kTestRecordKey, where something
+/// stands in it, and at Stop makes a value "Stop-PROCESS" there. The value "mode": "fail" (Start gives 1234),
+/// "throw" (all throw).
 
 #include <windows.h>
 
-#include "doubles/Record.h"
+#include <string>
+
 #include "subsystems/TestSubsystemIds.h"
 
 namespace
 {
 
-DWORD Perform(const std::wstring& call, DWORD result = ERROR_SUCCESS)
+std::wstring Get(const wchar_t* name)
 {
-    Record(call);
-    if (IsMode(L"throw"))
+    wchar_t text[512] = {};
+    DWORD size = sizeof(text);
+    ::RegGetValueW(HKEY_LOCAL_MACHINE, kTestRecordKey, name, RRF_RT_REG_SZ, nullptr, text, &size);
+    return text;
+}
+
+DWORD Perform(const std::wstring& call)
+{
+    if (const std::wstring calls = Get(L"controller"); !calls.empty())
+    {
+        const std::wstring all = calls + call + L";";
+        const auto size = static_cast<DWORD>((all.size() + 1) * sizeof(wchar_t));
+        ::RegSetKeyValueW(HKEY_LOCAL_MACHINE, kTestRecordKey, L"controller", REG_SZ, all.c_str(), size);
+    }
+    if (Get(L"mode") == L"throw" && call != L"unloaded")
     {
         throw 5;
     }
-    return result;
+    return ERROR_SUCCESS;
 }
 
 } // namespace
@@ -26,29 +41,14 @@ extern "C"
 {
     __declspec(dllexport) DWORD WINAPI Start(const wchar_t* name)
     {
-        return Perform(std::wstring(L"Start ") + name, IsMode(L"fail") ? 1234 : ERROR_SUCCESS);
+        return Perform(std::wstring(L"Start ") + name) + (Get(L"mode") == L"fail" ? 1234 : 0);
     }
     __declspec(dllexport) DWORD WINAPI Stop(DWORD_PTR zero, const wchar_t* name)
     {
-        const DWORD result = Perform(L"Stop " + std::to_wstring(zero) + L" " + name);
-        HKEY key = nullptr;
-        if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kTestRecordKey, 0, KEY_SET_VALUE, &key) == ERROR_SUCCESS)
-        {
-            const auto write = [key](
-                                   const std::wstring& value,
-                                   DWORD type,
-                                   const void* data,
-                                   std::size_t size) {
-                ::RegSetValueExW(
-                    key, value.c_str(), 0, type, static_cast<const BYTE*>(data), static_cast<DWORD>(size));
-            };
-            const DWORD yes = 1;
-            const std::wstring calls = RecordedCalls();
-            write(L"Stop-" + std::to_wstring(::GetCurrentProcessId()), REG_DWORD, &yes, sizeof(yes));
-            write(L"controller", REG_SZ, calls.c_str(), (calls.size() + 1) * sizeof(wchar_t));
-            ::RegCloseKey(key);
-        }
-        return result;
+        const std::wstring value = L"Stop-" + std::to_wstring(::GetCurrentProcessId());
+        const DWORD yes = 1;
+        ::RegSetKeyValueW(HKEY_LOCAL_MACHINE, kTestRecordKey, value.c_str(), REG_DWORD, &yes, sizeof(yes));
+        return Perform(L"Stop " + std::to_wstring(zero) + L" " + name);
     }
     __declspec(dllexport) DWORD WINAPI RestartSession(const wchar_t*)
     {
@@ -73,9 +73,5 @@ extern "C"
 
 BOOL WINAPI DllMain(HINSTANCE, DWORD reason, void*)
 {
-    if (reason == DLL_PROCESS_DETACH)
-    {
-        Record(L"unloaded");
-    }
-    return TRUE;
+    return reason != DLL_PROCESS_DETACH || Perform(L"unloaded") == ERROR_SUCCESS;
 }

@@ -56,7 +56,7 @@ ULONG WINAPI FakeTraceEvent(TRACEHANDLE session, EVENT_TRACE_HEADER* header)
         number(), text(), text(), number(), text(), number(), number(), text(), header->Class.Level};
     const std::lock_guard lock(g_mutex);
     g_session.lines.push_back(line);
-    return at == data.c_str() + data.size() ? ERROR_SUCCESS : ERROR_INVALID_DATA;
+    return at == data.c_str() + data.size() ? g_session.status : ERROR_INVALID_DATA;
 }
 
 ULONG WINAPI FakeRegister(

@@ -28,7 +28,7 @@ struct TraceSession
     bool isOn = true; ///< When a logger registers.
     UCHAR level = 5;
     ULONG flags = 0;
-    ULONG status = 0; ///< Of the next registrations.
+    ULONG status = 0; ///< Of registrations and events.
     std::vector<LogLine> lines = {};
 };
 

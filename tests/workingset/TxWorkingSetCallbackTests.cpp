@@ -7,11 +7,11 @@
 #include <gtest/gtest.h>
 #include <optional>
 #include <string>
-#include <tuple>
 #include <utility>
 
 #include "support/FakeTrace.h"
 #include "support/ImportPatch.h"
+#include "support/NoMemory.h"
 #include "workingset/WorkingSetTimer.h"
 
 namespace
@@ -25,7 +25,8 @@ constexpr LONGLONG kTicks = kMeasureMs * 10000LL, kBusy = 4 * kTicks / 10, kLong
 struct Step
 {
     std::optional<WorkingSetRecord> start; ///< With new settings.
-    char trigger;         ///< T timer, E event; t: timer, after an init that forgets nothing.
+    char trigger; ///< T timer, E event; t: timer, after an init that forgets nothing; i, m: without memory
+                  ///< for the init, for the run.
     ULONGLONG workingSet; ///< 0: cannot be read.
     /// "ws" the size is read, "cpu" usage measured, "idle" waited for less, "trim", "arm".
     std::string trace;
@@ -50,6 +51,7 @@ LONGLONG s_now = 0xFFFFFFFF, s_used = 0xFFFFFFFF; ///< Every interval carries in
 
 BOOL Note(const char* token)
 {
+    const CNoMemory::CExempt exempt;
     s_trace += s_trace.empty() ? token : std::string(" ") + token;
     s_isStopped = s_isStopped || s_step.stopAt == token;
     ::SetLastError(ERROR_ACCESS_DENIED);
@@ -72,9 +74,8 @@ struct WorkingSetCallbackTest : ::testing::Test, IWorkingSetTimer
             CTxWorkingSetCallback* const again = std::exchange(s_signalled, nullptr);
             EXPECT_TRUE(again == nullptr || again->OnCallback(false));
             s_now += s_step.elapsedTicks;
-            s_step.usedTicks.push_back(0);
-            s_used += s_step.usedTicks.front();
-            s_step.usedTicks.pop_front();
+            s_used += s_step.usedTicks.empty() ? 0 : s_step.usedTicks.front();
+            s_step.usedTicks.empty() ? void() : s_step.usedTicks.pop_front();
         }
         return s_isStopped ? WAIT_OBJECT_0 : WAIT_TIMEOUT;
     }
@@ -107,9 +108,15 @@ struct WorkingSetCallbackTest : ::testing::Test, IWorkingSetTimer
         s_step = step;
         s_trace.clear();
         s_isStopped = false;
-        step.start&& step.trigger != 't' ? void(m_callback.emplace()) : void();
-        ASSERT_TRUE(!step.start || m_callback->init(s_stopEvent, this, *step.start));
-        EXPECT_EQ(m_callback->OnCallback(step.trigger != 'E'), step.result);
+        step.start&& step.trigger == 'T' ? void(m_callback.emplace()) : void();
+        {
+            const CNoMemory noMemory(step.trigger == 'i' ? 0 : -1);
+            ASSERT_TRUE(!step.start || m_callback->init(s_stopEvent, this, *step.start));
+        }
+        {
+            const CNoMemory noMemory(step.trigger == 'm' ? 0 : -1);
+            EXPECT_EQ(m_callback->OnCallback(step.trigger != 'E'), step.result);
+        }
         EXPECT_EQ(s_trace, step.trace);
         EXPECT_EQ(m_callback->GetOptimalBucketUpperLimit(), step.limitAfter);
     }
@@ -132,23 +139,23 @@ WorkingSetRecord Settings(DWORD count, DWORD stored = kStored, DWORD factor = 30
 
 TEST_F(WorkingSetCallbackTest, InitRejectsZerosInTheirOrderAndTakesTheStoredLimit)
 {
-    // Bucket range, limit factor, occurrence count, idle wait, stored limit; what is wrong, the limit.
-    const std::tuple<DWORD, DWORD, DWORD, DWORD, DWORD, std::string, ULONGLONG> rows[] = {
-        {0, 0, 0, 0, 50, "m_dwWsBucketRange", 0},
-        {9, 0, 0, 0, 50, "m_wsLimitFactor", 0},
-        {9, 1, 0, 0, 50, "m_dwOptimalOccuranceCount", 0},
-        {9, 1, 1, 0, 50, "m_processIdleWaitTime", 0},
-        {9, 1, 1, 1, 9, "", 9},
-        {0xFFFFFFFF, 1, 1, 1, 0xFFFFFFFE, "", 0}};
-    for (const auto& [range, factor, count, idle, stored, wrong, limit] : rows)
+    WorkingSetRecord record = Settings(1, 0xFFFFFFFE, 30, 0xFFFFFFFF);
+    ASSERT_TRUE(m_callback->init(s_stopEvent, this, record));
+    EXPECT_EQ(m_callback->GetOptimalBucketUpperLimit(), 0U); // It is less than a bucket.
+    for (DWORD* const next :
+         {&record.dwProcessIdleWaitTime,
+          &record.dwOptimalOccuranceCount,
+          &record.dwLimitFactor,
+          &record.dwBucketRange})
     {
-        CTxWorkingSetCallback callback;
-        const WorkingSetRecord record{1, 1, 5, 1, 0, 0, factor, stored, range, count, idle};
-        EXPECT_EQ(callback.init(s_stopEvent, this, record), wrong.empty());
-        const std::string log = m_log.Take();
-        EXPECT_EQ(log, wrong.empty() ? "" : "2 CTxWorkingSetCallback::init: " + wrong + " invalid (0)\n");
-        EXPECT_EQ(callback.GetOptimalBucketUpperLimit(), limit) << stored;
+        *next = 0;
+        EXPECT_FALSE(m_callback->init(s_stopEvent, this, record));
     }
+    EXPECT_EQ(m_log.Take(), R"(2 CTxWorkingSetCallback::init: m_processIdleWaitTime invalid (0)
+2 CTxWorkingSetCallback::init: m_dwOptimalOccuranceCount invalid (0)
+2 CTxWorkingSetCallback::init: m_wsLimitFactor invalid (0)
+2 CTxWorkingSetCallback::init: m_dwWsBucketRange invalid (0)
+)");
 }
 
 TEST_F(WorkingSetCallbackTest, RunsTrimAndLearnTheBand)
@@ -179,6 +186,14 @@ TEST_F(WorkingSetCallbackTest, RunsTrimAndLearnTheBand)
              {Settings(2, 0), 'T', 1, "cpu ws trim arm", 0},
              {{}, 'T', 6 * kMb, "cpu ws trim arm", 0},
              {Settings(2, 0, 30, 20 * kMb), 't', 11 * kMb, "cpu ws trim arm", 20 * kMb},
+             // Without memory they are dropped.
+             {Settings(2, 0), 'T', 1, "cpu ws trim arm", 0},
+             {{}, 'T', 6 * kMb, "cpu ws trim arm", 0},
+             {{}, 'm', 6 * kMb, "cpu ws trim arm", 0},
+             {{}, 'T', 6 * kMb, "cpu ws trim arm", 0},
+             {Settings(9, 0), 't', 7 * kMb, "cpu ws trim arm", 0},
+             {Settings(2, 0, 30, kMb), 'i', 6 * kMb, "cpu ws trim arm", 0},
+             {{}, 'T', 6 * kMb, "cpu ws trim arm", 7 * kMb},
              // The ceiling is exact. 0.29 has no exact form: 28.999999999999996 is truncated.
              {Settings(1, 100, 29, 100), 'T', 128, "ws arm", 100},
              {{}, 'T', 129, "ws cpu trim arm", 100},
@@ -190,7 +205,10 @@ TEST_F(WorkingSetCallbackTest, RunsTrimAndLearnTheBand)
     {
         Play(step);
     }
-    EXPECT_EQ(m_log.Take(), "");
+    EXPECT_EQ(
+        m_log.Take(), R"(4 CTxWorkingSetCallback::addSample: Out of memory, the recorded samples are dropped
+4 CTxWorkingSetCallback::init: Out of memory, the recorded samples are dropped
+)");
 }
 
 TEST_F(WorkingSetCallbackTest, BusyProcessesWaitAndRunsEndEarlyWithoutArmingTheTimer)
@@ -243,25 +261,22 @@ TEST_F(WorkingSetCallbackTest, ProgressIsLoggedOnRequest)
 {
     WorkingSetRecord record = Settings(1);
     record.dwLoggingEnabled = 1;
-    Play({record, 'E', 0, "cpu", kStored, true, "", {kBusy}});
-    Play({{}, 'E', 0, "cpu trim arm", kStored});
-    Play({{}, 'T', 3000000001, "ws cpu trim arm", 3004170240});
-    Play({{}, 'T', 3000000002, "ws arm", 3004170240});
+    record.stOptimalBucketUpperLimit = 0xC0000000;
+    Play({record, 'E', 0, "cpu", 0xC0000000, true, "", {kBusy}});
+    Play({{}, 'T', 5000000000, "ws cpu trim arm", 0xC0000000});
+    Play({{}, 'T', 3221225472, "ws arm", 3224371200});
     Play({{}, 'T', kMb, "ws arm", 5 * kMb});
     record.stOptimalBucketUpperLimit = 0;
     Play({record, 'T', kMb, "cpu ws trim arm", 0});
     EXPECT_EQ(m_log.Take(), R"(1 CTxWorkingSetCallback::onWsEventTrigger: Working set event triggered
 1 CTxWorkingSetCallback::isCpuUsageBelowLimit: CPU Usage is above limit (>5)
-1 CTxWorkingSetCallback::onWsEventTrigger: Working set event triggered
-1 CTxWorkingSetCallback::limitWorkingSet: Process working set adjusted successfully
 1 CTxWorkingSetCallback::onWsTimer: Working set event triggered (timer)
 1 CTxWorkingSetCallback::onWsTimer: Regular run.
 1 CTxWorkingSetCallback::limitWorkingSet: Process working set adjusted successfully
-1 CTxWorkingSetCallback::getOptimalBucket: New optimal bucket decided, m_wsOptimalBucket.first=-1296039936, m_wsOptimalBucket.second=-1290797056
 1 CTxWorkingSetCallback::onWsTimer: Working set event triggered (timer)
 1 CTxWorkingSetCallback::onWsTimer: Regular run.
-1 CTxWorkingSetCallback::handleRegularRun: Current working set is within range, Current WS=-1294967294
-1 CTxWorkingSetCallback::getOptimalBucket: New optimal bucket decided, m_wsOptimalBucket.first=-1296039936, m_wsOptimalBucket.second=-1290797056
+1 CTxWorkingSetCallback::handleRegularRun: Current working set is within range, Current WS=-1073741824
+1 CTxWorkingSetCallback::getOptimalBucket: New optimal bucket decided, m_wsOptimalBucket.first=-1075838976, m_wsOptimalBucket.second=-1070596096
 1 CTxWorkingSetCallback::onWsTimer: Working set event triggered (timer)
 1 CTxWorkingSetCallback::onWsTimer: Regular run.
 1 CTxWorkingSetCallback::handleRegularRun: Current working set is lower than the range, Current WS=1048576
