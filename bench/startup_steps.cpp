@@ -20,6 +20,7 @@
 #include "base/Owned.h"
 #include "base/Stopwatch.h"
 #include "config/TxSvcHostConfig.h"
+#include "contract/Keys.h"
 #include "control/ComApartment.h"
 #include "control/InstallingUpdate.h"
 #include "control/RegistryLink.h"
@@ -58,9 +59,9 @@ int RunOnce()
     static_cast<void>(IsInstallingUpdate());
     const double update = Lap();
 
-    if (!IsRegistryLink(kProductKey))
+    if (!IsRegistryLink(Contract::kProductKey))
     {
-        CreateRegistryLink(kProductKey, kProductKey32, true, true);
+        CreateRegistryLink(Contract::kProductKey, Contract::kProductKey32, true, true);
     }
     const double link = Lap();
 

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "base/Stopwatch.h"
+#include "contract/CommandLine.h"
 #include "control/ComApartment.h"
 #include "control/ReduceRestart.h"
 #include "control/TxSvcSubsystemControlManager.h"
@@ -59,7 +60,7 @@ private:
 
 } // namespace
 
-CTxSvcHost::CTxSvcHost() : m_groupDelimiter(L"/"), m_groupIndex(1) {}
+CTxSvcHost::CTxSvcHost() : m_groupDelimiter(Contract::kGroupDelimiter), m_groupIndex(1) {}
 
 CTxSvcHost::~CTxSvcHost()
 {

@@ -5,6 +5,8 @@
 #include <cwchar>
 #include <exception>
 
+#include "contract/CommandLine.h"
+#include "contract/Keys.h"
 #include "control/InstallingUpdate.h"
 #include "control/RegistryLink.h"
 #include "control/TxSvcSubsystemControlManager.h"
@@ -19,9 +21,6 @@ namespace
 {
 
 constexpr wchar_t kLogSource[] = L"TxSvcHostMain";
-
-/// Exact case, anywhere in the line, the program's own path included.
-constexpr wchar_t kStartServicesSwitch[] = L"/startservices";
 
 void LogBanner(int argc, wchar_t** argv)
 {
@@ -45,16 +44,16 @@ int Run(int argc, wchar_t** argv)
     {
         return ERROR_SUCCESS; // The installer stops and starts the group itself.
     }
-    if (std::wcsstr(::GetCommandLineW(), kStartServicesSwitch) != nullptr)
+    if (std::wcsstr(::GetCommandLineW(), Contract::kStartServicesSwitch) != nullptr)
     {
         CTxSvcSubsystemControlManager::StartServices(true);
         return ERROR_SUCCESS;
     }
     LogBanner(argc, argv);
 
-    if (!IsRegistryLink(kProductKey))
+    if (!IsRegistryLink(Contract::kProductKey))
     {
-        CreateRegistryLink(kProductKey, kProductKey32, true, true);
+        CreateRegistryLink(Contract::kProductKey, Contract::kProductKey32, true, true);
     }
     const CNvidiaDriverFix privileges(true);
     CTxSvcHost host;

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "base/ObfuscatedRegKey.h"
+#include "contract/Keys.h"
 #include "logging/LoggingIf.h"
 
 /// @file
@@ -17,9 +18,6 @@
 
 namespace ETWLogging
 {
-
-/// Below HKEY_LOCAL_MACHINE.
-inline constexpr wchar_t kLogSettingsKey[] = L"SOFTWARE\\Tarvex\\Logging";
 
 inline constexpr wchar_t kLogIniName[] = L"log.ini";
 inline constexpr wchar_t kLogIniSection[] = L"Logging";
@@ -103,7 +101,7 @@ class CLogSettingsReader
 {
 public:
     explicit CLogSettingsReader(
-        const std::wstring& iniPath = LogIniPath(), const wchar_t* keyPath = kLogSettingsKey);
+        const std::wstring& iniPath = LogIniPath(), const wchar_t* keyPath = Contract::kLoggingKey);
 
     /// @param value receives the number, or the setting's default.
     LogSettingOrigin ReadNumber(const LogNumberSetting& setting, DWORD& value);

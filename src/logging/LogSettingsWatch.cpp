@@ -21,7 +21,7 @@ constexpr SIZE_T kStackBytes = 65536;
 /// The key of the settings and what is above it: a key that is not there yet, or is replaced, can only be
 /// noticed in its parent. The product's key is a link into the 32-bit ones.
 constexpr const wchar_t* kWatchedKeys[] = {
-    L"SOFTWARE", L"SOFTWARE\\Wow6432Node", L"SOFTWARE\\Tarvex", kLogSettingsKey};
+    L"SOFTWARE", L"SOFTWARE\\Wow6432Node", L"SOFTWARE\\Tarvex", Contract::kLoggingKey};
 
 } // namespace
 
@@ -129,7 +129,7 @@ void CLogSettingsWatch::watchRegistry() noexcept
                 m_keys[i].Get(),
                 FALSE,
                 REG_NOTIFY_CHANGE_NAME |
-                    (kWatchedKeys[i] == kLogSettingsKey ? REG_NOTIFY_CHANGE_LAST_SET : 0),
+                    (kWatchedKeys[i] == Contract::kLoggingKey ? REG_NOTIFY_CHANGE_LAST_SET : 0),
                 m_registryChanged.Get(),
                 TRUE);
         }

@@ -12,8 +12,9 @@
 #include "base/RegKey.h"
 #include "base/SystemLibrary.h"
 #include "base/Text.h"
-#include "base/WorkingSetEvent.h"
 #include "config/TxSvcHostConfig.h"
+#include "contract/Keys.h"
+#include "contract/WorkingSetEvent.h"
 #include "control/ComApartment.h"
 #include "control/ReduceRestart.h"
 #include "logging/Log.h"
@@ -77,7 +78,7 @@ HRESULT CreateSubsystem(ITxSvcClassObject* classObject, CSubsystemHolder& holder
 /// Asks the working-set handler of this process, if there is one, for a trim.
 void SignalWorkingSetEvent() noexcept
 {
-    const auto name = Basalt::WorkingSetEventName(::GetCurrentProcessId());
+    const auto name = Contract::WorkingSetEventName(::GetCurrentProcessId());
     const Basalt::CHandle event(::OpenEventW(EVENT_MODIFY_STATE, FALSE, name.data()));
     if (event)
     {
@@ -385,7 +386,7 @@ bool CTxSvcHostProxy::ConvertStringToCLSID(const std::wstring& text, CLSID& clsi
 bool CTxSvcHostProxy::LookupPathnameFromCLSID(const std::wstring& clsidText, std::wstring& path)
 {
     constexpr wchar_t kFunction[] = L"CTxSvcHostProxy::LookupPathnameFromCLSID";
-    const std::wstring keyPath = L"CLSID\\" + clsidText + L"\\InprocServer32";
+    const std::wstring keyPath = Contract::ServerKey(clsidText);
     Basalt::CRegKey key;
     // Write access is asked for on purpose although only reading follows: a registration that the host's
     // account may not write is not one of ours.

@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <utility>
 
-#include "base/WorkingSetEvent.h"
+#include "contract/WorkingSetEvent.h"
 #include "logging/Log.h"
 
 using Basalt::CLockGuard;
@@ -23,7 +23,7 @@ constexpr double kRandomUnit = 3.051850947599719e-5;
 /// there already was put there by somebody else, who may signal it, or leave it signalled, without end.
 HANDLE CreateWorkingSetEvent() noexcept
 {
-    const auto name = Basalt::WorkingSetEventName(::GetCurrentProcessId());
+    const auto name = Contract::WorkingSetEventName(::GetCurrentProcessId());
     Basalt::CHandle event(::CreateEventW(nullptr, FALSE, FALSE, name.data()));
     if (event && ::GetLastError() == ERROR_ALREADY_EXISTS)
     {

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "contract/Keys.h"
 #include "logging/LoggingIf.h"
 #include "support/ImportPatch.h"
 #include "support/LogCapture.h"
@@ -37,7 +38,7 @@ protected:
     }
     static CTxSvcHostConfig& Config() { return CTxSvcHostConfig::GetInstance(); }
 
-    CTestKey m_root{HKEY_LOCAL_MACHINE, CTxSvcHostConfig::kRootKey};
+    CTestKey m_root{HKEY_LOCAL_MACHINE, Contract::kHostKey};
     Basalt::CRegKey m_group;
     CLogCapture m_log;
 };
@@ -170,7 +171,7 @@ TEST_F(TxSvcHostConfigTest, ServiceListsAreSplitAtEverySeparator)
 
 TEST_F(TxSvcHostConfigTest, EachFailureHasItsLine)
 {
-    const std::wstring root = CTxSvcHostConfig::kRootKey;
+    const std::wstring root = Contract::kHostKey;
     const std::wstring path = root + L"\\" + kGroup;
     std::wstring clsid = L"untouched";
     const auto failAll = [&] {

@@ -13,6 +13,7 @@
 
 #include "base/Owned.h"
 #include "config/TxSvcHostConfig.h"
+#include "contract/Keys.h"
 #include "control/ReduceRestart.h"
 #include "logging/LoggingIf.h"
 #include "support/ImportPatch.h"
@@ -153,7 +154,7 @@ protected:
         return CTxSvcHostConfig::GetInstance().GetGroupName(name);
     }
 
-    CTestKey m_root{HKEY_LOCAL_MACHINE, CTxSvcHostConfig::kRootKey};
+    CTestKey m_root{HKEY_LOCAL_MACHINE, Contract::kHostKey};
     CLogCapture m_log;
     CImportPatch m_patches[6] = {
         {"OpenSCManagerW", &FakeOpenManager},

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "base/Owned.h"
+#include "contract/Keys.h"
 #include "host/TxSvcHostMain.h"
 #include "logging/LoggingIf.h"
 #include "support/ImportPatch.h"
@@ -95,7 +96,7 @@ protected:
         return host.Start(2, argv);
     }
 
-    CTestKey m_root{HKEY_LOCAL_MACHINE, CTxSvcHostConfig::kRootKey};
+    CTestKey m_root{HKEY_LOCAL_MACHINE, Contract::kHostKey};
     CLogCapture m_log;
     CImportPatch m_com{"CoInitializeEx", &FakeCoInitializeEx};
     CImportPatch m_security{"CoInitializeSecurity", &FakeCoInitializeSecurity};

@@ -10,6 +10,7 @@
 
 #include "base/Owned.h"
 #include "base/RegKey.h"
+#include "contract/Keys.h"
 #include "control/RegistryLink.h"
 #include "subsystems/TestSubsystemIds.h"
 #include "support/GroupRunner.h"
@@ -60,7 +61,8 @@ TEST(HostProcess, AStartLinksTheRegistryViewsAndASecondChangesNothing)
 {
     const CTestGroup group(L"TxE2eLink", {{L"TxE2eLink1", L"{}", L""}});
     Basalt::CRegKey link;
-    if (link.Open(HKEY_LOCAL_MACHINE, kProductKey, KEY_ALL_ACCESS, REG_OPTION_OPEN_LINK) == ERROR_SUCCESS)
+    if (link.Open(HKEY_LOCAL_MACHINE, Contract::kProductKey, KEY_ALL_ACCESS, REG_OPTION_OPEN_LINK) ==
+        ERROR_SUCCESS)
     {
         ASSERT_TRUE(DeleteKeyByHandle(link.Get()));
     }
@@ -76,7 +78,7 @@ TEST(HostProcess, AStartLinksTheRegistryViewsAndASecondChangesNothing)
         SkipControlPipe();
         // Only a process that read the group's list through the link gets as far as the dispatcher.
         EXPECT_EQ(RunProcess(group.CommandLine()), 1359U);
-        EXPECT_TRUE(IsRegistryLink(kProductKey));
+        EXPECT_TRUE(IsRegistryLink(Contract::kProductKey));
     }
 }
 

@@ -5,7 +5,7 @@
 
 #include "base/Owned.h"
 #include "base/RegKey.h"
-#include "base/WorkingSetEvent.h"
+#include "contract/WorkingSetEvent.h"
 #include "proxy/FirstRunGate.h"
 #include "subsystems/TestSubsystemIds.h"
 #include "support/GroupRunner.h"
@@ -87,7 +87,7 @@ TEST(StartConditions, ASignalTrimsTheWorkingSetAndTheLearntBandSurvivesARestart)
         CGroupRunner host(group.CommandLine());
         host.StartAndWait(L"TxE2eTrim1");
 
-        const auto name = Basalt::WorkingSetEventName(host.ProcessId());
+        const auto name = Contract::WorkingSetEventName(host.ProcessId());
         const Basalt::CHandle event(::OpenEventW(EVENT_MODIFY_STATE, FALSE, name.data()));
         ASSERT_TRUE(event);
         if (start == 1)
@@ -112,7 +112,7 @@ TEST(StartConditions, WithoutReductionThereIsNoEventAndTheGroupRuns)
     CGroupRunner host(group.CommandLine());
     host.StartAndWait(L"TxE2eNoTrim1");
 
-    const auto name = Basalt::WorkingSetEventName(host.ProcessId());
+    const auto name = Contract::WorkingSetEventName(host.ProcessId());
     EXPECT_FALSE(Basalt::CHandle(::OpenEventW(EVENT_MODIFY_STATE, FALSE, name.data())));
     host.Stop(L"TxE2eNoTrim1");
     EXPECT_EQ(host.WaitForExit(), 0U);

@@ -20,10 +20,11 @@ using Text = const wchar_t*;
 /// The settings key, holding one number: n not at all, s scrambled, p plain, d damaged; a: there is no key.
 struct StoredValue
 {
-    StoredValue(char how, Text name, DWORD number) : m_key(HKEY_LOCAL_MACHINE, kLogSettingsKey, how != 'a')
+    StoredValue(char how, Text name, DWORD number)
+        : m_key(HKEY_LOCAL_MACHINE, Contract::kLoggingKey, how != 'a')
     {
         Basalt::CObfuscatedRegKey scrambled;
-        static_cast<void>(scrambled.Open(HKEY_LOCAL_MACHINE, kLogSettingsKey, KEY_WRITE));
+        static_cast<void>(scrambled.Open(HKEY_LOCAL_MACHINE, Contract::kLoggingKey, KEY_WRITE));
         EXPECT_TRUE(how != 's' || scrambled.WriteDword(name, number) == 0);
         EXPECT_TRUE(how != 'p' || m_key.Key().WriteDword(name, number) == 0);
         EXPECT_TRUE(how != 'd' || m_key.Key().WriteValue(name, REG_BINARY, "TXO1 and then some", 16) == 0);

@@ -37,7 +37,7 @@ struct LogSettingsTest : ::testing::Test
 {
     LogSettingsTest()
     {
-        EXPECT_EQ(m_scrambled.Open(HKEY_LOCAL_MACHINE, kLogSettingsKey, KEY_ALL_ACCESS), 0u);
+        EXPECT_EQ(m_scrambled.Open(HKEY_LOCAL_MACHINE, Contract::kLoggingKey, KEY_ALL_ACCESS), 0u);
     }
 
     /// s scrambled, p plain, d damaged, t scrambled text, anything else: not at all
@@ -50,7 +50,7 @@ struct LogSettingsTest : ::testing::Test
         EXPECT_TRUE(how != 'd' || m_key.Key().WriteValue(name, REG_BINARY, "TXO1 and then some", 16) == 0);
     }
 
-    CTestKey m_key{HKEY_LOCAL_MACHINE, kLogSettingsKey};
+    CTestKey m_key{HKEY_LOCAL_MACHINE, Contract::kLoggingKey};
     Basalt::CObfuscatedRegKey m_scrambled;
     CTestFolder m_folder;
     const std::wstring m_ini = m_folder.File(L"log.ini");
@@ -216,8 +216,8 @@ TEST_F(LogSettingsTest, AChangeInEitherPlaceTakesEffectInARunningLogger)
     m_scrambled.Close();
     m_key.Remove();
     EXPECT_TRUE(threshold(3));
-    const CTestKey again(HKEY_LOCAL_MACHINE, kLogSettingsKey); // In the place of a key that is gone.
-    EXPECT_EQ(m_scrambled.Open(HKEY_LOCAL_MACHINE, kLogSettingsKey, KEY_ALL_ACCESS), 0u);
+    const CTestKey again(HKEY_LOCAL_MACHINE, Contract::kLoggingKey); // In the place of a key that is gone.
+    EXPECT_EQ(m_scrambled.Open(HKEY_LOCAL_MACHINE, Contract::kLoggingKey, KEY_ALL_ACCESS), 0u);
     Store('s', kLevelSetting.name, 6);
     EXPECT_TRUE(threshold(6));
 

@@ -437,9 +437,9 @@ TEST_F(FileLoggerTest, ManyProcessesLoseAndTearNoLine)
 /// In processes whose settings say: the text file, in the test's folder.
 TEST_F(FileLoggerTest, TheFirstLogCallDecidesTheBridgeFollowsAndTheProcessEndsWhileThreadsStillLog)
 {
-    const CTestKey key(HKEY_LOCAL_MACHINE, kLogSettingsKey);
+    const CTestKey key(HKEY_LOCAL_MACHINE, Contract::kLoggingKey);
     Basalt::CObfuscatedRegKey settings;
-    EXPECT_EQ(settings.Open(HKEY_LOCAL_MACHINE, kLogSettingsKey, KEY_WRITE), 0u);
+    EXPECT_EQ(settings.Open(HKEY_LOCAL_MACHINE, Contract::kLoggingKey, KEY_WRITE), 0u);
     EXPECT_EQ(settings.WriteDword(kMechanismSetting.name, kFileMechanism), 0u);
     EXPECT_EQ(settings.WriteString(kFolderSetting.name, m_folder.Path()), 0u);
     EXPECT_EQ(Probe(L"identity"), 0u);

@@ -10,6 +10,7 @@
 #include "TxSvcSubsystem.h"
 #include "base/ClassObject.h"
 #include "config/TxSvcHostConfig.h"
+#include "contract/Keys.h"
 #include "logging/LoggingIf.h"
 #include "support/ImportPatch.h"
 #include "support/LogCapture.h"
@@ -108,7 +109,7 @@ protected:
         return required;
     }
 
-    CTestKey m_root{HKEY_LOCAL_MACHINE, CTxSvcHostConfig::kRootKey};
+    CTestKey m_root{HKEY_LOCAL_MACHINE, Contract::kHostKey};
     CLogCapture m_log;
     CImportPatch m_patch{"CoGetClassObject", &FakeCoGetClassObject};
     CFirstRunGate m_gate;

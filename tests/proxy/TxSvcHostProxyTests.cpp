@@ -12,8 +12,9 @@
 #include <vector>
 
 #include "base/Owned.h"
-#include "base/WorkingSetEvent.h"
 #include "config/TxSvcHostConfig.h"
+#include "contract/Keys.h"
+#include "contract/WorkingSetEvent.h"
 #include "control/ReduceRestart.h"
 #include "logging/LoggingIf.h"
 #include "support/ImportPatch.h"
@@ -199,7 +200,7 @@ protected:
         }).join();
     }
 
-    CTestKey m_root{HKEY_LOCAL_MACHINE, CTxSvcHostConfig::kRootKey};
+    CTestKey m_root{HKEY_LOCAL_MACHINE, Contract::kHostKey};
     CTestKey m_class{HKEY_CLASSES_ROOT, std::wstring(L"CLSID\\") + kClsid};
     Basalt::CRegKey m_group;
     Basalt::CRegKey m_server;
@@ -253,7 +254,7 @@ TEST_F(TxSvcHostProxyTest, UnloadsTheModuleAndAsksForATrimOnRequestWithoutNeedin
     g_module.result = kTxSvcUnloadModule;
     g_module.whileRunning = [] { thread_local const CNoMemory t_fromNowOn; };
     g_seen.events.reserve(8);
-    const auto name = Basalt::WorkingSetEventName(::GetCurrentProcessId());
+    const auto name = Contract::WorkingSetEventName(::GetCurrentProcessId());
     const HANDLE event = ::CreateEventW(nullptr, FALSE, FALSE, name.data());
 
     RunService();

@@ -8,7 +8,8 @@
 #include <regex>
 #include <utility>
 
-#include "base/WorkingSetEvent.h"
+#include "contract/Keys.h"
+#include "contract/WorkingSetEvent.h"
 #include "control/RegistryLink.h"
 #include "subsystems/TestSubsystemIds.h"
 #include "support/Errors.h"
@@ -147,14 +148,15 @@ void ForgetProduct()
     }
     root.Close();
     Basalt::CRegKey link; // Deleting the tree would follow it.
-    if (link.Open(HKEY_LOCAL_MACHINE, kProductKey, KEY_ALL_ACCESS, REG_OPTION_OPEN_LINK) == ERROR_SUCCESS &&
-        IsRegistryLink(kProductKey))
+    if (link.Open(HKEY_LOCAL_MACHINE, Contract::kProductKey, KEY_ALL_ACCESS, REG_OPTION_OPEN_LINK) ==
+            ERROR_SUCCESS &&
+        IsRegistryLink(Contract::kProductKey))
     {
         static_cast<void>(DeleteKeyByHandle(link.Get()));
     }
     link.Close();
-    ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, kProductKey);
-    ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, kProductKey32);
+    ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, Contract::kProductKey);
+    ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, Contract::kProductKey32);
 }
 
 } // namespace
@@ -235,7 +237,7 @@ void CSession::dispatch(const Words& words)
     }
     else if (command == L"trim")
     {
-        const auto name = Basalt::WorkingSetEventName(m_host->ProcessId());
+        const auto name = Contract::WorkingSetEventName(m_host->ProcessId());
         const Basalt::CHandle event(::OpenEventW(EVENT_MODIFY_STATE, FALSE, name.data()));
         print(event && ::SetEvent(event.Get()) ? L"signalled" : L"no event");
     }

@@ -6,6 +6,7 @@
 
 #include "base/ObfuscatedRegKey.h"
 #include "base/Owned.h"
+#include "contract/Keys.h"
 #include "control/RegistryLink.h"
 #include "logging/LogSettings.h"
 #include "support/Errors.h"
@@ -152,7 +153,8 @@ std::vector<HostLogLine> ParseHostLog(const std::wstring& text)
 
 CHostLog::CHostLog(const std::wstring& folder) : m_path(folder + L"\\PLATFORM.log")
 {
-    if (!IsRegistryLink(kProductKey) && !CreateRegistryLink(kProductKey, kProductKey32, true, true))
+    if (!IsRegistryLink(Contract::kProductKey) &&
+        !CreateRegistryLink(Contract::kProductKey, Contract::kProductKey32, true, true))
     {
         ThrowError(L"cannot make the registry link, without which the host does not find the log's settings");
     }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "contract/Keys.h"
 #include "control/RegistryLink.h"
 #include "support/TestFolder.h"
 #include "txsvcctl/ServiceManager.h"
@@ -80,7 +81,7 @@ bool CtlTest::HasKey(const std::wstring& path)
 
 std::wstring CtlTest::GroupKey(const std::wstring& group)
 {
-    return std::wstring(kProductKey32) + L"\\Platform\\TxSvcHost\\" + group;
+    return std::wstring(Contract::kProductKey32) + L"\\Platform\\TxSvcHost\\" + group;
 }
 
 std::wstring CtlTest::ClassKey(const std::wstring& clsid)
@@ -92,15 +93,16 @@ void CtlTest::Clean()
 {
     // Deleting the tree would follow the link: the link key itself goes first.
     Basalt::CRegKey link;
-    if (IsRegistryLink(kProductKey) &&
-        link.Open(HKEY_LOCAL_MACHINE, kProductKey, KEY_ALL_ACCESS, REG_OPTION_OPEN_LINK) == ERROR_SUCCESS)
+    if (IsRegistryLink(Contract::kProductKey) &&
+        link.Open(HKEY_LOCAL_MACHINE, Contract::kProductKey, KEY_ALL_ACCESS, REG_OPTION_OPEN_LINK) ==
+            ERROR_SUCCESS)
     {
         static_cast<void>(DeleteKeyByHandle(link.Get()));
     }
     link.Close();
     for (const std::wstring& path :
-         {std::wstring(kProductKey),
-          std::wstring(kProductKey32),
+         {std::wstring(Contract::kProductKey),
+          std::wstring(Contract::kProductKey32),
           ClassKey(kTestClsid),
           ClassKey(kOtherClsid)})
     {

@@ -6,6 +6,7 @@
 
 #include "CtlTest.h"
 #include "base/ObfuscatedRegKey.h"
+#include "contract/Keys.h"
 #include "control/RegistryLink.h"
 #include "logging/LogProperties.h"
 #include "logging/LogSettings.h"
@@ -17,7 +18,7 @@ using nlohmann::json;
 namespace
 {
 
-const std::wstring kLogPath = std::wstring(kProductKey32) + L"\\Logging";
+const std::wstring kLogPath = std::wstring(Contract::kProductKey32) + L"\\Logging";
 
 struct LogCommandTest : CtlTest
 {
@@ -133,7 +134,7 @@ TEST_F(LogCommandTest, WrongSettingsAreUsageErrorsAndStoreNothing)
         EXPECT_EQ(Run({L"log", L"set", row[0], row[1]}).exitCode, 2);
     }
     EXPECT_EQ(Run({L"log", L"get", L"threshold"}).exitCode, 2);
-    EXPECT_FALSE(HasKey(kProductKey32));
+    EXPECT_FALSE(HasKey(Contract::kProductKey32));
 }
 
 TEST_F(LogCommandTest, UnusableValuesAreShownAsSuchWithTheDefaultThatApplies)

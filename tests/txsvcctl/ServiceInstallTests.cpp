@@ -1,6 +1,7 @@
 #include <windows.h>
 
 #include "CtlTest.h"
+#include "contract/Keys.h"
 #include "control/RegistryLink.h"
 #include "support/ImportPatch.h"
 #include "support/Narrow.h"
@@ -96,7 +97,8 @@ TEST_F(ServiceInstallTest, AServiceIsInstalledWhereTheHostLooksAndRemovedWithout
 
     ASSERT_EQ(installed.exitCode, 0) << Narrow(installed.error);
     EXPECT_EQ(TxCtl::InspectViewLink(), ViewLinkState::Link);
-    const std::wstring hostsKey = std::wstring(kProductKey) + L"\\Platform\\TxSvcHost\\" + kTestGroup;
+    const std::wstring hostsKey =
+        std::wstring(Contract::kProductKey) + L"\\Platform\\TxSvcHost\\" + kTestGroup;
     EXPECT_EQ(Text(hostsKey), service);
     EXPECT_EQ(Text(hostsKey, service), kTestClsid);
     EXPECT_EQ(Text(ServerKey()), Module());
@@ -252,31 +254,31 @@ TEST_F(ServiceInstallTest, WhatCannotBeUndoneIsNamed)
 
 TEST_F(ServiceInstallTest, AKeyInPlaceOfTheLinkIsReplacedOnlyOnRequest)
 {
-    Write(std::wstring(kProductKey) + L"\\Old", L"setting", L"kept");
+    Write(std::wstring(Contract::kProductKey) + L"\\Old", L"setting", L"kept");
 
     for (const CtlResult& refused : {Install(L"txctl-a"), Run({L"log", L"set", L"level", L"4"})})
     {
         EXPECT_EQ(refused.exitCode, 1);
         EXPECT_NE(refused.error.find(L"--replace-key"), std::wstring::npos) << Narrow(refused.error);
     }
-    EXPECT_EQ(Text(std::wstring(kProductKey) + L"\\Old", L"setting"), L"kept");
+    EXPECT_EQ(Text(std::wstring(Contract::kProductKey) + L"\\Old", L"setting"), L"kept");
     EXPECT_FALSE(HasEntry(L"txctl-a"));
     EXPECT_NE(Run({L"list"}).error.find(L"warning"), std::wstring::npos);
 
     EXPECT_EQ(Run({L"log", L"set", L"level", L"4", L"--replace-key"}).exitCode, 0);
     EXPECT_EQ(TxCtl::InspectViewLink(), ViewLinkState::Link);
-    EXPECT_FALSE(HasKey(std::wstring(kProductKey) + L"\\Old"));
+    EXPECT_FALSE(HasKey(std::wstring(Contract::kProductKey) + L"\\Old"));
 }
 
 TEST_F(ServiceInstallTest, AnEmptyKeyAndALinkToElsewhereAreToldApart)
 {
     Basalt::CRegKey key;
-    ASSERT_EQ(key.Create(HKEY_LOCAL_MACHINE, kProductKey, KEY_ALL_ACCESS), DWORD{0});
+    ASSERT_EQ(key.Create(HKEY_LOCAL_MACHINE, Contract::kProductKey, KEY_ALL_ACCESS), DWORD{0});
     key.Close();
     EXPECT_EQ(Install(L"txctl-a").exitCode, 0);
     EXPECT_EQ(TxCtl::InspectViewLink(), ViewLinkState::Link);
 
-    ASSERT_TRUE(CreateRegistryLink(kProductKey, L"Software\\Elsewhere", true, false));
+    ASSERT_TRUE(CreateRegistryLink(Contract::kProductKey, L"Software\\Elsewhere", true, false));
     EXPECT_EQ(Install(L"txctl-a").exitCode, 1);
     EXPECT_EQ(Install(L"txctl-a", {L"--replace-key"}).exitCode, 0);
     EXPECT_EQ(TxCtl::InspectViewLink(), ViewLinkState::Link);

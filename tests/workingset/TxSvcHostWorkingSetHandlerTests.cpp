@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "base/Stopwatch.h"
-#include "base/WorkingSetEvent.h"
+#include "contract/WorkingSetEvent.h"
 #include "logging/LoggingIf.h"
 #include "support/HandleCount.h"
 #include "support/ImportPatch.h"
@@ -31,7 +31,7 @@ WorkingSetRecord Settings(DWORD factor = 30, DWORD base = 600000, DWORD range = 
 
 Basalt::CHandle OpenTrimEvent()
 {
-    const auto name = Basalt::WorkingSetEventName(::GetCurrentProcessId());
+    const auto name = Contract::WorkingSetEventName(::GetCurrentProcessId());
     return Basalt::CHandle(::OpenEventW(EVENT_MODIFY_STATE, FALSE, name.data()));
 }
 
@@ -122,7 +122,7 @@ TEST_F(WorkingSetHandlerTest, FailedInitializeUndoesWhatWasMadeAndNoMore)
         EXPECT_LE(CountOwnHandles(), handles + 4); // The pool's own.
     }
     {
-        const auto name = Basalt::WorkingSetEventName(::GetCurrentProcessId());
+        const auto name = Contract::WorkingSetEventName(::GetCurrentProcessId());
         const Basalt::CHandle planted(::CreateEventW(nullptr, TRUE, TRUE, name.data()));
         EXPECT_FALSE(m_handler.Initialize(Settings()));
         EXPECT_TRUE(m_log.Has(LogError, L"Failed to create working set event (GLE=0x000000B7)"));

@@ -3,6 +3,8 @@
 #include <algorithm>
 
 #include "base/RegKey.h"
+#include "contract/Keys.h"
+#include "contract/ServiceList.h"
 #include "control/RegistryLink.h"
 #include "txsvcctl/Names.h"
 #include "txsvcctl/RegistryNames.h"
@@ -16,25 +18,24 @@ namespace TxCtl
 namespace
 {
 
-const std::wstring kRootPath = std::wstring(kProductKey32) + L"\\Platform\\TxSvcHost";
-constexpr wchar_t kClassesPath[] = L"Software\\Classes\\CLSID";
-constexpr wchar_t kSeparators[] =
-    L";:,"; ///< Those that the host splits its list at; this program writes ";".
-constexpr wchar_t kBucketLimitValue[] = L"WSSOptimalBucketUpperLimit";
+const std::wstring kRootPath = Contract::In32BitView(Contract::kHostKey);
+/// What HKEY_CLASSES_ROOT shows of the machine.
+constexpr wchar_t kClassesPath[] = L"Software\\Classes\\";
 
 std::wstring GroupPath(const std::wstring& group)
 {
-    return kRootPath + L"\\" + group;
-}
-
-std::wstring ClassPath(const std::wstring& clsid)
-{
-    return std::wstring(kClassesPath) + L"\\" + clsid;
+    return Contract::GroupKey(kRootPath, group);
 }
 
 std::wstring ServerPath(const std::wstring& clsid)
 {
-    return ClassPath(clsid) + L"\\InprocServer32";
+    return kClassesPath + Contract::ServerKey(clsid);
+}
+
+std::wstring ClassPath(const std::wstring& clsid)
+{
+    const std::wstring server = ServerPath(clsid);
+    return server.substr(0, server.rfind(L'\\'));
 }
 
 /// @return nothing when the key or the value is missing.
@@ -55,31 +56,6 @@ std::optional<std::wstring> ReadString(const std::wstring& path, const std::wstr
     return value;
 }
 
-std::vector<std::wstring> SplitList(const std::wstring& list)
-{
-    std::vector<std::wstring> names;
-    for (std::size_t at = 0; at < list.size();)
-    {
-        const std::size_t end = std::min(list.size(), list.find_first_of(kSeparators, at));
-        if (end > at)
-        {
-            names.push_back(list.substr(at, end - at));
-        }
-        at = end + 1;
-    }
-    return names;
-}
-
-std::wstring JoinList(const std::vector<std::wstring>& names)
-{
-    std::wstring list;
-    for (const std::wstring& name : names)
-    {
-        list += (list.empty() ? L"" : L";") + name;
-    }
-    return list;
-}
-
 /// The learnt band of a group without services means nothing; anything else in the key is somebody's setting.
 void DeleteKeyOfEmptyGroup(CRegistryChange& change, const std::wstring& path)
 {
@@ -89,9 +65,10 @@ void DeleteKeyOfEmptyGroup(CRegistryChange& change, const std::wstring& path)
         return;
     }
     const std::vector<std::wstring> values = ValueNames(key, path);
-    if (values.size() == 1 && IsSameName(values.front(), kBucketLimitValue) && SubKeyNames(key, path).empty())
+    if (values.size() == 1 && IsSameName(values.front(), Contract::kBucketLimitValue) &&
+        SubKeyNames(key, path).empty())
     {
-        change.DeleteValue(path, kBucketLimitValue);
+        change.DeleteValue(path, Contract::kBucketLimitValue);
     }
     key.Close();
     change.DeleteKeyIfEmpty(path);
@@ -113,7 +90,7 @@ std::vector<std::wstring> CGroupStore::Groups() const
 
 std::vector<std::wstring> CGroupStore::Services(const std::wstring& group) const
 {
-    return SplitList(ReadString(GroupPath(group), {}).value_or(L""));
+    return Contract::SplitServiceList(ReadString(GroupPath(group), {}).value_or(L""));
 }
 
 std::optional<std::wstring> CGroupStore::FindService(
@@ -179,7 +156,7 @@ void CGroupStore::AddService(
     {
         std::vector<std::wstring> names = Services(service.group);
         names.push_back(service.service);
-        change.SetString(path, {}, JoinList(names));
+        change.SetString(path, {}, Contract::JoinServiceList(names));
     }
 }
 
@@ -194,7 +171,7 @@ void CGroupStore::RemoveService(CRegistryChange& change, const GroupService& ser
     }
     else
     {
-        change.SetString(path, {}, JoinList(names));
+        change.SetString(path, {}, Contract::JoinServiceList(names));
     }
     change.DeleteValue(path, service.service);
     if (names.empty())

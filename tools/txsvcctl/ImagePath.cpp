@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "contract/CommandLine.h"
 #include "txsvcctl/Names.h"
 
 namespace TxCtl
@@ -22,7 +23,7 @@ std::wstring WithoutQuotes(std::wstring text)
 
 std::wstring FormatImagePath(const std::wstring& program, const std::wstring& group)
 {
-    std::wstring argument = L"/" + group;
+    std::wstring argument = Contract::kGroupDelimiter + group;
     if (argument.find(L' ') != std::wstring::npos)
     {
         argument = kQuote + argument + kQuote;
@@ -49,7 +50,7 @@ ImagePath ParseImagePath(const std::wstring& text)
 
 bool RunsGroup(const ImagePath& imagePath, const std::wstring& group)
 {
-    return IsSameName(imagePath.argument, L"/" + group);
+    return IsSameName(imagePath.argument, Contract::kGroupDelimiter + group);
 }
 
 } // namespace TxCtl

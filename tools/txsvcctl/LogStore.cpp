@@ -7,6 +7,7 @@
 #include <optional>
 
 #include "base/ObfuscatedRegKey.h"
+#include "contract/Keys.h"
 #include "control/RegistryLink.h"
 #include "txsvcctl/Names.h"
 #include "txsvcctl/ToolError.h"
@@ -24,7 +25,7 @@ namespace
 {
 
 // The logger's own key, by the road that exists also before the link does.
-const std::wstring kSettingsPath = std::wstring(kProductKey32) + L"\\Logging";
+const std::wstring kSettingsPath = Contract::In32BitView(Contract::kLoggingKey);
 
 /// Any number but kFileMechanism means events; this is the one that stands for them.
 constexpr DWORD kEventsMechanism = 2;

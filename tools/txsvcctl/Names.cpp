@@ -5,6 +5,8 @@
 
 #include <string_view>
 
+#include "contract/CommandLine.h"
+#include "contract/Keys.h"
 #include "txsvcctl/ToolError.h"
 
 namespace TxCtl
@@ -16,12 +18,6 @@ namespace
 /// The service manager's limit, and one less for a registry key.
 constexpr std::size_t kLongestServiceName = 256;
 constexpr std::size_t kLongestGroupName = 255;
-
-/// The host takes "/startservices" anywhere in its command line for the switch of that name.
-constexpr std::wstring_view kSwitchName = L"startservices";
-
-/// Values that the host keeps in the group's key beside those named after services.
-constexpr wchar_t kBucketLimitValue[] = L"WSSOptimalBucketUpperLimit";
 
 /// Separators of the service list, of paths and of command lines, and the quotes around them.
 constexpr std::wstring_view kForbidden = L";:,/\\\"'";
@@ -69,7 +65,7 @@ bool IsSameName(const std::wstring& left, const std::wstring& right) noexcept
 void CheckServiceName(const std::wstring& name)
 {
     CheckName(L"service", name, kLongestServiceName);
-    if (IsSameName(name, kBucketLimitValue))
+    if (IsSameName(name, Contract::kBucketLimitValue))
     {
         ThrowUsage(
             L"the service name '" + name + L"' is that of a value which the host keeps in the group's key");
@@ -79,7 +75,7 @@ void CheckServiceName(const std::wstring& name)
 void CheckGroupName(const std::wstring& name)
 {
     CheckName(L"group", name, kLongestGroupName);
-    if (name.starts_with(kSwitchName))
+    if ((Contract::kGroupDelimiter + name).starts_with(Contract::kStartServicesSwitch))
     {
         ThrowUsage(L"the host would take the group name '" + name + L"' for its switch /startservices");
     }

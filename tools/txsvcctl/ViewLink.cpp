@@ -7,6 +7,8 @@
 #include <vector>
 
 #include "base/RegKey.h"
+#include "contract/Keys.h"
+#include "contract/LinkForm.h"
 #include "control/RegistryLink.h"
 #include "txsvcctl/Names.h"
 #include "txsvcctl/ToolError.h"
@@ -19,10 +21,11 @@ namespace
 
 std::wstring DescribeObstacle(ViewLinkState state)
 {
-    const std::wstring subject = std::wstring(L"HKEY_LOCAL_MACHINE\\") + kProductKey;
+    const std::wstring subject = std::wstring(L"HKEY_LOCAL_MACHINE\\") + Contract::kProductKey;
     return state == ViewLinkState::OtherLink
-               ? subject + L" is a link to another place than " + kProductKey32
-               : subject + L" is an ordinary key with contents in place of a link to " + kProductKey32;
+               ? subject + L" is a link to another place than " + Contract::kProductKey32
+               : subject + L" is an ordinary key with contents in place of a link to " +
+                     Contract::kProductKey32;
 }
 
 bool IsObstacle(ViewLinkState state)
@@ -34,7 +37,7 @@ bool LeadsToTarget(const std::vector<BYTE>& linkData)
 {
     std::wstring target(linkData.size() / sizeof(wchar_t), L'\0');
     std::memcpy(target.data(), linkData.data(), target.size() * sizeof(wchar_t));
-    return IsSameName(target, std::wstring(L"\\Registry\\MACHINE\\") + kProductKey32);
+    return IsSameName(target, Contract::kKernelPrefix + std::wstring(Contract::kProductKey32));
 }
 
 } // namespace
@@ -42,23 +45,23 @@ bool LeadsToTarget(const std::vector<BYTE>& linkData)
 ViewLinkState InspectViewLink()
 {
     Basalt::CRegKey key;
-    DWORD status = key.Open(HKEY_LOCAL_MACHINE, kProductKey, KEY_READ, REG_OPTION_OPEN_LINK);
+    DWORD status = key.Open(HKEY_LOCAL_MACHINE, Contract::kProductKey, KEY_READ, REG_OPTION_OPEN_LINK);
     if (status == ERROR_FILE_NOT_FOUND)
     {
         return ViewLinkState::Missing;
     }
-    CheckStatus(status, L"open registry key", kProductKey);
+    CheckStatus(status, L"open registry key", Contract::kProductKey);
 
     DWORD type = REG_NONE;
     std::vector<BYTE> linkData;
-    if (key.ReadValue(L"SymbolicLinkValue", type, linkData) == ERROR_SUCCESS && type == REG_LINK)
+    if (key.ReadValue(Contract::kLinkValue, type, linkData) == ERROR_SUCCESS && type == REG_LINK)
     {
         return LeadsToTarget(linkData) ? ViewLinkState::Link : ViewLinkState::OtherLink;
     }
     DWORD subKeyCount = 0;
     DWORD valueCount = 0;
     status = key.GetInfo(subKeyCount, valueCount);
-    CheckStatus(status, L"read registry key", kProductKey);
+    CheckStatus(status, L"read registry key", Contract::kProductKey);
     return subKeyCount == 0 && valueCount == 0 ? ViewLinkState::EmptyKey : ViewLinkState::FilledKey;
 }
 
@@ -78,16 +81,18 @@ void EnsureViewLink(bool replace, IConsole& console)
             L"contents. Save what you need of it, then repeat the command with --replace-key.");
     }
     // Forced, because an empty key stands in the way as well.
-    if (!CreateRegistryLink(kProductKey, kProductKey32, true, true) || !IsRegistryLink(kProductKey))
+    if (!CreateRegistryLink(Contract::kProductKey, Contract::kProductKey32, true, true) ||
+        !IsRegistryLink(Contract::kProductKey))
     {
         ThrowFailed(
-            std::wstring(L"cannot make the link HKEY_LOCAL_MACHINE\\") + kProductKey + L" to " +
-            kProductKey32 + L" (are you an administrator?)");
+            std::wstring(L"cannot make the link HKEY_LOCAL_MACHINE\\") + Contract::kProductKey + L" to " +
+            Contract::kProductKey32 + L" (are you an administrator?)");
     }
     if (IsObstacle(state))
     {
         console.Error(
-            std::wstring(L"note: what stood at HKEY_LOCAL_MACHINE\\") + kProductKey + L" was replaced");
+            std::wstring(L"note: what stood at HKEY_LOCAL_MACHINE\\") + Contract::kProductKey +
+            L" was replaced");
     }
 }
 

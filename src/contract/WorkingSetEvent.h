@@ -5,7 +5,7 @@
 #include <array>
 #include <cwchar>
 
-namespace Basalt
+namespace Contract
 {
 
 /// Name of the event that asks the host process with this id to trim its working set. The working-set handler
@@ -18,4 +18,4 @@ namespace Basalt
     return name;
 }
 
-} // namespace Basalt
+} // namespace Contract

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <string>
+
+/// @file
+/// The host's command line: "...\TxSvHost.exe" /GROUP in the service control manager, or the switch.
+
+namespace Contract
+{
+
+/// Exact case, anywhere in the line, the program's own path included: no group may begin with it.
+inline constexpr wchar_t kStartServicesSwitch[] = L"/startservices";
+
+/// In front of the group's name; the first one in the argument counts.
+inline constexpr wchar_t kGroupDelimiter[] = L"/";
+
+} // namespace Contract
