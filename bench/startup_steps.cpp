@@ -21,7 +21,7 @@
 #include "base/Stopwatch.h"
 #include "config/TxSvcHostConfig.h"
 #include "contract/Keys.h"
-#include "control/ComApartment.h"
+#include "process/ComApartment.h"
 #include "control/InstallingUpdate.h"
 #include "control/RegistryLink.h"
 #include "host/ProcessSecurity.h"

@@ -7,9 +7,9 @@
 
 #include "contract/CommandLine.h"
 #include "contract/Keys.h"
+#include "control/GroupServices.h"
 #include "control/InstallingUpdate.h"
 #include "control/RegistryLink.h"
-#include "control/TxSvcSubsystemControlManager.h"
 #include "host/TxSvcHost.h"
 #include "logging/AutoLogController.h"
 #include "logging/Log.h"
@@ -46,7 +46,7 @@ int Run(int argc, wchar_t** argv)
     }
     if (std::wcsstr(::GetCommandLineW(), Contract::kStartServicesSwitch) != nullptr)
     {
-        CTxSvcSubsystemControlManager::StartServices(true);
+        StartServices(true);
         return ERROR_SUCCESS;
     }
     LogBanner(argc, argv);

@@ -15,9 +15,9 @@
 #include "config/TxSvcHostConfig.h"
 #include "contract/Keys.h"
 #include "contract/WorkingSetEvent.h"
-#include "control/ComApartment.h"
-#include "control/ReduceRestart.h"
 #include "logging/Log.h"
+#include "process/ComApartment.h"
+#include "process/ReduceRestart.h"
 
 using Basalt::CStopwatch;
 using namespace ETWLogging;

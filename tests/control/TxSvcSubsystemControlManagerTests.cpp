@@ -14,8 +14,11 @@
 #include "base/Owned.h"
 #include "config/TxSvcHostConfig.h"
 #include "contract/Keys.h"
-#include "control/ReduceRestart.h"
+#include "control/GroupServices.h"
+#include "control/ProcessEnd.h"
+#include "control/TxSvcSubsystemControlManagerClassFactory.h"
 #include "logging/LoggingIf.h"
+#include "process/ReduceRestart.h"
 #include "support/ImportPatch.h"
 #include "support/LogCapture.h"
 #include "support/TestKey.h"
@@ -201,7 +204,7 @@ TEST_F(ControlManagerTest, StopServiceHasAResultAndALineForEachOutcome)
         SetUp();
         g_scm = {row.exists ? Services{{L"s", row.service}} : Services{}, row.managerError};
 
-        EXPECT_EQ(Manager::StopService(L"s"), row.expected);
+        EXPECT_EQ(::StopService(L"s"), row.expected);
         EXPECT_EQ(g_scm.sleeps, std::vector<DWORD>(row.sleeps, 1000));
         EXPECT_EQ(Lines(L"StopService"), row.lines);
         EXPECT_EQ(g_scm.opened, 0);
@@ -214,7 +217,7 @@ TEST_F(ControlManagerTest, APollWaitsASecondOfRealTime)
     g_scm.services[L"s"] = {0, 0, 0, 1};
     const ULONGLONG begin = ::GetTickCount64();
 
-    EXPECT_EQ(Manager::StopService(L"s"), S_OK);
+    EXPECT_EQ(::StopService(L"s"), S_OK);
     EXPECT_GE(::GetTickCount64() - begin, 950U);
 }
 
@@ -255,7 +258,7 @@ TEST_F(ControlManagerTest, StopServicesStopsTheTwoBasicServicesLastAndOrsTheOutc
             g_scm = {row.services};
             m_log.Clear();
 
-            EXPECT_EQ(Manager::StopServices(releaseConfig), row.expected);
+            EXPECT_EQ(::StopServices(releaseConfig), row.expected);
             EXPECT_EQ(g_scm.calls, row.stopped);
             EXPECT_TRUE(IsReduceRestartStopping() && g_scm.wasFlagSet);
             if (row.stopped.empty())
@@ -312,7 +315,7 @@ TEST_F(ControlManagerTest, StartServicesStartsTheCoreGroupAndIgnoresWhatFails)
             const Services services = {{L"a", {}}, {L"running", {0, 1056}}, {L"denied", {5}}, {L"z", {}}};
             g_scm = {services, row.managerError, SERVICE_START};
 
-            EXPECT_EQ(Manager::StartServices(releaseConfig), row.expected);
+            EXPECT_EQ(::StartServices(releaseConfig), row.expected);
             EXPECT_EQ(g_scm.calls, row.started);
             EXPECT_EQ(Lines(L"StartServices"), row.lines);
             EXPECT_EQ(HasConfig(), row.hasRoot && !releaseConfig);
@@ -332,8 +335,7 @@ FakeCreateThread(SECURITY_ATTRIBUTES*, SIZE_T, LPTHREAD_START_ROUTINE routine, v
 /// Runs the routine of the forced stop up to its exit.
 void RunTerminateThread()
 {
-    const Basalt::CHandle thread(
-        ::CreateThread(nullptr, 0, &Manager::MyTerminateThread, nullptr, 0, nullptr));
+    const Basalt::CHandle thread(::CreateThread(nullptr, 0, &::MyTerminateThread, nullptr, 0, nullptr));
     DWORD exitCode = 0;
     EXPECT_EQ(::WaitForSingleObject(thread.Get(), 10000), DWORD{WAIT_OBJECT_0});
     EXPECT_TRUE(::GetExitCodeThread(thread.Get(), &exitCode) && exitCode == 7);
@@ -361,7 +363,7 @@ TEST_F(ControlManagerTest, AnUnfinishedStopEndsTheProcessAfterASecond)
         EXPECT_EQ(manager.TxStopSvcSubsystem(0, nullptr), isForced ? E_FAIL : S_OK);
         EXPECT_EQ(processId, ::GetCurrentProcessId());
         EXPECT_EQ(m_log.Count(LogInformation, kForced), isForced ? 2U : 0U);
-        EXPECT_EQ(g_routine, isForced ? &Manager::MyTerminateThread : nullptr);
+        EXPECT_EQ(g_routine, isForced ? &::MyTerminateThread : nullptr);
     }
     RunTerminateThread();
     EXPECT_EQ(g_scm.sleeps, std::vector<DWORD>{1000});
@@ -493,7 +495,7 @@ TEST_F(ControlManagerTest, TheEndOfTheProcessWaitsForRunningCallsAndRefusesFurth
     ::WaitForSingleObject(s_checked.Get(), 10000);
     static std::atomic<bool> s_isClosed = false;
     std::thread closer([] {
-        Manager::CloseCalls(); // For the life of this process.
+        ::CloseCalls(); // For the life of this process.
         s_isClosed = true;
     });
     while (manager.TxStopSvcSubsystem(0, nullptr) != E_FAIL)

@@ -15,7 +15,7 @@
 #include "config/TxSvcHostConfig.h"
 #include "contract/Keys.h"
 #include "contract/WorkingSetEvent.h"
-#include "control/ReduceRestart.h"
+#include "process/ReduceRestart.h"
 #include "logging/LoggingIf.h"
 #include "support/ImportPatch.h"
 #include "support/LogCapture.h"

@@ -1,4 +1,4 @@
-#include "control/ReduceRestart.h"
+#include "process/ReduceRestart.h"
 
 #include <atomic>
 

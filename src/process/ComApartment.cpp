@@ -1,4 +1,4 @@
-#include "control/ComApartment.h"
+#include "process/ComApartment.h"
 
 #include "base/CallGuard.h"
 #include "logging/Log.h"
