@@ -43,7 +43,7 @@ HRESULT WaitUntilStopped(SC_HANDLE service, const wchar_t* serviceName, SERVICE_
     for (int attempt = 0; attempt < kStopAttempts && status.dwCurrentState != SERVICE_STOPPED; ++attempt)
     {
         ::Sleep(kStopPollMs);
-        if (::QueryServiceStatus(service, &status) == FALSE)
+        if (!::QueryServiceStatus(service, &status))
         {
             const DWORD error = ::GetLastError();
             TX_LOG(
@@ -67,7 +67,7 @@ HRESULT WaitUntilStopped(SC_HANDLE service, const wchar_t* serviceName, SERVICE_
 HRESULT StopOpenService(SC_HANDLE service, const wchar_t* serviceName) noexcept
 {
     SERVICE_STATUS status{};
-    if (::ControlService(service, SERVICE_CONTROL_STOP, &status) == FALSE)
+    if (!::ControlService(service, SERVICE_CONTROL_STOP, &status))
     {
         const DWORD error = ::GetLastError();
         if (error == ERROR_SERVICE_NOT_ACTIVE)
@@ -127,7 +127,7 @@ void StartOneService(SC_HANDLE manager, const std::wstring& name) noexcept
         TX_LOG(LogInformation, L"StartServices", L"Failed to open service:%s, error code %d", name, error);
         return;
     }
-    if (::StartServiceW(service.Get(), 0, nullptr) == FALSE)
+    if (!::StartServiceW(service.Get(), 0, nullptr))
     {
         const DWORD error = ::GetLastError();
         TX_LOG(LogInformation, L"StartServices", L"Failed to start service:%s, error code %d", name, error);

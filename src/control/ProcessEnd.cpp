@@ -22,7 +22,7 @@ std::atomic<bool> g_isClosed = false; ///< The main thread is on its way out.
 
 } // namespace
 
-CForeignCall::CForeignCall() noexcept : m_isAdmitted(::TryAcquireSRWLockShared(&g_calls) != FALSE) {}
+CForeignCall::CForeignCall() noexcept : m_isAdmitted(::TryAcquireSRWLockShared(&g_calls)) {}
 
 CForeignCall::~CForeignCall()
 {

@@ -29,7 +29,6 @@ constexpr wchar_t kLogSource[] = L"TxSvcHostProxy";
 
 /// What an exception out of hosted code is turned into.
 constexpr DWORD kExceptionCode = ERROR_INVALID_OPERATION;
-constexpr HRESULT kExceptionResult = __HRESULT_FROM_WIN32(ERROR_INVALID_OPERATION);
 
 /// Time for the subsystem's last thread to leave its code before that is unmapped.
 constexpr DWORD kUnloadDelayMs = 100;
@@ -41,12 +40,9 @@ constexpr DWORD kThreadEndMs = 1000;
 HRESULT AskForClassObject(
     LPFNGETCLASSOBJECT getClassObject, const CLSID& clsid, ITxSvcClassObject** object) noexcept
 {
-    HRESULT result = kExceptionResult;
     void* found = nullptr;
-    if (!Basalt::CallGuarded([&] { result = getClassObject(clsid, IID_ITxSvcClassObject, &found); }))
-    {
-        return kExceptionResult;
-    }
+    const HRESULT result =
+        Basalt::GuardedResult([&] { return getClassObject(clsid, IID_ITxSvcClassObject, &found); });
     *object = static_cast<ITxSvcClassObject*>(found);
     return SUCCEEDED(result) && found == nullptr ? E_POINTER : result;
 }
@@ -54,13 +50,10 @@ HRESULT AskForClassObject(
 /// CreateObject, with an exception turned into a status. Releases the class object in any case.
 HRESULT CreateSubsystem(ITxSvcClassObject* classObject, CSubsystemHolder& holder) noexcept
 {
-    HRESULT result = kExceptionResult;
     void* created = nullptr;
-    if (!Basalt::CallGuarded([&] { result = classObject->CreateObject(IID_ITxSvcSubsystem, &created); }))
-    {
-        result = kExceptionResult;
-    }
-    else if (SUCCEEDED(result))
+    const HRESULT result =
+        Basalt::GuardedResult([&] { return classObject->CreateObject(IID_ITxSvcSubsystem, &created); });
+    if (SUCCEEDED(result))
     {
         holder.SetInterface(static_cast<ITxSvcSubsystem*>(created));
     }
@@ -93,7 +86,7 @@ bool IsReportedStopped(const wchar_t* name) noexcept
     const Basalt::CServiceHandle manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
     const Basalt::CServiceHandle service(::OpenServiceW(manager.Get(), name, SERVICE_QUERY_STATUS));
     SERVICE_STATUS status{};
-    return service && ::QueryServiceStatus(service.Get(), &status) != FALSE &&
+    return service && ::QueryServiceStatus(service.Get(), &status) &&
            status.dwCurrentState == SERVICE_STOPPED;
 }
 
@@ -444,7 +437,7 @@ bool CTxSvcHostProxy::SetServiceStoppedStatus(const wchar_t* name) noexcept
     SERVICE_STATUS status{};
     status.dwServiceType = SERVICE_WIN32_SHARE_PROCESS;
     status.dwCurrentState = SERVICE_STOPPED;
-    if (::SetServiceStatus(handle, &status) == FALSE)
+    if (!::SetServiceStatus(handle, &status))
     {
         const DWORD error = ::GetLastError();
         TX_LOG(LogError, kFunction, L"Failed to set the service status, error %d", error);

@@ -7,9 +7,7 @@
 #include "logging/Log.h"
 
 using Basalt::CLockGuard;
-using ETWLogging::LogError;
-using ETWLogging::LogNormal;
-using ETWLogging::LogWarning;
+using namespace ETWLogging;
 
 namespace
 {
@@ -42,7 +40,7 @@ bool RegisterWait(HANDLE& wait, HANDLE event, WAITORTIMERCALLBACK callback, void
 /// A timer whose callback still runs counts as deleted: it goes when the callback returns.
 bool DeleteTimer(HANDLE queue, HANDLE timer, HANDLE completion, DWORD& error) noexcept
 {
-    if (::DeleteTimerQueueTimer(queue, timer, completion) != FALSE)
+    if (::DeleteTimerQueueTimer(queue, timer, completion))
     {
         return true;
     }
@@ -74,7 +72,7 @@ CTxSvcHostWorkingSetHandler::~CTxSvcHostWorkingSetHandler()
     m_wait.Reset(); // Nothing may call back any more when the stop event goes.
     m_timerQueue.Reset();
     const HANDLE stopEvent = m_stopEvent.Release();
-    if (stopEvent != nullptr && ::CloseHandle(stopEvent) == FALSE)
+    if (stopEvent != nullptr && !::CloseHandle(stopEvent))
     {
         TX_LOG(
             LogError,
@@ -281,7 +279,7 @@ bool CTxSvcHostWorkingSetHandler::DeInitialize() noexcept
         ::Sleep(1); // Gives way to a pool thread that is just about to return.
         callbackEnded = m_callback.deInit();
         const HANDLE wsEvent = m_wsEvent.Release();
-        eventClosed = wsEvent == nullptr || ::CloseHandle(wsEvent) != FALSE;
+        eventClosed = wsEvent == nullptr || ::CloseHandle(wsEvent);
         m_bInitialized = false;
     }
     if (!callbackEnded)
@@ -303,7 +301,7 @@ void CTxSvcHostWorkingSetHandler::unregisterEventWait() noexcept
         const CLockGuard guard(m_lock);
         wait = m_wait.Release();
     }
-    if (wait != nullptr && ::UnregisterWaitEx(wait, INVALID_HANDLE_VALUE) == FALSE)
+    if (wait != nullptr && !::UnregisterWaitEx(wait, INVALID_HANDLE_VALUE))
     {
         TX_LOG(
             LogWarning,
@@ -323,7 +321,7 @@ void CTxSvcHostWorkingSetHandler::deleteTimerQueue() noexcept
         queue = m_timerQueue.Release();
         m_timer = nullptr;
     }
-    if (queue != nullptr && ::DeleteTimerQueueEx(queue, INVALID_HANDLE_VALUE) == FALSE)
+    if (queue != nullptr && !::DeleteTimerQueueEx(queue, INVALID_HANDLE_VALUE))
     {
         TX_LOG(
             LogWarning,
@@ -335,5 +333,5 @@ void CTxSvcHostWorkingSetHandler::deleteTimerQueue() noexcept
 
 void CALLBACK CTxSvcHostWorkingSetHandler::onTimerOrEvent(void* context, BOOLEAN timerFired) noexcept
 {
-    static_cast<CTxWorkingSetCallback*>(context)->OnCallback(timerFired != FALSE);
+    static_cast<CTxWorkingSetCallback*>(context)->OnCallback(timerFired);
 }

@@ -10,9 +10,7 @@
 #include "workingset/WorkingSetTimer.h"
 
 using Basalt::CLockGuard;
-using ETWLogging::LogError;
-using ETWLogging::LogNormal;
-using ETWLogging::LogWarning;
+using namespace ETWLogging;
 
 namespace
 {
@@ -251,7 +249,7 @@ bool CTxWorkingSetCallback::isStopRequested() const noexcept
 ULONGLONG CTxWorkingSetCallback::getCurrentWorkingSet() const noexcept
 {
     PROCESS_MEMORY_COUNTERS counters{};
-    if (::GetProcessMemoryInfo(::GetCurrentProcess(), &counters, sizeof(counters)) == FALSE)
+    if (!::GetProcessMemoryInfo(::GetCurrentProcess(), &counters, sizeof(counters)))
     {
         TX_LOG(
             LogError,
@@ -267,7 +265,7 @@ bool CTxWorkingSetCallback::limitWorkingSet() const noexcept
 {
     constexpr wchar_t kFunction[] = L"CTxWorkingSetCallback::limitWorkingSet";
     constexpr auto kEmpty = static_cast<SIZE_T>(-1); // For both limits: takes out every page that it can.
-    if (::SetProcessWorkingSetSize(::GetCurrentProcess(), kEmpty, kEmpty) == FALSE)
+    if (!::SetProcessWorkingSetSize(::GetCurrentProcess(), kEmpty, kEmpty))
     {
         TX_LOG(LogError, kFunction, L"Failed to set the process working set (GLE=0x%08X)", ::GetLastError());
         return false;

@@ -15,7 +15,7 @@
 #include "support/Doubles.h"
 #include "support/ImportPatch.h"
 
-using Basalt::kForeignCallFailed;
+using Basalt::kCallFailed;
 
 namespace
 {
@@ -91,7 +91,7 @@ TEST_F(TrustedCreationTest, OnlyAClassObjectOfATrustedModuleMayCreate)
     } rows[] = {
         {L"tarvex", L"", L"create;release;", S_OK},
         {L"tarvex", L"refuse", L"create;release;", CLASS_E_NOAGGREGATION},
-        {L"tarvex", L"null", L"create;release;", kForeignCallFailed},
+        {L"tarvex", L"null", L"create;release;", kCallFailed},
         {L"foreign", L"", L"release;", E_ACCESSDENIED},
         {L"unsigned", L"", L"release;", E_ACCESSDENIED},
         {L"unsigned", L"", L"create;release;", S_OK, false},
@@ -129,10 +129,10 @@ TEST_F(TrustedCreationTest, DamagedClassObjectsGiveAStatus)
         HRESULT plain;
     } rows[] = {
         {"no object", nullptr, E_NOINTERFACE, E_NOINTERFACE},
-        {"unreadable object", kWild, E_ACCESSDENIED, kForeignCallFailed},
-        {"no table", data, E_ACCESSDENIED, kForeignCallFailed},
-        {"unreadable table", static_cast<void*>(&wildTable), E_ACCESSDENIED, kForeignCallFailed},
-        {"methods in data", static_cast<void*>(&inData), E_ACCESSDENIED, kForeignCallFailed},
+        {"unreadable object", kWild, E_ACCESSDENIED, kCallFailed},
+        {"no table", data, E_ACCESSDENIED, kCallFailed},
+        {"unreadable table", static_cast<void*>(&wildTable), E_ACCESSDENIED, kCallFailed},
+        {"methods in data", static_cast<void*>(&inData), E_ACCESSDENIED, kCallFailed},
     };
     for (const auto& row : rows)
     {
@@ -150,8 +150,7 @@ TEST_F(TrustedCreationTest, OneBadMethodGivesAStatus)
         std::size_t slot;
         HRESULT result;
         const wchar_t* calls;
-    } rows[] = {
-        {0, E_ACCESSDENIED, L"release;"}, {2, S_OK, L"create;"}, {3, kForeignCallFailed, L"release;"}};
+    } rows[] = {{0, E_ACCESSDENIED, L"release;"}, {2, S_OK, L"create;"}, {3, kCallFailed, L"release;"}};
     for (const auto& row : rows)
     {
         PrepareDouble();

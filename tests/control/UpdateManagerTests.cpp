@@ -279,7 +279,7 @@ TEST_F(UpdateManagerTest, OnlyATrustedAgentIsAskedToCancel)
     } rows[] = {
         {L"unsigned", L"", E_ACCESSDENIED, L"release;"},
         {L"tarvex", L"fail", E_ABORT, asked},
-        {L"tarvex", L"throw", Basalt::kForeignCallFailed, asked},
+        {L"tarvex", L"throw", Basalt::kCallFailed, asked},
         {L"tarvex", L"old", S_OK, asked},
     };
     for (const auto& row : rows)

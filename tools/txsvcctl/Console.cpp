@@ -19,7 +19,7 @@ bool WriteToConsole(HANDLE console, const std::wstring& text)
     {
         const auto length = static_cast<DWORD>(std::min(kConsoleChunk, text.size() - at));
         DWORD written = 0;
-        if (::WriteConsoleW(console, text.data() + at, length, &written, nullptr) == FALSE)
+        if (!::WriteConsoleW(console, text.data() + at, length, &written, nullptr))
         {
             return false;
         }
@@ -33,7 +33,7 @@ bool WriteToFile(HANDLE file, const std::string& bytes)
     {
         DWORD written = 0;
         const auto size = static_cast<DWORD>(bytes.size() - at);
-        if (::WriteFile(file, bytes.data() + at, size, &written, nullptr) == FALSE || written == 0)
+        if (!::WriteFile(file, bytes.data() + at, size, &written, nullptr) || written == 0)
         {
             return false;
         }
@@ -77,7 +77,7 @@ void CStandardConsole::write(DWORD standardHandle, const std::wstring& text)
     }
     const std::wstring lines = WithLineEnds(text);
     DWORD mode = 0;
-    const bool isConsole = ::GetConsoleMode(handle, &mode) != FALSE;
+    const bool isConsole = ::GetConsoleMode(handle, &mode);
     if (!(isConsole ? WriteToConsole(handle, lines) : WriteToFile(handle, ToUtf8(lines))))
     {
         m_hasFailed = true;

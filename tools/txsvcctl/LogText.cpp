@@ -132,7 +132,7 @@ bool ConvertTo24Hours(SYSTEMTIME& time, bool isAfternoon) noexcept
     }
     time.wHour = static_cast<WORD>(time.wHour % kNoon + (isAfternoon ? kNoon : 0));
     FILETIME ignored{};
-    return ::SystemTimeToFileTime(&time, &ignored) != FALSE;
+    return ::SystemTimeToFileTime(&time, &ignored);
 }
 
 /// Names, and the numbers that stand for levels without one.

@@ -30,7 +30,7 @@ DWORD ReadWholeFile(const std::wstring& path, std::vector<BYTE>& bytes)
         FILE_ATTRIBUTE_NORMAL,
         nullptr));
     LARGE_INTEGER size{};
-    if (!file || ::GetFileSizeEx(file.Get(), &size) == FALSE)
+    if (!file || !::GetFileSizeEx(file.Get(), &size))
     {
         return ::GetLastError();
     }
@@ -40,7 +40,7 @@ DWORD ReadWholeFile(const std::wstring& path, std::vector<BYTE>& bytes)
     }
     bytes.resize(static_cast<std::size_t>(size.QuadPart));
     DWORD read = 0;
-    if (::ReadFile(file.Get(), bytes.data(), static_cast<DWORD>(bytes.size()), &read, nullptr) == FALSE)
+    if (!::ReadFile(file.Get(), bytes.data(), static_cast<DWORD>(bytes.size()), &read, nullptr))
     {
         return ::GetLastError();
     }

@@ -21,12 +21,8 @@ ServiceState QueryState(const CServiceHandle& service, const std::wstring& name)
 {
     SERVICE_STATUS_PROCESS status{};
     DWORD needed = 0;
-    if (::QueryServiceStatusEx(
-            service.Get(),
-            SC_STATUS_PROCESS_INFO,
-            reinterpret_cast<BYTE*>(&status),
-            sizeof(status),
-            &needed) == FALSE)
+    if (!::QueryServiceStatusEx(
+            service.Get(), SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status), sizeof(status), &needed))
     {
         ThrowFailure(L"query the state of service", name, ::GetLastError());
     }
@@ -183,7 +179,7 @@ std::optional<ServiceConfig> CServiceManager::FindConfig(const std::wstring& nam
     ::QueryServiceConfigW(service.Get(), nullptr, 0, &needed);
     std::vector<QUERY_SERVICE_CONFIGW> buffer(needed / sizeof(QUERY_SERVICE_CONFIGW) + 1);
     const auto size = static_cast<DWORD>(buffer.size() * sizeof(QUERY_SERVICE_CONFIGW));
-    if (::QueryServiceConfigW(service.Get(), buffer.data(), size, &needed) == FALSE)
+    if (!::QueryServiceConfigW(service.Get(), buffer.data(), size, &needed))
     {
         ThrowFailure(L"read the entry of service", name, ::GetLastError());
     }
@@ -227,7 +223,7 @@ void CServiceManager::Change(const std::wstring& name, const ServiceSettings& se
 {
     constexpr wchar_t kOperation[] = L"change service";
     const CServiceHandle service = open(name, SERVICE_CHANGE_CONFIG, kOperation);
-    if (::ChangeServiceConfigW(
+    if (!::ChangeServiceConfigW(
             service.Get(),
             SERVICE_WIN32_SHARE_PROCESS,
             settings.startType.value_or(SERVICE_NO_CHANGE),
@@ -238,7 +234,7 @@ void CServiceManager::Change(const std::wstring& name, const ServiceSettings& se
             nullptr,
             nullptr,
             nullptr,
-            TextOrNull(settings.displayName)) == FALSE)
+            TextOrNull(settings.displayName)))
     {
         ThrowFailure(kOperation, name, ::GetLastError());
     }
@@ -248,7 +244,7 @@ void CServiceManager::Delete(const std::wstring& name) const
 {
     constexpr wchar_t kOperation[] = L"delete service";
     const CServiceHandle service = open(name, DELETE, kOperation);
-    if (::DeleteService(service.Get()) == FALSE)
+    if (!::DeleteService(service.Get()))
     {
         ThrowFailure(kOperation, name, ::GetLastError());
     }
@@ -262,7 +258,7 @@ ServiceState CServiceManager::Start(const std::wstring& name, DWORD timeoutMs) c
     ServiceState state = WaitWhilePending(service, name, deadline, kStartService);
     if (state.state == SERVICE_STOPPED)
     {
-        if (::StartServiceW(service.Get(), 0, nullptr) == FALSE)
+        if (!::StartServiceW(service.Get(), 0, nullptr))
         {
             const DWORD error = ::GetLastError();
             if (error != ERROR_SERVICE_ALREADY_RUNNING)
@@ -299,7 +295,7 @@ ServiceState CServiceManager::Stop(const std::wstring& name, DWORD timeoutMs) co
         if (!isRequested && state.state != SERVICE_STOP_PENDING)
         {
             SERVICE_STATUS ignored{};
-            const bool isTaken = ::ControlService(service.Get(), SERVICE_CONTROL_STOP, &ignored) != FALSE;
+            const bool isTaken = ::ControlService(service.Get(), SERVICE_CONTROL_STOP, &ignored);
             const DWORD error = isTaken ? ERROR_SUCCESS : ::GetLastError();
             if (!isTaken && error != ERROR_SERVICE_CANNOT_ACCEPT_CTRL && error != ERROR_SERVICE_NOT_ACTIVE)
             {
