@@ -1,5 +1,6 @@
 #include "txsvcctl/LogShow.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <iterator>
 #include <memory>
@@ -42,13 +43,6 @@ struct Log
     DWORD oldFiles = 0;
 };
 
-std::wstring FullPath(const std::wstring& path)
-{
-    std::wstring full(::GetFullPathNameW(path.c_str(), 0, nullptr, nullptr), L'\0');
-    full.resize(::GetFullPathNameW(path.c_str(), static_cast<DWORD>(full.size()), full.data(), nullptr));
-    return full;
-}
-
 Log ConfiguredLog(const std::optional<std::string>& ini, IConsole& console)
 {
     const CLogStore store = ini ? CLogStore(AbsolutePath(FromUtf8(*ini))) : CLogStore();
@@ -60,7 +54,8 @@ Log ConfiguredLog(const std::optional<std::string>& ini, IConsole& console)
     const bool isDefault = folder.origin == ETWLogging::LogSettingOrigin::Default;
     // The services' environment is expected to have the same folder there as that of this program.
     return {
-        FullPath((isDefault ? TxSdk::DefaultLogFolder() : folder.value) + L"\\" + store.Get(L"file").value),
+        AbsolutePath(
+            (isDefault ? TxSdk::DefaultLogFolder() : folder.value) + L"\\" + store.Get(L"file").value),
         static_cast<DWORD>(std::stoul(store.Get(L"old-files").value))};
 }
 
@@ -269,7 +264,7 @@ void ShowLog(const Arguments& arguments, IConsole& console)
         options.since = ParseMoment(FromUtf8(*arguments.since));
     }
     const Log log =
-        arguments.file ? Log{FullPath(FromUtf8(*arguments.file))} : ConfiguredLog(arguments.ini, console);
+        arguments.file ? Log{AbsolutePath(FromUtf8(*arguments.file))} : ConfiguredLog(arguments.ini, console);
     if (!arguments.follow)
     {
         CLogShow(log.path, log.oldFiles, options, nullptr, console).Show();

@@ -2,12 +2,16 @@
 
 #include <windows.h>
 
-#include <CLI/CLI.hpp>
 #include <optional>
 #include <string>
 
 #include "txsvcctl/Console.h"
 #include "txsvcctl/LogReader.h"
+
+namespace CLI
+{
+class App; // NOLINT(readability-identifier-naming): the library's own name.
+}
 
 namespace TxCtl
 {

@@ -4,6 +4,7 @@
 #include <evntcons.h>
 #include <evntrace.h>
 
+#include <CLI/CLI.hpp>
 #include <cstring>
 #include <exception>
 #include <memory>

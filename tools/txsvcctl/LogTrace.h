@@ -2,12 +2,16 @@
 
 #include <windows.h>
 
-#include <CLI/CLI.hpp>
 #include <cstddef>
 #include <optional>
 #include <string>
 
 #include "txsvcctl/Console.h"
+
+namespace CLI
+{
+class App; // NOLINT(readability-identifier-naming): the library's own name.
+}
 
 namespace TxCtl
 {

@@ -5,6 +5,7 @@
 
 #include <string_view>
 
+#include "base/Paths.h"
 #include "contract/CommandLine.h"
 #include "contract/Keys.h"
 #include "txsvcctl/ToolError.h"
@@ -100,22 +101,12 @@ std::optional<std::wstring> CanonicalClsid(const std::wstring& text)
 
 std::wstring AbsolutePath(const std::wstring& path)
 {
-    std::wstring absolute(MAX_PATH, L'\0');
-    for (;;)
+    std::wstring absolute = Basalt::FullPath(path);
+    if (absolute.empty())
     {
-        const DWORD length =
-            ::GetFullPathNameW(path.c_str(), static_cast<DWORD>(absolute.size()), absolute.data(), nullptr);
-        if (length == 0)
-        {
-            ThrowFailure(L"find the full path of", path, ::GetLastError());
-        }
-        const bool fits = length < absolute.size();
-        absolute.resize(length);
-        if (fits)
-        {
-            return absolute;
-        }
+        ThrowFailure(L"find the full path of", path, ::GetLastError());
     }
+    return absolute;
 }
 
 } // namespace TxCtl

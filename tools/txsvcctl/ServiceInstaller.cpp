@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "base/Owned.h"
+#include "base/Paths.h"
 #include "txsvcctl/ImagePath.h"
 #include "txsvcctl/ModuleFile.h"
 #include "txsvcctl/Names.h"
@@ -28,22 +29,12 @@ std::wstring Quoted(const GroupService& service)
 
 std::wstring HostBesideThisProgram()
 {
-    std::wstring path(MAX_PATH, L'\0');
-    for (;;)
+    const std::wstring folder = Basalt::ProgramFolder();
+    if (folder.empty())
     {
-        const auto size = static_cast<DWORD>(path.size());
-        const DWORD length = ::GetModuleFileNameW(nullptr, path.data(), size);
-        if (length == 0)
-        {
-            ThrowFailure(L"find the path of", L"this program", ::GetLastError());
-        }
-        if (length < size)
-        {
-            path.resize(length);
-            return path.substr(0, path.rfind(L'\\') + 1) + kHostName;
-        }
-        path.resize(path.size() * 2);
+        ThrowFailure(L"find the path of", L"this program", ::GetLastError());
     }
+    return folder + kHostName;
 }
 
 std::wstring CheckedHost(const std::optional<std::wstring>& path)
