@@ -11,6 +11,7 @@
 
 #include "TraceSession.h"
 #include "TxLogController.h"
+#include "TxLogSecurity.h"
 
 namespace
 {

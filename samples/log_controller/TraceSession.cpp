@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "TxLogController.h"
+#include "TxLogSecurity.h"
 
 namespace
 {
@@ -48,26 +49,22 @@ private:
 
 } // namespace
 
-/// Keeps the other processes out for its scope, so that starting, joining and stopping do not cross.
+/// Keeps the other processes out for its scope, so that starting, joining and stopping do not cross. Where a
+/// user has made the mutex first, or it is not to be had in time, it goes on without: a session that crossing
+/// processes begin twice or stop too early costs less than none at all.
 class CTraceSession::CTurn
 {
 public:
     explicit CTurn(const std::wstring& sessionName)
         : m_mutex(TxSdk::OpenLogMutex((L"Global\\" + sessionName).c_str()))
     {
-        if (m_mutex == nullptr)
-        {
-            m_status = ::GetLastError();
-            return;
-        }
-        const DWORD wait = ::WaitForSingleObject(m_mutex, kTurnWaitMs);
-        m_status = wait == WAIT_OBJECT_0 || wait == WAIT_ABANDONED ? DWORD{ERROR_SUCCESS}
-                   : wait == WAIT_TIMEOUT                          ? DWORD{ERROR_TIMEOUT}
-                                                                   : ::GetLastError();
+        const DWORD wait =
+            m_mutex != nullptr ? ::WaitForSingleObject(m_mutex, kTurnWaitMs) : DWORD{WAIT_FAILED};
+        m_isHeld = wait == WAIT_OBJECT_0 || wait == WAIT_ABANDONED;
     }
     ~CTurn()
     {
-        if (m_status == ERROR_SUCCESS)
+        if (m_isHeld)
         {
             ::ReleaseMutex(m_mutex);
         }
@@ -79,11 +76,9 @@ public:
     CTurn(const CTurn&) = delete;
     CTurn& operator=(const CTurn&) = delete;
 
-    [[nodiscard]] DWORD Status() const noexcept { return m_status; }
-
 private:
     HANDLE m_mutex;
-    DWORD m_status = ERROR_SUCCESS;
+    bool m_isHeld = false;
 };
 
 CTraceSession::CTraceSession(const std::wstring& folder, const std::wstring& application)
@@ -132,11 +127,7 @@ DWORD CTraceSession::Start()
         return ERROR_SUCCESS;
     }
     const CTurn turn(m_name);
-    DWORD status = turn.Status();
-    if (status == ERROR_SUCCESS)
-    {
-        status = m_heldFolder.Take(m_folder);
-    }
+    DWORD status = TxSdk::TakeLogFolder(m_folder);
     bool others = false;
     if (status == ERROR_SUCCESS)
     {
@@ -151,10 +142,6 @@ DWORD CTraceSession::Start()
     {
         m_users = openUsers(FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE);
         status = m_users == INVALID_HANDLE_VALUE ? ::GetLastError() : DWORD{ERROR_SUCCESS};
-    }
-    if (status != ERROR_SUCCESS)
-    {
-        m_heldFolder.Release();
     }
     return status;
 }
@@ -206,11 +193,6 @@ DWORD CTraceSession::Stop()
     const CTurn turn(m_name);
     ::CloseHandle(m_users);
     m_users = INVALID_HANDLE_VALUE;
-    m_heldFolder.Release();
-    if (turn.Status() != ERROR_SUCCESS)
-    {
-        return turn.Status();
-    }
     bool others = false;
     const DWORD status = findOthers(others);
     return status == ERROR_SUCCESS && !others ? control(EVENT_TRACE_CONTROL_STOP) : status;
@@ -223,7 +205,7 @@ DWORD CTraceSession::Restart()
         return ERROR_INVALID_STATE;
     }
     const CTurn turn(m_name);
-    return turn.Status() == ERROR_SUCCESS ? begin() : turn.Status();
+    return begin();
 }
 
 DWORD CTraceSession::Flush()

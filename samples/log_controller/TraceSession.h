@@ -5,8 +5,6 @@
 
 #include <string>
 
-#include "TxLogSecurity.h"
-
 /// The event-tracing session of one application. All processes that use the application's name share it: the
 /// first one starts it, the last one stops it, and one that a crash left behind is replaced.
 ///
@@ -20,8 +18,8 @@ class CTraceSession
 public:
     static constexpr ULONG kFileMegabytes = 16;
 
-    /// @param folder without a backslash at the end; made when it is missing, refused when others could have
-    /// made it (TxSdk::CLogFolder).
+    /// @param folder without a backslash at the end; made when it is missing, refused when users could
+    /// change it (TxSdk::TakeLogFolder).
     CTraceSession(const std::wstring& folder, const std::wstring& application);
     /// Without Stop the session stays on until the next Start takes it over.
     ~CTraceSession();
@@ -42,7 +40,6 @@ private:
     [[nodiscard]] DWORD findOthers(bool& others) const;
 
     std::wstring m_folder;
-    TxSdk::CLogFolder m_heldFolder;
     std::wstring m_name;                   ///< of the session
     std::wstring m_path;                   ///< of its file, without the extension
     HANDLE m_users = INVALID_HANDLE_VALUE; ///< Every process that uses the session keeps this file open.

@@ -26,20 +26,4 @@ std::wstring ProgramFolder()
     return path.substr(0, path.rfind(L'\\') + 1);
 }
 
-std::wstring FullPath(const std::wstring& path)
-{
-    std::wstring full(MAX_PATH, L'\0');
-    for (;;)
-    {
-        const DWORD length =
-            ::GetFullPathNameW(path.c_str(), static_cast<DWORD>(full.size()), full.data(), nullptr);
-        const bool fits = length < full.size();
-        full.resize(length); // With the terminator when it does not fit.
-        if (fits)
-        {
-            return full;
-        }
-    }
-}
-
 } // namespace Basalt

@@ -15,10 +15,4 @@ namespace Basalt
 /// @throws std::bad_alloc
 [[nodiscard]] std::wstring ProgramFolder();
 
-/// What a path means in the current folder. The file need not exist.
-/// @return empty, with the last error set, when the system does not tell it.
-/// @throws std::bad_alloc
-/// @see https://learn.microsoft.com/windows/win32/api/fileapi/nf-fileapi-getfullpathnamew
-[[nodiscard]] std::wstring FullPath(const std::wstring& path);
-
 } // namespace Basalt

@@ -5,6 +5,9 @@
 #include <exception>
 #include <utility>
 
+#include "base/Text.h"
+#include "logging/LogSettings.h"
+
 namespace ETWLogging
 {
 
@@ -22,23 +25,6 @@ constexpr wchar_t kCommonFilesValue[] = L"CommonFiles Dir64";
 constexpr GUID kCommonProgramFiles = {
     0xF7F1ED05, 0x9F6D, 0x47A2, {0xAA, 0xAE, 0x29, 0xD3, 0x17, 0xC6, 0xF0, 0x66}};
 
-/// @return with a backslash at the end; empty when the system does not tell it.
-/// @throws std::bad_alloc
-std::wstring FolderOfProgram()
-{
-    std::wstring path(MAX_PATH, L'\0');
-    for (;;)
-    {
-        const DWORD length = ::GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size()));
-        if (length < path.size())
-        {
-            path.resize(length);
-            return path.substr(0, path.rfind(L'\\') + 1);
-        }
-        path.resize(path.size() * 2);
-    }
-}
-
 } // namespace
 
 LogControllerHelper::LogControllerHelper(
@@ -53,6 +39,7 @@ bool LogControllerHelper::FindInstalledPath(std::wstring& path) noexcept
 try
 {
     std::wstring folder;
+    const wchar_t* below = kFolder;
     const bool isConfigured = m_key->Open(HKEY_LOCAL_MACHINE, kInstallKey, KEY_READ) == ERROR_SUCCESS &&
                               m_key->ReadString(kCommonFilesValue, folder) == ERROR_SUCCESS;
     m_key->Close();
@@ -63,14 +50,16 @@ try
         {
             folder += L'\\';
         }
-        path = folder + kFolder + L'\\' + kLibrary;
-        return true;
     }
-    if (FAILED(m_shell->GetKnownFolder(kCommonProgramFiles, folder)))
+    else if (SUCCEEDED(m_shell->GetKnownFolder(kCommonProgramFiles, folder)))
+    {
+        below = kFolderBelowCommonFiles;
+    }
+    else
     {
         return false;
     }
-    path = folder + kFolderBelowCommonFiles + L'\\' + kLibrary;
+    path = Basalt::FormatText(L"%s%s\\%s", folder.c_str(), below, kLibrary);
     return true;
 }
 catch (const std::exception&)
@@ -86,7 +75,7 @@ bool LogControllerHelper::IsTrusted(const std::wstring& path) noexcept
 bool LogControllerHelper::FindBesideModule(std::wstring& path) noexcept
 try
 {
-    path = FolderOfProgram();
+    path = Basalt::ProgramFolder();
     if (path.empty())
     {
         return false;

@@ -14,7 +14,8 @@ try
     {
         return false;
     }
-    const std::wstring name = std::wstring(kControllerPathPrefix) + applicationName;
+    std::wstring name = kControllerPathPrefix;
+    name += applicationName;
     // Whatever is held counts: the trust check then refuses what is no full path.
     const LogTextSetting setting = {name.c_str(), [](const std::wstring& /*path*/) noexcept { return true; }};
     return CLogSettingsReader().ReadText(setting, path) != LogSettingOrigin::Default;

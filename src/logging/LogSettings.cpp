@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "base/Owned.h"
+#include "base/Paths.h"
 #include "base/Text.h"
 
 namespace ETWLogging
@@ -112,7 +113,7 @@ bool IsLogFileName(const std::wstring& name) noexcept
 {
     const std::size_t dot = name.rfind(L'.');
     return dot != std::wstring::npos && dot != 0 && dot + 1 < name.size() && name.back() != L' ' &&
-           HasNone(name, L"<>:\"/\\|?*");
+           HasNone(name, kNotInFileNames);
 }
 
 bool IsLogTag(const std::wstring& tag) noexcept
@@ -120,20 +121,12 @@ bool IsLogTag(const std::wstring& tag) noexcept
     return !tag.empty() && HasNone(tag, L"$"); // Readers split the line there.
 }
 
-std::wstring ProgramPath()
-{
-    constexpr DWORD kLongestPath = 32767;
-    std::wstring path(kLongestPath, L'\0');
-    path.resize(::GetModuleFileNameW(nullptr, path.data(), kLongestPath));
-    return path;
-}
-
 std::wstring LogIniPath()
 {
-    std::wstring path = ProgramPath();
-    path.resize(path.rfind(L'\\') + 1);
-    return path + kLogIniName;
+    return Basalt::ProgramFolder() + kLogIniName;
 }
+
+CLogSettingsReader::CLogSettingsReader() : CLogSettingsReader(LogIniPath(), Contract::kLoggingKey) {}
 
 CLogSettingsReader::CLogSettingsReader(const std::wstring& iniPath, const wchar_t* keyPath)
     : m_iniPath(iniPath)

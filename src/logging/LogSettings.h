@@ -46,6 +46,7 @@ struct LogTextSetting
 
 /// "C:\..." or "\\server\share...": a service's current folder says nothing.
 [[nodiscard]] bool IsAbsolutePath(const std::wstring& path) noexcept;
+inline constexpr wchar_t kNotInFileNames[] = L"<>:\"/\\|?*";
 /// A name with an extension, without a path.
 [[nodiscard]] bool IsLogFileName(const std::wstring& name) noexcept;
 [[nodiscard]] bool IsLogTag(const std::wstring& tag) noexcept;
@@ -78,10 +79,6 @@ inline constexpr LogTextSetting kFileSetting = {L"Logging File", &IsLogFileName}
 inline constexpr wchar_t kControllerPathPrefix[] = L"Controller Path ";
 inline constexpr wchar_t kHostControllerPath[] = L"Controller Path WSS"; ///< The host's own.
 
-/// Full path of the running program.
-/// @throws std::bad_alloc
-[[nodiscard]] std::wstring ProgramPath();
-
 /// Full path of the settings file: beside the running program.
 /// @throws std::bad_alloc
 [[nodiscard]] std::wstring LogIniPath();
@@ -100,8 +97,9 @@ enum class LogSettingOrigin
 class CLogSettingsReader
 {
 public:
-    explicit CLogSettingsReader(
-        const std::wstring& iniPath = LogIniPath(), const wchar_t* keyPath = Contract::kLoggingKey);
+    /// Where the hosts' own settings are.
+    CLogSettingsReader();
+    explicit CLogSettingsReader(const std::wstring& iniPath, const wchar_t* keyPath = Contract::kLoggingKey);
 
     /// @param value receives the number, or the setting's default.
     LogSettingOrigin ReadNumber(const LogNumberSetting& setting, DWORD& value);

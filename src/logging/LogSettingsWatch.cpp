@@ -103,10 +103,8 @@ void CLogSettingsWatch::run() noexcept
 void CLogSettingsWatch::watchFolder() noexcept
 try
 {
-    std::wstring folder = LogIniPath();
-    folder.resize(folder.rfind(L'\\') + 1);
     m_folder = Basalt::COwned<ChangeNotificationTraits>(::FindFirstChangeNotificationW(
-        folder.c_str(),
+        Basalt::ProgramFolder().c_str(),
         FALSE,
         FILE_NOTIFY_CHANGE_FILE_NAME | FILE_NOTIFY_CHANGE_LAST_WRITE | FILE_NOTIFY_CHANGE_SIZE));
 }

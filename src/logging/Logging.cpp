@@ -6,8 +6,8 @@
 #include <string>
 #include <utility>
 
+#include "TxLogSecurity.h"
 #include "base/Text.h"
-#include "logging/DefaultLoggingHandler.h"
 #include "logging/LogLine.h"
 
 namespace ETWLogging
@@ -33,40 +33,30 @@ catch (const std::exception&)
     return ERROR_OUTOFMEMORY;
 }
 
-/// The group's name, made fit for a file.
-std::wstring DefaultFileName(const wchar_t* group)
+/// Puts something else in the place of each character that a file name must not have.
+void MakeFitForFile(std::wstring& name)
 {
-    std::wstring name = Basalt::FormatText(L"%s.log", group);
     for (wchar_t& character : name)
     {
-        if (character < L' ' || std::wcschr(L"<>:\"/\\|?*", character) != nullptr)
+        if (character < L' ' || std::wcschr(kNotInFileNames, character) != nullptr)
         {
             character = L'_';
         }
     }
-    return name;
 }
 
 /// File name of the running program without its extension.
 std::wstring ProgramName()
 {
-    std::wstring name = ProgramPath();
+    std::wstring name = Basalt::ProgramPath();
     name.erase(0, name.rfind(L'\\') + 1);
     name.resize(std::min(name.size(), name.rfind(L'.')));
     return name;
 }
 
-std::wstring FullPath(const std::wstring& path)
+std::wstring CannotBeUsed(const wchar_t* what, const std::wstring& path, DWORD error)
 {
-    std::wstring full(path.size() + MAX_PATH, L'\0');
-    const DWORD length =
-        ::GetFullPathNameW(path.c_str(), static_cast<DWORD>(full.size()), full.data(), nullptr);
-    if (length == 0 || length >= full.size())
-    {
-        return path;
-    }
-    full.resize(length);
-    return full;
+    return Basalt::FormatText(L"Log %s '%s' cannot be used: error %u", what, path.c_str(), error);
 }
 
 } // namespace
@@ -78,12 +68,22 @@ try
     m_group = group == nullptr ? L"" : group;
     m_host = host == nullptr ? L"" : host;
     m_settings = ReadLogSettings();
-    m_tag = m_settings.tag.empty() ? ProgramName() : m_settings.tag;
-    m_fileName = m_settings.fileName.empty() ? DefaultFileName(m_group.c_str()) : m_settings.fileName;
-    m_folder = m_settings.folder.empty() ? TxSdk::DefaultLogFolder() : m_settings.folder;
+    if (m_settings.tag.empty())
+    {
+        m_settings.tag = ProgramName();
+    }
+    if (m_settings.fileName.empty())
+    {
+        m_settings.fileName = m_group;
+        MakeFitForFile(m_settings.fileName);
+        m_settings.fileName += L".log";
+    }
+    if (m_settings.folder.empty())
+    {
+        m_settings.folder = TxSdk::DefaultLogFolder();
+    }
     m_threshold = m_settings.threshold;
     m_options = m_settings.options;
-    m_useMutex = m_settings.useMutex;
     m_file.SetRotation(m_settings.entriesPerFile, m_settings.oldFiles);
     return ERROR_SUCCESS;
 }
@@ -95,8 +95,9 @@ catch (const std::exception&)
 void CLogging::Activate() noexcept
 try
 {
-    m_file.SetPath(FullPath(Basalt::FormatText(L"%s\\%s", m_folder.c_str(), m_fileName.c_str())));
-    if (m_useMutex)
+    m_file.SetPath(TxSdk::FullPath(
+        Basalt::FormatText(L"%s\\%s", m_settings.folder.c_str(), m_settings.fileName.c_str())));
+    if (m_settings.useMutex)
     {
         const DWORD status = m_mutex.Create(m_file.GetPath());
         if (status != ERROR_SUCCESS)
@@ -106,8 +107,7 @@ try
                     L"CLogging::Activate",
                     __LINE__,
                     LogWarning,
-                    Basalt::FormatText(L"Log mutex cannot be used: error %u, the file is not rotated", status)
-                        .c_str()));
+                    CannotBeUsed(L"mutex of", m_file.GetPath(), status).c_str()));
         }
     }
     m_watch.Start(*this, m_settings);
@@ -125,7 +125,7 @@ try
     {
         return ERROR_INVALID_PARAMETER;
     }
-    return writeLine(hold.IsHeld() || !m_useMutex, file, function, line, level, message);
+    return writeLine(hold.IsHeld() || !m_settings.useMutex, file, function, line, level, message);
 }
 catch (const std::exception&)
 {
@@ -138,7 +138,7 @@ DWORD CLogging::writeLine(
 {
     CLogFile::COpened opened;
     DWORD status = m_file.Open(alone, opened);
-    if (status == ERROR_PATH_NOT_FOUND && m_heldFolder.Take(m_folder) == ERROR_SUCCESS)
+    if (status == ERROR_PATH_NOT_FOUND && TxSdk::TakeLogFolder(m_settings.folder) == ERROR_SUCCESS)
     {
         status = m_file.Open(alone, opened); // Somebody had removed the folder.
     }
@@ -152,14 +152,14 @@ DWORD CLogging::writeLine(
         return ERROR_INVALID_PARAMETER;
     }
     LogLineFields fields{
-        m_options, m_tag.c_str(), m_processId, ::GetCurrentThreadId(), {}, file, line, function};
+        m_options, m_settings.tag.c_str(), m_processId, ::GetCurrentThreadId(), {}, file, line, function};
     ::GetLocalTime(&fields.time);
     return m_file.Write(opened, BuildLogLine(fields, levelName, message));
 }
 
 bool CLogging::firstUseGate(CLogging& logger)
 {
-    const DWORD status = logger.m_heldFolder.Take(logger.m_folder);
+    const DWORD status = TxSdk::TakeLogFolder(logger.m_settings.folder);
     if (status == ERROR_SUCCESS)
     {
         logger.m_gate = &CLogging::openGate;
@@ -171,13 +171,7 @@ bool CLogging::firstUseGate(CLogging& logger)
     if (isFirst)
     {
         // To the debugger: the process has no other logger.
-        Basalt::DefaultLoggingHandler().Handle(
-            LogWarning,
-            L"Logging",
-            L"CLogging::firstUseGate",
-            __LINE__,
-            Basalt::FormatText(L"Log folder '%s' cannot be used: error %u", logger.m_folder.c_str(), status)
-                .c_str());
+        ::OutputDebugStringW(CannotBeUsed(L"folder", logger.m_settings.folder, status).c_str());
     }
     return false;
 }
@@ -201,12 +195,12 @@ void CLogging::SetThreshold(DWORD level) noexcept
 
 DWORD CLogging::SetApplicationTag(const wchar_t* tag) noexcept
 {
-    return Assign(m_tag, tag);
+    return Assign(m_settings.tag, tag);
 }
 
 DWORD CLogging::SetFolder(const wchar_t* folder) noexcept
 {
-    return Assign(m_folder, folder);
+    return Assign(m_settings.folder, folder);
 }
 
 DWORD CLogging::SetFileName(const wchar_t* name) noexcept
@@ -215,7 +209,7 @@ DWORD CLogging::SetFileName(const wchar_t* name) noexcept
     {
         return ERROR_INVALID_PARAMETER;
     }
-    return Assign(m_fileName, name);
+    return Assign(m_settings.fileName, name);
 }
 
 DWORD CLogging::SetRotation(DWORD entriesPerFile, DWORD oldFileCount) noexcept
@@ -226,7 +220,7 @@ DWORD CLogging::SetRotation(DWORD entriesPerFile, DWORD oldFileCount) noexcept
 
 DWORD CLogging::SetMutexEnabled(bool enabled) noexcept
 {
-    m_useMutex = enabled;
+    m_settings.useMutex = enabled;
     return ERROR_SUCCESS;
 }
 

@@ -5,7 +5,6 @@
 #include <atomic>
 #include <string>
 
-#include "TxLogSecurity.h"
 #include "logging/LogFile.h"
 #include "logging/LogMutex.h"
 #include "logging/LogSettings.h"
@@ -51,15 +50,18 @@ public:
     void SetOptions(DWORD options) noexcept override { m_options = options; }
     [[nodiscard]] DWORD GetOptions() const noexcept override { return m_options; }
     DWORD SetApplicationTag(const wchar_t* tag) noexcept override;
-    [[nodiscard]] const wchar_t* GetApplicationTag() const noexcept override { return m_tag.c_str(); }
+    [[nodiscard]] const wchar_t* GetApplicationTag() const noexcept override
+    {
+        return m_settings.tag.c_str();
+    }
 
     void Activate() noexcept override;
 
     DWORD SetFolder(const wchar_t* folder) noexcept override;
-    [[nodiscard]] const wchar_t* GetFolder() const noexcept override { return m_folder.c_str(); }
+    [[nodiscard]] const wchar_t* GetFolder() const noexcept override { return m_settings.folder.c_str(); }
     /// @param name with an extension and without a path.
     DWORD SetFileName(const wchar_t* name) noexcept override;
-    [[nodiscard]] const wchar_t* GetFileName() const noexcept override { return m_fileName.c_str(); }
+    [[nodiscard]] const wchar_t* GetFileName() const noexcept override { return m_settings.fileName.c_str(); }
     DWORD SetRotation(DWORD entriesPerFile, DWORD oldFileCount) noexcept override;
     DWORD SetMutexEnabled(bool enabled) noexcept override;
 
@@ -80,12 +82,9 @@ private:
     // Texts, file and mutex are set up before other threads log.
     std::wstring m_group;
     std::wstring m_host;
-    std::wstring m_tag;
-    std::wstring m_folder;
-    std::wstring m_fileName;
+    LogSettings
+        m_settings; ///< As they were read by Initialize, with names and folder in place of missing ones.
     DWORD m_processId = ::GetCurrentProcessId();
-    bool m_useMutex = true;
-    TxSdk::CLogFolder m_heldFolder;
     CLogMutex m_mutex;
     CLogFile m_file;
 
@@ -94,7 +93,6 @@ private:
     std::atomic<bool> m_fileLogging = true;
     std::atomic<WriteGate> m_gate = &CLogging::firstUseGate;
 
-    LogSettings m_settings;    ///< As they were read by Initialize.
     CLogSettingsWatch m_watch; ///< Last: its thread uses all of the above.
 };
 

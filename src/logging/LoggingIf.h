@@ -28,7 +28,8 @@ enum LogOption : DWORD
     LogOptionFunction = 0x20, ///< function name
 };
 
-/// What every logger can do. The order of the operations is fixed.
+/// What every logger can do. The interface is given: all operations keep their places, also those that
+/// nothing in this product calls (Flush, the getters, most of what sets the logger up).
 ///
 /// Threads: any thread may call Start, Log and IsLevelEnabled; the other operations are for the one thread
 /// that sets the logger up, before it is published, unless they say otherwise.

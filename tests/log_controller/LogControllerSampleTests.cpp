@@ -12,6 +12,8 @@
 
 #include "TraceSession.h"
 #include "TxLogController.h"
+#include "TxLogSecurity.h"
+#include "base/Owned.h"
 #include "base/Text.h"
 #include "logging/EventRecord.h"
 #include "support/ImportPatch.h"
@@ -64,6 +66,12 @@ ULONG WINAPI FakeEnable(ULONG enable, ULONG flags, ULONG level, LPCGUID provider
     EXPECT_EQ(*provider, ETWLogging::kEventProvider);
     s_calls.push_back(Basalt::FormatText(L"enable %u %u %u", static_cast<DWORD>(session), flags, level));
     return s_enableStatus;
+}
+
+/// Nothing belongs to anybody.
+DWORD WINAPI FakeSecurity(HANDLE, SE_OBJECT_TYPE, DWORD, PSID*, PSID*, PACL*, PACL*, PSECURITY_DESCRIPTOR*)
+{
+    return ERROR_SUCCESS;
 }
 
 using Calls = std::vector<std::wstring>;
@@ -131,7 +139,9 @@ TEST_F(LogControllerSampleTest, FailuresAreReturnedAndLeaveNoSession)
     EXPECT_EQ(session.Start(), DWORD{ERROR_NO_SYSTEM_RESOURCES});
     EXPECT_EQ(Taken().back(), kStopped[0]);
     s_enableStatus = ERROR_SUCCESS;
-    EXPECT_EQ(session.Start(), 0U);
+    const CImportPatch patch("GetSecurityInfo", &FakeSecurity);
+    const Basalt::CHandle mutex(TxSdk::OpenLogMutex(L"Global\\Tarvex.Log.A"));
+    EXPECT_EQ(session.Start(), 0U) << "though another user has made the mutex";
     EXPECT_EQ(session.Stop(), 0U);
     EXPECT_NE(CTraceSession(m_folder.File(L"A.etl\\below"), L"A").Start(), 0U) << "no folder";
 }
@@ -148,8 +158,7 @@ TEST_F(LogControllerSampleTest, TheEntryPointsKeepOneSessionForEachName)
     EXPECT_EQ(Taken(), kBegun);
     EXPECT_EQ(FlushBuffers(L"B"), DWORD{ERROR_INVALID_STATE});
     EXPECT_EQ(FlushBuffers(L"A") + RestartSession(L"A") + Stop(0, L"A"), 0U);
-    const CImportPatch patch(
-        "GetKernelObjectSecurity", +[](HANDLE, DWORD, void*, DWORD, DWORD*) { return FALSE; });
+    const CImportPatch patch("GetSecurityInfo", &FakeSecurity);
     EXPECT_EQ(Start(L"A"), DWORD{ERROR_INVALID_OWNER}) << "whose folder is it?";
 }
 

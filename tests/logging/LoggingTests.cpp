@@ -1,10 +1,10 @@
 #include "logging/Logging.h"
 
 #include <windows.h>
+#include <aclapi.h>
 #include <sddl.h>
 
 #include <algorithm>
-#include <cstring>
 #include <cwchar>
 #include <filesystem>
 #include <fstream>
@@ -13,6 +13,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <tuple>
 #include <vector>
@@ -191,62 +192,125 @@ TEST_F(FileLoggerTest, MakesTheFolderWithItsParentsOrSwitchesItselfOff)
     EXPECT_EQ(Log(*good, L"text"), 87u);
 }
 
-Text s_owner = nullptr;
-int s_linkAt = 0;
-int s_unprotected = 0;
+Text s_security = nullptr;
+std::wstring s_fault;
+std::wstring s_made;
 std::wstring s_debugger;
 
-BOOL WINAPI OwnerAsGiven(HANDLE, SECURITY_INFORMATION, PSECURITY_DESCRIPTOR target, DWORD, DWORD* size)
+DWORD WINAPI SecurityAsGiven(
+    HANDLE object,
+    SE_OBJECT_TYPE type,
+    DWORD what,
+    PSID* owner,
+    PSID*,
+    PACL* rights,
+    PACL*,
+    PSECURITY_DESCRIPTOR* made)
 {
-    PSECURITY_DESCRIPTOR made = nullptr;
-    EXPECT_TRUE(::ConvertStringSecurityDescriptorToSecurityDescriptorW(s_owner, 1, &made, size));
-    std::memcpy(target, made, *size);
-    ::LocalFree(made);
-    return TRUE;
-}
-
-BOOL WINAPI LinkAsGiven(HANDLE folder, BY_HANDLE_FILE_INFORMATION* information)
-{
-    RealFunction<decltype(LinkAsGiven)>("GetFileInformationByHandle")(folder, information);
-    information->dwFileAttributes |= --s_linkAt == 0 ? FILE_ATTRIBUTE_REPARSE_POINT : 0;
-    return TRUE;
-}
-
-BOOL WINAPI CountUnprotected(Text path, SECURITY_ATTRIBUTES* security)
-{
-    s_unprotected += security == nullptr;
-    return RealFunction<decltype(CountUnprotected)>("CreateDirectoryW")(path, security);
-}
-
-TEST_F(FileLoggerTest, TakesOnlyADefaultFolderThatNoUserCouldHaveMade)
-{
-    // Who owns folder and parent; which of the two is a link, 3 for a folder that is elsewhere; the error.
-    const std::tuple<Text, int, DWORD> rows[] = {
-        {L"O:SY", 0, 0},
-        {L"O:BA", 0, 0},
-        {L"O:NS", 0, 0},
-        {L"O:S-1-5-80-1-2-3-4-5", 0, 0},
-        {L"O:BU", 0, 1307},
-        {L"O:S-1-5-21-1-2-3-1001", 0, 1307},
-        {L"O:SY", 1, 267},
-        {L"O:SY", 2, 267},
-        {L"O:SY", 3, 267}};
-    const CDataFolder data;
-    const std::wstring folder = data.File(L"Tarvex\\Log");
-    const CImportPatch rights("CreateDirectoryW", &CountUnprotected);
-    const CImportPatch debugger("OutputDebugStringW", +[](Text text) { s_debugger += text; });
-    Write(*Make(100, 1, true, folder.c_str()), 1); // Its own.
-    EXPECT_EQ(s_unprotected, 0);
-    const CImportPatch patches[] = {
-        {"GetKernelObjectSecurity", &OwnerAsGiven}, {"GetFileInformationByHandle", &LinkAsGiven}};
-    for (const auto& [owner, linkAt, error] : rows)
+    BOOL value = FALSE;
+    if (s_security == nullptr)
     {
-        SCOPED_TRACE(testing::Message() << owner << linkAt);
-        const CImportPatch path(
-            linkAt == 3 ? "GetFinalPathNameByHandleW" : "",
-            +[](HANDLE, wchar_t* text, DWORD, DWORD) -> DWORD { return std::wcscpy(text, L"\\x"), 2; });
-        s_owner = owner;
-        s_linkAt = linkAt;
+        return RealFunction<decltype(::GetSecurityInfo)>("GetSecurityInfo", L"advapi32.dll")(
+            object, type, what, owner, nullptr, rights, nullptr, made);
+    }
+    EXPECT_TRUE(::ConvertStringSecurityDescriptorToSecurityDescriptorW(s_security, 1, made, nullptr));
+    ::GetSecurityDescriptorOwner(*made, owner, &value);
+    ::GetSecurityDescriptorDacl(*made, &value, rights, &value);
+    return 0;
+}
+
+HANDLE WINAPI
+OpenAsGiven(Text path, DWORD access, DWORD share, SECURITY_ATTRIBUTES*, DWORD how, DWORD, HANDLE)
+{
+    const bool isHidden = s_fault.starts_with(L"hidden") && std::wstring_view(path).ends_with(L"Tarvex");
+    if (isHidden || (s_fault == L"no rights" && (access & WRITE_DAC) != 0))
+    {
+        ::SetLastError(ERROR_ACCESS_DENIED);
+        return INVALID_HANDLE_VALUE;
+    }
+    return RealFunction<decltype(::CreateFileW)>("CreateFileW")(
+        path, access, share, nullptr, how, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+}
+
+DWORD WINAPI PathAsGiven(HANDLE file, wchar_t* path, DWORD size, DWORD flags)
+{
+    const DWORD length =
+        RealFunction<decltype(PathAsGiven)>("GetFinalPathNameByHandleW")(file, path, size, flags);
+    path[0] = std::wstring_view(path).ends_with(L"\\" + s_fault) ? L'?' : path[0];
+    return length;
+}
+
+/// Whose security: the default one, a folder of logs, the product's, which gives services nothing below it.
+BOOL WINAPI NoteWhatIsMade(Text path, SECURITY_ATTRIBUTES* security)
+{
+    const BOOL isMade = RealFunction<decltype(NoteWhatIsMade)>("CreateDirectoryW")(path, security);
+    wchar_t* text = nullptr;
+    if (isMade && security != nullptr)
+    {
+        ::ConvertSecurityDescriptorToStringSecurityDescriptorW(
+            security->lpSecurityDescriptor, 1, DACL_SECURITY_INFORMATION, &text, nullptr);
+        s_made += std::wcsstr(text, L"(A;OICI;0x1301bf;;;LS)") != nullptr ? L"logs " : L"product ";
+        ::LocalFree(text);
+    }
+    s_made += isMade && security == nullptr ? L"default " : L"";
+    return isMade;
+}
+
+TEST_F(FileLoggerTest, TakesOnlyADefaultFolderThatNoUserCanChange)
+{
+    Text const loose = L"O:SYD:(A;OICI;FA;;;SY)(A;CI;0x116;;;BU)"; // As below the machine's data folder.
+    const std::tuple<Text, Text, DWORD> rows[] = {
+        {nullptr, L"no rights", 1336}, // Really, here and below: all rights to everybody, until they are
+        {nullptr, L"", 0},             // taken away.
+        {nullptr, L"no rights", 0},
+        // Owner, rights, what goes wrong, the error. Some rights count as none.
+        {L"O:SYD:(A;;FA;;;LS)(A;;FA;;;SU)(A;;FA;;;OW)(A;;FRFX;;;BU)(A;OICIIO;FA;;;CO)(D;;FW;;;WD)", L"", 0},
+        {L"O:BAD:", L"no rights", 0},
+        {L"O:NSD:", L"", 0},
+        {L"O:S-1-5-80-1-2-3-4-5D:(A;;FA;;;S-1-5-80-1-2-3-4-5)", L"no rights", 0},
+        {L"O:BUD:", L"", 1307},
+        {L"O:S-1-5-21-1-2-3-1001D:", L"", 1307},
+        {L"O:SYD:", L"Tarvex", 267},
+        {L"O:SYD:", L"Log", 267},
+        {loose, L"", 0},
+        {loose, L"no rights", 1336},
+        {L"O:SY", L"no rights", 1336},
+        {L"O:SYD:(A;;0x100;;;AU)", L"no rights", 1336},
+        {L"O:SYD:", L"hidden", 0},
+        {L"O:BUD:", L"hidden", 1307},
+        {L"O:SYD:", L"hidden from an administrator", 5}};
+    const CDataFolder data;
+    ::SetEnvironmentVariableW(L"ProgramData", (data.Path() + L"\\").c_str());
+    const std::wstring folder = data.File(L"TARVEX\\.\\log"); // As it may be spelt in log.ini.
+    const CImportPatch making("CreateDirectoryW", &NoteWhatIsMade);
+    const CImportPatch debugger("OutputDebugStringW", +[](Text text) { s_debugger += text; });
+    s_made.clear();
+    Write(*Make(100, 1, true, m_folder.File(L"a\\b").c_str()), 1);
+    Write(*Make(100, 1, true, folder.c_str()), 1);
+    EXPECT_EQ(s_made, L"default logs product logs ");
+
+    PSECURITY_DESCRIPTOR security = nullptr;
+    ::ConvertStringSecurityDescriptorToSecurityDescriptorW(L"D:(A;;FA;;;WD)", 1, &security, nullptr);
+    std::vector<Basalt::CFile> held; // By somebody who shares nothing.
+    for (const std::wstring& path : {data.File(L"Tarvex"), folder})
+    {
+        EXPECT_TRUE(::SetFileSecurityW(path.c_str(), DACL_SECURITY_INFORMATION, security));
+        held.emplace_back(::CreateFileW(
+            path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+        EXPECT_TRUE(held.back());
+    }
+    ::LocalFree(security);
+    const CImportPatch patches[] = {
+        {"GetSecurityInfo", &SecurityAsGiven},
+        {"CreateFileW", &OpenAsGiven},
+        {"GetFinalPathNameByHandleW", &PathAsGiven},
+        {"CheckTokenMembership",
+         +[](HANDLE, PSID, BOOL* isMember) -> BOOL { return *isMember = s_fault != L"hidden", TRUE; }}};
+    for (const auto& [given, fault, error] : rows)
+    {
+        SCOPED_TRACE(testing::Message() << (given == nullptr ? L"" : given) << fault);
+        s_security = given;
+        s_fault = fault;
         s_debugger.clear();
         const auto logger = Make(100, 1, true, folder.c_str());
         EXPECT_EQ(Log(*logger, L"text"), error == 0 ? 0u : 87u);
@@ -256,15 +320,20 @@ TEST_F(FileLoggerTest, TakesOnlyADefaultFolderThatNoUserCouldHaveMade)
             error == 0
                 ? L""
                 : Basalt::FormatText(L"Log folder '%s' cannot be used: error %u", folder.c_str(), error));
-        EXPECT_EQ(::MoveFileW(folder.c_str(), (folder + L"2").c_str()), error != 0) << "held";
-        ::MoveFileW((folder + L"2").c_str(), folder.c_str());
     }
-    s_owner = L"O:BU";
+    held.clear();
+    s_security = L"O:SYD:";
+    s_fault = L"hidden";
+    std::filesystem::remove_all(folder);
+    EXPECT_EQ(Log(*Make(100, 1, true, folder.c_str()), L"text"), 87u);
+    EXPECT_FALSE(Exists(folder)) << "nothing is made where nobody could look";
+    s_security = L"O:BU";
     Write(*Make(100, 1), 1); // Its administrator's affair, but for a link.
     const CImportPatch link(
         "GetFileAttributesW",
         +[](Text) { return DWORD{FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT}; });
     EXPECT_EQ(Log(*Make(100, 1), L"text"), 87u);
+    EXPECT_EQ(Log(*Make(100, 1, true, folder.c_str()), L"text"), 87u);
 }
 
 TEST_F(FileLoggerTest, RotatesByTheEntriesOfAllWriters)
@@ -367,8 +436,8 @@ TEST_F(FileLoggerTest, EachFileHasItsMutexHoweverItsPathIsSpeltUnlessAnotherUser
     EXPECT_NE(s_mutexNames[0], s_mutexNames[2]);
     EXPECT_EQ(s_mutexNames[0].substr(0, 7), L"Global\\");
 
-    s_owner = L"O:BU";
-    const CImportPatch owner("GetKernelObjectSecurity", &OwnerAsGiven);
+    s_security = L"O:BU";
+    const CImportPatch owner("GetSecurityInfo", &SecurityAsGiven);
     Write(*Make(3, 1, true, m_folder.File(L"2").c_str()), 4);
     const std::vector<std::wstring> lines = ReadLines(m_folder.File(L"2\\shared.log"));
     ASSERT_EQ(lines.size(), 5u) << "never rotated, and said so";

@@ -35,11 +35,11 @@ private:
     std::vector<Slot> m_slots;
 };
 
-/// A function of kernel32 itself, whatever is patched: by its name, an optimiser would look it up in the
+/// A function of a DLL itself, whatever is patched: by its name, an optimiser would look it up in the
 /// patched table again.
 template <typename Function>
-[[nodiscard]] Function* RealFunction(const char* name) noexcept
+[[nodiscard]] Function* RealFunction(const char* name, const wchar_t* dll = L"kernel32.dll") noexcept
 {
     return reinterpret_cast<Function*>(
-        reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleW(L"kernel32.dll"), name)));
+        reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleW(dll), name)));
 }

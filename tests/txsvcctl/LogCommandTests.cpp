@@ -73,7 +73,7 @@ TEST_F(LogCommandTest, WhatIsSetIsWhatTheLoggerReadsAndGetShows)
     ASSERT_TRUE(::RemoveDirectoryW(folder.c_str())) << "the tool made it for the hosts";
     std::ofstream(std::filesystem::path(folder)) << "no folder";
     EXPECT_EQ(Run({L"log", L"set", L"mechanism", L"file"}).exitCode, 0) << "another one is configured";
-    EXPECT_EQ(Run({L"log", L"unset", L"folder"}).exitCode, 0);
+    EXPECT_EQ(Run({L"log", L"set", L"folder", m_data.File(L"TARVEX\\Log\\")}).exitCode, 0) << "the default";
     EXPECT_NE(
         Run({L"log", L"set", L"mechanism", L"file"}).error.find(L"cannot use log folder '" + folder),
         std::wstring::npos);

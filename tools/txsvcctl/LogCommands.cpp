@@ -57,6 +57,13 @@ void ReportChange(const CLogStore& store, const std::wstring& name, IConsole& co
                                             : L"; hosts read it when they start."));
 }
 
+bool UsesDefaultFolder(const CLogStore& store)
+{
+    LogSettingReport folder = store.Get(L"folder");
+    folder.value.erase(folder.value.find_last_not_of(L'\\') + 1);
+    return folder.origin == LogSettingOrigin::Default || TxSdk::IsDefaultLogFolder(folder.value);
+}
+
 void SetLogSetting(const Arguments& arguments, IConsole& console)
 {
     const CLogStore store = arguments.Store();
@@ -66,12 +73,11 @@ void SetLogSetting(const Arguments& arguments, IConsole& console)
     EnsureViewLink(arguments.replaceKey, console);
     store.Set(name, value);
     ReportChange(store, name, console);
-    if (IsSameName(name, L"mechanism") && IsSameName(value, L"file") &&
-        store.Get(L"folder").origin == LogSettingOrigin::Default)
+    if (IsSameName(name, L"mechanism") && IsSameName(value, L"file") && UsesDefaultFolder(store))
     {
         // At once, before any user can make it. Last: whoever may not change the settings must not own it.
         const std::wstring folder = TxSdk::DefaultLogFolder();
-        CheckStatus(TxSdk::CLogFolder().Take(folder), L"use log folder", folder);
+        CheckStatus(TxSdk::TakeLogFolder(folder), L"use log folder", folder);
     }
 }
 

@@ -5,7 +5,7 @@
 
 #include <string_view>
 
-#include "base/Paths.h"
+#include "TxLogSecurity.h"
 #include "contract/CommandLine.h"
 #include "contract/Keys.h"
 #include "txsvcctl/ToolError.h"
@@ -101,7 +101,7 @@ std::optional<std::wstring> CanonicalClsid(const std::wstring& text)
 
 std::wstring AbsolutePath(const std::wstring& path)
 {
-    std::wstring absolute = Basalt::FullPath(path);
+    std::wstring absolute = TxSdk::FullPath(path);
     if (absolute.empty())
     {
         ThrowFailure(L"find the full path of", path, ::GetLastError());
