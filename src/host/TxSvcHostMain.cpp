@@ -11,7 +11,7 @@
 #include "control/InstallingUpdate.h"
 #include "control/RegistryLink.h"
 #include "host/TxSvcHost.h"
-#include "logging/AutoLogController.h"
+#include "logging/controller/AutoLogController.h"
 #include "logging/Log.h"
 #include "privileges/NvidiaDriverFix.h"
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <type_traits>
 
-#include "logging/LoggingIf.h"
+#include "logging/logger/LoggingIf.h"
 
 /// @file
 /// The one way by which every component writes diagnostics. Include it in .cpp files, define the file's

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "logging/LoggingIf.h"
+#include "logging/logger/LoggingIf.h"
 #include "support/ImportPatch.h"
 #include "support/LogCapture.h"
 #include "support/TestKey.h"

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "contract/Keys.h"
-#include "logging/LoggingIf.h"
+#include "logging/logger/LoggingIf.h"
 #include "support/ImportPatch.h"
 #include "support/LogCapture.h"
 #include "support/TestKey.h"

@@ -17,7 +17,7 @@
 #include "control/GroupServices.h"
 #include "control/ProcessEnd.h"
 #include "control/TxSvcSubsystemControlManagerClassFactory.h"
-#include "logging/LoggingIf.h"
+#include "logging/logger/LoggingIf.h"
 #include "process/ReduceRestart.h"
 #include "support/ImportPatch.h"
 #include "support/LogCapture.h"

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "logging/LoggingIf.h"
+#include "logging/logger/LoggingIf.h"
 #include "support/LogCapture.h"
 
 using namespace ETWLogging;

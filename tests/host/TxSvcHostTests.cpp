@@ -11,7 +11,7 @@
 #include "base/Owned.h"
 #include "contract/Keys.h"
 #include "host/TxSvcHostMain.h"
-#include "logging/LoggingIf.h"
+#include "logging/logger/LoggingIf.h"
 #include "support/ImportPatch.h"
 #include "support/LogCapture.h"
 #include "support/NoMemory.h"

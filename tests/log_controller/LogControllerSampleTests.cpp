@@ -15,7 +15,7 @@
 #include "TxLogSecurity.h"
 #include "base/Owned.h"
 #include "base/Text.h"
-#include "logging/EventRecord.h"
+#include "contract/EventRecord.h"
 #include "support/ImportPatch.h"
 #include "support/Narrow.h"
 #include "support/TestFolder.h"

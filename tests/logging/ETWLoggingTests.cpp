@@ -1,11 +1,11 @@
-#include "logging/ETWLogging.h"
+#include "logging/events/EventLogger.h"
 
 #include <gtest/gtest.h>
 #include <string>
 #include <tuple>
 #include <vector>
 
-#include "logging/EventRecord.h"
+#include "contract/EventRecord.h"
 #include "support/ImportPatch.h"
 
 using namespace ETWLogging;

@@ -5,9 +5,9 @@
 #include <tuple>
 
 #include "base/ObfuscatedRegKey.h"
-#include "logging/ETWLogging.h"
-#include "logging/LogSettings.h"
-#include "logging/Logging.h"
+#include "logging/events/EventLogger.h"
+#include "logging/settings/LogSettingsReader.h"
+#include "logging/text/TextLogger.h"
 #include "support/TestKey.h"
 
 using namespace ETWLogging;

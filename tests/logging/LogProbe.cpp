@@ -4,9 +4,9 @@
 #include <string>
 #include <thread>
 
-#include "logging/BasaltLogger.h"
+#include "logging/basalt/BasaltLogger.h"
 #include "logging/Log.h"
-#include "logging/Logging.h"
+#include "logging/text/TextLogger.h"
 
 using namespace ETWLogging;
 
@@ -54,7 +54,7 @@ int ExitUnderLoad()
 /// Writes numbered lines into FOLDER\shared.log.
 int WriteLines(const wchar_t* folder)
 {
-    CLogging logger;
+    CLogging logger(ReadLogSettings());
     logger.Initialize(L"shared", 0, nullptr, 0);
     logger.SetFolder(folder);
     logger.SetRotation(25, 20);

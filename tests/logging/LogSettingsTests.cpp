@@ -1,4 +1,4 @@
-#include "logging/LogSettings.h"
+#include "logging/settings/LogSettingsReader.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -8,7 +8,7 @@
 #include <tuple>
 #include <vector>
 
-#include "logging/Logging.h"
+#include "logging/text/TextLogger.h"
 #include "support/ImportPatch.h"
 #include "support/TestFolder.h"
 #include "support/TestKey.h"
@@ -196,7 +196,7 @@ TEST_F(LogSettingsTest, AChangeInEitherPlaceTakesEffectInARunningLogger)
     ASSERT_EQ(ini, BesideTest(L"log.ini"));
     ::DeleteFileW(ini.c_str());
     Store('s', kOptionsSetting.name, 0x3D);
-    CLogging logger;
+    CLogging logger(ReadLogSettings());
     logger.Initialize(L"watched", 0, nullptr, 0);
     logger.SetFolder(m_folder.Path().c_str());
     logger.Activate();

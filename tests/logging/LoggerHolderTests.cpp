@@ -10,11 +10,11 @@
 
 #include "base/Text.h"
 #include "logging/BasaltLogHandler.h"
-#include "logging/BasaltLogger.h"
-#include "logging/DefaultLoggingHandler.h"
-#include "logging/ETWLogging.h"
+#include "logging/basalt/BasaltLogger.h"
+#include "logging/basalt/DefaultLoggingHandler.h"
+#include "logging/events/EventLogger.h"
 #include "logging/LoggerSlot.h"
-#include "logging/Logging.h"
+#include "logging/text/TextLogger.h"
 #include "support/ImportPatch.h"
 #include "support/LogCapture.h"
 

@@ -1,4 +1,4 @@
-#include "logging/Logging.h"
+#include "logging/text/TextLogger.h"
 
 #include <windows.h>
 #include <aclapi.h>
@@ -20,7 +20,7 @@
 
 #include "base/ObfuscatedRegKey.h"
 #include "base/Text.h"
-#include "logging/LogLine.h"
+#include "contract/LogLine.h"
 #include "support/ImportPatch.h"
 #include "support/Process.h"
 #include "support/TestFolder.h"
@@ -107,7 +107,7 @@ struct FileLoggerTest : ::testing::Test
     /// A logger that is ready to write shared.log in the test's folder, or in another one.
     std::unique_ptr<CLogging> Make(DWORD entries, DWORD oldFiles, bool mutex = true, Text folder = nullptr)
     {
-        auto logger = std::make_unique<CLogging>();
+        auto logger = std::make_unique<CLogging>(ReadLogSettings());
         logger->Initialize(L"shared", 0, nullptr, 0);
         logger->SetFolder(folder == nullptr ? m_folder.Path().c_str() : folder);
         logger->SetRotation(entries, oldFiles);

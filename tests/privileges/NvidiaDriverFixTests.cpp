@@ -11,7 +11,7 @@
 
 #include "base/Owned.h"
 #include "base/SystemLibrary.h"
-#include "logging/LoggingIf.h"
+#include "logging/logger/LoggingIf.h"
 #include "support/ImportPatch.h"
 #include "support/LogCapture.h"
 #include "support/Narrow.h"

@@ -11,7 +11,7 @@
 #include "base/ClassObject.h"
 #include "config/TxSvcHostConfig.h"
 #include "contract/Keys.h"
-#include "logging/LoggingIf.h"
+#include "logging/logger/LoggingIf.h"
 #include "support/ImportPatch.h"
 #include "support/LogCapture.h"
 #include "support/TestKey.h"

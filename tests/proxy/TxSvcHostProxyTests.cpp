@@ -16,7 +16,7 @@
 #include "contract/Keys.h"
 #include "contract/WorkingSetEvent.h"
 #include "process/ReduceRestart.h"
-#include "logging/LoggingIf.h"
+#include "logging/logger/LoggingIf.h"
 #include "support/ImportPatch.h"
 #include "support/LogCapture.h"
 #include "support/NoMemory.h"

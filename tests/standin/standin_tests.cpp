@@ -4,7 +4,7 @@
 #include <optional>
 #include <stdexcept>
 
-#include "logging/Logging.h"
+#include "logging/text/TextLogger.h"
 #include "support/GroupRunner.h"
 #include "support/HostLog.h"
 #include "support/ImportPatch.h"
@@ -148,7 +148,7 @@ TEST(HostLog, ReadsWhatTheFileLoggerWrote)
 {
     const CTestFolder folder;
     const CHostLog log(folder.Path());
-    ETWLogging::CLogging logger;
+    ETWLogging::CLogging logger(ETWLogging::ReadLogSettings());
     ASSERT_EQ(logger.Initialize(L"PLATFORM", 0, nullptr, 0), DWORD{ERROR_SUCCESS});
     logger.Activate(); // Takes the settings that the log switched on.
     EXPECT_TRUE(log.Lines().empty());

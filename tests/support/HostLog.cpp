@@ -8,7 +8,7 @@
 #include "base/Owned.h"
 #include "contract/Keys.h"
 #include "control/RegistryLink.h"
-#include "logging/LogSettings.h"
+#include "logging/settings/LogSettingsReader.h"
 #include "support/Errors.h"
 #include "support/Narrow.h"
 #include "support/TestGroup.h"

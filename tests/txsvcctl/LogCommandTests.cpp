@@ -8,8 +8,8 @@
 #include "base/ObfuscatedRegKey.h"
 #include "contract/Keys.h"
 #include "control/RegistryLink.h"
-#include "logging/LogProperties.h"
-#include "logging/LogSettings.h"
+#include "logging/settings/LogProperties.h"
+#include "logging/settings/LogSettingsReader.h"
 #include "support/Narrow.h"
 #include "support/TestFolder.h"
 

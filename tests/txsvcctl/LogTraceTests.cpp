@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "CtlTest.h"
-#include "logging/ETWLogging.h"
-#include "logging/EventRecord.h"
+#include "logging/events/EventLogger.h"
+#include "contract/EventRecord.h"
 #include "support/ImportPatch.h"
 #include "support/Narrow.h"
 
@@ -52,7 +52,7 @@ Bytes PayloadOf(DWORD level, const wchar_t* text)
         {"GetTraceEnableLevel", +[](TRACEHANDLE) { return UCHAR{TRACE_LEVEL_VERBOSE}; }},
         {"GetTraceEnableFlags", +[](TRACEHANDLE) { return ULONG{0}; }},
         {"TraceEvent", &CopyPayload}};
-    ETWLogging::CETWLogging logger;
+    ETWLogging::CETWLogging logger(ETWLogging::ReadLogSettings());
     logger.InitializeEx(nullptr, L"PLATFORM", 0, nullptr, 0);
     logger.Start();
     logger.LogEx(level, L"C:\\src\\Source.cpp", L"CClass::Method", 12, text);

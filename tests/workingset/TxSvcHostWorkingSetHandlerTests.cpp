@@ -9,7 +9,7 @@
 
 #include "base/Stopwatch.h"
 #include "contract/WorkingSetEvent.h"
-#include "logging/LoggingIf.h"
+#include "logging/logger/LoggingIf.h"
 #include "support/HandleCount.h"
 #include "support/ImportPatch.h"
 #include "support/LogCapture.h"

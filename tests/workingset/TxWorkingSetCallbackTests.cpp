@@ -10,7 +10,7 @@
 #include <thread>
 #include <tuple>
 
-#include "logging/LoggingIf.h"
+#include "logging/logger/LoggingIf.h"
 #include "support/ImportPatch.h"
 #include "support/LogCapture.h"
 #include "workingset/WorkingSetTimer.h"

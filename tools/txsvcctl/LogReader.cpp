@@ -4,7 +4,7 @@
 #include <iterator>
 #include <utility>
 
-#include "logging/LogSettings.h"
+#include "logging/settings/LogSettingsReader.h"
 #include "txsvcctl/ToolError.h"
 
 namespace TxCtl

@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "logging/LogSettings.h"
+#include "logging/settings/LogSettingsReader.h"
 
 namespace TxCtl
 {

@@ -12,9 +12,9 @@
 
 #include "base/Owned.h"
 #include "base/Text.h"
-#include "logging/EventRecord.h"
-#include "logging/LogLine.h"
-#include "logging/LogSettings.h"
+#include "contract/EventRecord.h"
+#include "contract/LogLine.h"
+#include "logging/settings/LogSettingsReader.h"
 #include "txsvcctl/LogShow.h"
 #include "txsvcctl/ToolError.h"
 #include "txsvcctl/Utf8.h"
@@ -24,6 +24,8 @@ using nlohmann::ordered_json;
 namespace TxCtl
 {
 
+using ETWLogging::TraceMessage;
+
 namespace
 {
 
@@ -32,46 +34,6 @@ struct TraceTraits
     using Type = TRACEHANDLE;
     static Type Invalid() noexcept { return INVALID_PROCESSTRACE_HANDLE; }
     static void Close(Type value) noexcept { ::CloseTrace(value); }
-};
-
-/// Hands out one field after the other; false when the rest is too short for it.
-class CFieldReader
-{
-public:
-    CFieldReader(const BYTE* data, std::size_t size) noexcept : m_at(data), m_left(size) {}
-
-    bool Read(ULONG& number) noexcept { return copy(&number, sizeof(number)); }
-
-    bool Read(std::wstring& text)
-    {
-        for (wchar_t character = 0; copy(&character, sizeof(character));)
-        {
-            if (character == L'\0')
-            {
-                return true;
-            }
-            text += character;
-        }
-        return false;
-    }
-
-    [[nodiscard]] bool IsAtEnd() const noexcept { return m_left == 0; }
-
-private:
-    bool copy(void* target, std::size_t size) noexcept
-    {
-        if (m_left < size)
-        {
-            return false;
-        }
-        std::memcpy(target, m_at, size);
-        m_at += size;
-        m_left -= size;
-        return true;
-    }
-
-    const BYTE* m_at;
-    std::size_t m_left;
 };
 
 struct Arguments
@@ -222,7 +184,7 @@ private:
             return;
         }
         const std::optional<TraceMessage> message =
-            DecodeTraceMessage(static_cast<const BYTE*>(record.UserData), record.UserDataLength);
+            ETWLogging::DecodeTraceMessage(static_cast<const BYTE*>(record.UserData), record.UserDataLength);
         if (!message)
         {
             ++m_damaged;
@@ -244,17 +206,6 @@ private:
 };
 
 } // namespace
-
-std::optional<TraceMessage> DecodeTraceMessage(const BYTE* data, std::size_t size)
-{
-    CFieldReader reader(data, size);
-    TraceMessage message;
-    const bool isWhole = reader.Read(message.level) && reader.Read(message.file) &&
-                         reader.Read(message.function) && reader.Read(message.line) &&
-                         reader.Read(message.group) && reader.Read(message.processId) &&
-                         reader.Read(message.threadId) && reader.Read(message.message) && reader.IsAtEnd();
-    return isWhole ? std::optional(std::move(message)) : std::nullopt;
-}
 
 void AddTraceCommand(CLI::App& log, IConsole& console)
 {

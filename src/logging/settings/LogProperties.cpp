@@ -1,8 +1,8 @@
-#include "logging/LogProperties.h"
+#include "logging/settings/LogProperties.h"
 
 #include <exception>
 
-#include "logging/LogSettings.h"
+#include "logging/settings/LogSettingsReader.h"
 
 namespace ETWLogging
 {

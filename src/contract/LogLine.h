@@ -2,13 +2,11 @@
 
 #include <windows.h>
 
+#include <cstddef>
 #include <string>
 
 namespace ETWLogging
 {
-
-/// The name of a level in a line; null when it has none.
-[[nodiscard]] const wchar_t* LogLevelName(DWORD level) noexcept;
 
 /// What a line tells about its message beside the text.
 struct LogLineFields
@@ -23,7 +21,13 @@ struct LogLineFields
     const wchar_t* function = nullptr;
 };
 
-/// Builds one line of the text log, with its line end; docs/logging.md shows it field by field.
+// The widths to which texts are cut and padded.
+inline constexpr std::size_t kTagColumns = 15;
+inline constexpr std::size_t kSourceColumns = 20;
+inline constexpr std::size_t kFunctionColumns = 40;
+
+/// Builds one line of the text log, with its line end; docs/logging.md shows it field by field,
+/// LogLineParser.h takes it apart again.
 /// @param levelName, message not empty.
 /// @throws std::bad_alloc
 [[nodiscard]] std::wstring BuildLogLine(

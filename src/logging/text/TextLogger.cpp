@@ -1,14 +1,14 @@
-#include "logging/Logging.h"
+#include "logging/text/TextLogger.h"
 
 #include <algorithm>
 #include <cwchar>
 #include <exception>
 #include <string>
-#include <utility>
 
 #include "TxLogSecurity.h"
+#include "base/Paths.h"
 #include "base/Text.h"
-#include "logging/LogLine.h"
+#include "contract/LogLine.h"
 
 namespace ETWLogging
 {
@@ -67,7 +67,6 @@ try
 {
     m_group = group == nullptr ? L"" : group;
     m_host = host == nullptr ? L"" : host;
-    m_settings = ReadLogSettings();
     if (m_settings.tag.empty())
     {
         m_settings.tag = ProgramName();
@@ -110,7 +109,6 @@ try
                     CannotBeUsed(L"mutex of", m_file.GetPath(), status).c_str()));
         }
     }
-    m_watch.Start(*this, m_settings);
 }
 catch (const std::exception&) // NOLINT(bugprone-empty-catch): every message then fails to open the file.
 {

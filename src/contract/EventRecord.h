@@ -5,6 +5,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
+#include <string>
 
 #include "TxLogController.h"
 
@@ -51,5 +53,23 @@ struct MessageEvent
     EVENT_TRACE_HEADER header;
     MOF_FIELD fields[kEventFieldCount];
 };
+
+/// What a message event carries.
+struct TraceMessage
+{
+    ULONG level = 0;
+    std::wstring file;
+    std::wstring function;
+    ULONG line = 0;
+    std::wstring group;
+    ULONG processId = 0;
+    ULONG threadId = 0;
+    std::wstring message;
+};
+
+/// Takes the fields out of a message event's data, where they stand one after the other without padding.
+/// @param data need not be aligned.
+/// @return nothing when the data ends too early, a text has no terminator, or something is left over.
+[[nodiscard]] std::optional<TraceMessage> DecodeTraceMessage(const BYTE* data, std::size_t size);
 
 } // namespace ETWLogging

@@ -4,12 +4,12 @@
 
 #include <atomic>
 #include <string>
+#include <utility>
 
-#include "logging/LogFile.h"
-#include "logging/LogMutex.h"
-#include "logging/LogSettings.h"
-#include "logging/LogSettingsWatch.h"
-#include "logging/LoggingIf.h"
+#include "logging/logger/LoggingIf.h"
+#include "logging/settings/LogSettingsReader.h"
+#include "logging/text/LogFile.h"
+#include "logging/text/LogMutex.h"
 
 namespace ETWLogging
 {
@@ -18,13 +18,14 @@ namespace ETWLogging
 ///
 /// Log writes whatever has a level name: the threshold only answers IsLevelEnabled.
 /// Folder, file name and mutex take effect with Activate.
-class CLogging : public CLoggingIf
+class CLogging : public CLoggingIf, public IFollowsSettings
 {
 public:
     /// Asked before every write, with the file's mutex held where there is one; false refuses the message.
     using WriteGate = bool (*)(CLogging& logger);
 
-    CLogging() noexcept = default;
+    /// @param settings take effect with Initialize.
+    explicit CLogging(LogSettings settings) noexcept : m_settings(std::move(settings)) {}
 
     DWORD Initialize(
         const wchar_t* group, DWORD context2, const wchar_t* host, DWORD reserved) noexcept override;
@@ -56,6 +57,7 @@ public:
     }
 
     void Activate() noexcept override;
+    [[nodiscard]] const LogSettings& GetSettings() const noexcept override { return m_settings; }
 
     DWORD SetFolder(const wchar_t* folder) noexcept override;
     [[nodiscard]] const wchar_t* GetFolder() const noexcept override { return m_settings.folder.c_str(); }
@@ -82,8 +84,7 @@ private:
     // Texts, file and mutex are set up before other threads log.
     std::wstring m_group;
     std::wstring m_host;
-    LogSettings
-        m_settings; ///< As they were read by Initialize, with names and folder in place of missing ones.
+    LogSettings m_settings; ///< With names and folder in place of missing ones.
     DWORD m_processId = ::GetCurrentProcessId();
     CLogMutex m_mutex;
     CLogFile m_file;
@@ -92,8 +93,6 @@ private:
     std::atomic<DWORD> m_options = kDefaultOptions;
     std::atomic<bool> m_fileLogging = true;
     std::atomic<WriteGate> m_gate = &CLogging::firstUseGate;
-
-    CLogSettingsWatch m_watch; ///< Last: its thread uses all of the above.
 };
 
 } // namespace ETWLogging

@@ -1,4 +1,4 @@
-#include "logging/DefaultLoggingHandler.h"
+#include "logging/basalt/DefaultLoggingHandler.h"
 
 #include <exception>
 

@@ -5,11 +5,11 @@
 
 #include <atomic>
 #include <string>
+#include <utility>
 
 #include "base/Lock.h"
-#include "logging/LogSettings.h"
-#include "logging/LogSettingsWatch.h"
-#include "logging/LoggingIf.h"
+#include "logging/logger/LoggingIf.h"
+#include "logging/settings/LogSettingsReader.h"
 
 namespace ETWLogging
 {
@@ -24,10 +24,11 @@ namespace ETWLogging
 ///
 /// It writes no text lines: the option word and the application tag do not apply to it.
 /// @see https://learn.microsoft.com/windows/win32/api/evntrace/nf-evntrace-registertraceguidsw
-class CETWLogging : public CLoggingIf_ex
+class CETWLogging : public CLoggingIf_ex, public IFollowsSettings
 {
 public:
-    CETWLogging() noexcept = default;
+    /// @param settings take effect with Initialize or InitializeEx.
+    explicit CETWLogging(LogSettings settings) noexcept : m_settings(std::move(settings)) {}
     ~CETWLogging() override;
 
     DWORD Initialize(
@@ -74,7 +75,8 @@ public:
 
     void SetLevelGate(CLevelGate* gate) noexcept override TX_EXCLUDES(m_gateLock);
 
-    void Activate() noexcept override { m_watch.Start(*this, m_settings); }
+    void Activate() noexcept override {}
+    [[nodiscard]] const LogSettings& GetSettings() const noexcept override { return m_settings; }
 
     DWORD SetFolder(const wchar_t* /*folder*/) noexcept override { return ERROR_NOT_SUPPORTED; }
     [[nodiscard]] const wchar_t* GetFolder() const noexcept override { return L""; }
@@ -110,8 +112,7 @@ private:
     Basalt::CLock m_gateLock; ///< Held for a moment, calling nobody: the control callback takes it too.
     CLevelGate* m_gate TX_GUARDED_BY(m_gateLock) = nullptr;
 
-    LogSettings m_settings;    ///< As they were read by InitializeEx.
-    CLogSettingsWatch m_watch; ///< Last: its thread uses all of the above.
+    LogSettings m_settings;
 };
 
 } // namespace ETWLogging

@@ -4,12 +4,10 @@
 
 #include <string>
 
-#include "base/ObfuscatedRegKey.h"
-#include "contract/Keys.h"
-#include "logging/LoggingIf.h"
+#include "contract/LogLevels.h"
 
 /// @file
-/// The logging settings: what can be set, where it is looked for, and what applies when nothing is.
+/// The logging settings: what can be set, and what applies when nothing is.
 ///
 /// Each setting by itself is looked for in "log.ini" beside the program, then in the registry, and has its
 /// default when neither has it. A value that is damaged, of another type or out of range counts as absent
@@ -78,68 +76,5 @@ inline constexpr LogTextSetting kFileSetting = {L"Logging File", &IsLogFileName}
 /// application's name behind it.
 inline constexpr wchar_t kControllerPathPrefix[] = L"Controller Path ";
 inline constexpr wchar_t kHostControllerPath[] = L"Controller Path WSS"; ///< The host's own.
-
-/// Full path of the settings file: beside the running program.
-/// @throws std::bad_alloc
-[[nodiscard]] std::wstring LogIniPath();
-
-/// Where a setting was found.
-enum class LogSettingOrigin
-{
-    Default,
-    Registry,
-    IniFile,
-};
-
-/// Reads single settings. The key is opened, and the file looked at, once: make a new object for one that
-/// comes or goes later.
-/// Threads: one. All operations may throw std::bad_alloc.
-class CLogSettingsReader
-{
-public:
-    /// Where the hosts' own settings are.
-    CLogSettingsReader();
-    explicit CLogSettingsReader(const std::wstring& iniPath, const wchar_t* keyPath = Contract::kLoggingKey);
-
-    /// @param value receives the number, or the setting's default.
-    LogSettingOrigin ReadNumber(const LogNumberSetting& setting, DWORD& value);
-
-    /// @param value untouched when the setting is found nowhere.
-    LogSettingOrigin ReadText(const LogTextSetting& setting, std::wstring& value);
-
-    /// What was there but could not be used so far, for a message; empty when there was nothing of the kind.
-    [[nodiscard]] const std::wstring& Problems() const noexcept { return m_problems; }
-
-private:
-    void dropUnusableIni();
-    [[nodiscard]] bool readIni(const wchar_t* name, std::wstring& text);
-    [[nodiscard]] bool acceptOrReport(DWORD status, bool isValid, const wchar_t* name);
-    void addProblem(const wchar_t* what, const wchar_t* where);
-
-    std::wstring m_iniPath; ///< Empty unless there is a file that can be used.
-    Basalt::CObfuscatedRegKey m_key;
-    std::wstring m_problems;
-};
-
-/// All settings of a logger, with the defaults in place of what is missing or not usable.
-struct LogSettings
-{
-    DWORD mechanism = kMechanismSetting.fallback;
-    DWORD threshold = kDefaultThreshold;
-    DWORD options = kDefaultOptions;
-    DWORD entriesPerFile = kDefaultEntries;
-    DWORD oldFiles = kDefaultOldFiles;
-    bool useMutex = true;
-    std::wstring tag;    ///< Empty when none is set, as with the next two.
-    std::wstring folder; ///< Without a backslash at the end.
-    std::wstring fileName;
-    std::wstring problems; ///< What was there but could not be used.
-};
-
-/// @throws std::bad_alloc
-[[nodiscard]] LogSettings ReadLogSettings();
-
-/// The configured mechanism; 0 when it is absent or unusable.
-[[nodiscard]] DWORD ReadLogMechanism() noexcept;
 
 } // namespace ETWLogging

@@ -1,4 +1,4 @@
-#include "logging/BasaltLogger.h"
+#include "logging/basalt/BasaltLogger.h"
 
 #include <atomic>
 #include <cstdarg>
@@ -10,7 +10,7 @@
 #include <string>
 
 #include "base/Text.h"
-#include "logging/DefaultLoggingHandler.h"
+#include "logging/basalt/DefaultLoggingHandler.h"
 
 namespace Basalt
 {

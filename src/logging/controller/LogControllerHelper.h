@@ -6,7 +6,7 @@
 #include "base/RegKey.h"
 #include "base/ShlObjAPI.h"
 #include "base/TrustedModule.h"
-#include "logging/LogProperties.h"
+#include "logging/settings/LogProperties.h"
 
 namespace ETWLogging
 {

@@ -1,10 +1,8 @@
-#include "logging/LogSettings.h"
+#include "logging/settings/LogSettingsReader.h"
 
 #include <cwchar>
-#include <exception>
 #include <memory>
 #include <optional>
-#include <string_view>
 
 #include "base/Owned.h"
 #include "base/Paths.h"
@@ -17,23 +15,6 @@ namespace
 {
 
 constexpr wchar_t kRegistryName[] = L"registry";
-
-bool IsDriveLetter(wchar_t letter) noexcept
-{
-    return (letter >= L'A' && letter <= L'Z') || (letter >= L'a' && letter <= L'z');
-}
-
-bool HasNone(std::wstring_view text, const wchar_t* forbidden) noexcept
-{
-    for (const wchar_t character : text)
-    {
-        if (character < L' ' || std::wcschr(forbidden, character) != nullptr)
-        {
-            return false;
-        }
-    }
-    return true;
-}
 
 /// Decimal, or hexadecimal after "0x"; nothing else beside it.
 std::optional<DWORD> ParseNumber(const std::wstring& text) noexcept
@@ -98,28 +79,6 @@ DWORD LookAtFile(const std::wstring& path, bool& isText)
 }
 
 } // namespace
-
-bool IsAbsolutePath(const std::wstring& path) noexcept
-{
-    if (path.size() < 3 || !HasNone(std::wstring_view(path).substr(2), L"<>:\"|?*"))
-    {
-        return false;
-    }
-    return (IsDriveLetter(path[0]) && path[1] == L':' && path[2] == L'\\') ||
-           (path[0] == L'\\' && path[1] == L'\\' && path[2] != L'\\');
-}
-
-bool IsLogFileName(const std::wstring& name) noexcept
-{
-    const std::size_t dot = name.rfind(L'.');
-    return dot != std::wstring::npos && dot != 0 && dot + 1 < name.size() && name.back() != L' ' &&
-           HasNone(name, kNotInFileNames);
-}
-
-bool IsLogTag(const std::wstring& tag) noexcept
-{
-    return !tag.empty() && HasNone(tag, L"$"); // Readers split the line there.
-}
 
 std::wstring LogIniPath()
 {
@@ -253,18 +212,6 @@ LogSettings ReadLogSettings()
     settings.folder.erase(settings.folder.find_last_not_of(L'\\') + 1);
     settings.problems = reader.Problems();
     return settings;
-}
-
-DWORD ReadLogMechanism() noexcept
-try
-{
-    DWORD mechanism = 0;
-    CLogSettingsReader().ReadNumber(kMechanismSetting, mechanism);
-    return mechanism;
-}
-catch (const std::exception&)
-{
-    return kMechanismSetting.fallback;
 }
 
 } // namespace ETWLogging

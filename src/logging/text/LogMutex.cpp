@@ -1,4 +1,4 @@
-#include "logging/LogMutex.h"
+#include "logging/text/LogMutex.h"
 
 #include <cstdint>
 

@@ -6,7 +6,7 @@
 
 #include "TxLogController.h"
 #include "base/DllWrapperBase.h"
-#include "logging/LogControllerHelper.h"
+#include "logging/controller/LogControllerHelper.h"
 
 namespace ETWLogging
 {

@@ -1,4 +1,4 @@
-#include "logging/LogFile.h"
+#include "logging/text/LogFile.h"
 
 #include <algorithm>
 

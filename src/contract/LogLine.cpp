@@ -1,9 +1,9 @@
-#include "logging/LogLine.h"
+#include "contract/LogLine.h"
 
 #include <cwchar>
 
 #include "base/Text.h"
-#include "logging/LoggingIf.h"
+#include "contract/LogLevels.h"
 
 namespace ETWLogging
 {
@@ -41,26 +41,6 @@ void AppendHead(std::wstring& text, const SYSTEMTIME& time, const wchar_t* level
 }
 
 } // namespace
-
-const wchar_t* LogLevelName(DWORD level) noexcept
-{
-    switch (level)
-    {
-    case LogNormal:
-        return L"Normal";
-    case LogWarning:
-        return L"Warning";
-    case LogInformation:
-    case LogInformation2:
-        return L"Information";
-    case LogError:
-        return L"Error";
-    case LogCritical:
-        return L"Critical";
-    default:
-        return nullptr;
-    }
-}
 
 std::wstring BuildLogLine(const LogLineFields& fields, const wchar_t* levelName, const wchar_t* message)
 {

@@ -1,11 +1,10 @@
-#include "logging/ETWLogging.h"
+#include "logging/events/EventLogger.h"
 
 #include <cwchar>
 #include <exception>
 #include <iterator>
 
-#include "logging/EventRecord.h"
-#include "logging/LogSettings.h"
+#include "contract/EventRecord.h"
 
 namespace ETWLogging
 {
@@ -52,7 +51,6 @@ void SetText(MessageEvent& event, EventField field, const wchar_t* text) noexcep
 
 CETWLogging::~CETWLogging()
 {
-    m_watch.Stop();
     static_cast<void>(CETWLogging::Stop());
 }
 
@@ -72,7 +70,6 @@ try
 {
     m_group = group == nullptr ? L"" : group;
     m_host = host == nullptr ? L"" : host;
-    m_settings = ReadLogSettings();
     m_threshold = m_settings.threshold;
     return ERROR_SUCCESS;
 }

@@ -2,31 +2,11 @@
 
 #include <windows.h>
 
-#include "logging/LevelGate.h"
+#include "contract/LogLevels.h"
+#include "logging/logger/LevelGate.h"
 
 namespace ETWLogging
 {
-
-/// Severity of a message; a larger number is more severe. Any number may be passed as a level, these have
-/// a name.
-enum LogLevel : DWORD
-{
-    LogNormal = 1,
-    LogWarning = 2,
-    LogInformation = 3, ///< Always passes the event-tracing logger's filter.
-    LogError = 4,
-    LogCritical = 5,
-    LogInformation2 = 6, ///< A second information level; carried in events as LogInformation.
-};
-
-/// The fields of a text line that the option word chooses.
-enum LogOption : DWORD
-{
-    LogOptionProcess = 0x04,  ///< process and thread id
-    LogOptionSource = 0x08,   ///< source file and line
-    LogOptionTag = 0x10,      ///< application tag
-    LogOptionFunction = 0x20, ///< function name
-};
 
 /// What every logger can do. The interface is given: all operations keep their places, also those that
 /// nothing in this product calls (Flush, the getters, most of what sets the logger up).

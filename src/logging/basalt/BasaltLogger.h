@@ -2,7 +2,7 @@
 
 #include <windows.h>
 
-#include "logging/LoggingHandler.h"
+#include "logging/basalt/LoggingHandler.h"
 
 namespace Basalt
 {

@@ -1,12 +1,13 @@
-#include "logging/LogControllerHelper.h"
+#include "logging/controller/LogControllerHelper.h"
 
 #include <windows.h>
 
 #include <exception>
 #include <utility>
 
+#include "base/Paths.h"
 #include "base/Text.h"
-#include "logging/LogSettings.h"
+#include "logging/settings/LogSettingsReader.h"
 
 namespace ETWLogging
 {

@@ -1,9 +1,10 @@
-#include "logging/LogSettingsWatch.h"
+#include "logging/settings/LogSettingsWatch.h"
 
 #include <exception>
 #include <iterator>
 #include <utility>
 
+#include "base/Paths.h"
 #include "base/Text.h"
 
 namespace ETWLogging
@@ -21,7 +22,7 @@ constexpr SIZE_T kStackBytes = 65536;
 /// The key of the settings and what is above it: a key that is not there yet, or is replaced, can only be
 /// noticed in its parent. The product's key is a link into the 32-bit ones.
 constexpr const wchar_t* kWatchedKeys[] = {
-    L"SOFTWARE", L"SOFTWARE\\Wow6432Node", L"SOFTWARE\\Tarvex", Contract::kLoggingKey};
+    L"SOFTWARE", L"SOFTWARE\\Wow6432Node", Contract::kProductKey, Contract::kLoggingKey};
 
 } // namespace
 

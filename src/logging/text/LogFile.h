@@ -7,7 +7,7 @@
 
 #include "base/Lock.h"
 #include "base/Owned.h"
-#include "logging/LogSettings.h"
+#include "logging/settings/LogSettingsReader.h"
 
 namespace ETWLogging
 {

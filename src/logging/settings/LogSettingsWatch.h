@@ -6,8 +6,8 @@
 
 #include "base/Owned.h"
 #include "base/RegKey.h"
-#include "logging/LogSettings.h"
-#include "logging/LoggingIf.h"
+#include "logging/settings/LogSettingsReader.h"
+#include "logging/logger/LoggingIf.h"
 
 namespace ETWLogging
 {

@@ -1,0 +1,65 @@
+#include "contract/EventRecord.h"
+
+#include <cstring>
+#include <utility>
+
+namespace ETWLogging
+{
+
+namespace
+{
+
+/// Hands out one field after the other; false when the rest is too short for it.
+class CFieldReader
+{
+public:
+    CFieldReader(const BYTE* data, std::size_t size) noexcept : m_at(data), m_left(size) {}
+
+    bool Read(ULONG& number) noexcept { return copy(&number, sizeof(number)); }
+
+    bool Read(std::wstring& text)
+    {
+        for (wchar_t character = 0; copy(&character, sizeof(character));)
+        {
+            if (character == L'\0')
+            {
+                return true;
+            }
+            text += character;
+        }
+        return false;
+    }
+
+    [[nodiscard]] bool IsAtEnd() const noexcept { return m_left == 0; }
+
+private:
+    bool copy(void* target, std::size_t size) noexcept
+    {
+        if (m_left < size)
+        {
+            return false;
+        }
+        std::memcpy(target, m_at, size);
+        m_at += size;
+        m_left -= size;
+        return true;
+    }
+
+    const BYTE* m_at;
+    std::size_t m_left;
+};
+
+} // namespace
+
+std::optional<TraceMessage> DecodeTraceMessage(const BYTE* data, std::size_t size)
+{
+    CFieldReader reader(data, size);
+    TraceMessage message;
+    const bool isWhole = reader.Read(message.level) && reader.Read(message.file) &&
+                         reader.Read(message.function) && reader.Read(message.line) &&
+                         reader.Read(message.group) && reader.Read(message.processId) &&
+                         reader.Read(message.threadId) && reader.Read(message.message) && reader.IsAtEnd();
+    return isWhole ? std::optional(std::move(message)) : std::nullopt;
+}
+
+} // namespace ETWLogging
