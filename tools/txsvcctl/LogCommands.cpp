@@ -97,7 +97,7 @@ std::wstring FormatSetting(const LogSettingReport& report)
 {
     constexpr std::size_t kNameColumns = 16;
     std::wstring line = report.name;
-    line.resize(kNameColumns, L' ');
+    line.append(line.size() < kNameColumns ? kNameColumns - line.size() : 1, L' ');
     line += report.value + L" (" + OriginName(report.origin);
     if (!report.unusable.empty())
     {

@@ -244,7 +244,7 @@ Found Find(const std::wstring& name)
 
 [[noreturn]] void ThrowBadValue(const Setting& setting, const std::wstring& value)
 {
-    ThrowUsage(L"'" + value + L"' is no value for " + setting.name + L": give " + setting.expected);
+    ThrowUsage(L"'" + value + L"' is no value for '" + setting.name + L"': give " + setting.expected);
 }
 
 DWORD NumberFrom(const Setting& setting, const std::wstring& value)

@@ -93,6 +93,21 @@ void ReportEntry(const CServiceManager& manager, const std::wstring& group, Serv
     }
 }
 
+/// A group that cannot be read has that problem in its own report.
+void ReportOtherGroups(const CGroupStore& store, const std::wstring& group, ServiceReport& report)
+{
+    for (const std::wstring& other : store.Groups())
+    {
+        std::vector<std::wstring> ignored;
+        Attempt(ignored, [&] {
+            if (!IsSameName(other, group) && store.FindService(other, report.name))
+            {
+                report.problems.push_back(L"it is also in the group '" + other + L"'");
+            }
+        });
+    }
+}
+
 GroupReport ReportGroup(const CServiceManager& manager, const std::wstring& group)
 {
     const CGroupStore store;
@@ -104,12 +119,7 @@ GroupReport ReportGroup(const CServiceManager& manager, const std::wstring& grou
             service.name = std::move(name);
             Attempt(service.problems, [&] { ReportClass(store, group, service); });
             Attempt(service.problems, [&] { ReportEntry(manager, group, service); });
-            Attempt(service.problems, [&] {
-                for (const std::wstring& other : store.OtherGroupsOf({group, service.name}))
-                {
-                    service.problems.push_back(L"it is also in the group '" + other + L"'");
-                }
-            });
+            Attempt(service.problems, [&] { ReportOtherGroups(store, group, service); });
             report.services.push_back(std::move(service));
         }
     });
