@@ -23,8 +23,8 @@
 
 #include "base/Owned.h"
 #include "base/Stopwatch.h"
-#include "logging/Log.h"
 #include "logging/BasaltLogHandler.h"
+#include "logging/Log.h"
 #include "logging/LoggerHolder.h"
 #include "logging/text/TextLogger.h"
 #include "support/ImportPatch.h"

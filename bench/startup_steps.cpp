@@ -21,13 +21,13 @@
 #include "base/Stopwatch.h"
 #include "config/TxSvcHostConfig.h"
 #include "contract/Keys.h"
-#include "process/ComApartment.h"
 #include "control/InstallingUpdate.h"
 #include "control/RegistryLink.h"
 #include "host/ProcessSecurity.h"
-#include "logging/controller/AutoLogController.h"
 #include "logging/Log.h"
+#include "logging/controller/AutoLogController.h"
 #include "privileges/NvidiaDriverFix.h"
+#include "process/ComApartment.h"
 
 namespace
 {

@@ -8,6 +8,9 @@
 namespace Contract
 {
 
+/// The host's file name.
+inline constexpr wchar_t kHostProgram[] = L"TxSvHost.exe";
+
 /// Exact case, anywhere in the line, the program's own path included: no group may begin with it.
 inline constexpr wchar_t kStartServicesSwitch[] = L"/startservices";
 

@@ -15,7 +15,7 @@ class CFieldReader
 public:
     CFieldReader(const BYTE* data, std::size_t size) noexcept : m_at(data), m_left(size) {}
 
-    bool Read(ULONG& number) noexcept { return copy(&number, sizeof(number)); }
+    bool Read(DWORD& number) noexcept { return copy(&number, sizeof(number)); }
 
     bool Read(std::wstring& text)
     {
@@ -51,15 +51,15 @@ private:
 
 } // namespace
 
-std::optional<TraceMessage> DecodeTraceMessage(const BYTE* data, std::size_t size)
+std::optional<LogEntry> DecodeMessageEvent(const BYTE* data, std::size_t size)
 {
     CFieldReader reader(data, size);
-    TraceMessage message;
-    const bool isWhole = reader.Read(message.level) && reader.Read(message.file) &&
-                         reader.Read(message.function) && reader.Read(message.line) &&
-                         reader.Read(message.group) && reader.Read(message.processId) &&
-                         reader.Read(message.threadId) && reader.Read(message.message) && reader.IsAtEnd();
-    return isWhole ? std::optional(std::move(message)) : std::nullopt;
+    LogEntry entry;
+    const bool isWhole = reader.Read(entry.level) && reader.Read(entry.source.emplace()) &&
+                         reader.Read(entry.function.emplace()) && reader.Read(entry.line) &&
+                         reader.Read(entry.tag.emplace()) && reader.Read(entry.process.emplace()) &&
+                         reader.Read(entry.thread) && reader.Read(entry.message) && reader.IsAtEnd();
+    return isWhole ? std::optional(std::move(entry)) : std::nullopt;
 }
 
 } // namespace ETWLogging

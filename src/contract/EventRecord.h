@@ -6,9 +6,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
-#include <string>
 
 #include "TxLogController.h"
+#include "contract/LogEntry.h"
 
 /// @file
 /// The event that the event-tracing logger hands to TraceEvent: an EVENT_TRACE_HEADER with
@@ -54,22 +54,11 @@ struct MessageEvent
     MOF_FIELD fields[kEventFieldCount];
 };
 
-/// What a message event carries.
-struct TraceMessage
-{
-    ULONG level = 0;
-    std::wstring file;
-    std::wstring function;
-    ULONG line = 0;
-    std::wstring group;
-    ULONG processId = 0;
-    ULONG threadId = 0;
-    std::wstring message;
-};
-
 /// Takes the fields out of a message event's data, where they stand one after the other without padding.
 /// @param data need not be aligned.
-/// @return nothing when the data ends too early, a text has no terminator, or something is left over.
-[[nodiscard]] std::optional<TraceMessage> DecodeTraceMessage(const BYTE* data, std::size_t size);
+/// @return nothing when the data ends too early, a text has no terminator, or something is left over. The
+/// time
+///         stands in the event's header, not in its data.
+[[nodiscard]] std::optional<LogEntry> DecodeMessageEvent(const BYTE* data, std::size_t size);
 
 } // namespace ETWLogging

@@ -123,23 +123,20 @@ bool ConvertTo24Hours(SYSTEMTIME& time, bool isAfternoon) noexcept
     return ::SystemTimeToFileTime(&time, &ignored);
 }
 
-/// Names, and the numbers that stand for levels without one.
 bool FindLevel(const std::wstring& name, DWORD& level)
 {
-    for (level = LogNormal; level <= LogCritical; ++level)
+    level = LogNormal;
+    while (level <= LogCritical && name != LogLevelName(level))
     {
-        if (name == LogLevelName(level))
-        {
-            return true;
-        }
+        ++level;
     }
-    CCursor cursor(name);
-    return cursor.Read(level) && cursor.Rest().empty();
+    return level <= LogCritical;
 }
 
 bool ReadHead(CCursor& cursor, LogEntry& entry)
 {
     SYSTEMTIME time{};
+    std::wstring levelName;
     if (!(cursor.Read(time.wMonth) && cursor.Skip(L"/") && cursor.Read(time.wDay) && cursor.Skip(L"/") &&
           cursor.Read(time.wYear) && cursor.Skip(L" ") && cursor.Read(time.wHour) && cursor.Skip(L":") &&
           cursor.Read(time.wMinute) && cursor.Skip(L":") && cursor.Read(time.wSecond) && cursor.Skip(L" ")))
@@ -148,8 +145,8 @@ bool ReadHead(CCursor& cursor, LogEntry& entry)
     }
     const bool isMorning = cursor.Skip(L"AM");
     if (!(isMorning || cursor.Skip(L"PM")) || !ConvertTo24Hours(time, !isMorning) ||
-        !cursor.Skip(L"$ -- (") || !cursor.ReadTo(L')', entry.levelName) || !cursor.Skip(L")$") ||
-        !FindLevel(entry.levelName, entry.level))
+        !cursor.Skip(L"$ -- (") || !cursor.ReadTo(L')', levelName) || !cursor.Skip(L")$") ||
+        !FindLevel(levelName, entry.level))
     {
         return false;
     }

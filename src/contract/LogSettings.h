@@ -72,9 +72,8 @@ inline constexpr LogNumberSetting kMutexSetting = {L"Logging Mutex", 0, 1, MAXDW
 inline constexpr LogTextSetting kTagSetting = {L"Logging Tag", &IsLogTag};
 inline constexpr LogTextSetting kFolderSetting = {L"Logging Folder", &IsAbsolutePath};
 inline constexpr LogTextSetting kFileSetting = {L"Logging File", &IsLogFileName};
-/// The name of the setting that holds an application's controller library (LogProperties.h), with the
-/// application's name behind it.
+/// The name of the setting that holds an application's controller library, with the application's name
+/// behind it.
 inline constexpr wchar_t kControllerPathPrefix[] = L"Controller Path ";
-inline constexpr wchar_t kHostControllerPath[] = L"Controller Path WSS"; ///< The host's own.
 
 } // namespace ETWLogging

@@ -7,12 +7,13 @@
 
 #include "contract/CommandLine.h"
 #include "contract/Keys.h"
+#include "contract/LogNames.h"
 #include "control/GroupServices.h"
 #include "control/InstallingUpdate.h"
 #include "control/RegistryLink.h"
 #include "host/TxSvcHost.h"
-#include "logging/controller/AutoLogController.h"
 #include "logging/Log.h"
+#include "logging/controller/AutoLogController.h"
 #include "privileges/NvidiaDriverFix.h"
 
 using namespace ETWLogging;
@@ -68,10 +69,10 @@ int TxSvcHostMain(int argc, wchar_t** argv)
     ::SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOOPENFILEERRORBOX);
 
     // Before and after all logging: it owns the session that receives the events.
-    const AutoLogController logController(L"WSS");
+    const AutoLogController logController(kHostApplication);
 
     LoggingIdentity identity;
-    identity.group = L"PLATFORM";
+    identity.group = kHostLogGroup;
     identity.host = nullptr;
     SetLoggingIdentity(identity);
 

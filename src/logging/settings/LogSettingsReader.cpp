@@ -7,6 +7,7 @@
 #include "base/Owned.h"
 #include "base/Paths.h"
 #include "base/Text.h"
+#include "contract/LogNames.h"
 
 namespace ETWLogging
 {
@@ -176,6 +177,12 @@ LogSettingOrigin CLogSettingsReader::ReadText(const LogTextSetting& setting, std
     return LogSettingOrigin::Registry;
 }
 
+LogSettingOrigin CLogSettingsReader::ReadControllerPath(const std::wstring& application, std::wstring& path)
+{
+    const std::wstring name = kControllerPathPrefix + application;
+    return ReadText({name.c_str(), [](const std::wstring& /*path*/) noexcept { return true; }}, path);
+}
+
 /// @param status of reading the registry value.
 bool CLogSettingsReader::acceptOrReport(DWORD status, bool isValid, const wchar_t* name)
 {
@@ -192,10 +199,9 @@ void CLogSettingsReader::addProblem(const wchar_t* what, const wchar_t* where)
     m_problems += Basalt::FormatText(L"%s%s (%s)", m_problems.empty() ? L"" : L", ", what, where);
 }
 
-LogSettings ReadLogSettings()
+LogSettings ReadLogSettings(CLogSettingsReader&& reader)
 {
     LogSettings settings;
-    CLogSettingsReader reader;
     reader.ReadNumber(kMechanismSetting, settings.mechanism);
     reader.ReadNumber(kLevelSetting, settings.threshold);
     reader.ReadNumber(kOptionsSetting, settings.options);
@@ -208,7 +214,7 @@ LogSettings ReadLogSettings()
     reader.ReadText(kFolderSetting, settings.folder);
     reader.ReadText(kFileSetting, settings.fileName);
     std::wstring controllerPath; // Not the logger's, but nobody else would report it.
-    reader.ReadText({kHostControllerPath, [](const std::wstring&) noexcept { return true; }}, controllerPath);
+    static_cast<void>(reader.ReadControllerPath(kHostApplication, controllerPath));
     settings.folder.erase(settings.folder.find_last_not_of(L'\\') + 1);
     settings.problems = reader.Problems();
     return settings;

@@ -39,6 +39,10 @@ public:
     /// @param value untouched when the setting is found nowhere.
     LogSettingOrigin ReadText(const LogTextSetting& setting, std::wstring& value);
 
+    /// Whatever text is held counts: what is no full path, the trust check refuses.
+    /// @param application its name towards the controller.
+    LogSettingOrigin ReadControllerPath(const std::wstring& application, std::wstring& path);
+
     /// What was there but could not be used so far, for a message; empty when there was nothing of the kind.
     [[nodiscard]] const std::wstring& Problems() const noexcept { return m_problems; }
 
@@ -69,7 +73,7 @@ struct LogSettings
 };
 
 /// @throws std::bad_alloc
-[[nodiscard]] LogSettings ReadLogSettings();
+[[nodiscard]] LogSettings ReadLogSettings(CLogSettingsReader&& reader = CLogSettingsReader());
 
 /// What a logger is beside CLoggingIf when it follows changes of its settings.
 class IFollowsSettings

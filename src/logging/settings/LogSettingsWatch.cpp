@@ -104,7 +104,7 @@ void CLogSettingsWatch::run() noexcept
 void CLogSettingsWatch::watchFolder() noexcept
 try
 {
-    m_folder = Basalt::COwned<ChangeNotificationTraits>(::FindFirstChangeNotificationW(
+    m_folder = Basalt::CChangeNotification(::FindFirstChangeNotificationW(
         Basalt::ProgramFolder().c_str(),
         FALSE,
         FILE_NOTIFY_CHANGE_FILE_NAME | FILE_NOTIFY_CHANGE_LAST_WRITE | FILE_NOTIFY_CHANGE_SIZE));

@@ -6,18 +6,11 @@
 
 #include "base/Owned.h"
 #include "base/RegKey.h"
-#include "logging/settings/LogSettingsReader.h"
 #include "logging/logger/LoggingIf.h"
+#include "logging/settings/LogSettingsReader.h"
 
 namespace ETWLogging
 {
-
-struct ChangeNotificationTraits
-{
-    using Type = HANDLE;
-    static Type Invalid() noexcept { return INVALID_HANDLE_VALUE; }
-    static void Close(Type value) noexcept { ::FindCloseChangeNotification(value); }
-};
 
 /// Has a change of the logging settings take effect in a running logger: threshold, option word and
 /// rotation. It waits for the system's notice of a change, in a thread of its own; threads that log see
@@ -54,7 +47,7 @@ private:
     LogSettings m_settings; ///< What the logger has.
     Basalt::CHandle m_stop;
     Basalt::CHandle m_registryChanged;
-    Basalt::COwned<ChangeNotificationTraits> m_folder;
+    Basalt::CChangeNotification m_folder;
     Basalt::CRegKey m_keys[4];
     Basalt::CHandle m_thread;
 };

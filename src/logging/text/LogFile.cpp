@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "base/Text.h"
+#include "contract/LogNames.h"
 
 namespace ETWLogging
 {
@@ -199,24 +199,22 @@ void CLogFile::rotate() const
     }
     // Only up to the first gap: after a failed rename the next attempt must not push out the oldest again.
     DWORD number = 1;
-    while (number < oldFiles && ::GetFileAttributesW(oldPath(number).c_str()) != INVALID_FILE_ATTRIBUTES)
+    while (number < oldFiles &&
+           ::GetFileAttributesW(RotatedLogPath(m_path, number).c_str()) != INVALID_FILE_ATTRIBUTES)
     {
         ++number;
     }
     for (; number > 1; --number)
     {
-        if (!::MoveFileExW(oldPath(number - 1).c_str(), oldPath(number).c_str(), MOVEFILE_REPLACE_EXISTING))
+        if (!::MoveFileExW(
+                RotatedLogPath(m_path, number - 1).c_str(),
+                RotatedLogPath(m_path, number).c_str(),
+                MOVEFILE_REPLACE_EXISTING))
         {
             return;
         }
     }
-    ::MoveFileExW(m_path.c_str(), oldPath(1).c_str(), MOVEFILE_REPLACE_EXISTING);
-}
-
-std::wstring CLogFile::oldPath(DWORD number) const
-{
-    std::wstring path = m_path;
-    return path.insert(path.rfind(L'.'), Basalt::FormatText(L".%u", number));
+    ::MoveFileExW(m_path.c_str(), RotatedLogPath(m_path, 1).c_str(), MOVEFILE_REPLACE_EXISTING);
 }
 
 } // namespace ETWLogging

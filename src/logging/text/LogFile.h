@@ -61,7 +61,6 @@ private:
     void countOthers(const COpened& file) TX_REQUIRES(m_lock);
     void cutBack(const COpened& torn, DWORD lineSize) const noexcept;
     void rotate() const;
-    [[nodiscard]] std::wstring oldPath(DWORD number) const;
 
     std::wstring m_path;
     std::atomic<DWORD> m_entriesPerFile = kDefaultEntries;

@@ -1,6 +1,5 @@
 #include "logging/text/TextLogger.h"
 
-#include <algorithm>
 #include <cwchar>
 #include <exception>
 #include <string>
@@ -9,6 +8,7 @@
 #include "base/Paths.h"
 #include "base/Text.h"
 #include "contract/LogLine.h"
+#include "contract/LogNames.h"
 
 namespace ETWLogging
 {
@@ -33,27 +33,6 @@ catch (const std::exception&)
     return ERROR_OUTOFMEMORY;
 }
 
-/// Puts something else in the place of each character that a file name must not have.
-void MakeFitForFile(std::wstring& name)
-{
-    for (wchar_t& character : name)
-    {
-        if (character < L' ' || std::wcschr(kNotInFileNames, character) != nullptr)
-        {
-            character = L'_';
-        }
-    }
-}
-
-/// File name of the running program without its extension.
-std::wstring ProgramName()
-{
-    std::wstring name = Basalt::ProgramPath();
-    name.erase(0, name.rfind(L'\\') + 1);
-    name.resize(std::min(name.size(), name.rfind(L'.')));
-    return name;
-}
-
 std::wstring CannotBeUsed(const wchar_t* what, const std::wstring& path, DWORD error)
 {
     return Basalt::FormatText(L"Log %s '%s' cannot be used: error %u", what, path.c_str(), error);
@@ -69,13 +48,11 @@ try
     m_host = host == nullptr ? L"" : host;
     if (m_settings.tag.empty())
     {
-        m_settings.tag = ProgramName();
+        m_settings.tag = DefaultLogTag(Basalt::ProgramPath());
     }
     if (m_settings.fileName.empty())
     {
-        m_settings.fileName = m_group;
-        MakeFitForFile(m_settings.fileName);
-        m_settings.fileName += L".log";
+        m_settings.fileName = DefaultLogFileName(m_group);
     }
     if (m_settings.folder.empty())
     {

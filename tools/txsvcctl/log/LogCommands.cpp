@@ -1,4 +1,4 @@
-#include "txsvcctl/LogCommands.h"
+#include "txsvcctl/log/LogCommands.h"
 
 #include <CLI/CLI.hpp>
 #include <memory>
@@ -8,13 +8,12 @@
 #include <vector>
 
 #include "TxLogSecurity.h"
-#include "txsvcctl/LogShow.h"
-#include "txsvcctl/LogStore.h"
-#include "txsvcctl/LogTrace.h"
 #include "txsvcctl/Names.h"
 #include "txsvcctl/ToolError.h"
 #include "txsvcctl/Utf8.h"
 #include "txsvcctl/ViewLink.h"
+#include "txsvcctl/log/LogStore.h"
+#include "txsvcctl/log/LogView.h"
 
 using ETWLogging::LogSettingOrigin;
 using nlohmann::ordered_json;
@@ -59,9 +58,8 @@ void ReportChange(const CLogStore& store, const std::wstring& name, IConsole& co
 
 bool UsesDefaultFolder(const CLogStore& store)
 {
-    LogSettingReport folder = store.Get(L"folder");
-    folder.value.erase(folder.value.find_last_not_of(L'\\') + 1);
-    return folder.origin == LogSettingOrigin::Default || TxSdk::IsDefaultLogFolder(folder.value);
+    const std::wstring folder = store.Settings().folder;
+    return folder.empty() || TxSdk::IsDefaultLogFolder(folder);
 }
 
 void SetLogSetting(const Arguments& arguments, IConsole& console)
@@ -162,8 +160,7 @@ void AddLogCommands(CLI::App& app, IConsole& console)
     get->add_flag("--json", arguments->json, "Write JSON");
     get->callback([arguments, &console] { GetLogSettings(*arguments, console); });
 
-    AddShowCommand(*log, console);
-    AddTraceCommand(*log, console);
+    AddViewCommands(*log, console);
 }
 
 } // namespace TxCtl

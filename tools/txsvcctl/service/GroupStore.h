@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "txsvcctl/RegistryChange.h"
+#include "txsvcctl/service/RegistryChange.h"
 
 namespace TxCtl
 {

@@ -1,23 +1,22 @@
-#include "txsvcctl/ServiceInstaller.h"
+#include "txsvcctl/service/ServiceInstaller.h"
 
 #include <utility>
 
 #include "base/Owned.h"
 #include "base/Paths.h"
-#include "txsvcctl/ImagePath.h"
-#include "txsvcctl/ModuleFile.h"
+#include "contract/CommandLine.h"
 #include "txsvcctl/Names.h"
-#include "txsvcctl/ServiceManager.h"
 #include "txsvcctl/ToolError.h"
 #include "txsvcctl/ViewLink.h"
+#include "txsvcctl/service/ImagePath.h"
+#include "txsvcctl/service/ModuleFile.h"
+#include "txsvcctl/service/ServiceManager.h"
 
 namespace TxCtl
 {
 
 namespace
 {
-
-constexpr wchar_t kHostName[] = L"TxSvHost.exe";
 
 constexpr wchar_t kMutexName[] = L"Global\\TarvexTxSvcCtl";
 constexpr DWORD kMutexTimeoutMs = 30000;
@@ -34,7 +33,7 @@ std::wstring HostBesideThisProgram()
     {
         ThrowFailure(L"find the path of", L"this program", ::GetLastError());
     }
-    return folder + kHostName;
+    return folder + Contract::kHostProgram;
 }
 
 std::wstring CheckedHost(const std::optional<std::wstring>& path)

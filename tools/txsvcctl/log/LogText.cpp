@@ -1,10 +1,10 @@
-#include "txsvcctl/LogText.h"
+#include "txsvcctl/log/LogText.h"
 
 #include <algorithm>
 #include <string_view>
 #include <utility>
 
-#include "txsvcctl/Utf8.h"
+#include "contract/LogLineParser.h"
 
 namespace TxCtl
 {

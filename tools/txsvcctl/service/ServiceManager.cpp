@@ -1,4 +1,4 @@
-#include "txsvcctl/ServiceManager.h"
+#include "txsvcctl/service/ServiceManager.h"
 
 #include <vector>
 

@@ -1,4 +1,4 @@
-#include "txsvcctl/ServiceCommands.h"
+#include "txsvcctl/service/ServiceCommands.h"
 
 #include <windows.h>
 
@@ -9,13 +9,13 @@
 #include <string>
 #include <vector>
 
-#include "txsvcctl/GroupStore.h"
-#include "txsvcctl/ServiceInstaller.h"
-#include "txsvcctl/ServiceList.h"
-#include "txsvcctl/ServiceManager.h"
 #include "txsvcctl/ToolError.h"
 #include "txsvcctl/Utf8.h"
 #include "txsvcctl/ViewLink.h"
+#include "txsvcctl/service/GroupStore.h"
+#include "txsvcctl/service/ServiceInstaller.h"
+#include "txsvcctl/service/ServiceList.h"
+#include "txsvcctl/service/ServiceManager.h"
 
 namespace TxCtl
 {

@@ -1,4 +1,4 @@
-#include "txsvcctl/ImagePath.h"
+#include "txsvcctl/service/ImagePath.h"
 
 #include <algorithm>
 

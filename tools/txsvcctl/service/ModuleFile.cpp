@@ -1,4 +1,4 @@
-#include "txsvcctl/ModuleFile.h"
+#include "txsvcctl/service/ModuleFile.h"
 
 #include <algorithm>
 #include <cstring>

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "txsvcctl/ServiceManager.h"
+#include "txsvcctl/service/ServiceManager.h"
 
 namespace TxCtl
 {

@@ -1,14 +1,16 @@
-#include "txsvcctl/LogStore.h"
+#include "txsvcctl/log/LogStore.h"
 
 #include <windows.h>
 
 #include <algorithm>
 #include <iterator>
 #include <optional>
+#include <variant>
 
 #include "base/ObfuscatedRegKey.h"
+#include "contract/CommandLine.h"
 #include "contract/Keys.h"
-#include "control/RegistryLink.h"
+#include "contract/LogNames.h"
 #include "txsvcctl/Names.h"
 #include "txsvcctl/ToolError.h"
 
@@ -135,88 +137,87 @@ std::wstring SameText(std::wstring text)
     return text;
 }
 
-/// Either a number or a text.
+struct NumberForm
+{
+    const LogNumberSetting& setting;
+    std::optional<DWORD> (*parse)(const std::wstring& text);
+    std::wstring (*format)(DWORD number);
+};
+
+struct TextForm
+{
+    LogTextSetting setting;
+    std::wstring (*normal)(std::wstring text);
+    std::wstring fallback; ///< to be shown
+};
+
 struct Setting
 {
     const wchar_t* name;
     const wchar_t* expected;
-    bool atOnce = false; ///< Running hosts take a change up.
-    const LogNumberSetting* number = nullptr;
-    std::optional<DWORD> (*parse)(const std::wstring& text) = nullptr;
-    std::wstring (*format)(DWORD number) = nullptr;
-    LogTextSetting text{};
-    std::wstring (*normal)(std::wstring text) = nullptr;
-    const wchar_t* fallback = nullptr; ///< of a text
+    bool atOnce; ///< Running hosts take a change up.
+    std::variant<NumberForm, TextForm> form;
 };
 
 constexpr wchar_t kControllerName[] = L"controller:";
 constexpr wchar_t kAbsolutePath[] = L"an absolute path";
 
 const Setting kSettings[] = {
-    {.name = L"mechanism",
-     .expected = L"file or events",
-     .number = &ETWLogging::kMechanismSetting,
-     .parse = &ParseMechanism,
-     .format = &FormatMechanism},
-    {.name = L"level",
-     .expected = L"a number from 1 to 6",
-     .atOnce = true,
-     .number = &ETWLogging::kLevelSetting,
-     .parse = &ParseDecimal,
-     .format = &FormatDecimal},
-    {.name = L"fields",
-     .expected = L"some of tag, process, source and function, joined by commas, or all or none",
-     .atOnce = true,
-     .number = &ETWLogging::kOptionsSetting,
-     .parse = &ParseFields,
-     .format = &FormatFields},
-    {.name = L"entries",
-     .expected = L"how many a file takes, at most 100000000, or 0 for any number",
-     .atOnce = true,
-     .number = &ETWLogging::kEntriesSetting,
-     .parse = &ParseDecimal,
-     .format = &FormatDecimal},
-    {.name = L"old-files",
-     .expected = L"a number up to 99",
-     .atOnce = true,
-     .number = &ETWLogging::kOldFilesSetting,
-     .parse = &ParseDecimal,
-     .format = &FormatDecimal},
-    {.name = L"mutex",
-     .expected = L"on or off",
-     .number = &ETWLogging::kMutexSetting,
-     .parse = &ParseSwitch,
-     .format = &FormatSwitch},
-    {.name = L"tag",
-     .expected = L"a text without $",
-     .text = ETWLogging::kTagSetting,
-     .normal = &SameText,
-     .fallback = L"TxSvHost"},
-    {.name = L"folder",
-     .expected = kAbsolutePath,
-     .text = ETWLogging::kFolderSetting,
-     .normal = &NormalPath,
-     // As the services' environment has it, which is not always that of this program.
-     .fallback = L"%ProgramData%\\Tarvex\\Log"},
-    {.name = L"file",
-     .expected = L"a file name with an extension",
-     .text = ETWLogging::kFileSetting,
-     .normal = &SameText,
-     .fallback = L"PLATFORM.log"},
-    {.name = kControllerName,
-     .expected = kAbsolutePath,
-     .text = {nullptr, &ETWLogging::IsAbsolutePath}, // The name has the application's behind it.
-     .normal = &NormalPath,
-     .fallback = L"(searched for)"},
+    {L"mechanism",
+     L"file or events",
+     false,
+     NumberForm{ETWLogging::kMechanismSetting, &ParseMechanism, &FormatMechanism}},
+    {L"level",
+     L"a number from 1 to 6",
+     true,
+     NumberForm{ETWLogging::kLevelSetting, &ParseDecimal, &FormatDecimal}},
+    {L"fields",
+     L"some of tag, process, source and function, joined by commas, or all or none",
+     true,
+     NumberForm{ETWLogging::kOptionsSetting, &ParseFields, &FormatFields}},
+    {L"entries",
+     L"how many a file takes, at most 100000000, or 0 for any number",
+     true,
+     NumberForm{ETWLogging::kEntriesSetting, &ParseDecimal, &FormatDecimal}},
+    {L"old-files",
+     L"a number up to 99",
+     true,
+     NumberForm{ETWLogging::kOldFilesSetting, &ParseDecimal, &FormatDecimal}},
+    {L"mutex", L"on or off", false, NumberForm{ETWLogging::kMutexSetting, &ParseSwitch, &FormatSwitch}},
+    {L"tag",
+     L"a text without $",
+     false,
+     TextForm{ETWLogging::kTagSetting, &SameText, ETWLogging::DefaultLogTag(Contract::kHostProgram)}},
+    // As the services' environment has it, which is not always that of this program.
+    {L"folder",
+     kAbsolutePath,
+     false,
+     TextForm{ETWLogging::kFolderSetting, &NormalPath, L"%ProgramData%\\Tarvex\\Log"}},
+    {L"file",
+     L"a file name with an extension",
+     false,
+     TextForm{
+         ETWLogging::kFileSetting, &SameText, ETWLogging::DefaultLogFileName(ETWLogging::kHostLogGroup)}},
+    {kControllerName,
+     kAbsolutePath,
+     false,
+     TextForm{
+         {ETWLogging::kControllerPathPrefix, &ETWLogging::IsAbsolutePath}, &NormalPath, L"(searched for)"}},
 };
 
-/// A setting, and the name of its value in the registry and in the file.
+/// A setting, and the application whose controller it is about.
 struct Found
 {
     const Setting& setting;
-    std::wstring valueName;
+    std::wstring application;
 
-    [[nodiscard]] LogTextSetting Text() const { return {valueName.c_str(), setting.text.isValid}; }
+    /// In the registry and in the file.
+    [[nodiscard]] std::wstring ValueName() const
+    {
+        const auto* const number = std::get_if<NumberForm>(&setting.form);
+        return (number != nullptr ? number->setting.name : std::get<TextForm>(setting.form).setting.name) +
+               application;
+    }
 };
 
 Found Find(const std::wstring& name)
@@ -228,43 +229,39 @@ Found Find(const std::wstring& name)
         std::find_if(std::begin(kSettings), std::end(kSettings), [&wanted](const Setting& setting) {
             return IsSameName(setting.name, wanted);
         });
-    if (found == std::end(kSettings) || (found->text.name == nullptr && !found->number && !isController))
+    if (found == std::end(kSettings) || (found->name == kControllerName && !isController))
     {
         ThrowUsage(
             L"'" + name +
             L"' is no logging setting: give mechanism, level, fields, entries, old-files, "
             L"mutex, tag, folder, file or controller:APPLICATION");
     }
-    return {
-        *found,
-        isController               ? ETWLogging::kControllerPathPrefix + name.substr(kPrefix)
-        : found->number != nullptr ? found->number->name
-                                   : found->text.name};
+    return {*found, isController ? name.substr(kPrefix) : std::wstring()};
 }
 
-[[noreturn]] void ThrowBadValue(const Setting& setting, const std::wstring& value)
-{
-    ThrowUsage(L"'" + value + L"' is no value for '" + setting.name + L"': give " + setting.expected);
-}
+/// What is stored.
+using Value = std::variant<DWORD, std::wstring>;
 
-DWORD NumberFrom(const Setting& setting, const std::wstring& value)
+Value ValueFrom(const Setting& setting, const std::wstring& given)
 {
-    const std::optional<DWORD> number = setting.parse(value);
-    if (!number || !setting.number->IsValid(*number))
+    if (const auto* const form = std::get_if<NumberForm>(&setting.form))
     {
-        ThrowBadValue(setting, value);
+        const std::optional<DWORD> number = form->parse(given);
+        if (number && form->setting.IsValid(*number))
+        {
+            return *number;
+        }
     }
-    return *number;
-}
-
-std::wstring TextFrom(const Setting& setting, const std::wstring& value)
-{
-    const std::wstring text = setting.normal(value);
-    if (!setting.text.isValid(text))
+    else
     {
-        ThrowBadValue(setting, value);
+        const auto& textForm = std::get<TextForm>(setting.form);
+        const std::wstring text = textForm.normal(given);
+        if (textForm.setting.isValid(text))
+        {
+            return text;
+        }
     }
-    return text;
+    ThrowUsage(L"'" + given + L"' is no value for '" + setting.name + L"': give " + setting.expected);
 }
 
 } // namespace
@@ -290,7 +287,7 @@ std::vector<std::wstring> CLogStore::Names()
     {
         names.emplace_back(setting.name);
     }
-    names.back() += L"WSS"; // The host's own name for its controller.
+    names.back() += ETWLogging::kHostApplication; // The last is about an application's controller.
     return names;
 }
 
@@ -299,28 +296,29 @@ bool CLogStore::TakesEffectAtOnce(const std::wstring& name)
     return Find(name).setting.atOnce;
 }
 
+ETWLogging::LogSettings CLogStore::Settings() const
+{
+    return ETWLogging::ReadLogSettings(CLogSettingsReader(m_iniPath, kSettingsPath.c_str()));
+}
+
 LogSettingReport CLogStore::Get(const std::wstring& name) const
 {
     const Found found = Find(name);
     CLogSettingsReader reader(m_iniPath, kSettingsPath.c_str());
     LogSettingReport report{name, {}, {}, {}};
-    if (found.setting.number != nullptr)
+    if (const auto* const form = std::get_if<NumberForm>(&found.setting.form))
     {
         DWORD number = 0;
-        report.origin = reader.ReadNumber(*found.setting.number, number);
-        report.value = found.setting.format(number);
+        report.origin = reader.ReadNumber(form->setting, number);
+        report.value = form->format(number);
     }
     else
     {
-        report.value = found.setting.fallback;
-        LogTextSetting text = found.Text();
-        if (found.setting.text.name == nullptr)
-        {
-            text.isValid = [](const std::wstring& /*path*/) noexcept {
-                return true;
-            }; // As the host takes it.
-        }
-        report.origin = reader.ReadText(text, report.value);
+        const auto& textForm = std::get<TextForm>(found.setting.form);
+        report.value = textForm.fallback;
+        report.origin = found.application.empty()
+                            ? reader.ReadText(textForm.setting, report.value)
+                            : reader.ReadControllerPath(found.application, report.value);
     }
     report.unusable = reader.Problems();
     return report;
@@ -328,45 +326,40 @@ LogSettingReport CLogStore::Get(const std::wstring& name) const
 
 void CLogStore::Check(const std::wstring& name, const std::wstring& value) const
 {
-    const Found found = Find(name);
-    if (found.setting.number != nullptr)
-    {
-        static_cast<void>(NumberFrom(found.setting, value));
-        return;
-    }
-    static_cast<void>(TextFrom(found.setting, value));
+    static_cast<void>(ValueFrom(Find(name).setting, value));
 }
 
 void CLogStore::Set(const std::wstring& name, const std::wstring& value) const
 {
-    Check(name, value);
     const Found found = Find(name);
+    const Value stored = ValueFrom(found.setting, value);
+    const std::wstring valueName = found.ValueName();
     CObfuscatedRegKey key;
     CheckStatus(
         key.Create(HKEY_LOCAL_MACHINE, kSettingsPath.c_str(), KEY_READ | KEY_WRITE),
         L"open registry key",
         kSettingsPath);
-    const wchar_t* const valueName = found.valueName.c_str();
-    const DWORD status = found.setting.number != nullptr
-                             ? key.WriteDword(valueName, NumberFrom(found.setting, value))
-                             : key.WriteString(valueName, TextFrom(found.setting, value));
+    const auto* const number = std::get_if<DWORD>(&stored);
+    const DWORD status = number != nullptr
+                             ? key.WriteDword(valueName.c_str(), *number)
+                             : key.WriteString(valueName.c_str(), std::get<std::wstring>(stored));
     CheckStatus(status, L"write registry value", kSettingsPath + L"\\" + valueName);
 }
 
 bool CLogStore::Unset(const std::wstring& name) const
 {
-    const Found found = Find(name);
+    const std::wstring valueName = Find(name).ValueName();
     CObfuscatedRegKey key;
     DWORD status = key.Open(HKEY_LOCAL_MACHINE, kSettingsPath.c_str(), KEY_READ | KEY_WRITE);
     if (status == ERROR_SUCCESS)
     {
-        status = key.DeleteValue(found.valueName.c_str());
+        status = key.DeleteValue(valueName.c_str());
     }
     if (status == ERROR_FILE_NOT_FOUND)
     {
         return false;
     }
-    CheckStatus(status, L"delete registry value", kSettingsPath + L"\\" + found.valueName);
+    CheckStatus(status, L"delete registry value", kSettingsPath + L"\\" + valueName);
     return true;
 }
 

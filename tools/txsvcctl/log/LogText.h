@@ -1,29 +1,13 @@
 #pragma once
 
-#include <windows.h>
-
 #include <cstddef>
 #include <optional>
 #include <string>
 
-#include "contract/LogLineParser.h"
+#include "txsvcctl/log/LogSink.h"
 
 namespace TxCtl
 {
-
-using ETWLogging::LogEntry;
-
-/// Takes what is read of a log.
-class ILogSink
-{
-public:
-    virtual ~ILogSink() = default;
-
-    virtual void Add(LogEntry entry) = 0;
-    /// Called after each piece of a file: what was added may be handed on.
-    /// @return false to read no further.
-    virtual bool EndPiece() = 0;
-};
 
 /// Splits the bytes of one log file, which come in pieces of any size, into entries.
 ///

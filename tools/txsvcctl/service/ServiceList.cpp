@@ -1,14 +1,14 @@
-#include "txsvcctl/ServiceList.h"
+#include "txsvcctl/service/ServiceList.h"
 
 #include <windows.h>
 
 #include "base/VersionInfo.h"
-#include "txsvcctl/GroupStore.h"
-#include "txsvcctl/ImagePath.h"
-#include "txsvcctl/ModuleFile.h"
 #include "txsvcctl/Names.h"
 #include "txsvcctl/ToolError.h"
 #include "txsvcctl/Utf8.h"
+#include "txsvcctl/service/GroupStore.h"
+#include "txsvcctl/service/ImagePath.h"
+#include "txsvcctl/service/ModuleFile.h"
 
 using nlohmann::ordered_json;
 

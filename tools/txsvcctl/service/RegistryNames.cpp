@@ -1,4 +1,4 @@
-#include "txsvcctl/RegistryNames.h"
+#include "txsvcctl/service/RegistryNames.h"
 
 #include "txsvcctl/ToolError.h"
 

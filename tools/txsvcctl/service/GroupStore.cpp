@@ -1,4 +1,4 @@
-#include "txsvcctl/GroupStore.h"
+#include "txsvcctl/service/GroupStore.h"
 
 #include <algorithm>
 
@@ -7,8 +7,8 @@
 #include "contract/ServiceList.h"
 #include "control/RegistryLink.h"
 #include "txsvcctl/Names.h"
-#include "txsvcctl/RegistryNames.h"
 #include "txsvcctl/ToolError.h"
+#include "txsvcctl/service/RegistryNames.h"
 
 using Basalt::CRegKey;
 

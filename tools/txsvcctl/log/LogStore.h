@@ -31,6 +31,8 @@ public:
     /// All but the controllers of other applications than the host.
     [[nodiscard]] static std::vector<std::wstring> Names();
 
+    /// What a logger would be set up with.
+    [[nodiscard]] ETWLogging::LogSettings Settings() const;
     [[nodiscard]] LogSettingReport Get(const std::wstring& name) const;
 
     /// Changes the registry.

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "txsvcctl/Console.h"
-#include "txsvcctl/GroupStore.h"
+#include "txsvcctl/service/GroupStore.h"
 
 namespace TxCtl
 {

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "base/Owned.h"
-#include "txsvcctl/LogText.h"
+#include "txsvcctl/log/LogText.h"
 
 namespace TxCtl
 {

@@ -1,10 +1,10 @@
-#include "txsvcctl/RegistryChange.h"
+#include "txsvcctl/service/RegistryChange.h"
 
 #include <exception>
 
 #include "base/RegKey.h"
-#include "txsvcctl/RegistryNames.h"
 #include "txsvcctl/ToolError.h"
+#include "txsvcctl/service/RegistryNames.h"
 
 using Basalt::CRegKey;
 

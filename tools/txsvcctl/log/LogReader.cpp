@@ -1,10 +1,10 @@
-#include "txsvcctl/LogReader.h"
+#include "txsvcctl/log/LogReader.h"
 
 #include <algorithm>
-#include <iterator>
 #include <utility>
 
-#include "logging/settings/LogSettingsReader.h"
+#include "contract/LogNames.h"
+#include "contract/LogSettings.h"
 #include "txsvcctl/ToolError.h"
 
 namespace TxCtl
@@ -17,19 +17,6 @@ namespace
 bool IsSameFile(const BY_HANDLE_FILE_INFORMATION& one, const BY_HANDLE_FILE_INFORMATION& other) noexcept
 {
     return one.nFileIndexLow == other.nFileIndexLow && one.nFileIndexHigh == other.nFileIndexHigh;
-}
-
-std::wstring NumberedPath(const std::wstring& path, DWORD number)
-{
-    if (number == 0)
-    {
-        return path;
-    }
-    const std::size_t name = path.rfind(L'\\') + 1;
-    const std::size_t dot = path.rfind(L'.');
-    std::wstring numbered = path;
-    return numbered.insert(
-        dot == std::wstring::npos || dot < name ? path.size() : dot, L"." + std::to_wstring(number));
 }
 
 } // namespace
@@ -117,7 +104,7 @@ bool CLogReader::scan(std::vector<File>& files, bool& isFound) const
 /// @return no handle when there is no such file.
 CLogReader::File CLogReader::open(DWORD number) const
 {
-    const std::wstring path = NumberedPath(m_path, number);
+    const std::wstring path = ETWLogging::RotatedLogPath(m_path, number);
     File file;
     file.handle.Reset(::CreateFileW(
         path.c_str(),
