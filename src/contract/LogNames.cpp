@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cwchar>
 
+#include "base/Text.h"
 #include "contract/LogSettings.h"
 
 namespace ETWLogging
@@ -42,7 +43,7 @@ std::wstring DefaultLogTag(const std::wstring& program)
 std::wstring RotatedLogPath(const std::wstring& path, DWORD number)
 {
     std::wstring rotated = path;
-    return number == 0 ? rotated : rotated.insert(ExtensionOf(path), L"." + std::to_wstring(number));
+    return number == 0 ? rotated : rotated.insert(ExtensionOf(path), Basalt::FormatText(L".%u", number));
 }
 
 } // namespace ETWLogging

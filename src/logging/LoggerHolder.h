@@ -5,8 +5,8 @@
 #include <cstdarg>
 #include <memory>
 
-#include "logging/Log.h"
 #include "logging/LogBuilder.h"
+#include "logging/LoggingIdentity.h"
 #include "logging/basalt/LoggingHandler.h"
 #include "logging/logger/LoggingIf.h"
 #include "logging/settings/LogSettingsWatch.h"

@@ -19,7 +19,7 @@
 #include "txsvcctl/RegistryNames.h"
 #include "txsvcctl/ServiceManager.h"
 #include "txsvcctl/Tool.h"
-#include "txsvcctl/Utf8.h"
+#include "txsvcctl/common/Utf8.h"
 
 namespace
 {

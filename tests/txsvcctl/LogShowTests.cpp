@@ -13,7 +13,7 @@
 #include "contract/LogLine.h"
 #include "support/Narrow.h"
 #include "support/TestFolder.h"
-#include "txsvcctl/Utf8.h"
+#include "txsvcctl/common/Utf8.h"
 
 using ETWLogging::BuildLogLine;
 using TxCtl::ToUtf8;

@@ -4,7 +4,7 @@
 #include "base/Owned.h"
 #include "support/Narrow.h"
 #include "support/TestFolder.h"
-#include "txsvcctl/Utf8.h"
+#include "txsvcctl/common/Utf8.h"
 
 namespace
 {

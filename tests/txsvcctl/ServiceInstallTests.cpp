@@ -7,7 +7,7 @@
 #include "support/Narrow.h"
 #include "support/TestFolder.h"
 #include "txsvcctl/ServiceManager.h"
-#include "txsvcctl/ViewLink.h"
+#include "txsvcctl/common/ViewLink.h"
 
 using TxCtl::CServiceManager;
 using TxCtl::ServiceConfig;

@@ -3,7 +3,7 @@
 #include "CtlTest.h"
 #include "support/Narrow.h"
 #include "txsvcctl/ImagePath.h"
-#include "txsvcctl/Names.h"
+#include "txsvcctl/common/Names.h"
 
 namespace
 {

@@ -3,7 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <exception>
 
-#include "txsvcctl/Utf8.h"
+#include "txsvcctl/common/Utf8.h"
 #include "txsvcctl/log/LogCommands.h"
 #include "txsvcctl/service/ServiceCommands.h"
 

@@ -8,10 +8,10 @@
 #include <vector>
 
 #include "TxLogSecurity.h"
-#include "txsvcctl/Names.h"
-#include "txsvcctl/ToolError.h"
-#include "txsvcctl/Utf8.h"
-#include "txsvcctl/ViewLink.h"
+#include "txsvcctl/common/Names.h"
+#include "txsvcctl/common/ToolError.h"
+#include "txsvcctl/common/Utf8.h"
+#include "txsvcctl/common/ViewLink.h"
 #include "txsvcctl/log/LogStore.h"
 #include "txsvcctl/log/LogView.h"
 

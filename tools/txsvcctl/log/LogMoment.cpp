@@ -4,7 +4,7 @@
 #include <iterator>
 #include <string_view>
 
-#include "txsvcctl/ToolError.h"
+#include "txsvcctl/common/ToolError.h"
 
 namespace TxCtl
 {

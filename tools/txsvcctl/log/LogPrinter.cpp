@@ -5,7 +5,7 @@
 
 #include "base/Text.h"
 #include "contract/LogLevels.h"
-#include "txsvcctl/Utf8.h"
+#include "txsvcctl/common/Utf8.h"
 
 using nlohmann::ordered_json;
 

@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "txsvcctl/Console.h"
+#include "txsvcctl/common/Console.h"
 #include "txsvcctl/log/LogMoment.h"
 #include "txsvcctl/log/LogSink.h"
 

@@ -5,7 +5,7 @@
 
 #include "contract/LogNames.h"
 #include "contract/LogSettings.h"
-#include "txsvcctl/ToolError.h"
+#include "txsvcctl/common/ToolError.h"
 
 namespace TxCtl
 {

@@ -11,8 +11,8 @@
 #include "contract/CommandLine.h"
 #include "contract/Keys.h"
 #include "contract/LogNames.h"
-#include "txsvcctl/Names.h"
-#include "txsvcctl/ToolError.h"
+#include "txsvcctl/common/Names.h"
+#include "txsvcctl/common/ToolError.h"
 
 using Basalt::CObfuscatedRegKey;
 using ETWLogging::CLogSettingsReader;

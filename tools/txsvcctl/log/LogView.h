@@ -1,6 +1,6 @@
 #pragma once
 
-#include "txsvcctl/Console.h"
+#include "txsvcctl/common/Console.h"
 
 namespace CLI
 {

@@ -11,7 +11,7 @@
 #include "base/Owned.h"
 #include "contract/EventRecord.h"
 #include "contract/LogLevels.h"
-#include "txsvcctl/ToolError.h"
+#include "txsvcctl/common/ToolError.h"
 #include "txsvcctl/log/LogMoment.h"
 
 namespace TxCtl

@@ -6,8 +6,8 @@
 #include "contract/Keys.h"
 #include "contract/ServiceList.h"
 #include "control/RegistryLink.h"
-#include "txsvcctl/Names.h"
-#include "txsvcctl/ToolError.h"
+#include "txsvcctl/common/Names.h"
+#include "txsvcctl/common/ToolError.h"
 #include "txsvcctl/service/RegistryNames.h"
 
 using Basalt::CRegKey;

@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "contract/CommandLine.h"
-#include "txsvcctl/Names.h"
+#include "txsvcctl/common/Names.h"
 
 namespace TxCtl
 {

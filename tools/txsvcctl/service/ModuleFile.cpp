@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "base/Owned.h"
-#include "txsvcctl/ToolError.h"
+#include "txsvcctl/common/ToolError.h"
 
 namespace TxCtl
 {

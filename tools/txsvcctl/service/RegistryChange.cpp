@@ -3,7 +3,7 @@
 #include <exception>
 
 #include "base/RegKey.h"
-#include "txsvcctl/ToolError.h"
+#include "txsvcctl/common/ToolError.h"
 #include "txsvcctl/service/RegistryNames.h"
 
 using Basalt::CRegKey;

@@ -1,6 +1,6 @@
 #include "txsvcctl/service/RegistryNames.h"
 
-#include "txsvcctl/ToolError.h"
+#include "txsvcctl/common/ToolError.h"
 
 namespace TxCtl
 {

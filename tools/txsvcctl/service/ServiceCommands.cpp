@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "txsvcctl/ToolError.h"
-#include "txsvcctl/Utf8.h"
-#include "txsvcctl/ViewLink.h"
+#include "txsvcctl/common/ToolError.h"
+#include "txsvcctl/common/Utf8.h"
+#include "txsvcctl/common/ViewLink.h"
 #include "txsvcctl/service/GroupStore.h"
 #include "txsvcctl/service/ServiceInstaller.h"
 #include "txsvcctl/service/ServiceList.h"

@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "txsvcctl/Console.h"
+#include "txsvcctl/common/Console.h"
 #include "txsvcctl/service/GroupStore.h"
 
 namespace TxCtl

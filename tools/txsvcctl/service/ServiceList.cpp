@@ -3,9 +3,9 @@
 #include <windows.h>
 
 #include "base/VersionInfo.h"
-#include "txsvcctl/Names.h"
-#include "txsvcctl/ToolError.h"
-#include "txsvcctl/Utf8.h"
+#include "txsvcctl/common/Names.h"
+#include "txsvcctl/common/ToolError.h"
+#include "txsvcctl/common/Utf8.h"
 #include "txsvcctl/service/GroupStore.h"
 #include "txsvcctl/service/ImagePath.h"
 #include "txsvcctl/service/ModuleFile.h"

@@ -2,7 +2,7 @@
 
 #include <vector>
 
-#include "txsvcctl/ToolError.h"
+#include "txsvcctl/common/ToolError.h"
 
 using Basalt::CServiceHandle;
 

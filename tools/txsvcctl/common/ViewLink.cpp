@@ -1,4 +1,4 @@
-#include "txsvcctl/ViewLink.h"
+#include "txsvcctl/common/ViewLink.h"
 
 #include <windows.h>
 
@@ -10,8 +10,8 @@
 #include "contract/Keys.h"
 #include "contract/LinkForm.h"
 #include "control/RegistryLink.h"
-#include "txsvcctl/Names.h"
-#include "txsvcctl/ToolError.h"
+#include "txsvcctl/common/Names.h"
+#include "txsvcctl/common/ToolError.h"
 
 namespace TxCtl
 {

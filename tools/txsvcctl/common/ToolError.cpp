@@ -1,4 +1,4 @@
-#include "txsvcctl/ToolError.h"
+#include "txsvcctl/common/ToolError.h"
 
 #include "base/Text.h"
 

@@ -1,4 +1,4 @@
-#include "txsvcctl/Utf8.h"
+#include "txsvcctl/common/Utf8.h"
 
 #include <windows.h>
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <utility>
 
-#include "txsvcctl/Console.h"
+#include "txsvcctl/common/Console.h"
 
 namespace TxCtl
 {

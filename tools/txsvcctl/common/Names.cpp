@@ -1,4 +1,4 @@
-#include "txsvcctl/Names.h"
+#include "txsvcctl/common/Names.h"
 
 #include <windows.h>
 #include <objbase.h>
@@ -8,7 +8,7 @@
 #include "TxLogSecurity.h"
 #include "contract/CommandLine.h"
 #include "contract/Keys.h"
-#include "txsvcctl/ToolError.h"
+#include "txsvcctl/common/ToolError.h"
 
 namespace TxCtl
 {

@@ -1,8 +1,8 @@
-#include "txsvcctl/Console.h"
+#include "txsvcctl/common/Console.h"
 
 #include <algorithm>
 
-#include "txsvcctl/Utf8.h"
+#include "txsvcctl/common/Utf8.h"
 
 namespace TxCtl
 {
