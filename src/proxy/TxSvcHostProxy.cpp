@@ -19,7 +19,6 @@
 #include "process/ComApartment.h"
 #include "process/ReduceRestart.h"
 
-using Basalt::CStopwatch;
 using namespace ETWLogging;
 
 namespace
@@ -181,7 +180,7 @@ void CTxSvcHostProxy::ProxyServiceMain(Instance& instance, const std::wstring& n
     constexpr wchar_t kFunction[] = L"CTxSvcHostProxy::ProxyServiceMain";
     const CServiceStart start(instance.starts, name.c_str());
     TX_LOG(LogNormal, kFunction, L"Entering ServiceMain for '%s'", name);
-    const CStopwatch sinceStart;
+    const Basalt::CStopwatch sinceStart;
 
     const CComApartment com;
     if (FAILED(com.Result()))
@@ -201,7 +200,7 @@ void CTxSvcHostProxy::ProxyServiceMain(Instance& instance, const std::wstring& n
 
 void CTxSvcHostProxy::runLoaded(
     const CServiceStart& start,
-    const CStopwatch& sinceStart,
+    const Basalt::CStopwatch& sinceStart,
     CSubsystemHolder& holder,
     DWORD argc,
     LPWSTR* argv) noexcept
@@ -255,9 +254,12 @@ void CTxSvcHostProxy::reportFailed(const CServiceStart& start) noexcept
 }
 
 bool CTxSvcHostProxy::admitAndLoad(
-    Instance& instance, const std::wstring& name, const CStopwatch& sinceStart, CSubsystemHolder& holder)
+    Instance& instance,
+    const std::wstring& name,
+    const Basalt::CStopwatch& sinceStart,
+    CSubsystemHolder& holder)
 {
-    const CStopwatch sinceAdmission;
+    const Basalt::CStopwatch sinceAdmission;
     if (!instance.firstRunGate.shouldExecuteService(name))
     {
         TX_LOG(
@@ -278,8 +280,8 @@ bool CTxSvcHostProxy::admitAndLoad(
 
 bool CTxSvcHostProxy::loadOrReportStopped(
     const std::wstring& name,
-    const CStopwatch& sinceStart,
-    const CStopwatch& sinceAdmission,
+    const Basalt::CStopwatch& sinceStart,
+    const Basalt::CStopwatch& sinceAdmission,
     CSubsystemHolder& holder)
 {
     constexpr wchar_t kFunction[] = L"CTxSvcHostProxy::ProxyServiceMain";
@@ -320,7 +322,7 @@ bool CTxSvcHostProxy::GetSubsystem(const std::wstring& name, CSubsystemHolder& h
     }
     TX_LOG(LogNormal, kFunction, L"Subsystem DLL path: '%s'", path);
 
-    const CStopwatch sinceLoad;
+    const Basalt::CStopwatch sinceLoad;
     holder.SetModule(::LoadLibraryW(path.c_str()));
     if (holder.Module() == nullptr)
     {
@@ -338,7 +340,7 @@ bool CTxSvcHostProxy::GetSubsystem(const std::wstring& name, CSubsystemHolder& h
     TX_LOG(LogNormal, kFunction, L"Module '%s' loaded in %0.04fs", name, sinceLoad.Seconds());
 
     // From here on the module stays loaded, also on failure: it has run code of its own.
-    const CStopwatch sinceCreate;
+    const Basalt::CStopwatch sinceCreate;
     ITxSvcClassObject* classObject = nullptr;
     HRESULT result = AskForClassObject(getClassObject, clsid, &classObject);
     if (FAILED(result))

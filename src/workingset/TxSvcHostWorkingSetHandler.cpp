@@ -6,7 +6,6 @@
 #include "contract/WorkingSetEvent.h"
 #include "logging/Log.h"
 
-using Basalt::CLockGuard;
 using namespace ETWLogging;
 
 namespace
@@ -55,11 +54,12 @@ CTxSvcHostWorkingSetHandler::CTxSvcHostWorkingSetHandler()
 {
     if (!m_stopEvent)
     {
+        const DWORD error = ::GetLastError();
         TX_LOG(
             LogError,
             L"CTxSvcHostWorkingSetHandler::CTxSvcHostWorkingSetHandler",
             L"Failed to create the stop event (GLE=0x%08X)",
-            ::GetLastError());
+            error);
     }
 }
 
@@ -85,7 +85,7 @@ bool CTxSvcHostWorkingSetHandler::Initialize(const WorkingSetRecord& record) noe
 {
     bool initialized = false;
     {
-        const CLockGuard guard(m_lock);
+        const Basalt::CLockGuard guard(m_lock);
         initialized = m_bInitialized;
     }
     if (initialized)
@@ -100,7 +100,7 @@ bool CTxSvcHostWorkingSetHandler::Initialize(const WorkingSetRecord& record) noe
         DeInitialize();
         return false;
     }
-    const CLockGuard guard(m_lock);
+    const Basalt::CLockGuard guard(m_lock);
     m_bInitialized = true;
     return true;
 }
@@ -133,7 +133,7 @@ bool CTxSvcHostWorkingSetHandler::start(const WorkingSetRecord& record) noexcept
 bool CTxSvcHostWorkingSetHandler::createTimerQueue() noexcept
 {
     deleteTimerQueue();
-    const CLockGuard guard(m_lock);
+    const Basalt::CLockGuard guard(m_lock);
     m_timerQueue.Reset(::CreateTimerQueue());
     return static_cast<bool>(m_timerQueue);
 }
@@ -145,7 +145,7 @@ bool CTxSvcHostWorkingSetHandler::registerEventWait() noexcept
     DWORD eventError = ERROR_SUCCESS;
     HANDLE wait = nullptr;
     {
-        const CLockGuard guard(m_lock);
+        const Basalt::CLockGuard guard(m_lock);
         m_wsEvent.Reset(CreateWorkingSetEvent());
         hasEvent = static_cast<bool>(m_wsEvent);
         if (!hasEvent)
@@ -188,7 +188,7 @@ bool CTxSvcHostWorkingSetHandler::scheduleWsTimer() noexcept
     bool hasQueue = false;
     bool armed = false;
     {
-        const CLockGuard guard(m_lock);
+        const Basalt::CLockGuard guard(m_lock);
         // A stop may have come in since, and null would be the process's default queue, which nobody empties.
         hasQueue = static_cast<bool>(m_timerQueue);
         // A run that overlaps may have armed a timer since. One is enough.
@@ -234,7 +234,7 @@ bool CTxSvcHostWorkingSetHandler::cancelWsTimer(bool waitForCallback) noexcept
     DWORD error = ERROR_SUCCESS;
     bool deleted = true;
     {
-        const CLockGuard guard(m_lock);
+        const Basalt::CLockGuard guard(m_lock);
         queue = m_timerQueue.Get();
         timer = std::exchange(m_timer, nullptr);
         if (timer != nullptr && !waitForCallback)
@@ -275,7 +275,7 @@ bool CTxSvcHostWorkingSetHandler::DeInitialize() noexcept
     bool callbackEnded = false;
     bool eventClosed = true;
     {
-        const CLockGuard guard(m_lock);
+        const Basalt::CLockGuard guard(m_lock);
         ::Sleep(1); // Gives way to a pool thread that is just about to return.
         callbackEnded = m_callback.deInit();
         const HANDLE wsEvent = m_wsEvent.Release();
@@ -298,16 +298,17 @@ void CTxSvcHostWorkingSetHandler::unregisterEventWait() noexcept
 {
     HANDLE wait = nullptr;
     {
-        const CLockGuard guard(m_lock);
+        const Basalt::CLockGuard guard(m_lock);
         wait = m_wait.Release();
     }
     if (wait != nullptr && !::UnregisterWaitEx(wait, INVALID_HANDLE_VALUE))
     {
+        const DWORD error = ::GetLastError();
         TX_LOG(
             LogWarning,
             L"CTxSvcHostWorkingSetHandler::DeInitialize",
             L"Failed to unregister wait (GLE=0x%08X)",
-            ::GetLastError());
+            error);
     }
 }
 
@@ -317,17 +318,18 @@ void CTxSvcHostWorkingSetHandler::deleteTimerQueue() noexcept
     HANDLE queue = nullptr;
     {
         // Withdrawn first: a callback that runs on finds no queue to arm a timer on, and no timer to delete.
-        const CLockGuard guard(m_lock);
+        const Basalt::CLockGuard guard(m_lock);
         queue = m_timerQueue.Release();
         m_timer = nullptr;
     }
     if (queue != nullptr && !::DeleteTimerQueueEx(queue, INVALID_HANDLE_VALUE))
     {
+        const DWORD error = ::GetLastError();
         TX_LOG(
             LogWarning,
             L"CTxSvcHostWorkingSetHandler::DeInitialize",
             L"Failed to delete the timer queue (GLE=0x%08X)",
-            ::GetLastError());
+            error);
     }
 }
 

@@ -15,7 +15,6 @@
 #include "txsvcctl/log/LogStore.h"
 #include "txsvcctl/log/LogView.h"
 
-using ETWLogging::LogSettingOrigin;
 using nlohmann::ordered_json;
 
 namespace TxCtl
@@ -43,7 +42,7 @@ struct Arguments
 void ReportChange(const CLogStore& store, const std::wstring& name, IConsole& console)
 {
     const LogSettingReport report = store.Get(name);
-    if (report.origin == LogSettingOrigin::IniFile)
+    if (report.origin == ETWLogging::LogSettingOrigin::IniFile)
     {
         console.Out(
             L"The registry is changed, but log.ini, which comes first, says " + name + L" is " +

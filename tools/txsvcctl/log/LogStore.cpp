@@ -14,12 +14,6 @@
 #include "txsvcctl/common/Names.h"
 #include "txsvcctl/common/ToolError.h"
 
-using Basalt::CObfuscatedRegKey;
-using ETWLogging::CLogSettingsReader;
-using ETWLogging::LogNumberSetting;
-using ETWLogging::LogSettingOrigin;
-using ETWLogging::LogTextSetting;
-
 namespace TxCtl
 {
 
@@ -139,14 +133,14 @@ std::wstring SameText(std::wstring text)
 
 struct NumberForm
 {
-    const LogNumberSetting& setting;
+    const ETWLogging::LogNumberSetting& setting;
     std::optional<DWORD> (*parse)(const std::wstring& text);
     std::wstring (*format)(DWORD number);
 };
 
 struct TextForm
 {
-    LogTextSetting setting;
+    ETWLogging::LogTextSetting setting;
     std::wstring (*normal)(std::wstring text);
     std::wstring fallback; ///< to be shown
 };
@@ -266,15 +260,15 @@ Value ValueFrom(const Setting& setting, const std::wstring& given)
 
 } // namespace
 
-std::wstring OriginName(LogSettingOrigin origin)
+std::wstring OriginName(ETWLogging::LogSettingOrigin origin)
 {
     switch (origin)
     {
-    case LogSettingOrigin::IniFile:
+    case ETWLogging::LogSettingOrigin::IniFile:
         return ETWLogging::kLogIniName;
-    case LogSettingOrigin::Registry:
+    case ETWLogging::LogSettingOrigin::Registry:
         return L"registry";
-    case LogSettingOrigin::Default:
+    case ETWLogging::LogSettingOrigin::Default:
         break;
     }
     return L"default";
@@ -298,13 +292,13 @@ bool CLogStore::TakesEffectAtOnce(const std::wstring& name)
 
 ETWLogging::LogSettings CLogStore::Settings() const
 {
-    return ETWLogging::ReadLogSettings(CLogSettingsReader(m_iniPath, kSettingsPath.c_str()));
+    return ETWLogging::ReadLogSettings(ETWLogging::CLogSettingsReader(m_iniPath, kSettingsPath.c_str()));
 }
 
 LogSettingReport CLogStore::Get(const std::wstring& name) const
 {
     const Found found = Find(name);
-    CLogSettingsReader reader(m_iniPath, kSettingsPath.c_str());
+    ETWLogging::CLogSettingsReader reader(m_iniPath, kSettingsPath.c_str());
     LogSettingReport report{name, {}, {}, {}};
     if (const auto* const form = std::get_if<NumberForm>(&found.setting.form))
     {
@@ -334,7 +328,7 @@ void CLogStore::Set(const std::wstring& name, const std::wstring& value) const
     const Found found = Find(name);
     const Value stored = ValueFrom(found.setting, value);
     const std::wstring valueName = found.ValueName();
-    CObfuscatedRegKey key;
+    Basalt::CObfuscatedRegKey key;
     CheckStatus(
         key.Create(HKEY_LOCAL_MACHINE, kSettingsPath.c_str(), KEY_READ | KEY_WRITE),
         L"open registry key",
@@ -349,7 +343,7 @@ void CLogStore::Set(const std::wstring& name, const std::wstring& value) const
 bool CLogStore::Unset(const std::wstring& name) const
 {
     const std::wstring valueName = Find(name).ValueName();
-    CObfuscatedRegKey key;
+    Basalt::CObfuscatedRegKey key;
     DWORD status = key.Open(HKEY_LOCAL_MACHINE, kSettingsPath.c_str(), KEY_READ | KEY_WRITE);
     if (status == ERROR_SUCCESS)
     {

@@ -10,8 +10,6 @@
 #include "txsvcctl/common/ToolError.h"
 #include "txsvcctl/service/RegistryNames.h"
 
-using Basalt::CRegKey;
-
 namespace TxCtl
 {
 
@@ -41,7 +39,7 @@ std::wstring ClassPath(const std::wstring& clsid)
 /// @return nothing when the key or the value is missing.
 std::optional<std::wstring> ReadString(const std::wstring& path, const std::wstring& name)
 {
-    CRegKey key;
+    Basalt::CRegKey key;
     DWORD status = key.Open(HKEY_LOCAL_MACHINE, path.c_str(), KEY_READ);
     std::wstring value;
     if (status == ERROR_SUCCESS)
@@ -59,7 +57,7 @@ std::optional<std::wstring> ReadString(const std::wstring& path, const std::wstr
 /// The learnt band of a group without services means nothing; anything else in the key is somebody's setting.
 void DeleteKeyOfEmptyGroup(CRegistryChange& change, const std::wstring& path)
 {
-    CRegKey key;
+    Basalt::CRegKey key;
     if (key.Open(HKEY_LOCAL_MACHINE, path.c_str(), KEY_READ) != ERROR_SUCCESS)
     {
         return;
@@ -78,7 +76,7 @@ void DeleteKeyOfEmptyGroup(CRegistryChange& change, const std::wstring& path)
 
 std::vector<std::wstring> CGroupStore::Groups() const
 {
-    CRegKey key;
+    Basalt::CRegKey key;
     const DWORD status = key.Open(HKEY_LOCAL_MACHINE, kRootPath.c_str(), KEY_READ);
     if (status == ERROR_FILE_NOT_FOUND)
     {

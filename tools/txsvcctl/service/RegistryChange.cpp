@@ -6,8 +6,6 @@
 #include "txsvcctl/common/ToolError.h"
 #include "txsvcctl/service/RegistryNames.h"
 
-using Basalt::CRegKey;
-
 namespace TxCtl
 {
 
@@ -18,7 +16,7 @@ constexpr wchar_t kWriteKey[] = L"write registry key";
 constexpr wchar_t kDeleteKey[] = L"delete registry key";
 
 /// @return false when the key does not exist.
-bool OpenExisting(CRegKey& key, const std::wstring& path, REGSAM access, const wchar_t* operation)
+bool OpenExisting(Basalt::CRegKey& key, const std::wstring& path, REGSAM access, const wchar_t* operation)
 {
     const DWORD status = key.Open(HKEY_LOCAL_MACHINE, path.c_str(), access);
     if (status == ERROR_FILE_NOT_FOUND)
@@ -48,7 +46,7 @@ void CRegistryChange::createKeys(const std::wstring& path)
     {
         end = path.find(L'\\', end + 1);
         const std::wstring part = path.substr(0, end);
-        CRegKey key;
+        Basalt::CRegKey key;
         if (OpenExisting(key, part, KEY_READ, kWriteKey))
         {
             continue;
@@ -66,7 +64,7 @@ void CRegistryChange::createKeys(const std::wstring& path)
 void CRegistryChange::SetString(const std::wstring& path, const std::wstring& name, const std::wstring& value)
 {
     createKeys(path);
-    CRegKey key;
+    Basalt::CRegKey key;
     CheckStatus(key.Open(HKEY_LOCAL_MACHINE, path.c_str(), KEY_READ | KEY_WRITE), kWriteKey, path);
 
     Step step{Undo::WriteValue, path, name, REG_NONE, {}};
@@ -86,7 +84,7 @@ void CRegistryChange::SetString(const std::wstring& path, const std::wstring& na
 
 void CRegistryChange::DeleteValue(const std::wstring& path, const std::wstring& name)
 {
-    CRegKey key;
+    Basalt::CRegKey key;
     if (!OpenExisting(key, path, KEY_READ | KEY_WRITE, kWriteKey))
     {
         return;
@@ -104,7 +102,7 @@ void CRegistryChange::DeleteValue(const std::wstring& path, const std::wstring& 
 
 void CRegistryChange::DeleteKey(const std::wstring& path)
 {
-    CRegKey key;
+    Basalt::CRegKey key;
     if (!OpenExisting(key, path, KEY_READ, kDeleteKey))
     {
         return;
@@ -124,7 +122,7 @@ void CRegistryChange::DeleteKey(const std::wstring& path)
 
 void CRegistryChange::DeleteKeyIfEmpty(const std::wstring& path)
 {
-    CRegKey key;
+    Basalt::CRegKey key;
     if (!OpenExisting(key, path, KEY_READ, kDeleteKey))
     {
         return;
@@ -166,7 +164,7 @@ DWORD CRegistryChange::undoStep(const Step& step) noexcept
     {
         return static_cast<DWORD>(::RegDeleteKeyW(HKEY_LOCAL_MACHINE, step.path.c_str()));
     }
-    CRegKey key;
+    Basalt::CRegKey key;
     if (step.undo == Undo::CreateKey)
     {
         return key.Create(HKEY_LOCAL_MACHINE, step.path.c_str(), KEY_READ);

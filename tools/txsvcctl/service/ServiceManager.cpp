@@ -4,8 +4,6 @@
 
 #include "txsvcctl/common/ToolError.h"
 
-using Basalt::CServiceHandle;
-
 namespace TxCtl
 {
 
@@ -17,7 +15,7 @@ constexpr DWORD kPollMs = 50;
 constexpr wchar_t kStartService[] = L"start service";
 constexpr wchar_t kStopService[] = L"stop service";
 
-ServiceState QueryState(const CServiceHandle& service, const std::wstring& name)
+ServiceState QueryState(const Basalt::CServiceHandle& service, const std::wstring& name)
 {
     SERVICE_STATUS_PROCESS status{};
     DWORD needed = 0;
@@ -73,7 +71,7 @@ private:
 }
 
 ServiceState WaitWhilePending(
-    const CServiceHandle& service,
+    const Basalt::CServiceHandle& service,
     const std::wstring& name,
     const CDeadline& deadline,
     const wchar_t* operation)
@@ -104,7 +102,8 @@ std::wstring DescribeExit(const ServiceState& state)
 
 /// A process that ends before it has answered the service manager gives this error instead of an exit code;
 /// what the service reported last tells more.
-[[noreturn]] void ThrowStartFailure(const CServiceHandle& service, const std::wstring& name, DWORD error)
+[[noreturn]] void ThrowStartFailure(
+    const Basalt::CServiceHandle& service, const std::wstring& name, DWORD error)
 {
     std::wstring text = DescribeFailure(kStartService, name, error);
     if (error == ERROR_SERVICE_REQUEST_TIMEOUT)
@@ -143,9 +142,10 @@ CServiceManager::CServiceManager(DWORD access) : m_manager(::OpenSCManagerW(null
     }
 }
 
-CServiceHandle CServiceManager::open(const std::wstring& name, DWORD access, const wchar_t* operation) const
+Basalt::CServiceHandle CServiceManager::open(
+    const std::wstring& name, DWORD access, const wchar_t* operation) const
 {
-    CServiceHandle service(::OpenServiceW(m_manager.Get(), name.c_str(), access));
+    Basalt::CServiceHandle service(::OpenServiceW(m_manager.Get(), name.c_str(), access));
     if (!service)
     {
         ThrowFailure(operation, name, ::GetLastError());
@@ -153,9 +153,9 @@ CServiceHandle CServiceManager::open(const std::wstring& name, DWORD access, con
     return service;
 }
 
-CServiceHandle CServiceManager::find(const std::wstring& name, DWORD access) const
+Basalt::CServiceHandle CServiceManager::find(const std::wstring& name, DWORD access) const
 {
-    CServiceHandle service(::OpenServiceW(m_manager.Get(), name.c_str(), access));
+    Basalt::CServiceHandle service(::OpenServiceW(m_manager.Get(), name.c_str(), access));
     if (!service)
     {
         const DWORD error = ::GetLastError();
@@ -170,7 +170,7 @@ CServiceHandle CServiceManager::find(const std::wstring& name, DWORD access) con
 
 std::optional<ServiceConfig> CServiceManager::FindConfig(const std::wstring& name) const
 {
-    const CServiceHandle service = find(name, SERVICE_QUERY_CONFIG);
+    const Basalt::CServiceHandle service = find(name, SERVICE_QUERY_CONFIG);
     if (!service)
     {
         return std::nullopt;
@@ -193,13 +193,13 @@ std::optional<ServiceConfig> CServiceManager::FindConfig(const std::wstring& nam
 
 std::optional<ServiceState> CServiceManager::FindState(const std::wstring& name) const
 {
-    const CServiceHandle service = find(name, SERVICE_QUERY_STATUS);
+    const Basalt::CServiceHandle service = find(name, SERVICE_QUERY_STATUS);
     return service ? std::optional(QueryState(service, name)) : std::nullopt;
 }
 
 void CServiceManager::Create(const std::wstring& name, const ServiceSettings& settings) const
 {
-    const CServiceHandle service(::CreateServiceW(
+    const Basalt::CServiceHandle service(::CreateServiceW(
         m_manager.Get(),
         name.c_str(),
         settings.displayName.value_or(name).c_str(),
@@ -222,7 +222,7 @@ void CServiceManager::Create(const std::wstring& name, const ServiceSettings& se
 void CServiceManager::Change(const std::wstring& name, const ServiceSettings& settings) const
 {
     constexpr wchar_t kOperation[] = L"change service";
-    const CServiceHandle service = open(name, SERVICE_CHANGE_CONFIG, kOperation);
+    const Basalt::CServiceHandle service = open(name, SERVICE_CHANGE_CONFIG, kOperation);
     if (!::ChangeServiceConfigW(
             service.Get(),
             SERVICE_WIN32_SHARE_PROCESS,
@@ -243,7 +243,7 @@ void CServiceManager::Change(const std::wstring& name, const ServiceSettings& se
 void CServiceManager::Delete(const std::wstring& name) const
 {
     constexpr wchar_t kOperation[] = L"delete service";
-    const CServiceHandle service = open(name, DELETE, kOperation);
+    const Basalt::CServiceHandle service = open(name, DELETE, kOperation);
     if (!::DeleteService(service.Get()))
     {
         ThrowFailure(kOperation, name, ::GetLastError());
@@ -253,7 +253,7 @@ void CServiceManager::Delete(const std::wstring& name) const
 ServiceState CServiceManager::Start(const std::wstring& name, DWORD timeoutMs) const
 {
     const CDeadline deadline(timeoutMs);
-    const CServiceHandle service = open(name, SERVICE_START | SERVICE_QUERY_STATUS, kStartService);
+    const Basalt::CServiceHandle service = open(name, SERVICE_START | SERVICE_QUERY_STATUS, kStartService);
     // A service on its way down can be started only when it is down.
     ServiceState state = WaitWhilePending(service, name, deadline, kStartService);
     if (state.state == SERVICE_STOPPED)
@@ -282,7 +282,7 @@ ServiceState CServiceManager::Start(const std::wstring& name, DWORD timeoutMs) c
 ServiceState CServiceManager::Stop(const std::wstring& name, DWORD timeoutMs) const
 {
     const CDeadline deadline(timeoutMs);
-    const CServiceHandle service = open(name, SERVICE_STOP | SERVICE_QUERY_STATUS, kStopService);
+    const Basalt::CServiceHandle service = open(name, SERVICE_STOP | SERVICE_QUERY_STATUS, kStopService);
     bool isRequested = false;
     for (;;)
     {
