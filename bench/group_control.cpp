@@ -33,6 +33,7 @@
 #include "base/Stopwatch.h"
 #include "base/TrustedModule.h"
 #include "control/TxSvcSubsystemControlManager.h"
+#include "control/TxSvcSubsystemControlManagerClassFactory.h"
 #include "support/Errors.h"
 #include "support/GroupControl.h"
 #include "support/GroupRunner.h"

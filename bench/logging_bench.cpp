@@ -23,9 +23,10 @@
 
 #include "base/Owned.h"
 #include "base/Stopwatch.h"
+#include "logging/BasaltLogHandler.h"
 #include "logging/Log.h"
 #include "logging/LoggerHolder.h"
-#include "logging/Logging.h"
+#include "logging/text/TextLogger.h"
 #include "support/ImportPatch.h"
 #include "support/TestFolder.h"
 
@@ -202,7 +203,7 @@ class CFileLog
 public:
     explicit CFileLog(const std::wstring& folder, bool useMutex = true)
     {
-        auto logger = std::make_unique<CLogging>();
+        auto logger = std::make_unique<CLogging>(ReadLogSettings());
         logger->Initialize(L"bench", 0, nullptr, 0);
         logger->SetFolder(folder.c_str());
         logger->SetOptions(kAllOptions);
@@ -239,7 +240,7 @@ private:
     };
 
     Builder m_builder;
-    CLoggerHolder m_holder;
+    CLoggerHolder m_holder{BasaltLogHandler()};
 };
 
 DWORD WriteOne(CFileLog& log)

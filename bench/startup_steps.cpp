@@ -20,13 +20,14 @@
 #include "base/Owned.h"
 #include "base/Stopwatch.h"
 #include "config/TxSvcHostConfig.h"
-#include "control/ComApartment.h"
+#include "contract/Keys.h"
 #include "control/InstallingUpdate.h"
 #include "control/RegistryLink.h"
 #include "host/ProcessSecurity.h"
-#include "logging/AutoLogController.h"
 #include "logging/Log.h"
+#include "logging/controller/AutoLogController.h"
 #include "privileges/NvidiaDriverFix.h"
+#include "process/ComApartment.h"
 
 namespace
 {
@@ -58,9 +59,9 @@ int RunOnce()
     static_cast<void>(IsInstallingUpdate());
     const double update = Lap();
 
-    if (!IsRegistryLink(kProductKey))
+    if (!IsRegistryLink(Contract::kProductKey))
     {
-        CreateRegistryLink(kProductKey, kProductKey32, true, true);
+        CreateRegistryLink(Contract::kProductKey, Contract::kProductKey32, true, true);
     }
     const double link = Lap();
 

@@ -13,7 +13,7 @@
 
 #include "base/Owned.h"
 #include "base/Stopwatch.h"
-#include "base/WorkingSetEvent.h"
+#include "contract/WorkingSetEvent.h"
 #include "support/HandleCount.h"
 #include "support/ImportPatch.h"
 #include "workingset/TxSvcHostWorkingSetHandler.h"
@@ -109,7 +109,7 @@ bool MeasureTearDown()
     {
         passed = handler.Initialize(record);
         const Basalt::CHandle event(::OpenEventW(
-            EVENT_MODIFY_STATE, FALSE, Basalt::WorkingSetEventName(::GetCurrentProcessId()).data()));
+            EVENT_MODIFY_STATE, FALSE, Contract::WorkingSetEventName(::GetCurrentProcessId()).data()));
         ::SetEvent(event.Get());
         for (int run = 0; run < 2; ++run)
         {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <windows.h>
+
 #include <memory>
 #include <type_traits>
 
@@ -26,6 +28,19 @@ template <typename Callable>
     return CallGuarded(
         [](void* context) { (*static_cast<Target*>(context))(); },
         const_cast<void*>(static_cast<const void*>(std::addressof(callable))));
+}
+
+/// What a call comes to that threw: ERROR_INVALID_OPERATION as an HRESULT, 0x800710DD.
+inline constexpr HRESULT kCallFailed =
+    static_cast<HRESULT>(0x80000000U | (FACILITY_WIN32 << 16) | ERROR_INVALID_OPERATION);
+
+/// The same for a callable that gives an HRESULT.
+/// @return it, or kCallFailed.
+template <typename Callable>
+[[nodiscard]] HRESULT GuardedResult(Callable&& callable) noexcept
+{
+    HRESULT result = kCallFailed;
+    return CallGuarded([&result, &callable] { result = callable(); }) ? result : kCallFailed;
 }
 
 } // namespace Basalt

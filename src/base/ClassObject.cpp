@@ -19,7 +19,7 @@ bool ReadPointer(const void* from, const void*& value) noexcept
 {
     SIZE_T read = 0;
     return ::ReadProcessMemory(
-               ::GetCurrentProcess(), from, static_cast<void*>(&value), sizeof(value), &read) != FALSE &&
+               ::GetCurrentProcess(), from, static_cast<void*>(&value), sizeof(value), &read) &&
            read == sizeof(value);
 }
 
@@ -68,9 +68,10 @@ HRESULT GetClassObject(
     {
         void* found = nullptr;
         // Loads an in-process server and runs its DllGetClassObject.
-        if (!CallGuarded([&] { result = ::CoGetClassObject(clsid, context, nullptr, iid, &found); }))
+        result = GuardedResult([&] { return ::CoGetClassObject(clsid, context, nullptr, iid, &found); });
+        if (result == kCallFailed)
         {
-            return kForeignCallFailed;
+            return result; // It may have left anything behind: no second attempt.
         }
         if (SUCCEEDED(result))
         {
@@ -91,7 +92,7 @@ HRESULT CreateWith(ITxSvcClassObject* classObject, REFIID iid, void** object) no
         *object = nullptr; // Whatever it left there does not belong to us.
         return result;
     }
-    return *object == nullptr ? kForeignCallFailed : result;
+    return *object == nullptr ? kCallFailed : result;
 }
 
 HRESULT CreateForeignObject(REFCLSID clsid, DWORD context, REFIID iid, void** object) noexcept

@@ -22,26 +22,17 @@ namespace Basalt
 inline constexpr IID IID_ITxSvcClassObjectOld = {
     0x6058502E, 0x6069, 0x43F4, {0xB7, 0x33, 0x12, 0x86, 0x49, 0xA2, 0x0B, 0xD5}};
 
-/// What a call comes to that threw, faulted or could not be made (0x800710DD).
-inline constexpr HRESULT kForeignCallFailed =
-    static_cast<HRESULT>(0x80000000U | (FACILITY_WIN32 << 16) | ERROR_INVALID_OPERATION);
-
 /// The code address of a COM object's method, read without touching the object's memory directly.
 /// @param slot number of the method in the object's table, 0 for QueryInterface.
 /// @return null when the table cannot be read or the address is not in executable memory.
 [[nodiscard]] const void* MethodOf(const void* object, std::size_t slot) noexcept;
 
 /// Runs a lambda that calls the method of that slot and returns its HRESULT.
-/// @return kForeignCallFailed when there is no such method or it threw.
+/// @return kCallFailed when there is no such method or it threw.
 template <typename Call>
 [[nodiscard]] HRESULT CallForeign(const void* object, std::size_t slot, Call&& call) noexcept
 {
-    HRESULT result = kForeignCallFailed;
-    if (MethodOf(object, slot) == nullptr || !CallGuarded([&result, &call] { result = call(); }))
-    {
-        return kForeignCallFailed;
-    }
-    return result;
+    return MethodOf(object, slot) == nullptr ? kCallFailed : GuardedResult(call);
 }
 
 void ReleaseForeign(IUnknown* object) noexcept;
@@ -66,7 +57,7 @@ using CForeignReference = COwned<ForeignTraits<Interface>>;
 
 /// Lets a class object create.
 /// @param object set to null first; receives the interface with one reference.
-/// @return the class object's result; kForeignCallFailed when it failed badly or gave success and no object.
+/// @return the class object's result; kCallFailed when it failed badly or gave success and no object.
 [[nodiscard]] HRESULT CreateWith(ITxSvcClassObject* classObject, REFIID iid, void** object) noexcept;
 
 /// Both steps, for an object whose origin need not be trusted.

@@ -22,7 +22,7 @@ constexpr std::size_t kModuleCapacity = kModuleBufferBytes / sizeof(HMODULE);
 bool Holds(HANDLE process, HMODULE module, const void* address) noexcept
 {
     MODULEINFO info{};
-    if (::GetModuleInformation(process, module, &info, sizeof(info)) == FALSE)
+    if (!::GetModuleInformation(process, module, &info, sizeof(info)))
     {
         return false; // Unloaded since it was listed.
     }
@@ -45,7 +45,7 @@ try
     }
     std::vector<HMODULE> modules(kModuleCapacity);
     DWORD neededBytes = 0;
-    if (::EnumProcessModules(process.Get(), modules.data(), kModuleBufferBytes, &neededBytes) == FALSE)
+    if (!::EnumProcessModules(process.Get(), modules.data(), kModuleBufferBytes, &neededBytes))
     {
         return ::GetLastError();
     }

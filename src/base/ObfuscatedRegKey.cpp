@@ -9,6 +9,8 @@
 #include <utility>
 #include <vector>
 
+#include "base/Fnv.h"
+
 namespace Basalt
 {
 
@@ -21,29 +23,24 @@ constexpr std::size_t kBodyOffset = kSaltOffset + sizeof(std::uint32_t);
 constexpr std::size_t kCheckBytes = sizeof(std::uint32_t);
 constexpr std::size_t kSmallestValue = kBodyOffset + sizeof(DWORD) + kCheckBytes;
 
-/// FNV-1a: short, and spreads single-bit changes well enough for a check against damage.
-constexpr std::uint32_t kHashStart = 2166136261U;
-constexpr std::uint32_t kHashPrime = 16777619U;
+using Hash = CFnv<std::uint32_t>;
 
-std::uint32_t Hash(const BYTE* data, std::size_t size, std::uint32_t hash)
+/// Value names are not case-sensitive, so neither is what the scrambling takes from them.
+Hash HashOfName(const wchar_t* name)
 {
-    for (std::size_t i = 0; i < size; ++i)
+    Hash hash;
+    for (const wchar_t* at = name == nullptr ? L"" : name; *at != L'\0'; ++at)
     {
-        hash = (hash ^ data[i]) * kHashPrime;
+        hash.Add(static_cast<std::uint32_t>(std::towlower(*at)));
     }
     return hash;
 }
 
-/// Value names are not case-sensitive, so neither is what the scrambling takes from them.
-std::uint32_t HashOfName(const wchar_t* name)
+/// @param hash of the value's name.
+std::uint32_t CheckOf(Hash hash, const BYTE* data, std::size_t size)
 {
-    std::uint32_t hash = kHashStart;
-    for (const wchar_t* at = name == nullptr ? L"" : name; *at != L'\0'; ++at)
-    {
-        const auto folded = static_cast<std::uint32_t>(std::towlower(*at));
-        hash = (hash ^ folded) * kHashPrime;
-    }
-    return hash;
+    std::for_each(data, data + size, [&hash](BYTE byte) { hash.Add(byte); });
+    return hash.Get();
 }
 
 /// Scrambles and unscrambles: the same stream of bytes is laid over the data both times (xorshift32).
@@ -64,7 +61,7 @@ std::vector<BYTE> Scramble(const wchar_t* name, DWORD type, const void* data, st
     LARGE_INTEGER counter{};
     ::QueryPerformanceCounter(&counter);
     const auto salt = static_cast<std::uint32_t>(counter.QuadPart);
-    const std::uint32_t nameHash = HashOfName(name);
+    const Hash nameHash = HashOfName(name);
 
     std::vector<BYTE> stored(kBodyOffset + sizeof(type) + size + kCheckBytes);
     std::copy(kMark.begin(), kMark.end(), stored.begin());
@@ -72,9 +69,9 @@ std::vector<BYTE> Scramble(const wchar_t* name, DWORD type, const void* data, st
     BYTE* const body = &stored[kBodyOffset];
     std::memcpy(body, &type, sizeof(type));
     std::copy_n(static_cast<const BYTE*>(data), size, body + sizeof(type));
-    const std::uint32_t check = Hash(body, sizeof(type) + size, nameHash);
+    const std::uint32_t check = CheckOf(nameHash, body, sizeof(type) + size);
     std::memcpy(body + sizeof(type) + size, &check, sizeof(check));
-    ApplyStream(body, sizeof(type) + size + kCheckBytes, salt, nameHash);
+    ApplyStream(body, sizeof(type) + size + kCheckBytes, salt, nameHash.Get());
     return stored;
 }
 
@@ -87,14 +84,14 @@ DWORD Unscramble(const wchar_t* name, std::vector<BYTE>& stored, DWORD& type)
     }
     std::uint32_t salt = 0;
     std::memcpy(&salt, &stored[kSaltOffset], sizeof(salt));
-    const std::uint32_t nameHash = HashOfName(name);
+    const Hash nameHash = HashOfName(name);
     BYTE* const body = &stored[kBodyOffset];
     const std::size_t bodySize = stored.size() - kBodyOffset;
-    ApplyStream(body, bodySize, salt, nameHash);
+    ApplyStream(body, bodySize, salt, nameHash.Get());
 
     std::uint32_t check = 0;
     std::memcpy(&check, body + bodySize - kCheckBytes, sizeof(check));
-    if (check != Hash(body, bodySize - kCheckBytes, nameHash))
+    if (check != CheckOf(nameHash, body, bodySize - kCheckBytes))
     {
         return ERROR_INVALID_DATA;
     }

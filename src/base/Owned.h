@@ -79,6 +79,15 @@ struct FileTraits
 };
 using CFile = COwned<FileTraits>;
 
+/// What FindFirstChangeNotificationW returns.
+struct ChangeNotificationTraits
+{
+    using Type = HANDLE;
+    static Type Invalid() noexcept { return INVALID_HANDLE_VALUE; }
+    static void Close(Type value) noexcept { ::FindCloseChangeNotification(value); }
+};
+using CChangeNotification = COwned<ChangeNotificationTraits>;
+
 struct ModuleTraits
 {
     using Type = HMODULE;

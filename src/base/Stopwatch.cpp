@@ -9,7 +9,7 @@ namespace
 LONGLONG ReadCounter() noexcept
 {
     LARGE_INTEGER counter{};
-    return ::QueryPerformanceCounter(&counter) != FALSE ? counter.QuadPart : 0;
+    return ::QueryPerformanceCounter(&counter) ? counter.QuadPart : 0;
 }
 
 } // namespace

@@ -10,7 +10,7 @@ namespace
 
 void AppendFormatV(std::wstring& text, const wchar_t* format, va_list arguments)
 {
-    va_list measured; // NOLINT(cppcoreguidelines-init-variables): va_copy does.
+    va_list measured{};
     va_copy(measured, arguments);
     const int length = ::_vscwprintf(format, measured);
     va_end(measured);
@@ -35,7 +35,7 @@ std::wstring FormatTextV(const wchar_t* format, va_list arguments)
 
 std::wstring FormatText(const wchar_t* format, ...)
 {
-    va_list arguments; // NOLINT(cppcoreguidelines-init-variables): va_start does.
+    va_list arguments{};
     va_start(arguments, format);
     std::wstring text = FormatTextV(format, arguments);
     va_end(arguments);
@@ -44,7 +44,7 @@ std::wstring FormatText(const wchar_t* format, ...)
 
 void AppendFormat(std::wstring& text, const wchar_t* format, ...)
 {
-    va_list arguments; // NOLINT(cppcoreguidelines-init-variables): va_start does.
+    va_list arguments{};
     va_start(arguments, format);
     AppendFormatV(text, format, arguments);
     va_end(arguments);

@@ -28,13 +28,13 @@ try
         return ::GetLastError();
     }
     std::vector<BYTE> block(size);
-    if (getInfo(path.c_str(), 0, size, block.data()) == FALSE)
+    if (!getInfo(path.c_str(), 0, size, block.data()))
     {
         return ::GetLastError();
     }
     void* found = nullptr;
     UINT foundBytes = 0;
-    if (query(block.data(), L"\\", &found, &foundBytes) == FALSE || foundBytes < sizeof(VS_FIXEDFILEINFO))
+    if (!query(block.data(), L"\\", &found, &foundBytes) || foundBytes < sizeof(VS_FIXEDFILEINFO))
     {
         return ERROR_INVALID_DATA;
     }

@@ -6,6 +6,9 @@
 
 #include "base/RegKey.h"
 #include "config/RegistryStore.h"
+#include "contract/HostSettings.h"
+#include "contract/Keys.h"
+#include "contract/ServiceList.h"
 #include "logging/Log.h"
 
 using namespace ETWLogging;
@@ -15,77 +18,30 @@ namespace
 
 constexpr wchar_t kLogSource[] = L"TxSvcHostConfig";
 
-constexpr wchar_t kBucketRangeValue[] = L"WSSBucketRange";
-constexpr DWORD kDefaultBucketRange = 0x500000;
-constexpr wchar_t kOptimalBucketValue[] = L"WSSOptimalBucketUpperLimit";
-constexpr wchar_t kOccurrenceCountValue[] = L"WSSOptimalOccuranceCount";
-/// An early release wrote the value under this name.
-constexpr wchar_t kMisspeltOccurrenceCountValue[] = L"WSSOptiamlOccuranceCount";
-constexpr wchar_t kOobeCheckValue[] = L"IsOobeCheckRequired";
-constexpr wchar_t kOobeExclusionKey[] = L"\\OobeExclusionList";
-constexpr wchar_t kServiceSeparators[] = L";:,";
-
-struct RangedSetting
+void Load(HKEY key, const Contract::WorkingSetSetting& setting, WorkingSetRecord& record) noexcept
 {
-    const wchar_t* name;
-    DWORD WorkingSetRecord::* field;
-    DWORD minimum;
-    DWORD maximum;
-    DWORD fallback;
-
-    void Load(HKEY key, WorkingSetRecord& record) const noexcept
-    {
-        CRegistryStore::QueryRegistryDWORDValue(key, name, record.*field, minimum, maximum, fallback);
-    }
-};
-
-/// In the order in which they are read, up to the bucket range.
-constexpr RangedSetting kRangedSettings[] = {
-    {L"WSSEnable", &WorkingSetRecord::dwEnabled, 0, 1, 1},
-    {L"WSSLoggingEnable", &WorkingSetRecord::dwLoggingEnabled, 0, 1, 0},
-    {L"WSSTimerBase", &WorkingSetRecord::dwTimerIntervalBase, 300000, 1200000, 600000},
-    {L"WSSCpuLimit", &WorkingSetRecord::dwCpuUsageLimit, 2, 10, 5},
-    {L"WSSCpuInterval", &WorkingSetRecord::dwCpuUsageDuration, 5000, 10000, 5000},
-    {L"WSSRandomizationRange", &WorkingSetRecord::dwRandomizationRange, 300000, 900000, 600000},
-    {L"WSSLimitFactor", &WorkingSetRecord::dwLimitFactor, 0, 200, 30},
-};
-constexpr RangedSetting kOccurrenceCount = {
-    kOccurrenceCountValue, &WorkingSetRecord::dwOptimalOccuranceCount, 3, 10, 3};
-constexpr RangedSetting kIdleWaitTime = {
-    L"WSSProcessorIdleWaitTime", &WorkingSetRecord::dwProcessIdleWaitTime, 30000, 300000, 60000};
+    CRegistryStore::QueryRegistryDWORDValue(
+        key, setting.name, record.*setting.field, setting.minimum, setting.maximum, setting.fallback);
+}
 
 /// Moves the occurrence count to its right name. Its range is checked when it is read there.
 void RenameOccurrenceCount(HKEY key) noexcept
 {
     DWORD value = 0;
-    if (!CRegistryStore::QueryRegistryDWORDValue(key, kMisspeltOccurrenceCountValue, value))
+    if (!CRegistryStore::QueryRegistryDWORDValue(key, Contract::kMisspeltOccurrenceCount, value))
     {
         return;
     }
     // A failed write is logged by the store; the misspelt value goes all the same, or each start would try
     // again.
-    static_cast<void>(CRegistryStore::SetRegistryDWORDValue(key, kOccurrenceCountValue, value));
-    ::RegDeleteValueW(key, kMisspeltOccurrenceCountValue);
+    static_cast<void>(CRegistryStore::SetRegistryDWORDValue(key, Contract::kOccurrenceCount.name, value));
+    ::RegDeleteValueW(key, Contract::kMisspeltOccurrenceCount);
     TX_LOG(
         LogNormal,
         L"CTxSvcHostConfig::LoadWorkingSetValues",
         L"Replaced %s with %s",
-        kMisspeltOccurrenceCountValue,
-        kOccurrenceCountValue);
-}
-
-/// Runs of separators count as one, so no empty name arises.
-std::vector<std::wstring> SplitServiceList(const std::wstring& list)
-{
-    std::vector<std::wstring> names;
-    std::size_t start = list.find_first_not_of(kServiceSeparators);
-    while (start != std::wstring::npos)
-    {
-        const std::size_t end = list.find_first_of(kServiceSeparators, start);
-        names.push_back(list.substr(start, end - start));
-        start = list.find_first_not_of(kServiceSeparators, end);
-    }
-    return names;
+        Contract::kMisspeltOccurrenceCount,
+        Contract::kOccurrenceCount.name);
 }
 
 /// The host asks for write access too: what it may not change, it does not serve.
@@ -119,11 +75,12 @@ bool CTxSvcHostConfig::Init(const std::wstring& groupName)
         return false;
     }
     Basalt::CRegKey rootKey;
-    if (!CRegistryStore::OpenRegistryKey(HKEY_LOCAL_MACHINE, kRootKey, rootKey))
+    if (!CRegistryStore::OpenRegistryKey(HKEY_LOCAL_MACHINE, Contract::kHostKey, rootKey))
     {
         return false;
     }
-    static_cast<void>(CRegistryStore::QueryRegistryStringValue(rootKey.Get(), L"InstallDir", m_installDir));
+    static_cast<void>(
+        CRegistryStore::QueryRegistryStringValue(rootKey.Get(), Contract::kInstallDirValue, m_installDir));
     loadWorkingSetValues(rootKey.Get());
     m_groupName = groupName;
     loadGroupValues();
@@ -183,7 +140,7 @@ bool CTxSvcHostConfig::GetServices(std::vector<std::wstring>& services) const
         return false;
     }
     TX_LOG(LogNormal, kFunction, L"The supported services are: %s", list);
-    services = SplitServiceList(list);
+    services = Contract::SplitServiceList(list);
     return true;
 }
 
@@ -215,12 +172,12 @@ bool CTxSvcHostConfig::GetIsOobeCheckRequired(DWORD& required) const noexcept
 {
     constexpr wchar_t kFunction[] = L"CTxSvcHostConfig::GetIsOobeCheckRequired";
     Basalt::CRegKey key;
-    if (key.Open(HKEY_LOCAL_MACHINE, kRootKey, KEY_READ | KEY_WRITE) != ERROR_SUCCESS)
+    if (key.Open(HKEY_LOCAL_MACHINE, Contract::kHostKey, KEY_READ | KEY_WRITE) != ERROR_SUCCESS)
     {
         TX_LOG(LogError, kFunction, L"Failed to open registry key IsOobeCheckRequired");
         return false;
     }
-    if (key.ReadDword(kOobeCheckValue, required) != ERROR_SUCCESS)
+    if (key.ReadDword(Contract::kOobeCheckValue, required) != ERROR_SUCCESS)
     {
         TX_LOG(LogError, kFunction, L"Cant read registry key IsOobeCheckRequired");
         return false;
@@ -232,12 +189,12 @@ bool CTxSvcHostConfig::SetIsOobeCheckRequired(DWORD required) noexcept
 {
     constexpr wchar_t kFunction[] = L"CTxSvcHostConfig::SetIsOobeCheckRequired";
     Basalt::CRegKey key;
-    if (key.Open(HKEY_LOCAL_MACHINE, kRootKey, KEY_READ | KEY_WRITE) != ERROR_SUCCESS)
+    if (key.Open(HKEY_LOCAL_MACHINE, Contract::kHostKey, KEY_READ | KEY_WRITE) != ERROR_SUCCESS)
     {
-        TX_LOG(LogError, kFunction, L"Failed to open registry key %s", kRootKey);
+        TX_LOG(LogError, kFunction, L"Failed to open registry key %s", Contract::kHostKey);
         return false;
     }
-    if (key.WriteDword(kOobeCheckValue, required) != ERROR_SUCCESS)
+    if (key.WriteDword(Contract::kOobeCheckValue, required) != ERROR_SUCCESS)
     {
         TX_LOG(LogError, kFunction, L"Cant set registry key to IsOobeCheckRequired");
         return false;
@@ -266,32 +223,33 @@ bool CTxSvcHostConfig::storeOptimalBucketUpperLimit(DWORD upperLimit) const noex
 {
     Basalt::CRegKey rootKey;
     Basalt::CRegKey groupKey;
-    return CRegistryStore::OpenRegistryKey(HKEY_LOCAL_MACHINE, kRootKey, rootKey) &&
+    return CRegistryStore::OpenRegistryKey(HKEY_LOCAL_MACHINE, Contract::kHostKey, rootKey) &&
            CRegistryStore::OpenOrCreateRegistryKey(rootKey.Get(), m_groupName.c_str(), groupKey) &&
-           CRegistryStore::SetRegistryDWORDValue(groupKey.Get(), kOptimalBucketValue, upperLimit);
+           CRegistryStore::SetRegistryDWORDValue(groupKey.Get(), Contract::kBucketLimitValue, upperLimit);
 }
 
 std::wstring CTxSvcHostConfig::groupKeyPath() const
 {
-    return std::wstring(kRootKey) + L"\\" + m_groupName;
+    return Contract::GroupKey(Contract::kHostKey, m_groupName);
 }
 
 void CTxSvcHostConfig::loadWorkingSetValues(HKEY rootKey) noexcept
 {
-    for (const RangedSetting& setting : kRangedSettings)
+    for (const Contract::WorkingSetSetting& setting : Contract::kWorkingSetSettings)
     {
-        setting.Load(rootKey, m_workingSet);
+        Load(rootKey, setting, m_workingSet);
     }
     // No range: a bucket as small or large as the operator likes.
-    if (!CRegistryStore::QueryRegistryDWORDValue(rootKey, kBucketRangeValue, m_workingSet.dwBucketRange))
+    if (!CRegistryStore::QueryRegistryDWORDValue(
+            rootKey, Contract::kBucketRange.name, m_workingSet.dwBucketRange))
     {
-        m_workingSet.dwBucketRange = kDefaultBucketRange;
+        m_workingSet.dwBucketRange = Contract::kBucketRange.fallback;
         TX_LOG(
             LogWarning, L"CTxSvcHostConfig::LoadWorkingSetValues", L"Failed to read Bucket range reg value");
     }
     RenameOccurrenceCount(rootKey);
-    kOccurrenceCount.Load(rootKey, m_workingSet);
-    kIdleWaitTime.Load(rootKey, m_workingSet);
+    Load(rootKey, Contract::kOccurrenceCount, m_workingSet);
+    Load(rootKey, Contract::kIdleWaitTime, m_workingSet);
 }
 
 void CTxSvcHostConfig::loadGroupValues()
@@ -299,7 +257,7 @@ void CTxSvcHostConfig::loadGroupValues()
     Basalt::CRegKey groupKey;
     if (CRegistryStore::OpenRegistryKey(HKEY_LOCAL_MACHINE, groupKeyPath().c_str(), groupKey) &&
         !CRegistryStore::QueryRegistryDWORDValue(
-            groupKey.Get(), kOptimalBucketValue, m_workingSet.stOptimalBucketUpperLimit))
+            groupKey.Get(), Contract::kBucketLimitValue, m_workingSet.stOptimalBucketUpperLimit))
     {
         m_workingSet.stOptimalBucketUpperLimit = 0;
         TX_LOG(
@@ -320,7 +278,7 @@ void CTxSvcHostConfig::loadGroupValues()
 bool CTxSvcHostConfig::loadOobeExclusionList()
 {
     constexpr wchar_t kFunction[] = L"CTxSvcHostConfig::LoadOobeExclusionList";
-    const std::wstring path = groupKeyPath() + kOobeExclusionKey;
+    const std::wstring path = groupKeyPath() + L"\\" + Contract::kOobeExclusionKey;
     TX_LOG(LogNormal, kFunction, L"Enumerating OOBE exclusion list, reg key path '%s'", path);
     Basalt::CRegKey key;
     if (!CRegistryStore::OpenRegistryKey(HKEY_LOCAL_MACHINE, path.c_str(), key))
@@ -339,8 +297,10 @@ bool CTxSvcHostConfig::loadOobeExclusionList()
 
 void CTxSvcHostConfig::loadSerialLoadFlag(HKEY rootKey) noexcept
 {
-    DWORD serial = 1;
-    if (CRegistryStore::QueryRegistryDWORDValue(rootKey, L"ForceSerialLoads", serial, 0, 1, 1))
+    constexpr Contract::HostSetting kSetting = Contract::kForceSerialLoads;
+    DWORD serial = kSetting.fallback;
+    if (CRegistryStore::QueryRegistryDWORDValue(
+            rootKey, kSetting.name, serial, kSetting.minimum, kSetting.maximum, kSetting.fallback))
     {
         m_bSerialLoad = serial == 1;
     }

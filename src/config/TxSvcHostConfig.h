@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "base/WorkingSetRecord.h"
+#include "contract/WorkingSetRecord.h"
 
 /// What the registry says about the service group that this process runs. Read once, in Init; the keys and
 /// values are listed in docs/configuration.md.
@@ -17,9 +17,6 @@
 class CTxSvcHostConfig
 {
 public:
-    /// Below HKEY_LOCAL_MACHINE.
-    static constexpr wchar_t kRootKey[] = L"SOFTWARE\\Tarvex\\Platform\\TxSvcHost";
-
     CTxSvcHostConfig(const CTxSvcHostConfig&) = delete;
     CTxSvcHostConfig& operator=(const CTxSvcHostConfig&) = delete;
 

@@ -4,11 +4,11 @@
 #include <objbase.h>
 
 #include "base/ClassObject.h"
-#include "control/ComApartment.h"
 #include "control/TrustedCreation.h"
 #include "control/TxUpdateMgr_Helper.h"
 #include "control/UpdateManager.h"
 #include "logging/Log.h"
+#include "process/ComApartment.h"
 
 using namespace ETWLogging;
 

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "base/SystemLibrary.h"
+#include "contract/LinkForm.h"
 
 namespace
 {
@@ -15,9 +16,7 @@ namespace
 // To a 32-bit process both paths are the same key: making the link would empty it.
 static_assert(sizeof(void*) == 8, "the host is a 64-bit program");
 
-constexpr wchar_t kLinkValue[] = L"SymbolicLinkValue";
-constexpr wchar_t kKernelPrefix[] = L"\\Registry\\MACHINE\\";
-constexpr std::size_t kKernelPrefixLength = std::size(kKernelPrefix) - 1;
+constexpr std::size_t kKernelPrefixLength = std::size(Contract::kKernelPrefix) - 1;
 constexpr std::size_t kLongestKernelPath = 512; ///< characters, without a terminator
 constexpr REGSAM kTargetAccess = KEY_READ | KEY_WRITE;
 
@@ -34,7 +33,7 @@ bool IsEmpty(const wchar_t* text) noexcept
 bool SetLinkTarget(Basalt::CRegKey& link, const wchar_t* path, std::size_t length) noexcept
 {
     const auto size = static_cast<DWORD>(length * sizeof(wchar_t));
-    return link.WriteValue(kLinkValue, REG_LINK, path, size) == ERROR_SUCCESS;
+    return link.WriteValue(Contract::kLinkValue, REG_LINK, path, size) == ERROR_SUCCESS;
 }
 
 /// One step towards a free path: deletes the key when nothing is in it but perhaps the link value, else
@@ -71,7 +70,8 @@ bool IsRegistryLink(const wchar_t* linkPath) noexcept
         return false;
     }
     DWORD type = REG_NONE;
-    return ::RegQueryValueExW(key.Get(), kLinkValue, nullptr, &type, nullptr, nullptr) == ERROR_SUCCESS &&
+    return ::RegQueryValueExW(key.Get(), Contract::kLinkValue, nullptr, &type, nullptr, nullptr) ==
+               ERROR_SUCCESS &&
            type == REG_LINK;
 }
 
@@ -103,7 +103,7 @@ bool CreateRegistryLink(
         return false;
     }
     wchar_t kernelPath[kLongestKernelPath];
-    std::wmemcpy(kernelPath, kKernelPrefix, kKernelPrefixLength);
+    std::wmemcpy(kernelPath, Contract::kKernelPrefix, kKernelPrefixLength);
     // NOLINTNEXTLINE(bugprone-not-null-terminated-result): link data has no terminator.
     std::wmemcpy(kernelPath + kKernelPrefixLength, targetPath, targetLength);
     return SetLinkTarget(link, kernelPath, kKernelPrefixLength + targetLength);
@@ -120,7 +120,7 @@ Basalt::CRegKey RecreateLinkKey(const wchar_t* linkPath, bool force, unsigned de
     if (status == ERROR_SUCCESS)
     {
         // A link key without a value could not be told from a plain one: it gets a placeholder at once.
-        return SetLinkTarget(link, L"\\", 1) ? std::move(link) : Basalt::CRegKey();
+        return SetLinkTarget(link, Contract::kLinkPlaceholder, 1) ? std::move(link) : Basalt::CRegKey();
     }
     if (status != ERROR_ALREADY_EXISTS || !force || !RemoveExistingKey(linkPath))
     {

@@ -14,9 +14,6 @@
 /// Threads: one at a time. Two processes that make the same link at once may delete each other's before the
 /// last one stays: whoever opens the path in between finds nothing, or a link that leads nowhere.
 
-inline constexpr wchar_t kProductKey[] = L"Software\\Tarvex";
-inline constexpr wchar_t kProductKey32[] = L"Software\\Wow6432Node\\Tarvex";
-
 /// True when the key is a symbolic link, wherever it leads. A missing key is created as a plain empty one.
 [[nodiscard]] bool IsRegistryLink(const wchar_t* linkPath) noexcept;
 

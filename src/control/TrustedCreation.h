@@ -20,7 +20,7 @@ enum class CreationTrust : std::uint8_t
 /// @param object  set to null first; receives the interface with one reference, to be released under the call
 ///                guard (Basalt::CForeignReference).
 /// @return the creation's result; E_POINTER for a null out-pointer, E_ACCESSDENIED when the module is
-///         not trusted or cannot be told, Basalt::kForeignCallFailed when the class object failed badly.
+///         not trusted or cannot be told, Basalt::kCallFailed when the class object failed badly.
 ///         Logs nothing.
 /// Threads: any that has initialised COM.
 [[nodiscard]] HRESULT CreateTrustedObject(

@@ -22,7 +22,7 @@ Buffer Allocate(DWORD size) noexcept
 Basalt::CHandle OpenCallerToken() noexcept
 {
     Basalt::CHandle token;
-    if (::OpenThreadToken(::GetCurrentThread(), TOKEN_QUERY, FALSE, token.Put()) == FALSE &&
+    if (!::OpenThreadToken(::GetCurrentThread(), TOKEN_QUERY, FALSE, token.Put()) &&
         ::GetLastError() == ERROR_NO_TOKEN)
     {
         static_cast<void>(::OpenProcessToken(::GetCurrentProcess(), TOKEN_QUERY, token.Put()));
@@ -35,7 +35,7 @@ Buffer QueryToken(HANDLE token, TOKEN_INFORMATION_CLASS information) noexcept
     DWORD size = 0;
     ::GetTokenInformation(token, information, nullptr, 0, &size);
     Buffer data = size != 0 ? Allocate(size) : nullptr;
-    if (data != nullptr && ::GetTokenInformation(token, information, data.get(), size, &size) == FALSE)
+    if (data != nullptr && !::GetTokenInformation(token, information, data.get(), size, &size))
     {
         data.reset();
     }
@@ -66,11 +66,11 @@ bool CProcessSecurity::setOwnerAndGroup() noexcept
     m_group = QueryToken(token.Get(), TokenPrimaryGroup);
     return m_owner != nullptr && m_group != nullptr &&
            ::SetSecurityDescriptorOwner(
-               &m_descriptor, reinterpret_cast<const TOKEN_OWNER*>(m_owner.get())->Owner, FALSE) != FALSE &&
+               &m_descriptor, reinterpret_cast<const TOKEN_OWNER*>(m_owner.get())->Owner, FALSE) &&
            ::SetSecurityDescriptorGroup(
                &m_descriptor,
                reinterpret_cast<const TOKEN_PRIMARY_GROUP*>(m_group.get())->PrimaryGroup,
-               FALSE) != FALSE;
+               FALSE);
 }
 
 CProcessSecurity::Buffer CProcessSecurity::lookUpAccount(const wchar_t* account) noexcept
@@ -79,7 +79,7 @@ CProcessSecurity::Buffer CProcessSecurity::lookUpAccount(const wchar_t* account)
     DWORD domainLength = 0;
     SID_NAME_USE use = SidTypeUnknown;
     // Asks for the sizes, so it has to fail: success without buffers would have told nothing.
-    if (::LookupAccountNameW(nullptr, account, nullptr, &sidSize, nullptr, &domainLength, &use) != FALSE ||
+    if (::LookupAccountNameW(nullptr, account, nullptr, &sidSize, nullptr, &domainLength, &use) ||
         ::GetLastError() != ERROR_INSUFFICIENT_BUFFER)
     {
         return nullptr;
@@ -101,14 +101,13 @@ bool CProcessSecurity::AllowAccount(const wchar_t* account, DWORD access) noexce
     BOOL present = FALSE;
     BOOL defaulted = FALSE;
     ACL* oldDacl = nullptr;
-    if (sid == nullptr || ::GetSecurityDescriptorDacl(&m_descriptor, &present, &oldDacl, &defaulted) == FALSE)
+    if (sid == nullptr || !::GetSecurityDescriptorDacl(&m_descriptor, &present, &oldDacl, &defaulted))
     {
         return false;
     }
     ACL_SIZE_INFORMATION old{};
     old.AclBytesInUse = sizeof(ACL);
-    if (present != FALSE && oldDacl != nullptr &&
-        ::GetAclInformation(oldDacl, &old, sizeof(old), AclSizeInformation) == FALSE)
+    if (present && oldDacl != nullptr && !::GetAclInformation(oldDacl, &old, sizeof(old), AclSizeInformation))
     {
         return false;
     }
@@ -117,21 +116,21 @@ bool CProcessSecurity::AllowAccount(const wchar_t* account, DWORD access) noexce
                        ::GetLengthSid(sid.get());
     Buffer dacl = Allocate(size);
     auto* const newDacl = reinterpret_cast<ACL*>(dacl.get());
-    if (newDacl == nullptr || ::InitializeAcl(newDacl, size, ACL_REVISION) == FALSE)
+    if (newDacl == nullptr || !::InitializeAcl(newDacl, size, ACL_REVISION))
     {
         return false;
     }
     for (DWORD index = 0; index < old.AceCount; ++index)
     {
         void* ace = nullptr;
-        if (::GetAce(oldDacl, index, &ace) == FALSE ||
-            ::AddAce(newDacl, ACL_REVISION, MAXDWORD, ace, static_cast<ACE_HEADER*>(ace)->AceSize) == FALSE)
+        if (!::GetAce(oldDacl, index, &ace) ||
+            !::AddAce(newDacl, ACL_REVISION, MAXDWORD, ace, static_cast<ACE_HEADER*>(ace)->AceSize))
         {
             return false;
         }
     }
-    if (::AddAccessAllowedAce(newDacl, ACL_REVISION, access, sid.get()) == FALSE ||
-        ::SetSecurityDescriptorDacl(&m_descriptor, TRUE, newDacl, FALSE) == FALSE)
+    if (!::AddAccessAllowedAce(newDacl, ACL_REVISION, access, sid.get()) ||
+        !::SetSecurityDescriptorDacl(&m_descriptor, TRUE, newDacl, FALSE))
     {
         return false;
     }

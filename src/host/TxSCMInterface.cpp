@@ -89,7 +89,7 @@ DWORD CTxSCMInterface::RegisterServicesToSCM()
     const BOOL started = StartDispatcher(table.Data());
     const DWORD error = ::GetLastError();
     TX_LOG(LogNormal, kFunction, L"Service control dispatcher returned 0x%08X", error);
-    if (started == FALSE)
+    if (!started)
     {
         TX_LOG(LogError, kFunction, L"StartServiceCtrlDispatcher failed (GLE=0x%08X)", error);
         return error;

@@ -7,11 +7,13 @@
 #include <vector>
 
 #include "base/Stopwatch.h"
-#include "control/ComApartment.h"
-#include "control/ReduceRestart.h"
-#include "control/TxSvcSubsystemControlManager.h"
+#include "contract/CommandLine.h"
+#include "control/ProcessEnd.h"
+#include "control/TxSvcSubsystemControlManagerClassFactory.h"
 #include "host/ProcessSecurity.h"
 #include "logging/Log.h"
+#include "process/ComApartment.h"
+#include "process/ReduceRestart.h"
 
 using namespace ETWLogging;
 
@@ -59,7 +61,7 @@ private:
 
 } // namespace
 
-CTxSvcHost::CTxSvcHost() : m_groupDelimiter(L"/"), m_groupIndex(1) {}
+CTxSvcHost::CTxSvcHost() : m_groupDelimiter(Contract::kGroupDelimiter), m_groupIndex(1) {}
 
 CTxSvcHost::~CTxSvcHost()
 {
@@ -106,11 +108,11 @@ DWORD CTxSvcHost::Start(int argc, wchar_t** argv)
     if (result != ERROR_SUCCESS)
     {
         TX_LOG(LogError, kFunction, L"SCM interface failed to start (Err=0x%08X)", result);
-        CTxSvcSubsystemControlManager::CloseCalls();
+        CloseCalls();
         return ERROR_INTERNAL_ERROR;
     }
     TX_LOG(LogNormal, kFunction, L"SCM stopped after %0.04fs", sinceStart.Seconds());
-    CTxSvcSubsystemControlManager::CloseCalls(); // They use the configuration.
+    CloseCalls(); // They use the configuration.
     CTxSvcHostProxy::WaitForThreads();
 
     TX_LOG(LogNormal, kFunction, L"De-initializing working set reduction");
@@ -125,7 +127,7 @@ DWORD CTxSvcHost::Start(int argc, wchar_t** argv)
     {
         // The updater's answer is on its way, and without COM it would be lost. Newcomers are turned away.
         controlClass->Revoke();
-        CTxSvcSubsystemControlManager::LetAnswerLeave();
+        LetAnswerLeave();
     }
     return ERROR_SUCCESS;
 }

@@ -5,12 +5,15 @@
 #include <cwchar>
 #include <exception>
 
+#include "contract/CommandLine.h"
+#include "contract/Keys.h"
+#include "contract/LogNames.h"
+#include "control/GroupServices.h"
 #include "control/InstallingUpdate.h"
 #include "control/RegistryLink.h"
-#include "control/TxSvcSubsystemControlManager.h"
 #include "host/TxSvcHost.h"
-#include "logging/AutoLogController.h"
 #include "logging/Log.h"
+#include "logging/controller/AutoLogController.h"
 #include "privileges/NvidiaDriverFix.h"
 
 using namespace ETWLogging;
@@ -19,9 +22,6 @@ namespace
 {
 
 constexpr wchar_t kLogSource[] = L"TxSvcHostMain";
-
-/// Exact case, anywhere in the line, the program's own path included.
-constexpr wchar_t kStartServicesSwitch[] = L"/startservices";
 
 void LogBanner(int argc, wchar_t** argv)
 {
@@ -45,16 +45,16 @@ int Run(int argc, wchar_t** argv)
     {
         return ERROR_SUCCESS; // The installer stops and starts the group itself.
     }
-    if (std::wcsstr(::GetCommandLineW(), kStartServicesSwitch) != nullptr)
+    if (std::wcsstr(::GetCommandLineW(), Contract::kStartServicesSwitch) != nullptr)
     {
-        CTxSvcSubsystemControlManager::StartServices(true);
+        StartServices(true);
         return ERROR_SUCCESS;
     }
     LogBanner(argc, argv);
 
-    if (!IsRegistryLink(kProductKey))
+    if (!IsRegistryLink(Contract::kProductKey))
     {
-        CreateRegistryLink(kProductKey, kProductKey32, true, true);
+        CreateRegistryLink(Contract::kProductKey, Contract::kProductKey32, true, true);
     }
     const CNvidiaDriverFix privileges(true);
     CTxSvcHost host;
@@ -69,10 +69,10 @@ int TxSvcHostMain(int argc, wchar_t** argv)
     ::SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOOPENFILEERRORBOX);
 
     // Before and after all logging: it owns the session that receives the events.
-    const AutoLogController logController(L"WSS");
+    const AutoLogController logController(kHostApplication);
 
     LoggingIdentity identity;
-    identity.group = L"PLATFORM";
+    identity.group = kHostLogGroup;
     identity.host = nullptr;
     SetLoggingIdentity(identity);
 

@@ -1,7 +1,7 @@
 #include "logging/BasaltLogHandler.h"
 
 #include "logging/LoggerSlot.h"
-#include "logging/LoggingIf.h"
+#include "logging/logger/LoggingIf.h"
 
 namespace ETWLogging
 {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "logging/LoggingHandler.h"
+#include "logging/basalt/LoggingHandler.h"
 
 namespace ETWLogging
 {

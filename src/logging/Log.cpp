@@ -5,6 +5,7 @@
 #include <new>
 #include <utility>
 
+#include "logging/BasaltLogHandler.h"
 #include "logging/LogBuilder.h"
 #include "logging/LoggerHolder.h"
 #include "logging/LoggerSlot.h"
@@ -21,7 +22,8 @@ constinit INIT_ONCE g_once = INIT_ONCE_STATIC_INIT;
 /// Nothing in here may log: the run-once guard would wait for itself.
 BOOL CALLBACK CreateLogger(INIT_ONCE* /*once*/, void* /*parameter*/, void** /*context*/) noexcept
 {
-    std::unique_ptr<CLoggerHolder> holder(new (std::nothrow) CLoggerHolder(&Detail::g_levelGate));
+    std::unique_ptr<CLoggerHolder> holder(new (std::nothrow)
+                                              CLoggerHolder(BasaltLogHandler(), &Detail::g_levelGate));
     if (holder != nullptr)
     {
         holder->Create(DefaultLogBuilder(), g_identity);

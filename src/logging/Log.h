@@ -7,7 +7,8 @@
 #include <string>
 #include <type_traits>
 
-#include "logging/LoggingIf.h"
+#include "logging/LoggingIdentity.h"
+#include "logging/logger/LoggingIf.h"
 
 /// @file
 /// The one way by which every component writes diagnostics. Include it in .cpp files, define the file's
@@ -29,16 +30,6 @@
 
 namespace ETWLogging
 {
-
-/// What the process logger is created with, read once, at the first logging call.
-struct LoggingIdentity
-{
-    void* context = nullptr;             ///< null in this program
-    const wchar_t* group = L"_no_group"; ///< borrowed: a literal
-    DWORD context2 = 0;                  ///< zero in this program
-    const wchar_t* host = L"_no_host";   ///< borrowed: a literal, or null
-    DWORD mechanismOverride = 0;         ///< 1 forces the file logger
-};
 
 /// Replaces the process's logging identity. Without effect once the logger exists.
 /// Threads: the main thread, before others log.

@@ -1,11 +1,11 @@
 #include "logging/LogBuilder.h"
 
-#include <new>
+#include <exception>
 #include <utility>
 
-#include "logging/ETWLogging.h"
-#include "logging/LogSettings.h"
-#include "logging/Logging.h"
+#include "logging/events/EventLogger.h"
+#include "logging/settings/LogSettingsReader.h"
+#include "logging/text/TextLogger.h"
 
 namespace ETWLogging
 {
@@ -15,14 +15,10 @@ namespace
 
 constinit CDefaultLogBuilder g_builder;
 
-DWORD ConfiguredMechanism(const ILogConfigReader* config) noexcept
+DWORD MechanismFrom(const ILogConfigReader& config) noexcept
 {
-    if (config == nullptr)
-    {
-        return ReadLogMechanism();
-    }
     DWORD mechanism = 0;
-    static_cast<void>(config->ReadDword(kMechanismSetting.name, mechanism)); // Absent: stays 0.
+    static_cast<void>(config.ReadDword(kMechanismSetting.name, mechanism)); // Absent: stays 0.
     return mechanism;
 }
 
@@ -62,8 +58,8 @@ bool CDefaultLogBuilder::BuildEx(
     DWORD mechanism,
     std::unique_ptr<CLoggingIf>& logger,
     const ILogConfigReader* config) noexcept
+try
 {
-    const bool toFile = mechanism == kFileMechanism || ConfiguredMechanism(config) == kFileMechanism;
     if (logger != nullptr)
     {
         return true;
@@ -72,22 +68,31 @@ bool CDefaultLogBuilder::BuildEx(
     {
         return false;
     }
-    std::unique_ptr<CLoggingIf> made;
-    if (toFile)
+    LogSettings settings = ReadLogSettings();
+    if (mechanism != kFileMechanism)
     {
-        made.reset(new (std::nothrow) CLogging);
+        mechanism = config == nullptr ? settings.mechanism : MechanismFrom(*config);
+    }
+    std::unique_ptr<CLoggingIf> made;
+    if (mechanism == kFileMechanism)
+    {
+        made = std::make_unique<CLogging>(std::move(settings));
     }
     else
     {
-        made.reset(new (std::nothrow) CETWLogging);
+        made = std::make_unique<CETWLogging>(std::move(settings));
     }
-    if (made == nullptr || !InitializeLogger(*made, context, group, context2, host))
+    if (!InitializeLogger(*made, context, group, context2, host))
     {
         return false;
     }
     logger = std::move(made);
     logger->Activate();
     return true;
+}
+catch (const std::exception&) // Out of memory.
+{
+    return false;
 }
 
 CLogBuilderIf& DefaultLogBuilder() noexcept

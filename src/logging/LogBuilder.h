@@ -5,7 +5,7 @@
 #include <memory>
 
 #include "logging/LogConfigReader.h"
-#include "logging/LoggingIf.h"
+#include "logging/logger/LoggingIf.h"
 
 namespace ETWLogging
 {

@@ -6,8 +6,7 @@
 #include <utility>
 
 #include "base/Text.h"
-#include "logging/BasaltLogHandler.h"
-#include "logging/BasaltLogger.h"
+#include "logging/basalt/BasaltLogger.h"
 
 namespace ETWLogging
 {
@@ -34,30 +33,26 @@ void CLoggerHolder::Create(CLogBuilderIf& builder, const LoggingIdentity& identi
 
 void CLoggerHolder::install(std::unique_ptr<CLoggingIf> logger) noexcept
 {
+    m_watch.Stop();
     m_loggerEx = dynamic_cast<CLoggingIf_ex*>(logger.get());
     m_logger = std::move(logger);
     if (m_loggerEx != nullptr)
     {
         m_loggerEx->SetLevelGate(m_gate);
     }
-
-    Basalt::ILoggingHandler* const handler = &BasaltLogHandler();
-    if (Basalt::CLogger::RegisterHandler(handler) != ERROR_SUCCESS)
+    // Otherwise the base library keeps the handler that it has; that is logged there.
+    m_isRegistered = Basalt::CLogger::RegisterHandler(m_bridge) == ERROR_SUCCESS || m_isRegistered;
+    if (const auto* const follower = dynamic_cast<IFollowsSettings*>(m_logger.get()))
     {
-        return; // The base library keeps the handler that it has; that is logged there.
-    }
-    Basalt::ILoggingHandler* const before = std::exchange(m_handler, handler);
-    if (before != nullptr && before != handler)
-    {
-        static_cast<void>(Basalt::CLogger::UnregisterHandler(before));
+        m_watch.Start(*m_logger, follower->GetSettings());
     }
 }
 
 void CLoggerHolder::UnregisterHandler() noexcept
 {
-    if (m_handler != nullptr)
+    if (std::exchange(m_isRegistered, false))
     {
-        static_cast<void>(Basalt::CLogger::UnregisterHandler(std::exchange(m_handler, nullptr)));
+        static_cast<void>(Basalt::CLogger::UnregisterHandler(m_bridge));
     }
 }
 

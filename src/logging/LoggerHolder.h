@@ -5,23 +5,28 @@
 #include <cstdarg>
 #include <memory>
 
-#include "logging/Log.h"
 #include "logging/LogBuilder.h"
-#include "logging/LoggingHandler.h"
-#include "logging/LoggingIf.h"
+#include "logging/LoggingIdentity.h"
+#include "logging/basalt/LoggingHandler.h"
+#include "logging/logger/LoggingIf.h"
+#include "logging/settings/LogSettingsWatch.h"
 
 namespace ETWLogging
 {
 
-/// What the process's logger slot points to: the logger, and the handler by which the base library's
-/// messages reach it.
+/// What the process's logger slot points to: the logger, the handler by which the base library's messages
+/// reach it, and the watch that has changed settings take effect in it.
 ///
 /// Threads: one thread sets it up and takes it down; in between any thread may write.
 class CLoggerHolder
 {
 public:
+    /// @param bridge borrowed: takes the base library's messages, from Create on.
     /// @param gate borrowed: closed by the logger for levels that nobody wants; null for none.
-    explicit CLoggerHolder(CLevelGate* gate = nullptr) noexcept : m_gate(gate) {}
+    explicit CLoggerHolder(Basalt::ILoggingHandler& bridge, CLevelGate* gate = nullptr) noexcept
+        : m_bridge(&bridge), m_gate(gate)
+    {
+    }
     CLoggerHolder(const CLoggerHolder&) = delete;
     CLoggerHolder& operator=(const CLoggerHolder&) = delete;
     ~CLoggerHolder() { UnregisterHandler(); }
@@ -65,10 +70,12 @@ public:
 private:
     void install(std::unique_ptr<CLoggingIf> logger) noexcept;
 
+    Basalt::ILoggingHandler* m_bridge;
     CLevelGate* m_gate;
     std::unique_ptr<CLoggingIf> m_logger;
     CLoggingIf_ex* m_loggerEx = nullptr; ///< m_logger, when it is one of these.
-    Basalt::ILoggingHandler* m_handler = nullptr;
+    bool m_isRegistered = false;         ///< The bridge with the base library.
+    CLogSettingsWatch m_watch;           ///< Last: its thread uses the logger.
 };
 
 } // namespace ETWLogging

@@ -57,7 +57,7 @@ CNvidiaDriverFix::~CNvidiaDriverFix()
 
 bool CNvidiaDriverFix::OpenCurrentProcessToken(HANDLE& token) noexcept
 {
-    if (::OpenProcessToken(::GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES | TOKEN_QUERY, &token) == FALSE)
+    if (!::OpenProcessToken(::GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES | TOKEN_QUERY, &token))
     {
         const DWORD error = ::GetLastError();
         TX_LOG(
@@ -75,7 +75,7 @@ bool CNvidiaDriverFix::SaveCurrentPrivilegesFromToken(HANDLE token) noexcept
     constexpr wchar_t kFunction[] = L"CNvidiaDriverFix::SaveCurrentPrivilegesFromToken";
     DWORD size = 0;
     // Asks for the size, so it has to fail.
-    if (::GetTokenInformation(token, TokenPrivileges, nullptr, 0, &size) != FALSE)
+    if (::GetTokenInformation(token, TokenPrivileges, nullptr, 0, &size))
     {
         TX_LOG(LogError, kFunction, L"OpenProcessToken error - should have failed");
         return false;
@@ -92,7 +92,7 @@ bool CNvidiaDriverFix::SaveCurrentPrivilegesFromToken(HANDLE token) noexcept
         TX_LOG(LogError, kFunction, L"Memory alloc failure (%lu bytes)", size);
         return false;
     }
-    if (::GetTokenInformation(token, TokenPrivileges, m_savedPrivileges.get(), size, &size) == FALSE)
+    if (!::GetTokenInformation(token, TokenPrivileges, m_savedPrivileges.get(), size, &size))
     {
         // The buffer stays. It is all zeros: restoring from it names no privilege and changes none.
         error = ::GetLastError();
@@ -135,7 +135,7 @@ bool CNvidiaDriverFix::SetPrivilegeByName(HANDLE token, const wchar_t* name) noe
     TOKEN_PRIVILEGES block{};
     block.PrivilegeCount = 1;
     block.Privileges[0].Attributes = SE_PRIVILEGE_ENABLED;
-    if (::LookupPrivilegeValueW(nullptr, name, &block.Privileges[0].Luid) == FALSE)
+    if (!::LookupPrivilegeValueW(nullptr, name, &block.Privileges[0].Luid))
     {
         const DWORD error = ::GetLastError();
         TX_LOG(LogError, kFunction, L"LookupPrivilegeValue failed (0x%08x)", error);
@@ -143,7 +143,7 @@ bool CNvidiaDriverFix::SetPrivilegeByName(HANDLE token, const wchar_t* name) noe
     }
     // The last error of a success is not looked at: ERROR_NOT_ALL_ASSIGNED says that the token does not hold
     // the privilege, which is no failure here.
-    if (::AdjustTokenPrivileges(token, FALSE, &block, sizeof(block), nullptr, nullptr) == FALSE)
+    if (!::AdjustTokenPrivileges(token, FALSE, &block, sizeof(block), nullptr, nullptr))
     {
         const DWORD error = ::GetLastError();
         TX_LOG(
@@ -161,7 +161,7 @@ bool CNvidiaDriverFix::RestoreSavedPrivileges() noexcept
         return false;
     }
     auto* const saved = reinterpret_cast<TOKEN_PRIVILEGES*>(m_savedPrivileges.get());
-    if (::AdjustTokenPrivileges(token.Get(), FALSE, saved, 0, nullptr, nullptr) == FALSE)
+    if (!::AdjustTokenPrivileges(token.Get(), FALSE, saved, 0, nullptr, nullptr))
     {
         const DWORD error = ::GetLastError();
         TX_LOG(

@@ -12,13 +12,13 @@
 #include "base/RegKey.h"
 #include "base/SystemLibrary.h"
 #include "base/Text.h"
-#include "base/WorkingSetEvent.h"
 #include "config/TxSvcHostConfig.h"
-#include "control/ComApartment.h"
-#include "control/ReduceRestart.h"
+#include "contract/Keys.h"
+#include "contract/WorkingSetEvent.h"
 #include "logging/Log.h"
+#include "process/ComApartment.h"
+#include "process/ReduceRestart.h"
 
-using Basalt::CStopwatch;
 using namespace ETWLogging;
 
 namespace
@@ -28,7 +28,6 @@ constexpr wchar_t kLogSource[] = L"TxSvcHostProxy";
 
 /// What an exception out of hosted code is turned into.
 constexpr DWORD kExceptionCode = ERROR_INVALID_OPERATION;
-constexpr HRESULT kExceptionResult = __HRESULT_FROM_WIN32(ERROR_INVALID_OPERATION);
 
 /// Time for the subsystem's last thread to leave its code before that is unmapped.
 constexpr DWORD kUnloadDelayMs = 100;
@@ -40,12 +39,9 @@ constexpr DWORD kThreadEndMs = 1000;
 HRESULT AskForClassObject(
     LPFNGETCLASSOBJECT getClassObject, const CLSID& clsid, ITxSvcClassObject** object) noexcept
 {
-    HRESULT result = kExceptionResult;
     void* found = nullptr;
-    if (!Basalt::CallGuarded([&] { result = getClassObject(clsid, IID_ITxSvcClassObject, &found); }))
-    {
-        return kExceptionResult;
-    }
+    const HRESULT result =
+        Basalt::GuardedResult([&] { return getClassObject(clsid, IID_ITxSvcClassObject, &found); });
     *object = static_cast<ITxSvcClassObject*>(found);
     return SUCCEEDED(result) && found == nullptr ? E_POINTER : result;
 }
@@ -53,13 +49,10 @@ HRESULT AskForClassObject(
 /// CreateObject, with an exception turned into a status. Releases the class object in any case.
 HRESULT CreateSubsystem(ITxSvcClassObject* classObject, CSubsystemHolder& holder) noexcept
 {
-    HRESULT result = kExceptionResult;
     void* created = nullptr;
-    if (!Basalt::CallGuarded([&] { result = classObject->CreateObject(IID_ITxSvcSubsystem, &created); }))
-    {
-        result = kExceptionResult;
-    }
-    else if (SUCCEEDED(result))
+    const HRESULT result =
+        Basalt::GuardedResult([&] { return classObject->CreateObject(IID_ITxSvcSubsystem, &created); });
+    if (SUCCEEDED(result))
     {
         holder.SetInterface(static_cast<ITxSvcSubsystem*>(created));
     }
@@ -77,7 +70,7 @@ HRESULT CreateSubsystem(ITxSvcClassObject* classObject, CSubsystemHolder& holder
 /// Asks the working-set handler of this process, if there is one, for a trim.
 void SignalWorkingSetEvent() noexcept
 {
-    const auto name = Basalt::WorkingSetEventName(::GetCurrentProcessId());
+    const auto name = Contract::WorkingSetEventName(::GetCurrentProcessId());
     const Basalt::CHandle event(::OpenEventW(EVENT_MODIFY_STATE, FALSE, name.data()));
     if (event)
     {
@@ -92,7 +85,7 @@ bool IsReportedStopped(const wchar_t* name) noexcept
     const Basalt::CServiceHandle manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
     const Basalt::CServiceHandle service(::OpenServiceW(manager.Get(), name, SERVICE_QUERY_STATUS));
     SERVICE_STATUS status{};
-    return service && ::QueryServiceStatus(service.Get(), &status) != FALSE &&
+    return service && ::QueryServiceStatus(service.Get(), &status) &&
            status.dwCurrentState == SERVICE_STOPPED;
 }
 
@@ -187,7 +180,7 @@ void CTxSvcHostProxy::ProxyServiceMain(Instance& instance, const std::wstring& n
     constexpr wchar_t kFunction[] = L"CTxSvcHostProxy::ProxyServiceMain";
     const CServiceStart start(instance.starts, name.c_str());
     TX_LOG(LogNormal, kFunction, L"Entering ServiceMain for '%s'", name);
-    const CStopwatch sinceStart;
+    const Basalt::CStopwatch sinceStart;
 
     const CComApartment com;
     if (FAILED(com.Result()))
@@ -207,7 +200,7 @@ void CTxSvcHostProxy::ProxyServiceMain(Instance& instance, const std::wstring& n
 
 void CTxSvcHostProxy::runLoaded(
     const CServiceStart& start,
-    const CStopwatch& sinceStart,
+    const Basalt::CStopwatch& sinceStart,
     CSubsystemHolder& holder,
     DWORD argc,
     LPWSTR* argv) noexcept
@@ -261,9 +254,12 @@ void CTxSvcHostProxy::reportFailed(const CServiceStart& start) noexcept
 }
 
 bool CTxSvcHostProxy::admitAndLoad(
-    Instance& instance, const std::wstring& name, const CStopwatch& sinceStart, CSubsystemHolder& holder)
+    Instance& instance,
+    const std::wstring& name,
+    const Basalt::CStopwatch& sinceStart,
+    CSubsystemHolder& holder)
 {
-    const CStopwatch sinceAdmission;
+    const Basalt::CStopwatch sinceAdmission;
     if (!instance.firstRunGate.shouldExecuteService(name))
     {
         TX_LOG(
@@ -284,8 +280,8 @@ bool CTxSvcHostProxy::admitAndLoad(
 
 bool CTxSvcHostProxy::loadOrReportStopped(
     const std::wstring& name,
-    const CStopwatch& sinceStart,
-    const CStopwatch& sinceAdmission,
+    const Basalt::CStopwatch& sinceStart,
+    const Basalt::CStopwatch& sinceAdmission,
     CSubsystemHolder& holder)
 {
     constexpr wchar_t kFunction[] = L"CTxSvcHostProxy::ProxyServiceMain";
@@ -326,7 +322,7 @@ bool CTxSvcHostProxy::GetSubsystem(const std::wstring& name, CSubsystemHolder& h
     }
     TX_LOG(LogNormal, kFunction, L"Subsystem DLL path: '%s'", path);
 
-    const CStopwatch sinceLoad;
+    const Basalt::CStopwatch sinceLoad;
     holder.SetModule(::LoadLibraryW(path.c_str()));
     if (holder.Module() == nullptr)
     {
@@ -344,7 +340,7 @@ bool CTxSvcHostProxy::GetSubsystem(const std::wstring& name, CSubsystemHolder& h
     TX_LOG(LogNormal, kFunction, L"Module '%s' loaded in %0.04fs", name, sinceLoad.Seconds());
 
     // From here on the module stays loaded, also on failure: it has run code of its own.
-    const CStopwatch sinceCreate;
+    const Basalt::CStopwatch sinceCreate;
     ITxSvcClassObject* classObject = nullptr;
     HRESULT result = AskForClassObject(getClassObject, clsid, &classObject);
     if (FAILED(result))
@@ -385,7 +381,7 @@ bool CTxSvcHostProxy::ConvertStringToCLSID(const std::wstring& text, CLSID& clsi
 bool CTxSvcHostProxy::LookupPathnameFromCLSID(const std::wstring& clsidText, std::wstring& path)
 {
     constexpr wchar_t kFunction[] = L"CTxSvcHostProxy::LookupPathnameFromCLSID";
-    const std::wstring keyPath = L"CLSID\\" + clsidText + L"\\InprocServer32";
+    const std::wstring keyPath = Contract::ServerKey(clsidText);
     Basalt::CRegKey key;
     // Write access is asked for on purpose although only reading follows: a registration that the host's
     // account may not write is not one of ours.
@@ -443,7 +439,7 @@ bool CTxSvcHostProxy::SetServiceStoppedStatus(const wchar_t* name) noexcept
     SERVICE_STATUS status{};
     status.dwServiceType = SERVICE_WIN32_SHARE_PROCESS;
     status.dwCurrentState = SERVICE_STOPPED;
-    if (::SetServiceStatus(handle, &status) == FALSE)
+    if (!::SetServiceStatus(handle, &status))
     {
         const DWORD error = ::GetLastError();
         TX_LOG(LogError, kFunction, L"Failed to set the service status, error %d", error);

@@ -23,7 +23,7 @@ bool Read(HANDLE process, Reading& reading) noexcept
     FILETIME kernel{};
     FILETIME user{};
     ::GetSystemTimeAsFileTime(&now);
-    if (::GetProcessTimes(process, &created, &exited, &kernel, &user) == FALSE)
+    if (!::GetProcessTimes(process, &created, &exited, &kernel, &user))
     {
         return false;
     }

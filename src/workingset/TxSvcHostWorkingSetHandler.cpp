@@ -3,13 +3,10 @@
 #include <cstdlib>
 #include <utility>
 
-#include "base/WorkingSetEvent.h"
+#include "contract/WorkingSetEvent.h"
 #include "logging/Log.h"
 
-using Basalt::CLockGuard;
-using ETWLogging::LogError;
-using ETWLogging::LogNormal;
-using ETWLogging::LogWarning;
+using namespace ETWLogging;
 
 namespace
 {
@@ -23,7 +20,7 @@ constexpr double kRandomUnit = 3.051850947599719e-5;
 /// there already was put there by somebody else, who may signal it, or leave it signalled, without end.
 HANDLE CreateWorkingSetEvent() noexcept
 {
-    const auto name = Basalt::WorkingSetEventName(::GetCurrentProcessId());
+    const auto name = Contract::WorkingSetEventName(::GetCurrentProcessId());
     Basalt::CHandle event(::CreateEventW(nullptr, FALSE, FALSE, name.data()));
     if (event && ::GetLastError() == ERROR_ALREADY_EXISTS)
     {
@@ -42,7 +39,7 @@ bool RegisterWait(HANDLE& wait, HANDLE event, WAITORTIMERCALLBACK callback, void
 /// A timer whose callback still runs counts as deleted: it goes when the callback returns.
 bool DeleteTimer(HANDLE queue, HANDLE timer, HANDLE completion, DWORD& error) noexcept
 {
-    if (::DeleteTimerQueueTimer(queue, timer, completion) != FALSE)
+    if (::DeleteTimerQueueTimer(queue, timer, completion))
     {
         return true;
     }
@@ -57,11 +54,12 @@ CTxSvcHostWorkingSetHandler::CTxSvcHostWorkingSetHandler()
 {
     if (!m_stopEvent)
     {
+        const DWORD error = ::GetLastError();
         TX_LOG(
             LogError,
             L"CTxSvcHostWorkingSetHandler::CTxSvcHostWorkingSetHandler",
             L"Failed to create the stop event (GLE=0x%08X)",
-            ::GetLastError());
+            error);
     }
 }
 
@@ -74,7 +72,7 @@ CTxSvcHostWorkingSetHandler::~CTxSvcHostWorkingSetHandler()
     m_wait.Reset(); // Nothing may call back any more when the stop event goes.
     m_timerQueue.Reset();
     const HANDLE stopEvent = m_stopEvent.Release();
-    if (stopEvent != nullptr && ::CloseHandle(stopEvent) == FALSE)
+    if (stopEvent != nullptr && !::CloseHandle(stopEvent))
     {
         TX_LOG(
             LogError,
@@ -87,7 +85,7 @@ bool CTxSvcHostWorkingSetHandler::Initialize(const WorkingSetRecord& record) noe
 {
     bool initialized = false;
     {
-        const CLockGuard guard(m_lock);
+        const Basalt::CLockGuard guard(m_lock);
         initialized = m_bInitialized;
     }
     if (initialized)
@@ -102,7 +100,7 @@ bool CTxSvcHostWorkingSetHandler::Initialize(const WorkingSetRecord& record) noe
         DeInitialize();
         return false;
     }
-    const CLockGuard guard(m_lock);
+    const Basalt::CLockGuard guard(m_lock);
     m_bInitialized = true;
     return true;
 }
@@ -135,7 +133,7 @@ bool CTxSvcHostWorkingSetHandler::start(const WorkingSetRecord& record) noexcept
 bool CTxSvcHostWorkingSetHandler::createTimerQueue() noexcept
 {
     deleteTimerQueue();
-    const CLockGuard guard(m_lock);
+    const Basalt::CLockGuard guard(m_lock);
     m_timerQueue.Reset(::CreateTimerQueue());
     return static_cast<bool>(m_timerQueue);
 }
@@ -147,7 +145,7 @@ bool CTxSvcHostWorkingSetHandler::registerEventWait() noexcept
     DWORD eventError = ERROR_SUCCESS;
     HANDLE wait = nullptr;
     {
-        const CLockGuard guard(m_lock);
+        const Basalt::CLockGuard guard(m_lock);
         m_wsEvent.Reset(CreateWorkingSetEvent());
         hasEvent = static_cast<bool>(m_wsEvent);
         if (!hasEvent)
@@ -190,7 +188,7 @@ bool CTxSvcHostWorkingSetHandler::scheduleWsTimer() noexcept
     bool hasQueue = false;
     bool armed = false;
     {
-        const CLockGuard guard(m_lock);
+        const Basalt::CLockGuard guard(m_lock);
         // A stop may have come in since, and null would be the process's default queue, which nobody empties.
         hasQueue = static_cast<bool>(m_timerQueue);
         // A run that overlaps may have armed a timer since. One is enough.
@@ -236,7 +234,7 @@ bool CTxSvcHostWorkingSetHandler::cancelWsTimer(bool waitForCallback) noexcept
     DWORD error = ERROR_SUCCESS;
     bool deleted = true;
     {
-        const CLockGuard guard(m_lock);
+        const Basalt::CLockGuard guard(m_lock);
         queue = m_timerQueue.Get();
         timer = std::exchange(m_timer, nullptr);
         if (timer != nullptr && !waitForCallback)
@@ -277,11 +275,11 @@ bool CTxSvcHostWorkingSetHandler::DeInitialize() noexcept
     bool callbackEnded = false;
     bool eventClosed = true;
     {
-        const CLockGuard guard(m_lock);
+        const Basalt::CLockGuard guard(m_lock);
         ::Sleep(1); // Gives way to a pool thread that is just about to return.
         callbackEnded = m_callback.deInit();
         const HANDLE wsEvent = m_wsEvent.Release();
-        eventClosed = wsEvent == nullptr || ::CloseHandle(wsEvent) != FALSE;
+        eventClosed = wsEvent == nullptr || ::CloseHandle(wsEvent);
         m_bInitialized = false;
     }
     if (!callbackEnded)
@@ -300,16 +298,17 @@ void CTxSvcHostWorkingSetHandler::unregisterEventWait() noexcept
 {
     HANDLE wait = nullptr;
     {
-        const CLockGuard guard(m_lock);
+        const Basalt::CLockGuard guard(m_lock);
         wait = m_wait.Release();
     }
-    if (wait != nullptr && ::UnregisterWaitEx(wait, INVALID_HANDLE_VALUE) == FALSE)
+    if (wait != nullptr && !::UnregisterWaitEx(wait, INVALID_HANDLE_VALUE))
     {
+        const DWORD error = ::GetLastError();
         TX_LOG(
             LogWarning,
             L"CTxSvcHostWorkingSetHandler::DeInitialize",
             L"Failed to unregister wait (GLE=0x%08X)",
-            ::GetLastError());
+            error);
     }
 }
 
@@ -319,21 +318,22 @@ void CTxSvcHostWorkingSetHandler::deleteTimerQueue() noexcept
     HANDLE queue = nullptr;
     {
         // Withdrawn first: a callback that runs on finds no queue to arm a timer on, and no timer to delete.
-        const CLockGuard guard(m_lock);
+        const Basalt::CLockGuard guard(m_lock);
         queue = m_timerQueue.Release();
         m_timer = nullptr;
     }
-    if (queue != nullptr && ::DeleteTimerQueueEx(queue, INVALID_HANDLE_VALUE) == FALSE)
+    if (queue != nullptr && !::DeleteTimerQueueEx(queue, INVALID_HANDLE_VALUE))
     {
+        const DWORD error = ::GetLastError();
         TX_LOG(
             LogWarning,
             L"CTxSvcHostWorkingSetHandler::DeInitialize",
             L"Failed to delete the timer queue (GLE=0x%08X)",
-            ::GetLastError());
+            error);
     }
 }
 
 void CALLBACK CTxSvcHostWorkingSetHandler::onTimerOrEvent(void* context, BOOLEAN timerFired) noexcept
 {
-    static_cast<CTxWorkingSetCallback*>(context)->OnCallback(timerFired != FALSE);
+    static_cast<CTxWorkingSetCallback*>(context)->OnCallback(timerFired);
 }

@@ -4,7 +4,7 @@
 
 #include "base/Lock.h"
 #include "base/Owned.h"
-#include "base/WorkingSetRecord.h"
+#include "contract/WorkingSetRecord.h"
 #include "workingset/TxWorkingSetCallback.h"
 #include "workingset/WorkingSetTimer.h"
 

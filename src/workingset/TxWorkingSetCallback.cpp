@@ -9,10 +9,7 @@
 #include "workingset/ProcessCpuUsage.h"
 #include "workingset/WorkingSetTimer.h"
 
-using Basalt::CLockGuard;
-using ETWLogging::LogError;
-using ETWLogging::LogNormal;
-using ETWLogging::LogWarning;
+using namespace ETWLogging;
 
 namespace
 {
@@ -83,7 +80,7 @@ bool CTxWorkingSetCallback::init(
     }
 
     const DWORD upperLimit = record.stOptimalBucketUpperLimit;
-    const CLockGuard guard(m_lock);
+    const Basalt::CLockGuard guard(m_lock);
     m_wsOptimalBucket =
         upperLimit >= m_dwWsBucketRange ? Band(upperLimit - m_dwWsBucketRange, upperLimit) : Band();
     m_bOptimalBucketKnown = m_wsOptimalBucket.second != 0;
@@ -101,7 +98,7 @@ bool CTxWorkingSetCallback::OnCallback(bool timerFired) noexcept
 
 ULONGLONG CTxWorkingSetCallback::GetOptimalBucketUpperLimit() noexcept
 {
-    const CLockGuard guard(m_lock);
+    const Basalt::CLockGuard guard(m_lock);
     return m_wsOptimalBucket.second;
 }
 
@@ -111,7 +108,7 @@ bool CTxWorkingSetCallback::onWsTimer() noexcept
     TX_LOG_PROGRESS(kFunction, L"Working set event triggered (timer)");
     bool known = false;
     {
-        const CLockGuard guard(m_lock);
+        const Basalt::CLockGuard guard(m_lock);
         known = m_bOptimalBucketKnown;
     }
     if (known)
@@ -166,7 +163,7 @@ bool CTxWorkingSetCallback::handleInitialSampling() noexcept
         return reschedule();
     }
     const bool recorded = addSample(workingSet);
-    const CLockGuard guard(m_lock);
+    const Basalt::CLockGuard guard(m_lock);
     m_bOptimalBucketKnown = m_bOptimalBucketKnown || m_wsOptimalBucket.second != 0;
     return recorded;
 }
@@ -182,7 +179,7 @@ bool CTxWorkingSetCallback::handleRegularRun() noexcept
     }
     Band band;
     {
-        const CLockGuard guard(m_lock);
+        const Basalt::CLockGuard guard(m_lock);
         band = m_wsOptimalBucket;
     }
     if (workingSet < band.first)
@@ -231,7 +228,8 @@ bool CTxWorkingSetCallback::isCpuUsageBelowLimit() const noexcept
     float usage = 0;
     if (!GetProcessCpuUsage(::GetCurrentProcess(), m_dwCpuUsageDuration, m_hStopEvent, usage))
     {
-        TX_LOG(LogError, kFunction, L"GetProcessCpuUsage failed (GLE=0x%08X)", ::GetLastError());
+        const DWORD error = ::GetLastError();
+        TX_LOG(LogError, kFunction, L"GetProcessCpuUsage failed (GLE=0x%08X)", error);
         return false;
     }
     if (usage > static_cast<float>(m_dwCpuUsageLimit))
@@ -251,13 +249,14 @@ bool CTxWorkingSetCallback::isStopRequested() const noexcept
 ULONGLONG CTxWorkingSetCallback::getCurrentWorkingSet() const noexcept
 {
     PROCESS_MEMORY_COUNTERS counters{};
-    if (::GetProcessMemoryInfo(::GetCurrentProcess(), &counters, sizeof(counters)) == FALSE)
+    if (!::GetProcessMemoryInfo(::GetCurrentProcess(), &counters, sizeof(counters)))
     {
+        const DWORD error = ::GetLastError();
         TX_LOG(
             LogError,
             L"CTxWorkingSetCallback::getCurrentWorkingSet",
             L"Failed to get the process working set (GLE=0x%08X)",
-            ::GetLastError());
+            error);
         return 0;
     }
     return counters.WorkingSetSize;
@@ -267,9 +266,10 @@ bool CTxWorkingSetCallback::limitWorkingSet() const noexcept
 {
     constexpr wchar_t kFunction[] = L"CTxWorkingSetCallback::limitWorkingSet";
     constexpr auto kEmpty = static_cast<SIZE_T>(-1); // For both limits: takes out every page that it can.
-    if (::SetProcessWorkingSetSize(::GetCurrentProcess(), kEmpty, kEmpty) == FALSE)
+    if (!::SetProcessWorkingSetSize(::GetCurrentProcess(), kEmpty, kEmpty))
     {
-        TX_LOG(LogError, kFunction, L"Failed to set the process working set (GLE=0x%08X)", ::GetLastError());
+        const DWORD error = ::GetLastError();
+        TX_LOG(LogError, kFunction, L"Failed to set the process working set (GLE=0x%08X)", error);
         return false;
     }
     TX_LOG_PROGRESS(kFunction, L"Process working set adjusted successfully");
@@ -283,7 +283,7 @@ bool CTxWorkingSetCallback::reschedule() const noexcept
 
 bool CTxWorkingSetCallback::exchangeSampleAfterTrim(bool value) noexcept
 {
-    const CLockGuard guard(m_lock);
+    const Basalt::CLockGuard guard(m_lock);
     return std::exchange(m_bSampleAfterTrim, value);
 }
 
@@ -312,7 +312,7 @@ bool CTxWorkingSetCallback::addSample(ULONGLONG workingSet) noexcept
 
 CTxWorkingSetCallback::Band CTxWorkingSetCallback::takeSample(ULONGLONG workingSet)
 {
-    const CLockGuard guard(m_lock);
+    const Basalt::CLockGuard guard(m_lock);
     m_wsSamples.push_back(workingSet);
     if (m_dwWsBucketRange != 0)
     {
@@ -343,7 +343,7 @@ CTxWorkingSetCallback::Band CTxWorkingSetCallback::getOptimalBucket() const noex
 void CTxWorkingSetCallback::setBucketRange(DWORD range)
 {
     m_dwWsBucketRange = range;
-    const CLockGuard guard(m_lock);
+    const Basalt::CLockGuard guard(m_lock);
     m_histogram.Clear();
     for (const ULONGLONG sample : m_wsSamples)
     {
@@ -356,7 +356,7 @@ void CTxWorkingSetCallback::setBucketRange(DWORD range)
 
 void CTxWorkingSetCallback::dropSamples() noexcept
 {
-    const CLockGuard guard(m_lock);
+    const Basalt::CLockGuard guard(m_lock);
     m_wsSamples.clear();
     m_histogram.Clear();
 }

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "base/Lock.h"
-#include "base/WorkingSetRecord.h"
+#include "contract/WorkingSetRecord.h"
 #include "workingset/BucketHistogram.h"
 
 class IWorkingSetTimer;

@@ -6,7 +6,8 @@
 
 #include "config/RegistryStore.h"
 #include "config/TxSvcHostConfig.h"
-#include "logging/LoggingIf.h"
+#include "contract/Keys.h"
+#include "logging/logger/LoggingIf.h"
 #include "support/FakeTrace.h"
 #include "support/ImportPatch.h"
 #include "support/Narrow.h"
@@ -158,7 +159,7 @@ TEST(TxSvcHostConfig, EachFailingCallHasItsResultAndItsLines)
     };
     for (const auto& row : rows)
     {
-        CTestKey root(HKEY_LOCAL_MACHINE, CTxSvcHostConfig::kRootKey);
+        CTestKey root(HKEY_LOCAL_MACHINE, Contract::kHostKey);
         Basalt::CRegKey list;
         Basalt::CRegKey group;
         ASSERT_EQ(list.Create(root.Key().Get(), L"g\\OobeExclusionList", KEY_ALL_ACCESS), 0U);

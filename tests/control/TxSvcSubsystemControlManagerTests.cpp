@@ -10,7 +10,11 @@
 
 #include "base/Owned.h"
 #include "config/TxSvcHostConfig.h"
-#include "control/ReduceRestart.h"
+#include "contract/Keys.h"
+#include "control/GroupServices.h"
+#include "control/ProcessEnd.h"
+#include "control/TxSvcSubsystemControlManagerClassFactory.h"
+#include "process/ReduceRestart.h"
 #include "support/FakeScm.h"
 #include "support/LogCapture.h"
 #include "support/NoMemory.h"
@@ -59,7 +63,7 @@ struct ControlManagerTest : ::testing::Test
         return CTxSvcHostConfig::GetInstance().GetGroupName(name);
     }
 
-    CTestKey m_root{HKEY_LOCAL_MACHINE, CTxSvcHostConfig::kRootKey};
+    CTestKey m_root{HKEY_LOCAL_MACHINE, Contract::kHostKey};
     CFakeScm m_scm;
     CLogCapture m_log;
 };
@@ -90,14 +94,14 @@ TEST_F(ControlManagerTest, StopServiceHasAResultAndALineForEachOutcome)
         m_scm.services = {{L"s", row.service}};
         m_scm.sleeps.clear();
 
-        EXPECT_EQ(Manager::StopService(L"s"), row.expected);
+        EXPECT_EQ(::StopService(L"s"), row.expected);
         EXPECT_EQ(m_scm.sleeps, std::vector<DWORD>(row.seconds, 1000));
         EXPECT_EQ(Log(L"StopService"), row.line);
     }
     EXPECT_EQ(m_scm.managerAccess, DWORD{SC_MANAGER_ALL_ACCESS});
     EXPECT_EQ(m_scm.serviceAccess, DWORD{SERVICE_STOP | SERVICE_QUERY_STATUS});
     m_scm.error = 5;
-    EXPECT_EQ(Manager::StopService(L"s"), kDenied);
+    EXPECT_EQ(::StopService(L"s"), kDenied);
     EXPECT_EQ(Log(L"StopService"), L"4 Open SCManager failed. Error code:5;");
 }
 
@@ -132,7 +136,7 @@ TEST_F(ControlManagerTest, AStopStopsTheTwoBasicServicesLastAndReportsAFailureWh
         ASSERT_TRUE(CTxSvcHostConfig::GetInstance().Init(L"g"));
         m_log.Clear();
 
-        EXPECT_EQ(Manager::StopServices(&row == rows), row.expected);
+        EXPECT_EQ(::StopServices(&row == rows), row.expected);
         EXPECT_EQ(m_scm.calls, row.stopped);
         EXPECT_EQ(
             Log(L"StopServices"),
@@ -201,13 +205,13 @@ TEST_F(ControlManagerTest, WhatTheSystemRefusesIsLogged)
     CTestKey core(HKEY_LOCAL_MACHINE, m_root.Path() + L"\\TxCoreSvc");
     ASSERT_EQ(core.Key().WriteString(L"", L"a"), 0U);
     m_scm.error = 5;
-    EXPECT_EQ(Manager::StartServices(true), kDenied);
+    EXPECT_EQ(::StartServices(true), kDenied);
     EXPECT_EQ(
         Log(L"StartServices"),
         L"3 Reduce restart: Calling TxSvHost StartServices;4 Open SCManager failed. Error code:5;");
     m_scm.error = 0;
     m_scm.services = {{L"a", {}}};
-    EXPECT_EQ(Manager::StartServices(false), E_FAIL) << "although all went well";
+    EXPECT_EQ(::StartServices(false), E_FAIL) << "although all went well";
     EXPECT_TRUE(
         m_scm.managerAccess == SC_MANAGER_ALL_ACCESS && m_scm.serviceAccess == SERVICE_START && HasConfig());
 }
@@ -239,7 +243,7 @@ TEST_F(ControlManagerTest, TheEndOfTheProcessWaitsForRunningCallsAndRefusesFurth
     ::WaitForSingleObject(s_isReached.Get(), 30000);
     std::atomic<bool> isClosed = false;
     std::thread closer([&isClosed] {
-        Manager::CloseCalls();
+        ::CloseCalls();
         isClosed = true;
     });
     while (create() != CO_E_SERVER_STOPPING)
@@ -255,9 +259,9 @@ TEST_F(ControlManagerTest, TheEndOfTheProcessWaitsForRunningCallsAndRefusesFurth
     EXPECT_EQ(Manager().TxStopSvcSubsystem(0, &processId), E_FAIL);
     EXPECT_EQ(processId, ::GetCurrentProcessId());
     EXPECT_TRUE(m_log.Lines().empty());
-    Manager::LetAnswerLeave();
+    ::LetAnswerLeave();
     const CImportPatch exit("exit", +[](int code) { ::ExitThread(code == 0 ? 7 : 8); });
-    const Basalt::CHandle end(::CreateThread(nullptr, 0, &Manager::MyTerminateThread, nullptr, 0, nullptr));
+    const Basalt::CHandle end(::CreateThread(nullptr, 0, &::MyTerminateThread, nullptr, 0, nullptr));
     DWORD exitCode = 0;
     EXPECT_EQ(::WaitForSingleObject(end.Get(), 30000), DWORD{WAIT_OBJECT_0});
     EXPECT_TRUE(::GetExitCodeThread(end.Get(), &exitCode) && exitCode == 7);

@@ -26,7 +26,7 @@
 #include "support/TestKey.h"
 
 using namespace ETWLogging;
-using Basalt::kForeignCallFailed;
+using Basalt::kCallFailed;
 
 namespace
 {
@@ -191,9 +191,9 @@ TEST_F(UpdateManagerTest, OnlyATrustedAgentIsAskedToCancel)
     } rows[] = {
         {L"unsigned", L"", E_ACCESSDENIED, false, L"release;"},
         {L"tarvex", L"refuse", CLASS_E_NOAGGREGATION, false, L"create;release;"},
-        {L"tarvex", L"null", kForeignCallFailed, false, L"create;release;"},
+        {L"tarvex", L"null", kCallFailed, false, L"create;release;"},
         {L"tarvex", L"fail", E_ABORT, true, asked},
-        {L"tarvex", L"throw", kForeignCallFailed, true, asked},
+        {L"tarvex", L"throw", kCallFailed, true, asked},
         {L"tarvex", L"nothing", S_FALSE, true, asked},
         {L"tarvex", L"old", S_OK, true, asked},
     };
@@ -258,8 +258,8 @@ TEST(TrustedCreation, DamagedClassObjectsGiveAStatus)
     // One thing more is broken each time.
     void* const wild = reinterpret_cast<void*>(0x7E57000000);
     const std::tuple<const char*, void**, void*, HRESULT> damages[] = {
-        {"CreateObject", &methods[3], static_cast<void*>(&table), kForeignCallFailed},
-        {"Release", &methods[2], wild, kForeignCallFailed},
+        {"CreateObject", &methods[3], static_cast<void*>(&table), kCallFailed},
+        {"Release", &methods[2], wild, kCallFailed},
         {"QueryInterface", &methods[0], static_cast<void*>(&table), E_ACCESSDENIED},
         {"the table", &table, wild, E_ACCESSDENIED},
         {"the object", &g_classObject, wild, E_ACCESSDENIED},

@@ -6,10 +6,11 @@
 #include <vector>
 
 #include "base/Owned.h"
+#include "contract/Keys.h"
 #include "host/ProcessSecurity.h"
 #include "host/TxSvcHost.h"
 #include "host/TxSvcHostMain.h"
-#include "logging/LoggingIf.h"
+#include "logging/logger/LoggingIf.h"
 #include "support/FakeTrace.h"
 #include "support/ImportPatch.h"
 #include "support/NoMemory.h"
@@ -151,7 +152,7 @@ protected:
     }
     void TearDown() override { CTxSvcHostConfig::ReleaseInstance(); }
 
-    CTestKey m_root{HKEY_LOCAL_MACHINE, CTxSvcHostConfig::kRootKey};
+    CTestKey m_root{HKEY_LOCAL_MACHINE, Contract::kHostKey};
     Basalt::CRegKey m_group;
     CFakeTrace m_log;
     wchar_t m_program[8] = L"program";

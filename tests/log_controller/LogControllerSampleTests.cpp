@@ -14,7 +14,7 @@
 #include "TxLogController.h"
 #include "TxLogSecurity.h"
 #include "base/Owned.h"
-#include "logging/EventRecord.h"
+#include "contract/EventRecord.h"
 #include "support/ImportPatch.h"
 #include "support/Narrow.h"
 #include "support/TestFolder.h"

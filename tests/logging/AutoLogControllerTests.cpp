@@ -1,4 +1,4 @@
-#include "logging/AutoLogController.h"
+#include "logging/controller/AutoLogController.h"
 
 #include <memory>
 #include <tuple>

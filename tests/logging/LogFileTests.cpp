@@ -14,10 +14,10 @@
 
 #include "LoggingTest.h"
 #include "base/Text.h"
-#include "logging/BasaltLogger.h"
+#include "contract/LogLine.h"
 #include "logging/Log.h"
-#include "logging/LogLine.h"
-#include "logging/Logging.h"
+#include "logging/basalt/BasaltLogger.h"
+#include "logging/text/TextLogger.h"
 #include "support/Narrow.h"
 #include "support/NoMemory.h"
 #include "support/Process.h"
@@ -85,7 +85,7 @@ struct FileLoggerTest : LoggingTest
     std::unique_ptr<CLogging> Make(
         DWORD entries, DWORD oldFiles, bool hasMutex = true, const std::wstring& folder = {})
     {
-        auto logger = std::make_unique<CLogging>();
+        auto logger = std::make_unique<CLogging>(ReadLogSettings());
         logger->Initialize(L"shared", 0, nullptr, 0);
         logger->SetFolder(folder.empty() ? m_log.c_str() : folder.c_str());
         logger->SetRotation(entries, oldFiles);

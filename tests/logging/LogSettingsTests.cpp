@@ -1,12 +1,12 @@
-#include "logging/LogSettings.h"
-
 #include <regex>
 #include <string>
 #include <tuple>
 
 #include "LoggingTest.h"
 #include "base/Text.h"
-#include "logging/Logging.h"
+#include "logging/settings/LogSettingsReader.h"
+#include "logging/settings/LogSettingsWatch.h"
+#include "logging/text/TextLogger.h"
 #include "support/Narrow.h"
 #include "support/NoMemory.h"
 
@@ -40,7 +40,6 @@ TEST_F(LogSettingsTest, EachComesFromTheFileThenTheRegistryThenItsDefaultAndWhat
         L"Logging Options (registry), Logging Old Files (registry), Logging Tag (log.ini), Logging File "
         L"(registry), Controller Path WSS "
         L"(log.ini)");
-    EXPECT_EQ(ReadLogMechanism(), MAXDWORD);
     s_program = L"C:\\" + std::wstring(1000, L'x') + L"\\host.exe";
     EXPECT_EQ(LogIniPath(), L"C:\\" + std::wstring(1000, L'x') + L"\\log.ini");
     const std::wstring path = L"D:\\more than a string without memory holds";
@@ -93,10 +92,12 @@ bool Becomes(Condition condition)
 TEST_F(LogSettingsTest, AChangeInEitherPlaceTakesEffectInARunningLogger)
 {
     EXPECT_EQ(m_settings.WriteDword(kOptionsSetting.name, 0x3D), 0U);
-    CLogging logger;
+    CLogging logger(ReadLogSettings());
     logger.Initialize(L"watched", 0, nullptr, 0);
     logger.SetFolder(m_folder.File(L"log").c_str());
     logger.Activate();
+    CLogSettingsWatch watch;
+    watch.Start(logger, logger.GetSettings());
     const auto threshold = [&logger](DWORD expected) {
         return Becomes([&] { return logger.GetThreshold() == expected; });
     };
@@ -112,8 +113,8 @@ TEST_F(LogSettingsTest, AChangeInEitherPlaceTakesEffectInARunningLogger)
     m_settings.Close();
     m_key.Remove();
     EXPECT_TRUE(threshold(3));
-    const CTestKey again(HKEY_LOCAL_MACHINE, kLogSettingsKey); // In the place of a key that is gone.
-    EXPECT_EQ(m_settings.Open(HKEY_LOCAL_MACHINE, kLogSettingsKey, KEY_ALL_ACCESS), 0U);
+    const CTestKey again(HKEY_LOCAL_MACHINE, Contract::kLoggingKey); // In the place of a key that is gone.
+    EXPECT_EQ(m_settings.Open(HKEY_LOCAL_MACHINE, Contract::kLoggingKey, KEY_ALL_ACCESS), 0U);
     EXPECT_EQ(m_settings.WriteDword(kLevelSetting.name, 6), 0U);
     EXPECT_TRUE(threshold(6));
 

@@ -8,12 +8,12 @@
 #include "LoggingTest.h"
 #include "base/Text.h"
 #include "logging/BasaltLogHandler.h"
-#include "logging/BasaltLogger.h"
-#include "logging/DefaultLoggingHandler.h"
-#include "logging/ETWLogging.h"
 #include "logging/LogBuilder.h"
 #include "logging/LoggerSlot.h"
-#include "logging/Logging.h"
+#include "logging/basalt/BasaltLogger.h"
+#include "logging/basalt/DefaultLoggingHandler.h"
+#include "logging/events/EventLogger.h"
+#include "logging/text/TextLogger.h"
 #include "support/Narrow.h"
 #include "support/NoMemory.h"
 
@@ -25,7 +25,7 @@ namespace
 
 struct LoggerTest : LoggingTest
 {
-    CETWLogging m_logger;
+    CETWLogging m_logger{ReadLogSettings()};
 };
 
 TEST_F(LoggerTest, AnEventCarriesTheMessageFieldByField)
@@ -95,7 +95,7 @@ TEST_F(LoggerTest, TheSessionChoosesTheLevelsBetweenStartAndStop)
     EXPECT_FALSE(gate.IsClosed(MAXDWORD));
     EXPECT_EQ(m_trace.Tell(WMI_GET_ALL_DATA), DWORD{ERROR_INVALID_PARAMETER});
     EXPECT_EQ(m_trace.Tell(WMI_ENABLE_EVENTS), 0U);
-    EXPECT_EQ(m_logger.Stop() + CETWLogging().Start(), 0U);
+    EXPECT_EQ(m_logger.Stop() + CETWLogging(ReadLogSettings()).Start(), 0U);
     EXPECT_EQ(m_trace.Registered(), others);
     EXPECT_EQ(m_logger.LogEx(LogError, L"", L"", 1, L"text"), 0U);
     EXPECT_EQ(m_trace.Take(), "");
@@ -148,7 +148,7 @@ TEST_F(LoggerTest, TheBuilderChoosesByTheMechanismAndTheLoggerHasItsSettings)
 
 std::unique_ptr<CLoggerHolder> MakeHolder(DWORD mechanism, Text group = L"GROUP")
 {
-    auto holder = std::make_unique<CLoggerHolder>();
+    auto holder = std::make_unique<CLoggerHolder>(BasaltLogHandler());
     holder->Create(DefaultLogBuilder(), {nullptr, group, 0, nullptr, mechanism});
     return holder;
 }

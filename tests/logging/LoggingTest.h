@@ -7,7 +7,7 @@
 #include <string>
 
 #include "base/ObfuscatedRegKey.h"
-#include "logging/LogSettings.h"
+#include "logging/settings/LogSettingsReader.h"
 #include "support/FakeTrace.h"
 #include "support/ImportPatch.h"
 #include "support/TestFolder.h"
@@ -48,7 +48,7 @@ struct LoggingTest : ::testing::Test
     CTestFolder m_folder;
     static inline std::wstring s_program;
     const std::wstring m_ini = m_folder.File(L"log.ini");
-    CTestKey m_key{HKEY_LOCAL_MACHINE, ETWLogging::kLogSettingsKey};
+    CTestKey m_key{HKEY_LOCAL_MACHINE, Contract::kLoggingKey};
     Basalt::CObfuscatedRegKey m_settings; ///< The same key, scrambled.
     CFakeTrace m_trace;
 

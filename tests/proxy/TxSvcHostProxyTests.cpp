@@ -14,8 +14,9 @@
 
 #include "base/Owned.h"
 #include "config/TxSvcHostConfig.h"
-#include "control/ReduceRestart.h"
-#include "logging/LoggingIf.h"
+#include "contract/Keys.h"
+#include "logging/logger/LoggingIf.h"
+#include "process/ReduceRestart.h"
 #include "support/FakeTrace.h"
 #include "support/ImportPatch.h"
 #include "support/NoMemory.h"
@@ -122,7 +123,7 @@ protected:
         return g_events;
     }
 
-    CTestKey m_root{HKEY_LOCAL_MACHINE, CTxSvcHostConfig::kRootKey};
+    CTestKey m_root{HKEY_LOCAL_MACHINE, Contract::kHostKey};
     CTestKey m_class{HKEY_CLASSES_ROOT, std::wstring(L"CLSID\\") + kClsid};
     CTxSvcHostProxy m_proxy;
     CFakeTrace m_log;

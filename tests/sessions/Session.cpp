@@ -13,16 +13,17 @@
 #include <set>
 #include <utility>
 
-#include "base/WorkingSetEvent.h"
+#include "contract/Keys.h"
+#include "contract/WorkingSetEvent.h"
 #include "control/RegistryLink.h"
 #include "subsystems/TestSubsystemIds.h"
 #include "support/Errors.h"
 #include "support/Narrow.h"
 #include "support/Process.h"
-#include "txsvcctl/RegistryNames.h"
-#include "txsvcctl/ServiceManager.h"
 #include "txsvcctl/Tool.h"
-#include "txsvcctl/Utf8.h"
+#include "txsvcctl/common/Utf8.h"
+#include "txsvcctl/service/RegistryNames.h"
+#include "txsvcctl/service/ServiceManager.h"
 
 namespace
 {
@@ -90,14 +91,15 @@ void ForgetProduct()
     }
     root.Close();
     Basalt::CRegKey link; // Deleting the tree would follow it.
-    if (link.Open(HKEY_LOCAL_MACHINE, kProductKey, KEY_ALL_ACCESS, REG_OPTION_OPEN_LINK) == ERROR_SUCCESS &&
-        IsRegistryLink(kProductKey))
+    if (link.Open(HKEY_LOCAL_MACHINE, Contract::kProductKey, KEY_ALL_ACCESS, REG_OPTION_OPEN_LINK) ==
+            ERROR_SUCCESS &&
+        IsRegistryLink(Contract::kProductKey))
     {
         static_cast<void>(DeleteKeyByHandle(link.Get()));
     }
     link.Close();
-    ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, kProductKey);
-    ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, kProductKey32);
+    ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, Contract::kProductKey);
+    ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, Contract::kProductKey32);
 }
 
 } // namespace
@@ -349,14 +351,14 @@ void CSession::listen(const Words& /*words*/)
     {
         return print(::WaitForSingleObject(m_event.Get(), 0) == WAIT_OBJECT_0 ? L"signalled" : L"silence");
     }
-    const auto name = Basalt::WorkingSetEventName(m_host->ProcessId());
+    const auto name = Contract::WorkingSetEventName(m_host->ProcessId());
     m_event.Reset(::CreateEventW(nullptr, FALSE, FALSE, name.data()));
     print(::GetLastError() == ERROR_ALREADY_EXISTS ? L"the host listens" : L"the host does not listen");
 }
 
 void CSession::trim(const Words& /*words*/)
 {
-    const auto name = Basalt::WorkingSetEventName(m_host->ProcessId());
+    const auto name = Contract::WorkingSetEventName(m_host->ProcessId());
     const Basalt::CHandle event(::OpenEventW(EVENT_MODIFY_STATE, FALSE, name.data()));
     print(event && ::SetEvent(event.Get()) ? L"signalled" : L"no event");
 }
@@ -399,7 +401,7 @@ void CSession::log(const Words& /*words*/)
     for (; m_shownLines < lines.size(); ++m_shownLines)
     {
         const HostLogLine& line = lines[m_shownLines];
-        const std::wstring text = line.levelName.substr(0, 4) + L" " + line.source.value_or(L"") + L" " +
+        const std::wstring text = LevelName(line).substr(0, 4) + L" " + line.source.value_or(L"") + L" " +
                                   line.function.value_or(L"") + L": " + line.message + L"\n";
         if (std::regex_search(text, pattern))
         {

@@ -4,7 +4,7 @@
 #include <map>
 #include <mutex>
 
-#include "logging/EventRecord.h"
+#include "contract/EventRecord.h"
 #include "support/ImportPatch.h"
 #include "support/Narrow.h"
 #include "support/NoMemory.h"

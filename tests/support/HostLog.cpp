@@ -5,10 +5,10 @@
 
 #include "base/ObfuscatedRegKey.h"
 #include "control/RegistryLink.h"
-#include "logging/LogSettings.h"
+#include "logging/settings/LogSettingsReader.h"
 #include "support/Errors.h"
 #include "support/TestGroup.h"
-#include "txsvcctl/LogReader.h"
+#include "txsvcctl/log/LogReader.h"
 
 namespace
 {
@@ -26,9 +26,16 @@ struct CCollector final : TxCtl::ILogSink
 
 } // namespace
 
+std::wstring LevelName(const HostLogLine& line)
+{
+    const wchar_t* const name = ETWLogging::LogLevelName(line.level);
+    return name != nullptr ? name : L"";
+}
+
 CHostLog::CHostLog(const std::wstring& folder) : m_path(folder + L"\\PLATFORM.log")
 {
-    if (!IsRegistryLink(kProductKey) && !CreateRegistryLink(kProductKey, kProductKey32, true, true))
+    if (!IsRegistryLink(Contract::kProductKey) &&
+        !CreateRegistryLink(Contract::kProductKey, Contract::kProductKey32, true, true))
     {
         ThrowError(L"cannot make the registry link, without which the host does not find the log's settings");
     }
@@ -59,14 +66,14 @@ std::vector<HostLogLine> CHostLog::Lines() const
 std::size_t CHostLog::Count(const std::wstring& level, const std::wstring& message) const
 {
     return static_cast<std::size_t>(std::ranges::count_if(Lines(), [&](const HostLogLine& line) {
-        return line.levelName == level && line.message == message;
+        return LevelName(line) == level && line.message == message;
     }));
 }
 
 std::size_t CHostLog::CountContaining(const std::wstring& level, const std::wstring& part) const
 {
     return static_cast<std::size_t>(std::ranges::count_if(Lines(), [&](const HostLogLine& line) {
-        return line.levelName == level && line.message.find(part) != std::wstring::npos;
+        return LevelName(line) == level && line.message.find(part) != std::wstring::npos;
     }));
 }
 

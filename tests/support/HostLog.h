@@ -6,9 +6,12 @@
 #include <string>
 #include <vector>
 
-#include "txsvcctl/LogText.h"
+#include "contract/LogEntry.h"
 
-using HostLogLine = TxCtl::LogEntry;
+using HostLogLine = ETWLogging::LogEntry;
+
+/// As the log shows it; empty for what begins no message.
+[[nodiscard]] std::wstring LevelName(const HostLogLine& line);
 
 /// Has every host that starts within its scope write its log into a text file, all fields and all levels, and
 /// reads it.

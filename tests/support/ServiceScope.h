@@ -5,7 +5,7 @@
 #include <string>
 
 #include "base/Owned.h"
-#include "txsvcctl/ServiceManager.h"
+#include "txsvcctl/service/ServiceManager.h"
 
 /// A service entry in the service control manager, removed at the end of the scope.
 class CServiceScope

@@ -13,17 +13,20 @@
 #include "CtlTest.h"
 #include "base/Owned.h"
 #include "base/Text.h"
-#include "logging/EventRecord.h"
-#include "logging/LogFile.h"
-#include "logging/LogLine.h"
+#include "contract/EventRecord.h"
+#include "contract/LogLine.h"
+#include "logging/text/LogFile.h"
 #include "support/ImportPatch.h"
 #include "support/TestFolder.h"
-#include "txsvcctl/LogShow.h"
-#include "txsvcctl/LogTrace.h"
-#include "txsvcctl/ToolError.h"
-#include "txsvcctl/Utf8.h"
+#include "txsvcctl/common/ToolError.h"
+#include "txsvcctl/common/Utf8.h"
+#include "txsvcctl/log/LogMoment.h"
+#include "txsvcctl/log/LogReader.h"
+#include "txsvcctl/log/LogSink.h"
+#include "txsvcctl/log/TraceReader.h"
 
 using ETWLogging::BuildLogLine;
+using TxCtl::LogMoment;
 using TxCtl::ToUtf8;
 
 namespace
@@ -238,9 +241,16 @@ TEST_F(LogShowTest, AnAgeIsCountedBackFromNowAndLocal)
     {
         FILETIME now{};
         ::GetSystemTimeAsFileTime(&now);
-        const auto local =
-            static_cast<double>(ULONGLONG{now.dwHighDateTime} << 32 | now.dwLowDateTime) + kHour;
-        EXPECT_NEAR(static_cast<double>(TxCtl::ParseMoment(age)), local - hours * kHour, 60e7) << hours;
+        const auto ago = [&](double seconds) {
+            const auto units = static_cast<double>(ULONGLONG{now.dwHighDateTime} << 32 | now.dwLowDateTime);
+            const auto then = static_cast<ULONGLONG>(units + kHour - hours * kHour - seconds * 1e7);
+            const FILETIME time = {static_cast<DWORD>(then), static_cast<DWORD>(then >> 32)};
+            SYSTEMTIME local{};
+            ::FileTimeToSystemTime(&time, &local);
+            return LogMoment::From(local);
+        };
+        const auto moment = LogMoment::Parse(age);
+        EXPECT_TRUE(ago(1) < moment && moment < ago(-60)) << hours;
     }
 }
 
@@ -318,14 +328,17 @@ TEST(LogTrace, PrintsTheHostsMessagesInLocalTimeAndCountsTheRest)
         {"ProcessTrace", &PlayIt},
         {"CloseTrace", &CloseIt},
         {"SystemTimeToTzSpecificLocalTime", &LocalTimeAnHourLater}};
-    const std::string error = Payload(4, L"high\r\n");
+    const std::string error = Payload(4, L"high\r\nmore\r\n");
     const auto line = [](const wchar_t* level, const wchar_t* message) {
-        return std::wstring(L"11/24/2026 01:30:05 PM$ -- (") + level +
-               L")$ [       PLATFORM]$ [PID:  345 TID:  678]$ [          Source.cpp:   12]$ [" +
-               std::wstring(26, L' ') + L"CClass::Method()]$ " + message + L"\n";
+        return Basalt::FormatText(
+            L"2026-11-24T13:30:05.007  %-13s345/678      %-28s%-42s%s\n",
+            level,
+            L"C:\\src\\Source.cpp:12",
+            L"CClass::Method",
+            message);
     };
     const std::wstring low = line(L"Warning", L"low $");
-    const std::wstring high = line(L"Error", L"high") + line(L"9", L"odd");
+    const std::wstring high = line(L"Error", L"high\n    more") + line(L"9", L"odd");
 
     s_events = {{Payload(2, L"low $")}, {error}, {Payload(9, L"odd")}};
     EXPECT_EQ(Narrow(Trace().out), Narrow(low + high));
@@ -333,7 +346,7 @@ TEST(LogTrace, PrintsTheHostsMessagesInLocalTimeAndCountsTheRest)
     EXPECT_EQ(Narrow(Trace({L"--since", L"2026-11-24 13:30"}).out), Narrow(low + high));
     EXPECT_EQ(Narrow(Trace({L"--since", L"2026-11-24 13:31"}).out), "");
     EXPECT_EQ(
-        Narrow(Trace({L"--level", L"9", L"--json"}).out),
+        Narrow(Trace({L"--level", L"5", L"--json"}).out),
         R"({"time":"2026-11-24T13:30:05.007","level":9,"levelName":"9","tag":"PLATFORM","process":345,"thread":678,)"
         R"("source":"C:\\src\\Source.cpp","line":12,"function":"CClass::Method","message":"odd"})"
         "\n");

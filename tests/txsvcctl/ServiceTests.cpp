@@ -14,15 +14,16 @@
 #include "CtlTest.h"
 #include "base/Owned.h"
 #include "base/RegKey.h"
+#include "contract/Keys.h"
 #include "control/RegistryLink.h"
 #include "support/FakeScm.h"
 #include "support/ImportPatch.h"
 #include "support/TestFolder.h"
 #include "support/TestKey.h"
-#include "txsvcctl/ModuleFile.h"
-#include "txsvcctl/RegistryNames.h"
-#include "txsvcctl/ServiceManager.h"
-#include "txsvcctl/ToolError.h"
+#include "txsvcctl/common/ToolError.h"
+#include "txsvcctl/service/ModuleFile.h"
+#include "txsvcctl/service/RegistryNames.h"
+#include "txsvcctl/service/ServiceManager.h"
 
 using enum TxCtl::ModuleFault;
 using TxCtl::CheckModuleFile;
@@ -33,7 +34,7 @@ namespace
 const std::wstring kOneClass = L"{7C1D3B52-9E40-4B6A-8F21-AD00C0DE0001}";
 const std::wstring kOtherClass = L"{7C1D3B52-9E40-4B6A-8F21-AD00C0DE0002}";
 const std::wstring kClasses = L"Software\\Classes\\CLSID\\";
-const std::wstring kListKey = std::wstring(kProductKey32) + L"\\Platform\\TxSvcHost\\G";
+const std::wstring kListKey = std::wstring(Contract::kProductKey32) + L"\\Platform\\TxSvcHost\\G";
 
 CtlResult Install(const wchar_t* group, const wchar_t* service, const std::wstring& clsid)
 {
@@ -46,7 +47,10 @@ CtlResult Install(const wchar_t* group, const wchar_t* service, const std::wstri
 class InstallTest : public ::testing::Test
 {
 protected:
-    InstallTest() { EXPECT_TRUE(CreateRegistryLink(kProductKey, kProductKey32, true, true)); }
+    InstallTest()
+    {
+        EXPECT_TRUE(CreateRegistryLink(Contract::kProductKey, Contract::kProductKey32, true, true));
+    }
     ~InstallTest() override
     {
         for (const wchar_t* const service : {L"txctl-a", L"txctl-b"})
@@ -54,7 +58,9 @@ protected:
             m_manager.FindConfig(service) ? m_manager.Delete(service) : void();
         }
         Basalt::CRegKey link; // Deleting the tree would follow it.
-        EXPECT_EQ(link.Open(HKEY_LOCAL_MACHINE, kProductKey, KEY_ALL_ACCESS, REG_OPTION_OPEN_LINK), DWORD{0});
+        EXPECT_EQ(
+            link.Open(HKEY_LOCAL_MACHINE, Contract::kProductKey, KEY_ALL_ACCESS, REG_OPTION_OPEN_LINK),
+            DWORD{0});
         EXPECT_TRUE(DeleteKeyByHandle(link.Get()));
     }
 
@@ -63,7 +69,7 @@ protected:
     {
         std::wstring text;
         for (const std::wstring path :
-             {kProductKey32,
+             {Contract::kProductKey32,
               L"System\\CurrentControlSet\\Services\\txctl-a",
               L"System\\CurrentControlSet\\Services\\txctl-b"})
         {
@@ -97,7 +103,7 @@ private:
     }
 
     const TxCtl::CServiceManager m_manager{SC_MANAGER_CONNECT};
-    CTestKey m_product{HKEY_LOCAL_MACHINE, kProductKey32};
+    CTestKey m_product{HKEY_LOCAL_MACHINE, Contract::kProductKey32};
     CTestKey m_one{HKEY_LOCAL_MACHINE, kClasses + kOneClass, false};
     CTestKey m_other{HKEY_LOCAL_MACHINE, kClasses + kOtherClass, false};
 };

@@ -8,11 +8,11 @@
 #include "support/ImportPatch.h"
 #include "support/Process.h"
 #include "support/TestFolder.h"
-#include "txsvcctl/Console.h"
-#include "txsvcctl/ImagePath.h"
-#include "txsvcctl/Names.h"
-#include "txsvcctl/ToolError.h"
-#include "txsvcctl/Utf8.h"
+#include "txsvcctl/common/Console.h"
+#include "txsvcctl/common/Names.h"
+#include "txsvcctl/common/ToolError.h"
+#include "txsvcctl/common/Utf8.h"
+#include "txsvcctl/service/ImagePath.h"
 
 namespace
 {

@@ -7,7 +7,7 @@
 #include <tuple>
 #include <utility>
 
-#include "base/WorkingSetEvent.h"
+#include "contract/WorkingSetEvent.h"
 #include "support/FakeTrace.h"
 #include "support/ImportPatch.h"
 
@@ -25,7 +25,7 @@ WorkingSetRecord Settings(DWORD base = 600000, DWORD range = 600000, DWORD facto
 
 Basalt::CHandle OpenTrimEvent()
 {
-    const auto name = Basalt::WorkingSetEventName(::GetCurrentProcessId());
+    const auto name = Contract::WorkingSetEventName(::GetCurrentProcessId());
     return Basalt::CHandle(::OpenEventW(EVENT_MODIFY_STATE, FALSE, name.data()));
 }
 
@@ -117,7 +117,7 @@ struct WorkingSetHandlerTest : ::testing::Test
 
 TEST_F(WorkingSetHandlerTest, WhatFailsIsLoggedAndWhatWasMadeIsUndone)
 {
-    const auto name = Basalt::WorkingSetEventName(::GetCurrentProcessId());
+    const auto name = Contract::WorkingSetEventName(::GetCurrentProcessId());
     std::string all;
     for (const char* failing :
          {"", "factor", "stop", "queue", "event", "taken", "wait", "timer", "-wait!", "-queue!", "close"})

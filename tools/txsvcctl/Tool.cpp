@@ -3,9 +3,9 @@
 #include <CLI/CLI.hpp>
 #include <exception>
 
-#include "txsvcctl/LogCommands.h"
-#include "txsvcctl/ServiceCommands.h"
-#include "txsvcctl/Utf8.h"
+#include "txsvcctl/common/Utf8.h"
+#include "txsvcctl/log/LogCommands.h"
+#include "txsvcctl/service/ServiceCommands.h"
 
 namespace TxCtl
 {

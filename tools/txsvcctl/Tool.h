@@ -3,8 +3,8 @@
 #include <string>
 #include <vector>
 
-#include "txsvcctl/Console.h"
-#include "txsvcctl/ToolError.h"
+#include "txsvcctl/common/Console.h"
+#include "txsvcctl/common/ToolError.h"
 
 namespace TxCtl
 {

@@ -1,0 +1,55 @@
+#include "txsvcctl/common/ToolError.h"
+
+#include "base/Text.h"
+
+namespace TxCtl
+{
+
+std::wstring DescribeError(DWORD error)
+{
+    std::wstring text = L"error " + std::to_wstring(error);
+    const std::wstring message = Basalt::SystemMessage(error);
+    if (!message.empty())
+    {
+        text += L": " + message;
+    }
+    return text;
+}
+
+std::wstring DescribeFailure(const std::wstring& operation, const std::wstring& object, DWORD error)
+{
+    return L"cannot " + operation + L" '" + object + L"': " + DescribeError(error);
+}
+
+void ThrowFailure(const std::wstring& operation, const std::wstring& object, DWORD error)
+{
+    throw CToolError(ExitCode::Failed, DescribeFailure(operation, object, error));
+}
+
+void CheckStatus(DWORD status, const wchar_t* operation, const std::wstring& object)
+{
+    if (status != ERROR_SUCCESS)
+    {
+        ThrowFailure(operation, object, status);
+    }
+}
+
+void ReportError(IConsole& console, const CToolError& error)
+{
+    if (!error.Text().empty())
+    {
+        console.Error(L"txsvcctl: " + error.Text());
+    }
+}
+
+void ThrowFailed(std::wstring text)
+{
+    throw CToolError(ExitCode::Failed, std::move(text));
+}
+
+void ThrowUsage(std::wstring text)
+{
+    throw CToolError(ExitCode::Usage, std::move(text));
+}
+
+} // namespace TxCtl

@@ -1,0 +1,206 @@
+#include "txsvcctl/service/ServiceCommands.h"
+
+#include <windows.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "txsvcctl/common/ToolError.h"
+#include "txsvcctl/common/Utf8.h"
+#include "txsvcctl/common/ViewLink.h"
+#include "txsvcctl/service/GroupStore.h"
+#include "txsvcctl/service/ServiceInstaller.h"
+#include "txsvcctl/service/ServiceList.h"
+#include "txsvcctl/service/ServiceManager.h"
+
+namespace TxCtl
+{
+
+namespace
+{
+
+constexpr DWORD kDefaultTimeoutSeconds = 30;
+constexpr DWORD kLongestTimeoutSeconds = 3600;
+
+constexpr char kAutoStart[] = "auto";
+constexpr char kManualStart[] = "manual";
+
+/// What the command-line library fills: its texts are UTF-8. An option that was not given stays empty, which
+/// an option that was given need not be.
+struct Arguments
+{
+    std::string group;
+    std::string service;
+    std::string clsid;
+    std::string module;
+    std::optional<std::string> host;
+    std::optional<std::string> displayName;
+    std::optional<std::string> start;
+    std::optional<std::string> onlyGroup;
+    std::vector<std::string> services;
+    DWORD timeoutSeconds = kDefaultTimeoutSeconds;
+    bool replaceKey = false;
+    bool replaceModule = false;
+    bool json = false;
+};
+
+GroupService ServiceOf(const Arguments& arguments)
+{
+    return {FromUtf8(arguments.group), FromUtf8(arguments.service)};
+}
+
+void AddServiceName(CLI::App& command, Arguments& arguments)
+{
+    command.add_option("group", arguments.group, "Name of the service group")->required();
+    command.add_option("service", arguments.service, "Name of the service")->required();
+}
+
+void AddInstall(CLI::App& app, IConsole& console)
+{
+    CLI::App* const command =
+        app.add_subcommand("install", "Register a service, or update what is registered");
+    const auto arguments = std::make_shared<Arguments>();
+    AddServiceName(*command, *arguments);
+    command->add_option("--clsid", arguments->clsid, "CLSID of the service's subsystem, as {...}")
+        ->required();
+    command->add_option("--module", arguments->module, "64-bit DLL that holds the subsystem")->required();
+    command->add_option("--host", arguments->host, "Host program [TxSvHost.exe beside this program]");
+    command->add_option("--display-name", arguments->displayName, "Name that users see [the service's name]");
+    command->add_option("--start", arguments->start, "When the service starts [manual]")
+        ->check(CLI::IsMember({kManualStart, kAutoStart}));
+    command->add_flag(
+        "--replace-key", arguments->replaceKey, "Replace an ordinary key HKLM\\Software\\Tarvex");
+    command->add_flag(
+        "--replace-module", arguments->replaceModule, "Redirect a class that has another module");
+    command->callback([arguments, &console] {
+        InstallRequest request;
+        request.service = ServiceOf(*arguments);
+        request.clsid = FromUtf8(arguments->clsid);
+        request.module = FromUtf8(arguments->module);
+        request.host = OptionalFromUtf8(arguments->host);
+        request.displayName = OptionalFromUtf8(arguments->displayName);
+        if (arguments->start)
+        {
+            request.startType = *arguments->start == kAutoStart ? SERVICE_AUTO_START : SERVICE_DEMAND_START;
+        }
+        request.replaceKey = arguments->replaceKey;
+        request.replaceModule = arguments->replaceModule;
+        InstallService(request, console);
+    });
+}
+
+void AddRemove(CLI::App& app, IConsole& console)
+{
+    CLI::App* const command = app.add_subcommand("remove", "Take a stopped service out again");
+    const auto arguments = std::make_shared<Arguments>();
+    AddServiceName(*command, *arguments);
+    command->callback([arguments, &console] { RemoveService(ServiceOf(*arguments), console); });
+}
+
+void AddList(CLI::App& app, IConsole& console)
+{
+    CLI::App* const command =
+        app.add_subcommand("list", "Show groups and services, and what is wrong with them");
+    const auto arguments = std::make_shared<Arguments>();
+    command->add_option("group", arguments->onlyGroup, "Show this group only");
+    command->add_flag("--json", arguments->json, "Write JSON");
+    command->callback([arguments, &console] {
+        WarnAboutViewLink(console);
+        const std::vector<GroupReport> groups = ReportGroups(OptionalFromUtf8(arguments->onlyGroup));
+        console.Out(arguments->json ? FromUtf8(ReportAsJson(groups).dump(2)) : FormatReport(groups));
+    });
+}
+
+/// The services that start or stop was asked for, in the order of their list.
+std::vector<std::wstring> ServicesOf(const Arguments& arguments)
+{
+    std::vector<std::wstring> names;
+    names.reserve(arguments.services.size());
+    for (const std::string& name : arguments.services)
+    {
+        names.push_back(FromUtf8(name));
+    }
+    if (arguments.onlyGroup)
+    {
+        const std::wstring group = FromUtf8(*arguments.onlyGroup);
+        names = CGroupStore().Services(group);
+        if (names.empty())
+        {
+            ThrowFailed(L"there is no group '" + group + L"', or it has no services");
+        }
+    }
+    if (names.empty())
+    {
+        ThrowUsage(L"give the services' names, or a group with --group");
+    }
+    return names;
+}
+
+/// One after the other; a failure does not keep the rest from its turn.
+template <typename Operation>
+void ForEach(const std::vector<std::wstring>& names, IConsole& console, Operation operation)
+{
+    bool hasFailed = false;
+    for (const std::wstring& name : names)
+    {
+        try
+        {
+            console.Out(name + L": " + DescribeState(operation(name)));
+        }
+        catch (const CToolError& error)
+        {
+            ReportError(console, error);
+            hasFailed = true;
+        }
+    }
+    if (hasFailed)
+    {
+        throw CToolError(ExitCode::Failed, {});
+    }
+}
+
+/// @param perform from the names, the console and the timeout in milliseconds.
+template <typename Perform>
+void AddControl(CLI::App& app, IConsole& console, const char* name, const char* description, Perform perform)
+{
+    CLI::App* const command = app.add_subcommand(name, description);
+    const auto arguments = std::make_shared<Arguments>();
+    CLI::Option* const services = command->add_option("services", arguments->services, "Names of services");
+    command->add_option("--group", arguments->onlyGroup, "All services of this group")->excludes(services);
+    command->add_option("--timeout", arguments->timeoutSeconds, "Seconds to wait for each service [30]")
+        ->check(CLI::Range(DWORD{1}, kLongestTimeoutSeconds));
+    command->callback([arguments, &console, perform] {
+        perform(ServicesOf(*arguments), console, arguments->timeoutSeconds * 1000);
+    });
+}
+
+void StartServices(const std::vector<std::wstring>& names, IConsole& console, DWORD timeoutMs)
+{
+    const CServiceManager manager(SC_MANAGER_CONNECT);
+    ForEach(names, console, [&](const std::wstring& name) { return manager.Start(name, timeoutMs); });
+}
+
+/// In reverse: what was started first may serve the others until they are gone.
+void StopServices(std::vector<std::wstring> names, IConsole& console, DWORD timeoutMs)
+{
+    const CServiceManager manager(SC_MANAGER_CONNECT);
+    std::reverse(names.begin(), names.end());
+    ForEach(names, console, [&](const std::wstring& name) { return manager.Stop(name, timeoutMs); });
+}
+
+} // namespace
+
+void AddServiceCommands(CLI::App& app, IConsole& console)
+{
+    AddInstall(app, console);
+    AddRemove(app, console);
+    AddList(app, console);
+    AddControl(app, console, "start", "Start services and wait until they run", &StartServices);
+    AddControl(app, console, "stop", "Stop services and wait until they are stopped", &StopServices);
+}
+
+} // namespace TxCtl

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <windows.h>
+
+#include <optional>
+#include <string>
+
+#include "txsvcctl/common/Console.h"
+#include "txsvcctl/service/GroupStore.h"
+
+namespace TxCtl
+{
+
+struct InstallRequest
+{
+    GroupService service;
+    std::wstring clsid;
+    std::wstring module;
+    std::optional<std::wstring> host; ///< absent: TxSvHost.exe beside this program
+    std::optional<std::wstring> displayName;
+    std::optional<DWORD> startType;
+    bool replaceKey = false;    ///< An ordinary key in the place of the registry link may go.
+    bool replaceModule = false; ///< A class that is registered for another module may be redirected.
+};
+
+/// Makes a service known to the host, to COM and to the service manager, or brings what is known up to date.
+///
+/// All is checked before the first change. A failure in the middle undoes what was done and says so; the
+/// registry link, which every start of the host would make as well, stays.
+/// @throws CToolError
+void InstallService(const InstallRequest& request, IConsole& console);
+
+/// Takes back what InstallService did. The class stays registered while another service uses it.
+/// Removing goes on over parts that are missing, so that it also clears what others left half done.
+/// @throws CToolError when nothing is known of the service, or it is not stopped
+void RemoveService(const GroupService& service, IConsole& console);
+
+} // namespace TxCtl
