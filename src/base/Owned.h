@@ -79,6 +79,15 @@ struct FileTraits
 };
 using CFile = COwned<FileTraits>;
 
+/// A wait that threads of the process's pool carry out. Closing does not end callbacks that run.
+struct PoolWaitTraits
+{
+    using Type = PTP_WAIT;
+    static Type Invalid() noexcept { return nullptr; }
+    static void Close(Type value) noexcept { ::CloseThreadpoolWait(value); }
+};
+using CPoolWait = COwned<PoolWaitTraits>;
+
 /// What FindFirstChangeNotificationW returns.
 struct ChangeNotificationTraits
 {

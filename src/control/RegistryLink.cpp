@@ -1,7 +1,6 @@
 #include "control/RegistryLink.h"
 
 #include <windows.h>
-#include <shlwapi.h>
 
 #include <cwchar>
 #include <iterator>
@@ -36,6 +35,17 @@ bool SetLinkTarget(Basalt::CRegKey& link, const wchar_t* path, std::size_t lengt
     return link.WriteValue(Contract::kLinkValue, REG_LINK, path, size) == ERROR_SUCCESS;
 }
 
+/// SHDeleteKeyW. Its DLL is loaded when a link must be made, once in the life of an installation: at each
+/// start of each host it would cost more than the look at the link does.
+/// @see https://learn.microsoft.com/windows/win32/api/shlwapi/nf-shlwapi-shdeletekeyw
+bool EmptyKey(HKEY key) noexcept
+{
+    const Basalt::CModule shlwapi = Basalt::LoadSystemLibrary(L"shlwapi.dll");
+    auto* const deleteKey =
+        Basalt::FindExport<LSTATUS WINAPI(HKEY, const wchar_t*)>(shlwapi.Get(), "SHDeleteKeyW");
+    return deleteKey != nullptr && deleteKey(key, L"") == ERROR_SUCCESS;
+}
+
 /// One step towards a free path: deletes the key when nothing is in it but perhaps the link value, else
 /// empties it.
 bool RemoveExistingKey(const wchar_t* linkPath) noexcept
@@ -53,7 +63,7 @@ bool RemoveExistingKey(const wchar_t* linkPath) noexcept
     {
         return DeleteKeyByHandle(existing.Get());
     }
-    return ::SHDeleteKeyW(existing.Get(), L"") == ERROR_SUCCESS;
+    return EmptyKey(existing.Get());
 }
 
 } // namespace

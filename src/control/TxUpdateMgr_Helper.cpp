@@ -9,6 +9,7 @@
 
 #include "base/ClassObject.h"
 #include "base/Owned.h"
+#include "base/SystemLibrary.h"
 #include "control/AnsiRegistryReader.h"
 #include "control/TrustedCreation.h"
 #include "control/UpdateManager.h"
@@ -30,11 +31,31 @@ constexpr std::size_t kEventNameCapacity = 260;
 /// The longest key name below, with the longest instance.
 constexpr std::size_t kKeyCapacity = CTxUpdateMgr_Helper::kInstanceCapacity + 64;
 
-struct BstrTraits
+/// A BSTR for as long as the object lives. The DLL of BSTRs is loaded for it: no host needs it but one that
+/// cancels an update.
+class CBstr
 {
-    using Type = BSTR;
-    static Type Invalid() noexcept { return nullptr; }
-    static void Close(Type value) noexcept { ::SysFreeString(value); }
+public:
+    /// @throws std::bad_alloc also when the system cannot load its DLL.
+    explicit CBstr(const wchar_t* text)
+    {
+        auto* const allocate =
+            Basalt::FindExport<decltype(::SysAllocString)>(m_oleaut.Get(), "SysAllocString");
+        m_text = allocate != nullptr ? allocate(text) : nullptr;
+        if (m_text == nullptr)
+        {
+            throw std::bad_alloc();
+        }
+    }
+    ~CBstr() { Basalt::FindExport<decltype(::SysFreeString)>(m_oleaut.Get(), "SysFreeString")(m_text); }
+    CBstr(const CBstr&) = delete;
+    CBstr& operator=(const CBstr&) = delete;
+
+    [[nodiscard]] BSTR Get() const noexcept { return m_text; }
+
+private:
+    const Basalt::CModule m_oleaut = Basalt::LoadSystemLibrary(L"oleaut32.dll");
+    BSTR m_text = nullptr;
 };
 
 /// Formats into a buffer that starts as zeros, so that a text which does not fit still ends.
@@ -198,11 +219,7 @@ HRESULT CTxUpdateMgr_Helper::CancelUpdate()
         TX_LOG(LogError, kFunction, L"Failed to create update agent object. hr = 0x%08x", created);
         return created;
     }
-    const Basalt::COwned<BstrTraits> instance(::SysAllocString(m_instance));
-    if (!instance)
-    {
-        throw std::bad_alloc();
-    }
+    const CBstr instance(m_instance);
     return Basalt::CallForeign(
         agent.Get(), kCancelSlot, [&agent, &instance] { return agent.Get()->Cancel(instance.Get()); });
 }

@@ -129,7 +129,11 @@ TEST_F(RegistryLinkTest, GivesUpOnAKeyThatNeverGetsEmpty)
     static int s_passes = 0;
     MakeKey(0, L"sub");
     const CImportPatch pretend(
-        "SHDeleteKeyW", +[](HKEY, const wchar_t*) { return ++s_passes == 0 ? LSTATUS{1} : LSTATUS{0}; });
+        "RegQueryInfoKeyW",
+        +[](HKEY, wchar_t*, DWORD*, DWORD*, DWORD* subKeys, DWORD*, DWORD*, DWORD* values) {
+            *subKeys = 1;
+            return *values = 0, ++s_passes, LSTATUS{0};
+        });
     EXPECT_FALSE(CreateRegistryLink(kLink, kTarget, true, false));
     EXPECT_EQ(s_passes, 6);
 }

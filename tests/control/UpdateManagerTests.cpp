@@ -217,7 +217,11 @@ TEST_F(UpdateManagerTest, OnlyATrustedAgentIsAskedToCancel)
                 (row.result == S_OK ? L"3 Successfully send cancel request;"
                                     : L"4 Failed to send cancel request." + code));
     }
-    const CImportPatch patch("SysAllocString", +[](const wchar_t*) -> BSTR { return nullptr; });
+    const CImportPatch patch(
+        "LoadLibraryExW", +[](const wchar_t* name, HANDLE file, DWORD flags) -> HMODULE {
+            auto* const load = RealFunction<decltype(::LoadLibraryExW)>("LoadLibraryExW");
+            return name == std::wstring(L"oleaut32.dll") ? nullptr : load(name, file, flags);
+        });
     PrepareDouble();
     EXPECT_THROW(m_helper.CancelUpdate(), std::bad_alloc);
     EXPECT_EQ(RecordedCalls(), L"create;release;release;");

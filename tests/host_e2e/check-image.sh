@@ -11,7 +11,7 @@ complain() {
 # DLLs that Windows takes from the system folder whatever stands beside the program.
 for dll in $(echo "$headers" | sed -n 's/^[[:space:]]*DLL Name: //p' | tr '[:upper:]' '[:lower:]'); do
     case $dll in
-    advapi32.dll | kernel32.dll | msvcrt.dll | ole32.dll | oleaut32.dll | shlwapi.dll) ;;
+    advapi32.dll | kernel32.dll | msvcrt.dll | ole32.dll) ;;
     *) complain "$1" "imports $dll" ;;
     esac
 done

@@ -17,7 +17,6 @@ namespace
 constexpr DWORD kSettleMs = 100;
 /// The first moments belong to the start of the process; what changes in them is seen afterwards.
 constexpr DWORD kStartDelayMs = 1000;
-constexpr SIZE_T kStackBytes = 65536;
 
 /// The key of the settings and what is above it: a key that is not there yet, or is replaced, can only be
 /// noticed in its parent. The product's key is a link into the 32-bit ones.
@@ -36,17 +35,16 @@ try
     {
         reportProblems();
     }
-    m_registryChanged.Reset(::CreateEventW(nullptr, FALSE, FALSE, nullptr));
-    m_stop.Reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
-    if (m_registryChanged && m_stop)
+    m_changed.Reset(::CreateEventW(nullptr, FALSE, FALSE, nullptr));
+    m_changeWait = makeWait<&CLogSettingsWatch::onChange>();
+    m_folderWait = makeWait<&CLogSettingsWatch::onFolderChange>();
+    if (m_changed && m_changeWait && m_folderWait)
     {
-        m_thread.Reset(::CreateThread(
-            nullptr,
-            kStackBytes,
-            &CLogSettingsWatch::threadMain,
-            this,
-            STACK_SIZE_PARAM_IS_A_RESERVATION,
-            nullptr));
+        {
+            const Basalt::CLockGuard guard(m_lock);
+            m_isOn = true;
+        }
+        wait(m_changeWait, m_changed.Get(), kStartDelayMs);
     }
 }
 catch (const std::exception&) // NOLINT(bugprone-empty-catch): the settings stay as they are.
@@ -55,59 +53,92 @@ catch (const std::exception&) // NOLINT(bugprone-empty-catch): the settings stay
 
 void CLogSettingsWatch::Stop() noexcept
 {
-    if (m_thread)
     {
-        ::SetEvent(m_stop.Get());
-        ::WaitForSingleObject(m_thread.Get(), INFINITE);
-        m_thread.Reset();
+        const Basalt::CLockGuard guard(m_lock);
+        m_isOn = false; // No wait begins again.
+    }
+    for (Basalt::CPoolWait* const wait : {&m_changeWait, &m_folderWait})
+    {
+        if (*wait)
+        {
+            ::SetThreadpoolWait(wait->Get(), nullptr, nullptr);
+            ::WaitForThreadpoolWaitCallbacks(wait->Get(), TRUE);
+            wait->Reset();
+        }
+    }
+    m_folder.Reset();
+}
+
+template <CLogSettingsWatch::Callback callback>
+Basalt::CPoolWait CLogSettingsWatch::makeWait() noexcept
+{
+    return Basalt::CPoolWait(::CreateThreadpoolWait(
+        [](TP_CALLBACK_INSTANCE* /*instance*/, void* watch, TP_WAIT* /*wait*/, TP_WAIT_RESULT result) {
+            (static_cast<CLogSettingsWatch*>(watch)->*callback)(result);
+        },
+        this,
+        nullptr));
+}
+
+/// Has the wait's callback called once: when the handle is signalled, or when the time is over.
+void CLogSettingsWatch::wait(const Basalt::CPoolWait& wait, HANDLE handle, DWORD milliseconds) noexcept
+{
+    constexpr LONGLONG kUnitsPerMillisecond = 10000;
+    ULARGE_INTEGER relative{};
+    relative.QuadPart = static_cast<ULONGLONG>(-kUnitsPerMillisecond * milliseconds);
+    FILETIME timeout = {relative.LowPart, relative.HighPart};
+    const Basalt::CLockGuard guard(m_lock);
+    if (m_isOn)
+    {
+        ::SetThreadpoolWait(wait.Get(), handle, milliseconds == INFINITE ? nullptr : &timeout);
     }
 }
 
-DWORD WINAPI CLogSettingsWatch::threadMain(void* watch) noexcept
+void CLogSettingsWatch::onChange(TP_WAIT_RESULT result) noexcept
 {
-    static_cast<CLogSettingsWatch*>(watch)->run();
-    return 0;
-}
-
-void CLogSettingsWatch::run() noexcept
-{
-    enum : DWORD
+    if (result == WAIT_OBJECT_0)
     {
-        StopAsked = WAIT_OBJECT_0,
-        RegistryChanged,
-        FolderChanged,
-    };
-    if (::WaitForSingleObject(m_stop.Get(), kStartDelayMs) != WAIT_TIMEOUT)
-    {
+        // Comes to an end: each place tells of one change until it is watched again.
+        wait(m_changeWait, m_changed.Get(), kSettleMs);
         return;
     }
-    watchFolder();
-    const HANDLE handles[] = {m_stop.Get(), m_registryChanged.Get(), m_folder.Get()};
-    DWORD count = m_folder ? 3 : 2;
-    for (;;)
-    {
-        watchRegistry();
-        apply(); // The first time for what has changed since the logger was set up.
-        const DWORD signalled = ::WaitForMultipleObjects(count, handles, FALSE, INFINITE);
-        if ((signalled != RegistryChanged && signalled != FolderChanged) ||
-            ::WaitForSingleObject(m_stop.Get(), kSettleMs) != WAIT_TIMEOUT)
-        {
-            return;
-        }
-        if (signalled == FolderChanged && !::FindNextChangeNotification(m_folder.Get()))
-        {
-            count = 2; // The folder is gone.
-        }
-    }
+    watchRegistry();
+    watchFolder(); // Afterwards: what it told of until now may have been reset.
+    apply();       // The first time for what has changed since the logger was set up.
+    wait(m_changeWait, m_changed.Get(), INFINITE);
+}
+
+void CLogSettingsWatch::onFolderChange(TP_WAIT_RESULT /*result*/) noexcept
+{
+    m_isFolderNotified = true;
+    ::SetEvent(m_changed.Get());
 }
 
 void CLogSettingsWatch::watchFolder() noexcept
 try
 {
-    m_folder = Basalt::CChangeNotification(::FindFirstChangeNotificationW(
-        Basalt::ProgramFolder().c_str(),
-        FALSE,
-        FILE_NOTIFY_CHANGE_FILE_NAME | FILE_NOTIFY_CHANGE_LAST_WRITE | FILE_NOTIFY_CHANGE_SIZE));
+    if (m_isFolderNotified.exchange(false))
+    {
+        if (!::FindNextChangeNotification(m_folder.Get()))
+        {
+            return; // The folder is gone.
+        }
+    }
+    else if (m_folder)
+    {
+        return; // Is still waited for.
+    }
+    else
+    {
+        m_folder = Basalt::CChangeNotification(::FindFirstChangeNotificationW(
+            Basalt::ProgramFolder().c_str(),
+            FALSE,
+            FILE_NOTIFY_CHANGE_FILE_NAME | FILE_NOTIFY_CHANGE_LAST_WRITE | FILE_NOTIFY_CHANGE_SIZE));
+    }
+    if (m_folder)
+    {
+        wait(m_folderWait, m_folder.Get(), INFINITE);
+    }
 }
 catch (const std::exception&) // NOLINT(bugprone-empty-catch): then only the registry is watched.
 {
@@ -119,7 +150,7 @@ void CLogSettingsWatch::watchRegistry() noexcept
     {
         key.Close();
     }
-    ::ResetEvent(m_registryChanged.Get()); // Closing a watched key counts as a change.
+    ::ResetEvent(m_changed.Get()); // Closing a watched key counts as a change. May forget one of the folder.
     for (std::size_t i = 0; i < std::size(m_keys); ++i)
     {
         if (m_keys[i].Open(HKEY_LOCAL_MACHINE, kWatchedKeys[i], KEY_NOTIFY) == ERROR_SUCCESS)
@@ -127,9 +158,10 @@ void CLogSettingsWatch::watchRegistry() noexcept
             ::RegNotifyChangeKeyValue(
                 m_keys[i].Get(),
                 FALSE,
-                REG_NOTIFY_CHANGE_NAME |
+                // The pool's thread may end before the change comes.
+                REG_NOTIFY_THREAD_AGNOSTIC | REG_NOTIFY_CHANGE_NAME |
                     (kWatchedKeys[i] == Contract::kLoggingKey ? REG_NOTIFY_CHANGE_LAST_SET : 0),
-                m_registryChanged.Get(),
+                m_changed.Get(),
                 TRUE);
         }
     }
