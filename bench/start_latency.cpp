@@ -1,289 +1,487 @@
 /// @file
-/// How long a hosted service takes from StartServiceW to SERVICE_RUNNING, beside the least a service can do:
+/// What a start costs beside the least that a service can be, in time and in what then is held:
 ///
-///     start_latency [--rounds N] [--warmup N] [--json] SERVICE...
+///     start_latency [--rounds N] [--groups N,N,...] [--json]   measures
+///     start_latency --once bare|com|host                       one start and stop, to be looked at from
+///     outside start_latency --check                                    fails when a host holds more than it
+///     did
 ///
-/// The services named (installed, stopped) and BareService are started and stopped in turn, so that whatever
-/// else the machine does meets all of them alike. The first rounds warm up and are not counted. BareService
-/// is installed for the run. Every start is one of a new process.
+/// "start" is StartServiceW to SERVICE_RUNNING under the real manager, for BareService, BareService /com and
+/// a host with one service, in turn, so that whatever else the machine does meets all of them alike. "groups"
+/// is a group of N services in one host beside N processes of BareService /com, each started by a stand-in
+/// for the manager: from the first process on until all run. bench/run pins all of it to one processor.
 #include <windows.h>
+#include <psapi.h>
+#include <tlhelp32.h>
 
 #include <algorithm>
 #include <cstdio>
-#include <cwchar>
 #include <exception>
+#include <fstream>
 #include <iterator>
-#include <numeric>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "StartMark.h"
 #include "base/Owned.h"
+#include "base/RegKey.h"
 #include "base/Stopwatch.h"
-#include "base/Text.h"
 #include "support/Errors.h"
+#include "support/GroupRunner.h"
+#include "support/HandleCount.h"
 #include "support/Narrow.h"
 #include "support/ServiceScope.h"
 #include "support/TestFolder.h"
+#include "support/TestGroup.h"
+
+using nlohmann::ordered_json;
 
 namespace
 {
 
-constexpr int kExitFailure = 1;
-constexpr int kExitUsage = 2;
-constexpr double kTimeoutSeconds = 30;
-constexpr wchar_t kBareName[] = L"TxBareService";
+constexpr wchar_t kSubsystem[] = L"{5C9E2A61-94B7-4E0F-A2D8-3F6B1C7E8D42}";
+constexpr DWORD kTimeoutMs = 30000;
+const Basalt::CHandle s_running(
+    ::CreateEventW(nullptr, FALSE, FALSE, kRunningEvent)); ///< Signalled by services.
+/// What Wine commits for a thread, which Windows does not.
+constexpr double kThreadKiB = 984;
 
 struct Options
 {
-    unsigned rounds = 20;
-    unsigned warmUps = 3;
+    int rounds = 15;
+    std::vector<int> groups = {1, 8, 64};
     bool json = false;
-    std::vector<std::wstring> services;
+    bool check = false;
+    std::wstring once;
 };
 
-struct Series
+/// Of one process, or of several together.
+struct Figures
 {
-    std::wstring service;
-    std::vector<double> milliseconds;
+    double milliseconds = 0;
+    double privateKiB = 0;
+    double pageFaults = 0;
+    double threads = 0;
+    double handles = 0;
+    double dlls = 0;
 };
+using Member = double Figures::*;
+constexpr std::pair<const char*, Member> kMembers[] = {
+    {"milliseconds", &Figures::milliseconds},
+    {"privateKiB", &Figures::privateKiB},
+    {"pageFaults", &Figures::pageFaults},
+    {"threads", &Figures::threads},
+    {"handles", &Figures::handles},
+    {"dlls", &Figures::dlls}};
 
-struct Summary
+std::vector<int> ParseCounts(const std::wstring& text)
 {
-    double median;
-    double mean;
-    double min;
-    double max;
-};
-
-bool ParseCount(const wchar_t* text, unsigned least, unsigned& count)
-{
-    wchar_t* end = nullptr;
-    const unsigned long value = std::wcstoul(text, &end, 10);
-    count = static_cast<unsigned>(value);
-    return end != text && *end == L'\0' && value >= least && value <= 100000;
+    std::vector<int> counts;
+    std::wistringstream stream(text);
+    for (std::wstring piece; std::getline(stream, piece, L',');)
+    {
+        counts.push_back(std::stoi(piece));
+    }
+    return counts;
 }
 
-bool ParseOptions(int argc, wchar_t** argv, Options& options)
+std::optional<Options> ParseOptions(int argc, wchar_t** argv)
 {
+    Options options;
     for (int i = 1; i < argc; ++i)
     {
-        const std::wstring argument = argv[i];
-        const bool hasNext = i + 1 < argc;
-        if (argument == L"--json")
+        const std::wstring name = argv[i];
+        const bool hasValue = i + 1 < argc;
+        if (name == L"--json")
         {
             options.json = true;
         }
-        else if (argument == L"--rounds" && hasNext && ParseCount(argv[i + 1], 1, options.rounds))
+        else if (name == L"--check")
         {
-            ++i;
+            options.check = true;
         }
-        else if (argument == L"--warmup" && hasNext && ParseCount(argv[i + 1], 0, options.warmUps))
+        else if (name == L"--rounds" && hasValue)
         {
-            ++i;
+            options.rounds = std::max(1, std::stoi(argv[++i]));
         }
-        else if (argument.empty() || argument[0] == L'-')
+        else if (name == L"--groups" && hasValue)
         {
-            return false;
+            options.groups = ParseCounts(argv[++i]);
+        }
+        else if (name == L"--once" && hasValue)
+        {
+            options.once = argv[++i];
         }
         else
         {
-            options.services.push_back(argument);
+            return std::nullopt;
         }
     }
-    return !options.services.empty();
+    return options;
 }
 
-/// Waits without a pause, for the clock's sake: a sleep would be longer than what is measured.
-/// @throws std::runtime_error when the service takes another road or too long.
-void AwaitState(SC_HANDLE service, const std::wstring& name, DWORD wanted, DWORD pending)
+double Median(std::vector<double> values)
 {
-    const Basalt::CStopwatch watch;
-    SERVICE_STATUS status{};
-    do
-    {
-        if (!::QueryServiceStatus(service, &status))
-        {
-            ThrowError(L"QueryServiceStatus(" + name + L")", ::GetLastError());
-        }
-        if (status.dwCurrentState == wanted)
-        {
-            return;
-        }
-        ::Sleep(0);
-    } while (status.dwCurrentState == pending && watch.Seconds() < kTimeoutSeconds);
-    ThrowError(
-        name + L" should be " + ServiceStateName(wanted) + L" but is " +
-        ServiceStateName(status.dwCurrentState) + L", exit code " + std::to_wstring(status.dwWin32ExitCode));
+    std::sort(values.begin(), values.end());
+    return values[values.size() / 2];
 }
 
-/// Starts and stops the service once; the next start finds neither the service nor its process.
-/// @return milliseconds from StartServiceW to SERVICE_RUNNING.
-double MeasureStart(const std::wstring& name)
+Figures Median(const std::vector<Figures>& all)
+{
+    Figures median;
+    for (const auto& [name, member] : kMembers)
+    {
+        std::vector<double> values;
+        std::ranges::transform(
+            all, std::back_inserter(values), [member](const Figures& one) { return one.*member; });
+        median.*member = Median(std::move(values));
+    }
+    return median;
+}
+
+std::wstring HostImage(const std::wstring& group)
+{
+    return L"\"" + BesideTest(L"TxSvHost.exe") + L"\" /" + group;
+}
+
+std::wstring BareImage(bool hasCom)
+{
+    return L"\"" + BesideTest(L"BareService.exe") + L"\"" + (hasCom ? L" /com" : L"");
+}
+
+/// Waits until the service says so itself: asking the manager again and again would slow it down.
+void AwaitRunning(const std::wstring& name)
+{
+    if (::WaitForSingleObject(s_running.Get(), kTimeoutMs) != WAIT_OBJECT_0)
+    {
+        ThrowError(name + L" should run but is " + ServiceStateName(QueryService(name).dwCurrentState));
+    }
+}
+
+/// Linux's count for the processes with this program: Wine has none.
+double PageFaultsOf(const std::string& program)
+{
+    double faults = 0;
+    WIN32_FIND_DATAW entry{};
+    const HANDLE search = ::FindFirstFileW(L"Z:\\proc\\*", &entry);
+    for (BOOL isThere = search != INVALID_HANDLE_VALUE; isThere; isThere = ::FindNextFileW(search, &entry))
+    {
+        const std::string folder = "Z:\\proc\\" + Narrow(entry.cFileName);
+        std::string command, stat;
+        std::getline(std::ifstream(folder + "\\cmdline"), command, '\0');
+        if (command.find(program) != std::string::npos)
+        {
+            std::getline(std::ifstream(folder + "\\stat"), stat);
+            std::istringstream fields(
+                stat.substr(stat.rfind(')') + 2)); // From the third on; it is the tenth.
+            std::string field;
+            for (int i = 3; i <= 10 && fields >> field; ++i)
+            {
+            }
+            faults += std::stod(field);
+        }
+    }
+    ::FindClose(search);
+    return faults;
+}
+
+void AddProcess(Figures& figures, DWORD processId)
+{
+    const Basalt::CHandle process(
+        ::OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, processId));
+    PROCESS_MEMORY_COUNTERS_EX memory{};
+    ::K32GetProcessMemoryInfo(
+        process.Get(), reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&memory), sizeof(memory));
+    figures.privateKiB += static_cast<double>(memory.PagefileUsage) / 1024;
+    HMODULE modules[256];
+    DWORD bytes = 0;
+    ::K32EnumProcessModules(process.Get(), modules, sizeof(modules), &bytes);
+    figures.dlls += static_cast<double>(bytes / sizeof(HMODULE)) - 1;
+    figures.handles += static_cast<double>(CountHandles(processId));
+    const Basalt::CFile snapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0));
+    THREADENTRY32 thread{};
+    thread.dwSize = sizeof(thread);
+    for (BOOL isThere = ::Thread32First(snapshot.Get(), &thread); isThere;
+         isThere = ::Thread32Next(snapshot.Get(), &thread))
+    {
+        figures.threads += thread.th32OwnerProcessID == processId ? 1 : 0;
+    }
+}
+
+/// Starts and stops the service once under the manager.
+Figures MeasureStart(const std::wstring& name, const std::string& program)
 {
     const Basalt::CServiceHandle service =
         OpenServiceByName(name, SERVICE_START | SERVICE_STOP | SERVICE_QUERY_STATUS);
-    if (!service)
-    {
-        ThrowError(L"OpenServiceW(" + name + L")", ::GetLastError());
-    }
     const Basalt::CStopwatch watch;
     if (!::StartServiceW(service.Get(), 0, nullptr))
     {
         ThrowError(L"StartServiceW(" + name + L")", ::GetLastError());
     }
-    AwaitState(service.Get(), name, SERVICE_RUNNING, SERVICE_START_PENDING);
-    const double milliseconds = watch.Seconds() * 1000;
+    AwaitRunning(name);
+    Figures figures{.milliseconds = watch.Seconds() * 1000};
 
-    const Basalt::CHandle process(::OpenProcess(SYNCHRONIZE, FALSE, QueryService(name).dwProcessId));
+    const DWORD processId = QueryService(name).dwProcessId;
+    ::Sleep(1500); // What a start leaves for later is held too.
+    AddProcess(figures, processId);
+    figures.pageFaults = PageFaultsOf(program);
+    const Basalt::CHandle process(::OpenProcess(SYNCHRONIZE, FALSE, processId));
     SERVICE_STATUS status{};
-    if (!::ControlService(service.Get(), SERVICE_CONTROL_STOP, &status))
+    ::ControlService(service.Get(), SERVICE_CONTROL_STOP, &status);
+    if (!WaitForServiceState(name, SERVICE_STOPPED, kTimeoutMs) ||
+        ::WaitForSingleObject(process.Get(), kTimeoutMs) != WAIT_OBJECT_0)
     {
-        ThrowError(L"ControlService(" + name + L")", ::GetLastError());
+        ThrowError(name + L" does not end");
     }
-    if (!WaitForServiceState(name, SERVICE_STOPPED, static_cast<DWORD>(kTimeoutSeconds * 1000)))
-    {
-        ThrowError(name + L" does not stop");
-    }
-    if (process &&
-        ::WaitForSingleObject(process.Get(), static_cast<DWORD>(kTimeoutSeconds * 1000)) != WAIT_OBJECT_0)
-    {
-        ThrowError(L"the process of " + name + L" does not end");
-    }
-    return milliseconds;
+    return figures;
 }
 
-std::vector<Series> Measure(const Options& options)
+/// The settings and services that are measured, removed at the end.
+class CInstallation
 {
-    std::vector<Series> all;
-    for (const std::wstring& name : options.services)
+public:
+    CInstallation()
     {
-        all.push_back({name, {}});
+        // As an installed product has it: the host need not load the shell for it.
+        ThrowIfFailed(
+            m_product.Create(HKEY_LOCAL_MACHINE, L"Software\\Wow6432Node\\Tarvex\\KSC", KEY_ALL_ACCESS),
+            L"creating the product's key");
+        ThrowIfFailed(m_product.WriteString(L"CommonFiles Dir64", L"C:\\"), L"writing to it");
     }
-    all.push_back({kBareName, {}});
-    const CServiceScope bare(
-        kBareName, L"\"" + BesideTest(L"BareService.exe") + L"\"", SERVICE_WIN32_OWN_PROCESS);
-    for (unsigned round = 0; round < options.warmUps + options.rounds; ++round)
+    ~CInstallation() { ::RegDeleteKeyW(HKEY_LOCAL_MACHINE, L"Software\\Wow6432Node\\Tarvex\\KSC"); }
+    CInstallation(const CInstallation&) = delete;
+    CInstallation& operator=(const CInstallation&) = delete;
+
+private:
+    Basalt::CRegKey m_product;
+};
+
+std::vector<TestSubsystem> Subsystems(int count)
+{
+    std::vector<TestSubsystem> all;
+    for (int i = 1; i <= count; ++i)
     {
-        for (Series& series : all)
-        {
-            const double milliseconds = MeasureStart(series.service);
-            if (round >= options.warmUps)
-            {
-                series.milliseconds.push_back(milliseconds);
-            }
-        }
+        all.push_back({L"TxBench" + std::to_wstring(i), kSubsystem, BesideTest(L"BenchSubsystem.dll")});
     }
     return all;
 }
 
-Summary Summarise(std::vector<double> values)
-{
-    std::sort(values.begin(), values.end());
-    const std::size_t middle = values.size() / 2;
-    const bool isEven = values.size() % 2 == 0;
-    return {
-        isEven ? (values[middle - 1] + values[middle]) / 2 : values[middle],
-        std::accumulate(values.begin(), values.end(), 0.0) / static_cast<double>(values.size()),
-        values.front(),
-        values.back()};
-}
+constexpr wchar_t kBare[] = L"TxBenchBare";
+constexpr wchar_t kCom[] = L"TxBenchCom";
 
-void Print(const std::wstring& text)
+ordered_json ToJson(const Figures& figures)
 {
-    std::fputs(Narrow(text).c_str(), stdout);
-}
-
-void PrintTable(const std::vector<Series>& all, const Options& options)
-{
-    const double bareMedian = Summarise(all.back().milliseconds).median;
-    Print(Basalt::FormatText(
-        L"StartServiceW to SERVICE_RUNNING in milliseconds, %u rounds after %u to warm up\n\n"
-        L"  %-24s %9s %9s %9s %9s %9s\n",
-        options.rounds,
-        options.warmUps,
-        L"SERVICE",
-        L"MEDIAN",
-        L"MEAN",
-        L"MIN",
-        L"MAX",
-        L"RATIO"));
-    for (const Series& series : all)
+    ordered_json json;
+    for (const auto& [name, member] : kMembers)
     {
-        const Summary summary = Summarise(series.milliseconds);
-        Print(Basalt::FormatText(
-            L"  %-24s %9.2f %9.2f %9.2f %9.2f %9.2f\n",
-            series.service.c_str(),
-            summary.median,
-            summary.mean,
-            summary.min,
-            summary.max,
-            summary.median / bareMedian));
+        json[name] = figures.*member;
     }
-    Print(L"\nRatio: median over the median of " + std::wstring(kBareName) + L".\n");
+    return json;
 }
 
-/// Service names hold no control characters, so these two are all that needs care.
-std::wstring Quoted(const std::wstring& text)
+ordered_json MeasureStarts(int rounds)
 {
-    std::wstring quoted = L"\"";
-    for (const wchar_t character : text)
+    CTestGroup group(L"TxBench", Subsystems(1));
+    const CServiceScope bare(kBare, BareImage(false), SERVICE_WIN32_OWN_PROCESS);
+    const CServiceScope com(kCom, BareImage(true), SERVICE_WIN32_OWN_PROCESS);
+    std::vector<Figures> all[3];
+    std::vector<double> ratios;
+    for (int round = -2; round < rounds; ++round) // The first ones warm up.
     {
-        quoted += character == L'"' || character == L'\\' ? L"\\" : L"";
-        quoted += character;
-    }
-    return quoted + L"\"";
-}
-
-void PrintJson(const std::vector<Series>& all, const Options& options)
-{
-    const double bareMedian = Summarise(all.back().milliseconds).median;
-    Print(Basalt::FormatText(
-        L"{\n  \"unit\": \"ms\",\n  \"rounds\": %u,\n  \"warmup\": %u,\n  \"baseline\": %s,\n  \"services\": "
-        L"[",
-        options.rounds,
-        options.warmUps,
-        Quoted(kBareName).c_str()));
-    for (const Series& series : all)
-    {
-        const Summary summary = Summarise(series.milliseconds);
-        Print(Basalt::FormatText(
-            L"%s\n    {\"name\": %s, \"median\": %.3f, \"mean\": %.3f, \"min\": %.3f, \"max\": %.3f, "
-            L"\"ratio\": %.3f, \"values\": [",
-            &series == &all.front() ? L"" : L",",
-            Quoted(series.service).c_str(),
-            summary.median,
-            summary.mean,
-            summary.min,
-            summary.max,
-            summary.median / bareMedian));
-        for (std::size_t i = 0; i < series.milliseconds.size(); ++i)
+        const Figures seen[] = {
+            MeasureStart(kBare, "BareService"),
+            MeasureStart(kCom, "BareService"),
+            MeasureStart(L"TxBench1", "TxSvHost")};
+        for (std::size_t i = 0; i < std::size(seen) && round >= 0; ++i)
         {
-            Print(Basalt::FormatText(L"%s%.3f", i == 0 ? L"" : L", ", series.milliseconds[i]));
+            all[i].push_back(seen[i]);
         }
-        Print(L"]}");
+        if (round >= 0)
+        {
+            ratios.push_back(seen[2].milliseconds / seen[1].milliseconds);
+        }
     }
-    Print(L"\n  ]\n}\n");
+    return {
+        {"bare", ToJson(Median(all[0]))},
+        {"com", ToJson(Median(all[1]))},
+        {"host", ToJson(Median(all[2]))},
+        {"timeRatio", Median(ratios)}};
+}
+
+void EndAll(std::vector<std::unique_ptr<CGroupRunner>>& hosts, const std::vector<std::wstring>& names)
+{
+    for (std::size_t i = 0; i < names.size(); ++i)
+    {
+        hosts[std::min(i, hosts.size() - 1)]->Stop(names[i]);
+    }
+    hosts.clear();
+}
+
+/// @param images one for all services, or one for each.
+Figures MeasureGroup(
+    const std::vector<std::wstring>& names,
+    const std::vector<std::wstring>& images,
+    const std::string& program)
+{
+    std::vector<std::unique_ptr<CGroupRunner>> hosts;
+    const Basalt::CStopwatch watch;
+    for (std::size_t i = 0; i < names.size(); ++i)
+    {
+        if (i < images.size())
+        {
+            hosts.push_back(std::make_unique<CGroupRunner>(images[i]));
+        }
+        if (hosts.back()->Start(names[i]) != ERROR_SUCCESS)
+        {
+            ThrowError(names[i] + L" does not start");
+        }
+        AwaitRunning(names[i]);
+    }
+    Figures figures{.milliseconds = watch.Seconds() * 1000};
+    ::Sleep(1500);
+    for (const auto& host : hosts)
+    {
+        AddProcess(figures, host->ProcessId());
+    }
+    figures.pageFaults = PageFaultsOf(program);
+    EndAll(hosts, names);
+    return figures;
+}
+
+ordered_json MeasureGroups(int count, int rounds)
+{
+    CTestGroup group(L"TxBench", Subsystems(count));
+    std::vector<std::wstring> hosted, own;
+    std::vector<CServiceScope> scopes;
+    for (int i = 1; i <= count; ++i)
+    {
+        hosted.push_back(L"TxBench" + std::to_wstring(i));
+        own.push_back(L"TxBenchOwn" + std::to_wstring(i));
+        scopes.emplace_back(own.back(), BareImage(true), SERVICE_WIN32_OWN_PROCESS);
+    }
+    std::vector<Figures> all[2];
+    for (int round = -1; round < rounds; ++round)
+    {
+        const Figures ours = MeasureGroup(hosted, {HostImage(L"TxBench")}, "TxSvHost");
+        const Figures theirs =
+            MeasureGroup(own, std::vector(static_cast<std::size_t>(count), BareImage(true)), "BareService");
+        if (round >= 0)
+        {
+            all[0].push_back(ours);
+            all[1].push_back(theirs);
+        }
+    }
+    const Figures ours = Median(all[0]), theirs = Median(all[1]);
+    const auto lessThreads = [](const Figures& figures) {
+        return figures.privateKiB - figures.threads * kThreadKiB;
+    };
+    return {
+        {"services", count},
+        {"host", ToJson(ours)},
+        {"processes", ToJson(theirs)},
+        {"timeRatio", ours.milliseconds / theirs.milliseconds},
+        {"memoryRatio", lessThreads(ours) / lessThreads(theirs)},
+        {"hostKiBLessThreads", lessThreads(ours)}};
+}
+
+void PrintRow(const std::string& name, const ordered_json& figures)
+{
+    std::printf("  %-28s", name.c_str());
+    for (const auto& [key, member] : kMembers)
+    {
+        std::printf(key == kMembers[0].first ? " %10.2f" : " %10.0f", figures[key].get<double>());
+    }
+    std::printf("\n");
+}
+
+void PrintTable(const ordered_json& report)
+{
+    std::printf(
+        "  %-28s %10s %10s %10s %10s %10s %10s\n", "", "ms", "KiB", "faults", "threads", "handles", "DLLs");
+    for (const char* const name : {"bare", "com", "host"})
+    {
+        PrintRow(std::string("one service: ") + name, report["start"][name]);
+    }
+    std::printf("    time, host to com: %.2f\n", report["start"]["timeRatio"].get<double>());
+    for (const ordered_json& group : report["groups"])
+    {
+        const std::string count = std::to_string(group["services"].get<int>());
+        PrintRow(count + " in one host", group["host"]);
+        PrintRow(count + " processes", group["processes"]);
+        std::printf(
+            "    host to processes: time %.3f, memory less threads %.3f (%.0f KiB)\n",
+            group["timeRatio"].get<double>(),
+            group["memoryRatio"].get<double>(),
+            group["hostKiBLessThreads"].get<double>());
+    }
+}
+
+void Once(const std::wstring& what)
+{
+    CTestGroup group(L"TxBench", Subsystems(1));
+    const CServiceScope bare(kBare, BareImage(false), SERVICE_WIN32_OWN_PROCESS);
+    const CServiceScope com(kCom, BareImage(true), SERVICE_WIN32_OWN_PROCESS);
+    static_cast<void>(
+        what == L"bare"  ? MeasureStart(kBare, "BareService")
+        : what == L"com" ? MeasureStart(kCom, "BareService")
+                         : MeasureStart(L"TxBench1", "TxSvHost"));
+}
+
+/// What does not vary, with a little room: a DLL or a thread more is a decision, not an accident.
+bool IsWithinLimits()
+{
+    constexpr double kMostThreads = 7; // Main, dispatcher, service, RPC, timer queue, wait, pool worker.
+    constexpr double kMostDlls = 18;
+    constexpr double kMostHandles = 130;
+    const ordered_json host = MeasureStarts(1)["host"];
+    PrintRow("one service: host", host);
+    return host["threads"] <= kMostThreads && host["dlls"] <= kMostDlls && host["handles"] <= kMostHandles;
+}
+
+int Run(const Options& options)
+{
+    const CInstallation installation;
+    if (!options.once.empty())
+    {
+        Once(options.once);
+        return 0;
+    }
+    if (options.check)
+    {
+        return IsWithinLimits() ? 0 : 1;
+    }
+    ordered_json report = {{"start", MeasureStarts(options.rounds)}, {"groups", ordered_json::array()}};
+    for (const int count : options.groups)
+    {
+        report["groups"].push_back(MeasureGroups(count, std::max(1, options.rounds / count)));
+    }
+    options.json ? static_cast<void>(std::printf("%s\n", report.dump(2).c_str())) : PrintTable(report);
+    return 0;
 }
 
 } // namespace
 
 int wmain(int argc, wchar_t** argv)
 {
-    Options options;
-    if (!ParseOptions(argc, argv, options))
-    {
-        std::fputs("usage: start_latency [--rounds N] [--warmup N] [--json] SERVICE...\n", stderr);
-        return kExitUsage;
-    }
     try
     {
-        const std::vector<Series> all = Measure(options);
-        options.json ? PrintJson(all, options) : PrintTable(all, options);
-        return 0;
+        const std::optional<Options> options = ParseOptions(argc, argv);
+        if (options)
+        {
+            return Run(*options);
+        }
     }
     catch (const std::exception& failure)
     {
         std::fprintf(stderr, "start_latency: %s\n", failure.what());
-        return kExitFailure;
+        return 1;
     }
+    std::fputs(
+        "usage: start_latency [--rounds N] [--groups N,N,...] [--json] | --once bare|com|host | --check\n",
+        stderr);
+    return 2;
 }
