@@ -1,7 +1,7 @@
 /// @file
 /// What a log call costs: for a level that nobody wants beside an empty virtual call, as an event, and as a
-/// line of the text file beside a bare open, append and close of the same bytes; with many threads and
-/// processes; and how much memory each allocates.
+/// line of the text file beside a bare open, append and close of the same bytes (both with a mutex around
+/// them, and both without); with many threads and processes; and how much memory each allocates.
 ///
 ///     logging_bench [--json]
 ///
@@ -304,8 +304,12 @@ bool MeasureLine(ordered_json& report, const char* name, bool useMutex)
     const std::wstring line = LastLine(folder.File(L"bench.log"));
     const std::wstring bare = folder.File(L"bare.log");
     const auto write = [&] { passed = WriteOne(log) == ERROR_SUCCESS && passed; };
-    const Comparison result =
-        Compare(kBlocks, kLines, write, [&] { passed = AppendBare(bare, line) && passed; });
+    CLogMutex mutex;
+    passed = (!useMutex || mutex.Create(bare) == ERROR_SUCCESS) && passed;
+    const Comparison result = Compare(kBlocks, kLines, write, [&] {
+        const CLogMutex::CHold hold(mutex, INFINITE);
+        passed = AppendBare(bare, line) && passed;
+    });
     report[name] = {
         {"microseconds", result.measured * 1e6},
         {"bareMicroseconds", result.bare * 1e6},

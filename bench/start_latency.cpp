@@ -1,10 +1,9 @@
 /// @file
 /// What a start costs beside the least that a service can be, in time and in what then is held:
 ///
-///     start_latency [--rounds N] [--groups N,N,...] [--json]   measures
-///     start_latency --once bare|com|host                       one start and stop, to be looked at from
-///     outside start_latency --check                                    fails when a host holds more than it
-///     did
+///     start_latency [--rounds N] [--groups N,N,...] [--json FILE]
+///     start_latency --once bare|com|host    one start and stop, to be looked at from outside
+///     start_latency --check                 fails when a host holds more than it did
 ///
 /// "start" is StartServiceW to SERVICE_RUNNING under the real manager, for BareService, BareService /com and
 /// a host with one service, in turn, so that whatever else the machine does meets all of them alike. "groups"
@@ -17,6 +16,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <exception>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <memory>
@@ -54,7 +54,7 @@ struct Options
 {
     int rounds = 15;
     std::vector<int> groups = {1, 8, 64};
-    bool json = false;
+    std::wstring json; ///< The file to write, beside the table.
     bool check = false;
     std::wstring once;
 };
@@ -96,11 +96,7 @@ std::optional<Options> ParseOptions(int argc, wchar_t** argv)
     {
         const std::wstring name = argv[i];
         const bool hasValue = i + 1 < argc;
-        if (name == L"--json")
-        {
-            options.json = true;
-        }
-        else if (name == L"--check")
+        if (name == L"--check")
         {
             options.check = true;
         }
@@ -111,6 +107,10 @@ std::optional<Options> ParseOptions(int argc, wchar_t** argv)
         else if (name == L"--groups" && hasValue)
         {
             options.groups = ParseCounts(argv[++i]);
+        }
+        else if (name == L"--json" && hasValue)
+        {
+            options.json = argv[++i];
         }
         else if (name == L"--once" && hasValue)
         {
@@ -467,7 +467,11 @@ int Run(const Options& options)
     {
         report["groups"].push_back(MeasureGroups(count, std::max(1, options.rounds / count)));
     }
-    options.json ? static_cast<void>(std::printf("%s\n", report.dump(2).c_str())) : PrintTable(report);
+    PrintTable(report);
+    if (!options.json.empty())
+    {
+        std::ofstream(std::filesystem::path(options.json)) << report.dump(2) << '\n';
+    }
     return 0;
 }
 
@@ -489,7 +493,8 @@ int wmain(int argc, wchar_t** argv)
         return 1;
     }
     std::fputs(
-        "usage: start_latency [--rounds N] [--groups N,N,...] [--json] | --once bare|com|host | --check\n",
+        "usage: start_latency [--rounds N] [--groups N,N,...] [--json FILE] | --once bare|com|host | "
+        "--check\n",
         stderr);
     return 2;
 }
