@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <exception>
 
+#include "txsvcctl/check/CheckCommand.h"
 #include "txsvcctl/common/Utf8.h"
 #include "txsvcctl/log/LogCommands.h"
 #include "txsvcctl/service/ServiceCommands.h"
@@ -42,6 +43,7 @@ ExitCode Run(const std::vector<std::wstring>& arguments, IConsole& console)
     app.require_subcommand(0, 1); // With (1) a mistyped command would be called a missing one.
     app.set_version_flag("--version", TX_VERSION);
     AddServiceCommands(app, console);
+    AddCheckCommand(app, console);
     AddLogCommands(app, console);
     try
     {

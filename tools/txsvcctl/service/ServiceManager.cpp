@@ -28,6 +28,20 @@ ServiceState QueryState(const Basalt::CServiceHandle& service, const std::wstrin
         status.dwCurrentState, status.dwProcessId, status.dwWin32ExitCode, status.dwServiceSpecificExitCode};
 }
 
+std::optional<DWORD> QuerySidType(const Basalt::CServiceHandle& service)
+{
+    SERVICE_SID_INFO info{};
+    DWORD needed = 0;
+    return ::QueryServiceConfig2W(
+               service.Get(),
+               SERVICE_CONFIG_SERVICE_SID_INFO,
+               reinterpret_cast<BYTE*>(&info),
+               sizeof(info),
+               &needed)
+               ? std::optional(info.dwServiceSidType)
+               : std::nullopt;
+}
+
 bool IsPending(const ServiceState& state)
 {
     switch (state.state)
@@ -188,7 +202,9 @@ std::optional<ServiceConfig> CServiceManager::FindConfig(const std::wstring& nam
         config.dwServiceType,
         config.dwStartType,
         config.lpBinaryPathName == nullptr ? L"" : config.lpBinaryPathName,
-        config.lpDisplayName == nullptr ? L"" : config.lpDisplayName};
+        config.lpDisplayName == nullptr ? L"" : config.lpDisplayName,
+        config.lpServiceStartName == nullptr ? L"" : config.lpServiceStartName,
+        QuerySidType(service)};
 }
 
 std::optional<ServiceState> CServiceManager::FindState(const std::wstring& name) const

@@ -16,6 +16,8 @@ struct ServiceConfig
     DWORD startType = 0;
     std::wstring imagePath;
     std::wstring displayName;
+    std::wstring account;
+    std::optional<DWORD> sidType; ///< Nothing where the system does not know of it.
 };
 
 /// What an entry is to become. Absent fields stay as they are; a new entry takes its name for the display

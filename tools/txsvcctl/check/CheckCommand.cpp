@@ -1,0 +1,163 @@
+#include "txsvcctl/check/CheckCommand.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+
+#include "txsvcctl/check/Findings.h"
+#include "txsvcctl/common/Names.h"
+#include "txsvcctl/common/ToolError.h"
+#include "txsvcctl/common/Utf8.h"
+#include "txsvcctl/service/GroupStore.h"
+
+using nlohmann::ordered_json;
+
+namespace TxCtl
+{
+
+namespace
+{
+
+struct Arguments
+{
+    std::optional<std::string> name;
+    std::optional<std::string> explained;
+    bool fix = false;
+    bool json = false;
+};
+
+/// @param name of a group or a service; empty for everything.
+CFindings Check(const std::wstring& name)
+{
+    CFindings findings;
+    bool isFound = name.empty();
+    CheckMachine(findings);
+    const CGroupStore store;
+    for (const std::wstring& group : store.Groups())
+    {
+        const bool isGroup = name.empty() || IsSameName(group, name);
+        if (isGroup || store.FindService(group, name))
+        {
+            CheckGroup(group, isGroup ? L"" : name, findings);
+            isFound = true;
+        }
+    }
+    if (!isFound)
+    {
+        ThrowUsage(L"there is no group or service '" + name + L"'");
+    }
+    return findings;
+}
+
+ordered_json AsJson(const CFindings& findings)
+{
+    ordered_json array = ordered_json::array();
+    for (const Finding& finding : findings.All())
+    {
+        array.push_back(
+            {{"id", ToUtf8(FindingName(finding.kind->id))},
+             {"severity", ToUtf8(SeverityName(finding.kind->severity))},
+             {"title", ToUtf8(finding.kind->title)},
+             {"subject", ToUtf8(finding.subject)},
+             {"detail", ToUtf8(finding.detail)},
+             {"remedy", ToUtf8(finding.kind->remedy)},
+             {"canBeFixed", static_cast<bool>(finding.mend)}});
+    }
+    return {{"version", 1}, {"findings", std::move(array)}};
+}
+
+std::wstring Line(const Finding& finding)
+{
+    return FindingName(finding.kind->id) + L" " + SeverityName(finding.kind->severity) + L": " +
+           finding.kind->title + (finding.subject.empty() ? L"" : L"\n  " + finding.subject) + L": " +
+           finding.detail + L"\n  to do: " + finding.kind->remedy;
+}
+
+/// @return what is left.
+void Fix(const CFindings& findings, IConsole& console)
+{
+    for (const Finding& finding : findings.All())
+    {
+        if (finding.mend)
+        {
+            finding.mend();
+            console.Out(L"mended " + FindingName(finding.kind->id) + L": " + finding.subject);
+        }
+    }
+}
+
+bool IsClean(const CFindings& findings)
+{
+    return std::ranges::none_of(
+        findings.All(), [](const Finding& finding) { return finding.kind->severity != Severity::Note; });
+}
+
+void Run(const Arguments& arguments, IConsole& console)
+{
+    if (arguments.explained)
+    {
+        const std::wstring name = FromUtf8(*arguments.explained);
+        console.Out(IsSameName(name, L"all") ? FindingsPage() : ExplainFinding(name));
+        return;
+    }
+    const std::wstring name = FromUtf8(arguments.name.value_or(""));
+    CFindings findings = Check(name);
+    if (arguments.fix)
+    {
+        Fix(findings, console);
+        findings = Check(name);
+    }
+    if (arguments.json)
+    {
+        console.Out(FromUtf8(AsJson(findings).dump(2)));
+    }
+    else
+    {
+        for (const Finding& finding : findings.All())
+        {
+            console.Out(Line(finding));
+        }
+        if (findings.All().empty())
+        {
+            console.Out(L"Nothing is wrong.");
+        }
+    }
+    if (!IsClean(findings))
+    {
+        throw CToolError(ExitCode::Failed, {}); // Said already.
+    }
+}
+
+} // namespace
+
+void AddCheckCommand(CLI::App& app, IConsole& console)
+{
+    CLI::App* const command =
+        app.add_subcommand("check", "Report what would go wrong, and what to do about it");
+    const auto arguments = std::make_shared<Arguments>();
+    command->add_option("name", arguments->name, "A group or a service [everything]");
+    command->add_flag("--fix", arguments->fix, "Mend what is safe to mend");
+    command->add_flag("--json", arguments->json, "Write JSON");
+    command->add_option("--explain", arguments->explained, "Explain a finding (TX0101), or all of them");
+    command->footer(
+        "Exit codes: 0 nothing to do, 1 findings, 2 wrong usage, 3 something could not be read or mended.");
+    command->callback([arguments, &console] {
+        try
+        {
+            Run(*arguments, console);
+        }
+        catch (const CToolError& error)
+        {
+            if (error.Code() == ExitCode::Failed && !error.Text().empty())
+            {
+                throw CToolError(ExitCode::SystemError, error.Text());
+            }
+            throw;
+        }
+    });
+}
+
+} // namespace TxCtl
