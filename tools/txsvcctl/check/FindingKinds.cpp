@@ -51,7 +51,7 @@ constexpr FindingKind kKinds[] = {
     {FindingId::NoServices,
      Severity::Warning,
      L"A group has no services",
-     L"A host that is started for it ends at once with exit code 19, without a service having run.",
+     L"A host that is started for it ends at once with error 87, and no service has run.",
      L"Install services into the group, or delete its key."},
     {FindingId::NoClsid,
      Severity::Error,

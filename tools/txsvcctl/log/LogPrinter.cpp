@@ -46,19 +46,19 @@ bool HasWord(const std::wstring& text, const std::wstring& word)
     return false;
 }
 
-std::wstring TimeOf(const LogEntry& entry)
+std::wstring TimeText(const SYSTEMTIME& time, bool hasMilliseconds)
 {
     std::wstring text = Basalt::FormatText(
         L"%04hu-%02hu-%02huT%02hu:%02hu:%02hu",
-        entry.time->wYear,
-        entry.time->wMonth,
-        entry.time->wDay,
-        entry.time->wHour,
-        entry.time->wMinute,
-        entry.time->wSecond);
-    if (entry.hasMilliseconds)
+        time.wYear,
+        time.wMonth,
+        time.wDay,
+        time.wHour,
+        time.wMinute,
+        time.wSecond);
+    if (hasMilliseconds)
     {
-        Basalt::AppendFormat(text, L".%03hu", entry.time->wMilliseconds);
+        Basalt::AppendFormat(text, L".%03hu", time.wMilliseconds);
     }
     return text;
 }
@@ -75,7 +75,7 @@ std::wstring FormatJson(const LogEntry& entry)
     ordered_json json;
     if (entry.time)
     {
-        json["time"] = ToUtf8(TimeOf(entry));
+        json["time"] = ToUtf8(TimeText(*entry.time, entry.hasMilliseconds));
         json["level"] = entry.level;
         json["levelName"] = ToUtf8(LevelOf(entry));
     }
@@ -118,7 +118,7 @@ std::wstring FormatColumns(const LogEntry& entry)
     std::wstring text;
     if (entry.time)
     {
-        AppendColumn(text, TimeOf(entry), 0);
+        AppendColumn(text, TimeText(*entry.time, entry.hasMilliseconds), 0);
         AppendColumn(text, LevelOf(entry), kLevelColumns);
     }
     if (entry.process)

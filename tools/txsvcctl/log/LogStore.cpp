@@ -249,7 +249,7 @@ Value ValueFrom(const Setting& setting, const std::wstring& given)
     else
     {
         const auto& textForm = std::get<TextForm>(setting.form);
-        const std::wstring text = textForm.normal(given);
+        std::wstring text = textForm.normal(given);
         if (textForm.setting.isValid(text))
         {
             return text;
