@@ -5,6 +5,8 @@
 
 #include "txsvcctl/check/CheckCommand.h"
 #include "txsvcctl/common/Utf8.h"
+#include "txsvcctl/host/HostCommands.h"
+#include "txsvcctl/host/StatusCommand.h"
 #include "txsvcctl/log/LogCommands.h"
 #include "txsvcctl/service/ServiceCommands.h"
 
@@ -43,7 +45,9 @@ ExitCode Run(const std::vector<std::wstring>& arguments, IConsole& console)
     app.require_subcommand(0, 1); // With (1) a mistyped command would be called a missing one.
     app.set_version_flag("--version", TX_VERSION);
     AddServiceCommands(app, console);
+    AddStatusCommand(app, console);
     AddCheckCommand(app, console);
+    AddHostCommands(app, console);
     AddLogCommands(app, console);
     try
     {

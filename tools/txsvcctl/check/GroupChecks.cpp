@@ -10,6 +10,7 @@
 #include "txsvcctl/check/Findings.h"
 #include "txsvcctl/common/Names.h"
 #include "txsvcctl/common/ToolError.h"
+#include "txsvcctl/host/HostStore.h"
 #include "txsvcctl/service/GroupStore.h"
 #include "txsvcctl/service/ImagePath.h"
 #include "txsvcctl/service/ModuleFile.h"
@@ -188,32 +189,22 @@ void CheckValues(const Scope& scope)
     if (status == ERROR_DATATYPE_MISMATCH || status == ERROR_INVALID_DATA)
     {
         scope.findings.Add(
-            FindingId::WrongType, Contract::kBucketLimitValue, L"the group learns anew", [path] {
-                CRegistryChange change;
-                change.DeleteValue(path, Contract::kBucketLimitValue);
-                change.Commit();
-            });
+            FindingId::SettingUnusable,
+            Subject(scope, Contract::kBucketLimitValue),
+            L"no REG_DWORD of 4 bytes: the group learns anew",
+            [group = scope.group] { CHostStore().ResetBand(group); });
     }
 }
 
 /// Which services wait for the first-run set-up as long as it is not finished.
 void CheckFirstRun(const Scope& scope)
 {
-    Basalt::CRegKey host;
-    DWORD isRequired = 1;
-    if (host.Open(HKEY_LOCAL_MACHINE, kHostPath.c_str(), KEY_READ) == ERROR_SUCCESS &&
-        host.ReadDword(Contract::kOobeCheckValue, isRequired) == ERROR_SUCCESS && isRequired == 0)
+    const CHostStore store;
+    if (store.Get(Contract::kOobeCheckValue).value == 0)
     {
         return;
     }
-    const std::wstring path =
-        Contract::GroupKey(kHostPath, scope.group) + L"\\" + Contract::kOobeExclusionKey;
-    Basalt::CRegKey key;
-    std::vector<std::wstring> excluded;
-    if (key.Open(HKEY_LOCAL_MACHINE, path.c_str(), KEY_READ) == ERROR_SUCCESS)
-    {
-        excluded = ValueNames(key, path);
-    }
+    const std::vector<std::wstring> excluded = store.Excluded(scope.group);
     std::wstring waiting;
     for (const std::wstring& service : scope.services)
     {
@@ -225,7 +216,7 @@ void CheckFirstRun(const Scope& scope)
     }
     for (const std::wstring& name : excluded)
     {
-        if (!name.empty() && !HoldsName(scope.services, name))
+        if (!HoldsName(scope.services, name))
         {
             scope.findings.Add(
                 FindingId::ExclusionUnknown,

@@ -9,13 +9,13 @@
 #include "base/Owned.h"
 #include "base/RegKey.h"
 #include "base/Text.h"
-#include "contract/HostSettings.h"
 #include "contract/Keys.h"
 #include "txsvcctl/check/CheckTools.h"
 #include "txsvcctl/check/Findings.h"
 #include "txsvcctl/common/Names.h"
 #include "txsvcctl/common/ToolError.h"
 #include "txsvcctl/common/ViewLink.h"
+#include "txsvcctl/host/HostStore.h"
 #include "txsvcctl/log/LogStore.h"
 #include "txsvcctl/service/GroupStore.h"
 #include "txsvcctl/service/RegistryNames.h"
@@ -57,62 +57,28 @@ void CheckLink(CFindings& findings)
     }
 }
 
-void DeleteValue(const std::wstring& path, const std::wstring& name)
-{
-    CRegistryChange change;
-    change.DeleteValue(path, name);
-    change.Commit();
-}
-
-void CheckNumber(const Basalt::CRegKey& key, const Contract::HostSetting& setting, CFindings& findings)
-{
-    DWORD value = 0;
-    const DWORD status = key.ReadDword(setting.name, value);
-    const auto mend = [name = std::wstring(setting.name)] { DeleteValue(kHostPath, name); };
-    if (status == ERROR_DATATYPE_MISMATCH || status == ERROR_INVALID_DATA)
-    {
-        findings.Add(
-            FindingId::WrongType,
-            setting.name,
-            Basalt::FormatText(L"no REG_DWORD of 4 bytes: the default %u applies", setting.fallback),
-            mend);
-    }
-    else if (status == ERROR_SUCCESS && (value < setting.minimum || value > setting.maximum))
-    {
-        findings.Add(
-            FindingId::OutOfRange,
-            setting.name,
-            Basalt::FormatText(
-                L"%u is not between %u and %u: the default %u applies",
-                value,
-                setting.minimum,
-                setting.maximum,
-                setting.fallback),
-            mend);
-    }
-}
-
 void CheckSettings(CFindings& findings)
 {
+    const CHostStore store;
+    std::vector<std::wstring> names = {Contract::kInstallDirValue, Contract::kMisspeltOccurrenceCount};
+    for (const Contract::HostSetting& setting : CHostStore::Settings())
+    {
+        const std::wstring name = setting.name;
+        const HostSettingReport report = store.Get(name);
+        names.push_back(name);
+        if (!report.problem.empty())
+        {
+            findings.Add(
+                FindingId::SettingUnusable,
+                name,
+                report.problem + Basalt::FormatText(L": the default %u applies", report.value),
+                [name] { CHostStore().Unset(name); });
+        }
+    }
     Basalt::CRegKey key;
     if (key.Open(HKEY_LOCAL_MACHINE, kHostPath.c_str(), KEY_READ) != ERROR_SUCCESS)
     {
         return; // Nothing is set.
-    }
-    std::vector<Contract::HostSetting> settings(
-        std::begin(Contract::kWorkingSetSettings), std::end(Contract::kWorkingSetSettings));
-    settings.insert(
-        settings.end(),
-        {Contract::kForceSerialLoads,
-         Contract::kBucketRange,
-         Contract::kOccurrenceCount,
-         Contract::kIdleWaitTime,
-         {Contract::kOobeCheckValue, 0, MAXDWORD, 1}});
-    std::vector<std::wstring> names = {Contract::kInstallDirValue, Contract::kMisspeltOccurrenceCount};
-    for (const Contract::HostSetting& setting : settings)
-    {
-        names.emplace_back(setting.name);
-        CheckNumber(key, setting, findings);
     }
     for (const std::wstring& name : ValueNames(key, kHostPath))
     {

@@ -63,6 +63,25 @@ void CStandardConsole::Out(const std::wstring& text)
     write(STD_OUTPUT_HANDLE, text);
 }
 
+void CStandardConsole::Repaint(const std::wstring& text)
+{
+    HANDLE handle = ::GetStdHandle(STD_OUTPUT_HANDLE);
+    DWORD mode = 0;
+    if (!::GetConsoleMode(handle, &mode) ||
+        !::SetConsoleMode(handle, mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING))
+    {
+        Out(text);
+        return;
+    }
+    // Line over line, each cleared behind its end: nothing flickers.
+    std::wstring screen = L"\x1b[H";
+    for (const wchar_t character : text)
+    {
+        screen += character == L'\n' ? L"\x1b[K\n" : std::wstring(1, character);
+    }
+    Out(screen + L"\x1b[K\x1b[J");
+}
+
 void CStandardConsole::Error(const std::wstring& text)
 {
     write(STD_ERROR_HANDLE, text);

@@ -14,6 +14,8 @@ public:
     virtual ~IConsole() = default;
 
     virtual void Out(const std::wstring& text) = 0;
+    /// In the place of what was painted before, where the output can do that.
+    virtual void Repaint(const std::wstring& text) { Out(text); }
     /// Messages about what went wrong, and notes that must not get into a redirected result.
     virtual void Error(const std::wstring& text) = 0;
 
@@ -29,6 +31,7 @@ class CStandardConsole final : public IConsole
 {
 public:
     void Out(const std::wstring& text) override;
+    void Repaint(const std::wstring& text) override;
     void Error(const std::wstring& text) override;
 
     [[nodiscard]] bool HasFailed() const noexcept override { return m_hasFailed; }

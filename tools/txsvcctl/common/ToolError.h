@@ -15,8 +15,8 @@ namespace TxCtl
 enum class ExitCode : int
 {
     Success = 0,
-    Failed = 1, ///< The command line was right, the work could not be done.
-    Usage = 2,  ///< The command line alone shows the mistake.
+    Failed = 1,      ///< The command line was right, the work could not be done.
+    Usage = 2,       ///< The command line alone shows the mistake.
     SystemError = 3, ///< Of check, whose findings are its 1: something could not be read or changed.
 };
 

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "base/Owned.h"
 #include "txsvcctl/common/ToolError.h"
 #include "txsvcctl/common/Utf8.h"
 #include "txsvcctl/common/ViewLink.h"
@@ -192,6 +193,38 @@ void StopServices(std::vector<std::wstring> names, IConsole& console, DWORD time
     ForEach(names, console, [&](const std::wstring& name) { return manager.Stop(name, timeoutMs); });
 }
 
+/// Open until the processes that run the services now have ended.
+std::vector<Basalt::CHandle> ProcessesOf(const std::vector<std::wstring>& names)
+{
+    const CServiceManager manager(SC_MANAGER_CONNECT);
+    std::vector<Basalt::CHandle> processes;
+    for (const std::wstring& name : names)
+    {
+        const std::optional<ServiceState> state = manager.FindState(name);
+        const DWORD id = state ? state->processId : 0;
+        Basalt::CHandle process(id == 0 ? nullptr : ::OpenProcess(SYNCHRONIZE, FALSE, id));
+        if (process)
+        {
+            processes.push_back(std::move(process));
+        }
+    }
+    return processes;
+}
+
+/// The old process must be gone where all of its services were stopped: a start that met it would fail. One
+/// that runs other services stays, which does no harm.
+void RestartServices(const std::vector<std::wstring>& names, IConsole& console, DWORD timeoutMs)
+{
+    constexpr DWORD kEndMs = 2000;
+    const std::vector<Basalt::CHandle> processes = ProcessesOf(names);
+    StopServices(names, console, timeoutMs);
+    for (const Basalt::CHandle& process : processes)
+    {
+        static_cast<void>(::WaitForSingleObject(process.Get(), kEndMs));
+    }
+    StartServices(names, console, timeoutMs);
+}
+
 } // namespace
 
 void AddServiceCommands(CLI::App& app, IConsole& console)
@@ -200,6 +233,7 @@ void AddServiceCommands(CLI::App& app, IConsole& console)
     AddRemove(app, console);
     AddList(app, console);
     AddControl(app, console, "start", "Start services and wait until they run", &StartServices);
+    AddControl(app, console, "restart", "Stop services, wait for their end, start them", &RestartServices);
     AddControl(app, console, "stop", "Stop services and wait until they are stopped", &StopServices);
 }
 

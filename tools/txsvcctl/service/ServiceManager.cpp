@@ -104,16 +104,6 @@ ServiceState WaitWhilePending(
     }
 }
 
-std::wstring DescribeExit(const ServiceState& state)
-{
-    if (state.exitCode == ERROR_SERVICE_SPECIFIC_ERROR)
-    {
-        return L"exit code " + std::to_wstring(state.serviceExitCode) + L" of its own";
-    }
-    const std::wstring number = L"exit code " + std::to_wstring(state.exitCode);
-    return state.exitCode == NO_ERROR ? number : number + L" (" + DescribeError(state.exitCode) + L")";
-}
-
 /// A process that ends before it has answered the service manager gives this error instead of an exit code;
 /// what the service reported last tells more.
 [[noreturn]] void ThrowStartFailure(
@@ -140,6 +130,16 @@ std::wstring StateName(const ServiceState& state)
     static constexpr const wchar_t* kNames[] = {
         L"unknown", L"stopped", L"starting", L"stopping", L"running", L"continuing", L"pausing", L"paused"};
     return state.state < std::size(kNames) ? kNames[state.state] : kNames[0];
+}
+
+std::wstring DescribeExit(const ServiceState& state)
+{
+    if (state.exitCode == ERROR_SERVICE_SPECIFIC_ERROR)
+    {
+        return L"exit code " + std::to_wstring(state.serviceExitCode) + L" of its own";
+    }
+    const std::wstring number = L"exit code " + std::to_wstring(state.exitCode);
+    return state.exitCode == NO_ERROR ? number : number + L" (" + DescribeError(state.exitCode) + L")";
 }
 
 std::wstring DescribeState(const ServiceState& state)

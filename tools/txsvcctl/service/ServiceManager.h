@@ -39,6 +39,8 @@ struct ServiceState
 
 /// "running"
 [[nodiscard]] std::wstring StateName(const ServiceState& state);
+/// "exit code 5 (error 5: Access is denied.)"
+[[nodiscard]] std::wstring DescribeExit(const ServiceState& state);
 /// "running, process 1234"
 [[nodiscard]] std::wstring DescribeState(const ServiceState& state);
 

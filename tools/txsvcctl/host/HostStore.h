@@ -1,0 +1,51 @@
+#pragma once
+
+#include <windows.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "contract/HostSettings.h"
+
+namespace TxCtl
+{
+
+/// A number of the hosts' configuration, as a host would read it.
+struct HostSettingReport
+{
+    Contract::HostSetting setting{};
+    DWORD value = 0; ///< What applies.
+    bool isDefault = false;
+    std::wstring problem; ///< What is there but does not count; empty when there is nothing of the kind.
+};
+
+/// Upper and lower edge of the working-set size that a group has been seen to need, in bytes.
+struct LearntBand
+{
+    DWORD from = 0;
+    DWORD to = 0;
+};
+
+/// The hosts' configuration below the 32-bit key. Names are compared as the registry does.
+/// All operations throw CToolError, with ExitCode::Usage for names and values that are wrong in themselves.
+class CHostStore
+{
+public:
+    [[nodiscard]] static const std::vector<Contract::HostSetting>& Settings();
+
+    [[nodiscard]] HostSettingReport Get(const std::wstring& name) const;
+    void Set(const std::wstring& name, const std::wstring& value) const;
+    void Unset(const std::wstring& name) const;
+
+    /// Nothing until a host of the group has learnt it.
+    [[nodiscard]] std::optional<LearntBand> Band(const std::wstring& group) const;
+    void ResetBand(const std::wstring& group) const;
+
+    /// The services that first-run gating lets pass, as the registry has them.
+    [[nodiscard]] std::vector<std::wstring> Excluded(const std::wstring& group) const;
+    void Exclude(const std::wstring& group, const std::wstring& service) const;
+    void Include(const std::wstring& group, const std::wstring& service) const;
+};
+
+} // namespace TxCtl
