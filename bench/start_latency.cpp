@@ -200,7 +200,7 @@ void AddProcess(Figures& figures, DWORD processId)
     HMODULE modules[256];
     DWORD bytes = 0;
     ::K32EnumProcessModules(process.Get(), modules, sizeof(modules), &bytes);
-    figures.dlls += static_cast<double>(bytes / sizeof(HMODULE)) - 1;
+    figures.dlls += static_cast<int>(bytes / sizeof(HMODULE)) - 1;
     figures.handles += static_cast<double>(CountHandles(processId));
     const Basalt::CFile snapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0));
     THREADENTRY32 thread{};

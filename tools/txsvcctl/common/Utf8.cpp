@@ -5,7 +5,7 @@
 namespace TxCtl
 {
 
-std::wstring FromUtf8(std::string_view text)
+std::wstring FromUtf8(const std::string& text)
 {
     const auto size = static_cast<int>(text.size());
     const int length = ::MultiByteToWideChar(CP_UTF8, 0, text.data(), size, nullptr, 0);
@@ -19,7 +19,7 @@ std::optional<std::wstring> OptionalFromUtf8(const std::optional<std::string>& t
     return text ? std::optional(FromUtf8(*text)) : std::nullopt;
 }
 
-std::string ToUtf8(std::wstring_view text)
+std::string ToUtf8(const std::wstring& text)
 {
     const auto length = static_cast<int>(text.size());
     const int size = ::WideCharToMultiByte(CP_UTF8, 0, text.data(), length, nullptr, 0, nullptr, nullptr);
