@@ -15,12 +15,18 @@ namespace
 
 using LogSettingsTest = LoggingTest;
 
-TEST_F(LogSettingsTest, WhatIsTooLongOrInClearOrEndsWithABackslash)
+TEST_F(LogSettingsTest, EachIsReadAndWhatIsTooLongOrInClearIsNamed)
 {
-    WriteIni("Logging Folder=D:\\Logs\\\\\r\nController Path WSS=" + std::string(1023, 'x'));
+    WriteIni(
+        "Logging Folder=D:\\Logs\\\\\r\nLogging Tag=tag\r\nLogging File=f.log\r\nLogging Mutex=0\r\n"
+        "Logging Entries=0x6\r\nController Path WSS=" +
+        std::string(1023, 'x'));
     EXPECT_EQ(m_key.Key().WriteDword(kOldFilesSetting.name, 7), 0U); // In clear.
     const LogSettings read = ReadLogSettings();
-    EXPECT_EQ(read.folder, L"D:\\Logs");
+    EXPECT_EQ(read.folder + read.tag + read.fileName, L"D:\\Logstagf.log");
+    EXPECT_EQ(read.entriesPerFile, 6U);
+    EXPECT_EQ(read.oldFiles, kDefaultOldFiles);
+    EXPECT_FALSE(read.useMutex);
     EXPECT_EQ(read.problems, L"Logging Old Files (registry), Controller Path WSS (log.ini)");
     s_program = L"C:\\" + std::wstring(1000, L'x') + L"\\host.exe";
     EXPECT_EQ(LogIniPath(), L"C:\\" + std::wstring(1000, L'x') + L"\\log.ini");
@@ -55,14 +61,14 @@ TEST_F(LogSettingsTest, AFileThatIsNoTextCountsAsAbsentAndIsReported)
 }
 
 /// Waits for the watching thread: nothing tells when it has been.
-template <typename Condition>
-bool Becomes(Condition condition)
+bool Becomes(const CLogging& logger, DWORD threshold, DWORD options = kDefaultOptions)
 {
-    for (int i = 0; i < 3000 && !condition(); ++i)
+    const auto is = [&] { return logger.GetThreshold() == threshold && logger.GetOptions() == options; };
+    for (int i = 0; i < 3000 && !is(); ++i)
     {
         ::Sleep(10);
     }
-    return condition();
+    return is();
 }
 
 TEST_F(LogSettingsTest, AChangeInEitherPlaceTakesEffectInARunningLogger)
@@ -74,22 +80,18 @@ TEST_F(LogSettingsTest, AChangeInEitherPlaceTakesEffectInARunningLogger)
     logger.Activate();
     CLogSettingsWatch watch;
     watch.Start(logger, logger.GetSettings());
-    const auto threshold = [&logger](DWORD expected) {
-        return Becomes([&] { return logger.GetThreshold() == expected; });
-    };
     EXPECT_EQ(m_settings.WriteDword(kLevelSetting.name, 4), 0U);
-    EXPECT_TRUE(threshold(4));
+    EXPECT_TRUE(Becomes(logger, 4));
     WriteIni("Logging Level=2\r\nLogging Options=4\r\nLogging Entries=1\r\nLogging Folder=X");
-    EXPECT_TRUE(threshold(2));
-    EXPECT_TRUE(Becomes([&logger] { return logger.GetOptions() == 4; }));
+    EXPECT_TRUE(Becomes(logger, 2, 4));
     ASSERT_TRUE(::DeleteFileW(m_ini.c_str()));
-    EXPECT_TRUE(threshold(4));
+    EXPECT_TRUE(Becomes(logger, 4));
     m_settings.Close();
     m_key.Remove();
-    EXPECT_TRUE(threshold(3));
+    EXPECT_TRUE(Becomes(logger, 3));
     EXPECT_EQ(m_settings.Create(HKEY_LOCAL_MACHINE, Contract::kLoggingKey, KEY_ALL_ACCESS), 0U);
     EXPECT_EQ(m_settings.WriteDword(kLevelSetting.name, 6), 0U);
-    EXPECT_TRUE(threshold(6)) << "in the place of a key that is gone";
+    EXPECT_TRUE(Becomes(logger, 6)) << "in the place of a key that is gone";
 
     // One message when the logger was made, then a full file with the next, and one when the file no longer
     // hid the first.

@@ -33,7 +33,7 @@ TEST_F(LoggerTest, AnEventCarriesTheMessageFieldByField)
 {
     ASSERT_EQ(m_logger.InitializeEx(nullptr, L"GROUP", 0, nullptr, 0) + m_logger.Start(), 0U);
     std::string levels; // As a field, on Windows' scale in the header.
-    for (const DWORD level : {1U, 2U, 3U, 4U, 5U, 6U, 0U, 7U, 300U})
+    for (const DWORD level : {1U, 2U, 3U, 4U, 5U, 6U, 0U, 300U})
     {
         EXPECT_EQ(m_logger.LogEx(level, L"file", nullptr, 0x1234567, L"text"), 0U);
         const LogLine line = m_trace.Lines().back();
@@ -43,7 +43,7 @@ TEST_F(LoggerTest, AnEventCarriesTheMessageFieldByField)
         EXPECT_EQ(line.processId, ::GetCurrentProcessId());
         EXPECT_EQ(line.threadId, ::GetCurrentThreadId());
     }
-    EXPECT_EQ(levels, "1/5 2/3 3/4 4/2 5/1 3/4 0/0 7/0 300/0 ");
+    EXPECT_EQ(levels, "1/5 2/3 3/4 4/2 5/1 3/4 0/0 300/0 ");
 }
 
 TEST_F(LoggerTest, TheSessionChoosesTheLevelsBetweenStartAndStop)

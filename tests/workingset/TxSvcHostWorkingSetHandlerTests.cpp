@@ -99,23 +99,19 @@ struct WorkingSetHandlerTest : ::testing::Test
 
 TEST_F(WorkingSetHandlerTest, WhatFailsIsLoggedAndWhatWasMadeIsUndone)
 {
+    const auto name = Contract::WorkingSetEventName(::GetCurrentProcessId());
     std::string all;
     for (const char* failing : {"", "queue", "taken", "wait", "timer"})
     {
         s_failing = failing;
         const Basalt::CHandle taken(
-            s_failing == "taken"
-                ? ::CreateEventW(
-                      nullptr, FALSE, FALSE, Contract::WorkingSetEventName(::GetCurrentProcessId()).data())
-                : nullptr);
+            s_failing == "taken" ? ::CreateEventW(nullptr, FALSE, FALSE, name.data()) : nullptr);
         s_calls.clear();
-        m_log.Clear();
         CTxSvcHostWorkingSetHandler handler;
         s_handler = &handler;
-        const bool isGood = handler.Initialize(Settings(1, 1));
-        EXPECT_EQ(isGood, s_failing.empty());
-        EXPECT_EQ(handler.IsStopRequested(), !isGood);
-        EXPECT_TRUE(!isGood || handler.DeInitialize());
+        EXPECT_EQ(handler.Initialize(Settings()), s_failing.empty());
+        EXPECT_EQ(handler.IsStopRequested(), !s_failing.empty());
+        EXPECT_TRUE(handler.DeInitialize());
         EXPECT_EQ(static_cast<bool>(OpenTrimEvent()), s_failing == "taken");
         all += s_failing + ":" + s_calls + "\n" + m_log.Take();
     }
