@@ -98,14 +98,11 @@ TEST_F(LogSettingsTest, AChangeInEitherPlaceTakesEffectInARunningLogger)
     std::wstring text;
     for (const std::wstring name : {L"2", L"1", L""})
     {
-        text += name +
-                std::regex_replace(
-                    ReadWide(m_folder.File(L"log\\watched" + (name.empty() ? name : L"." + name) + L".log")),
-                    std::wregex(L".*\\$|\r"),
-                    L"");
+        const std::wstring file = L"log\\watched" + (name.empty() ? name : L"." + name) + L".log";
+        text += std::regex_replace(ReadWide(m_folder.File(file)), std::wregex(L".*\\$|\r"), L"") + name;
     }
-    EXPECT_EQ(Narrow(text), R"(21 Logging settings that cannot be used: Logging Options (registry)
- Logging settings that cannot be used: Logging Folder (log.ini)
+    EXPECT_EQ(Narrow(text), R"(2 Logging settings that cannot be used: Logging Options (registry)
+1 Logging settings that cannot be used: Logging Folder (log.ini)
  Logging settings that cannot be used: Logging Options (registry)
 )");
 }

@@ -77,7 +77,7 @@ struct WorkingSetCallbackTest : ::testing::Test, IWorkingSetTimer
     static BOOL WINAPI ReadSize(HANDLE, PROCESS_MEMORY_COUNTERS* counters, DWORD)
     {
         Note("ws");
-        counters->WorkingSetSize = s_step.workingSet;
+        counters->WorkingSetSize = s_step.workingSet == 0 ? 1 : s_step.workingSet;
         return s_step.workingSet != 0;
     }
     static BOOL WINAPI Trim(HANDLE, SIZE_T least, SIZE_T most)
