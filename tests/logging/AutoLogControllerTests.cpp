@@ -5,7 +5,6 @@
 
 #include "LoggingTest.h"
 #include "subsystems/TestSubsystemIds.h"
-#include "support/NoMemory.h"
 
 using namespace ETWLogging;
 
@@ -46,20 +45,11 @@ TEST_F(AutoLogControllerTest, TheLibraryBesideTheProgramComesFirstThenTheConfigu
     const std::tuple<Text, Text, Text, Text, DWORD, std::wstring> rows[] = {
         {L"", L"", L"", L"", kDenied, none},
         {L"", L"tarvex\\LogCntrl.dll", L"", L"", 0, all},
-        {L"", L"", L"quintor", L"", 0, all},
         {L"", L"", L"unsigned", L"", kDenied, none},
-        {L"", L"", L"changed", L"", kDenied, none},
         {L"", L"foreign\\LogCntrl.dll", L"tarvex", L"", kDenied, none}, // No way back from a configured one.
         {L"", L"", L"tarvex", L"fail", 1234, all},
         {L"", L"", L"tarvex", L"throw", ERROR_INVALID_OPERATION, all},
-        {L"",
-         L"tarvex\\ControllerWithoutFlush.dll",
-         L"",
-         L"",
-         ERROR_PROC_NOT_FOUND,
-         L":Stop 0 WSS;unloaded;"},
         {L"quintor", L"unsigned\\LogCntrl.dll", L"", L"", 0, all},
-        {L"foreign", L"", L"", L"", kDenied, none},
         {L"unsigned", L"tarvex\\LogCntrl.dll", L"", L"", 0, all}};
     for (const auto& [beside, configured, installed, mode, status, calls] : rows)
     {
@@ -77,9 +67,6 @@ TEST_F(AutoLogControllerTest, TheLibraryBesideTheProgramComesFirstThenTheConfigu
         EXPECT_EQ(called, calls);
     }
     EXPECT_EQ(m_trace.Take(), ""); // It stands outside of all logging.
-    const CNoMemory noMemory;
-    const DWORD status = AutoLogController(L"WSS").Status();
-    EXPECT_EQ(status, DWORD{ERROR_OUTOFMEMORY});
 }
 
 TEST_F(AutoLogControllerTest, TheInstalledPathComesFromTheRegistryOrTheShell)
@@ -89,13 +76,6 @@ TEST_F(AutoLogControllerTest, TheInstalledPathComesFromTheRegistryOrTheShell)
         std::make_unique<Basalt::CRegKey>(),
         std::make_unique<LogProperties>());
     std::wstring path;
-    for (Text const folder : {L"D:\\Common", L"D:\\Common\\", L""}) // An empty one is one.
-    {
-        EXPECT_EQ(m_setUp.Key().WriteString(L"CommonFiles Dir64", folder), 0U);
-        EXPECT_TRUE(helper.FindInstalledPath(path));
-        EXPECT_EQ(
-            path, *folder == L'\0' ? L"TxSvcHost\\LogCntrl.dll" : L"D:\\Common\\TxSvcHost\\LogCntrl.dll");
-    }
     m_setUp.Remove();
     EXPECT_TRUE(helper.FindInstalledPath(path));
     EXPECT_EQ(path, L"C:\\Program Files\\Common Files\\Tarvex\\Platform\\TxSvcHost\\LogCntrl.dll");
@@ -121,27 +101,6 @@ TEST_F(AutoLogControllerTest, AFailedLoadIsTheStatusAndTheFileIsHeldUntilThen)
     EXPECT_EQ(controller.Status(), DWORD{ERROR_BAD_EXE_FORMAT});
     EXPECT_EQ(s_loaded, m_installed);
     EXPECT_TRUE(::MoveFileW(s_loaded.c_str(), (s_loaded + L".old").c_str())) << "still held open";
-}
-
-struct CGuarded final : Basalt::CDllWrapperBase
-{
-    DWORD CheckBeforeLoad() noexcept override { return refusal; }
-    DWORD refusal = 42;
-};
-
-TEST_F(AutoLogControllerTest, AWrapperAsksFirstAndLoadsOnceAndKeepsTheLastError)
-{
-    CopyDouble(L"tarvex", m_installed);
-    EXPECT_EQ(m_record.Key().WriteString(L"controller", L":"), 0U);
-    CGuarded wrapper;
-    EXPECT_EQ(wrapper.Load(m_installed.c_str()), 42U);
-    wrapper.refusal = 0;
-    ::SetLastError(7);
-    EXPECT_EQ(wrapper.Load(m_installed.c_str()) + wrapper.Load(m_installed.c_str()), 0U);
-    EXPECT_NE(::GetLastError(), DWORD{ERROR_BUSY}) << "what DllAddRef left behind";
-    std::wstring called;
-    EXPECT_EQ(m_record.Key().ReadString(L"controller", called), 0U);
-    EXPECT_EQ(called, L":DllAddRef;");
 }
 
 } // namespace
