@@ -53,6 +53,9 @@ void* Fake(const char* name, Function* /*type*/)
 
 TEST(NvidiaDriverFix, TheFourAreEnabledForTheScopeAndAFailureAtAnyStepLeavesTheOthers)
 {
+    void* const lookUp = Fake("LookupPrivilegeValueW", &::LookupPrivilegeValueW);
+    void* const adjust = Fake("AdjustTokenPrivileges", &::AdjustTokenPrivileges);
+    void* const get = Fake("GetTokenInformation", &::GetTokenInformation);
     const struct
     {
         const char* import;
@@ -63,23 +66,13 @@ TEST(NvidiaDriverFix, TheFourAreEnabledForTheScopeAndAFailureAtAnyStepLeavesTheO
         const wchar_t* error;
     } rows[] = {
         {"OpenProcessToken", Fake("OpenProcessToken", &::OpenProcessToken), 1, 0, 0, L"OpenProcessToken"},
-        {"GetTokenInformation", Fake("GetTokenInformation", &::GetTokenInformation), 1, 0, 0, L"(1)"},
-        {"GetTokenInformation", Fake("GetTokenInformation", &::GetTokenInformation), 2, 0, 0, L"(2)"},
-        {"LookupPrivilegeValueW",
-         Fake("LookupPrivilegeValueW", &::LookupPrivilegeValueW),
-         1,
-         3,
-         0,
-         L"Lookup"},
-        {"AdjustTokenPrivileges", Fake("AdjustTokenPrivileges", &::AdjustTokenPrivileges), 1, 3, 0, L"1313"},
-        {"AdjustTokenPrivileges", Fake("AdjustTokenPrivileges", &::AdjustTokenPrivileges), 0, 4, 0, L""},
+        {"GetTokenInformation", get, 1, 0, 0, L"(1)"},
+        {"GetTokenInformation", get, 2, 0, 0, L"(2)"},
+        {"LookupPrivilegeValueW", lookUp, 1, 3, 0, L"Lookup"},
+        {"AdjustTokenPrivileges", adjust, 1, 3, 0, L"1313"},
+        {"AdjustTokenPrivileges", adjust, 0, 4, 0, L""},
         // Last, since nothing puts them back.
-        {"AdjustTokenPrivileges",
-         Fake("AdjustTokenPrivileges", &::AdjustTokenPrivileges),
-         5,
-         4,
-         4,
-         L"Adjust"},
+        {"AdjustTokenPrivileges", adjust, 5, 4, 4, L"Adjust"},
     };
     const std::vector<BYTE> before = Privileges();
     const auto enabled = [&before] {
