@@ -12,23 +12,13 @@
 namespace
 {
 
-std::wstring Get(const wchar_t* name)
-{
-    wchar_t text[512] = {};
-    DWORD size = sizeof(text);
-    ::RegGetValueW(HKEY_LOCAL_MACHINE, kTestRecordKey, name, RRF_RT_REG_SZ, nullptr, text, &size);
-    return text;
-}
-
 DWORD Perform(const std::wstring& call)
 {
-    if (const std::wstring calls = Get(L"controller"); !calls.empty())
+    if (const std::wstring calls = ReadRecord(L"controller"); !calls.empty())
     {
-        const std::wstring all = calls + call + L";";
-        const auto size = static_cast<DWORD>((all.size() + 1) * sizeof(wchar_t));
-        ::RegSetKeyValueW(HKEY_LOCAL_MACHINE, kTestRecordKey, L"controller", REG_SZ, all.c_str(), size);
+        Record(L"controller", calls + call + L";");
     }
-    if (Get(L"mode") == L"throw" && call != L"unloaded")
+    if (ReadRecord(L"mode") == L"throw" && call != L"unloaded")
     {
         throw 5;
     }
@@ -41,7 +31,7 @@ extern "C"
 {
     __declspec(dllexport) DWORD WINAPI Start(const wchar_t* name)
     {
-        return Perform(std::wstring(L"Start ") + name) + (Get(L"mode") == L"fail" ? 1234 : 0);
+        return Perform(std::wstring(L"Start ") + name) + (ReadRecord(L"mode") == L"fail" ? 1234 : 0);
     }
     __declspec(dllexport) DWORD WINAPI Stop(DWORD_PTR zero, const wchar_t* name)
     {

@@ -12,9 +12,8 @@
 namespace
 {
 
-/// Static objects: counting the references in the record is enough.
-template <typename Interface>
-class CStatic : public Interface
+/// A class object and its only object. Static: counting the references in the record is enough.
+class CAgent final : public ITxSvcClassObject, public ITxUpdateAgent
 {
 public:
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID, void**) override { return E_NOINTERFACE; }
@@ -24,11 +23,7 @@ public:
         Record(L"release");
         return 1;
     }
-};
-
-class CAgent final : public CStatic<ITxUpdateAgent>
-{
-public:
+    HRESULT STDMETHODCALLTYPE CreateObject(REFIID iid, void** object) override;
     HRESULT STDMETHODCALLTYPE Unused1() override { return E_UNEXPECTED; }
     HRESULT STDMETHODCALLTYPE Unused2() override { return E_UNEXPECTED; }
     HRESULT STDMETHODCALLTYPE Unused3() override { return E_UNEXPECTED; }
@@ -43,27 +38,20 @@ public:
         }
         return IsMode(L"fail") ? E_ABORT : IsMode(L"nothing") ? S_FALSE : S_OK;
     }
-};
+} g_agent;
 
-class CClassObject final : public CStatic<ITxSvcClassObject>
+HRESULT CAgent::CreateObject(REFIID iid, void** object)
 {
-public:
-    HRESULT STDMETHODCALLTYPE CreateObject(REFIID iid, void** object) override
-    {
-        static CAgent s_agent;
-        Record(L"create");
-        *object = iid != IID_ITxUpdateAgent || IsMode(L"null") ? nullptr : &s_agent;
-        return IsMode(L"refuse") ? CLASS_E_NOAGGREGATION
-                                 : S_OK; // What a failure leaves there must not be used.
-    }
-};
+    Record(L"create");
+    *object = iid != IID_ITxUpdateAgent || IsMode(L"null") ? nullptr : static_cast<ITxUpdateAgent*>(&g_agent);
+    return IsMode(L"refuse") ? CLASS_E_NOAGGREGATION : S_OK; // What a failure leaves there must not be used.
+}
 
 } // namespace
 
 extern "C" __declspec(dllexport) HRESULT WINAPI DllGetClassObject(REFCLSID, REFIID iid, void** object)
 {
-    static CClassObject s_classObject;
-    *object = &s_classObject;
+    *object = static_cast<ITxSvcClassObject*>(&g_agent);
     return iid == (IsMode(L"old") ? Basalt::IID_ITxSvcClassObjectOld : IID_ITxSvcClassObject) ? S_OK
                                                                                               : E_NOINTERFACE;
 }

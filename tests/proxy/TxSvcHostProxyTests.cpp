@@ -4,19 +4,15 @@
 #include <objbase.h>
 
 #include <cstdint>
-#include <cstring>
 #include <gtest/gtest.h>
 #include <mutex>
 #include <string>
 #include <thread>
-#include <tuple>
-#include <utility>
 
 #include "base/Owned.h"
 #include "config/TxSvcHostConfig.h"
 #include "contract/Keys.h"
 #include "logging/logger/LoggingIf.h"
-#include "process/ReduceRestart.h"
 #include "support/FakeTrace.h"
 #include "support/ImportPatch.h"
 #include "support/NoMemory.h"
@@ -37,82 +33,63 @@ void Note(const std::string& event)
     g_events += event + " ";
 }
 
-/// What the hosted code does when it runs.
-HRESULT (*g_run)(DWORD* result);
+using RunFunction = HRESULT (*)(DWORD* result);
+RunFunction g_run; ///< What the hosted code does.
 
-template <typename Interface>
-class CStatic : public Interface
+/// A class object and its only object.
+class CHosted final : public ITxSvcClassObject, public ITxSvcSubsystem
 {
 public:
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID, void**) override { return E_NOINTERFACE; }
     ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
-    ULONG STDMETHODCALLTYPE Release() override
+    ULONG STDMETHODCALLTYPE Release() override { return Note("release"), 0; }
+    HRESULT STDMETHODCALLTYPE CreateObject(REFIID, void** object) override
     {
-        Note("release");
-        return 0;
+        *object = static_cast<ITxSvcSubsystem*>(this);
+        return S_OK;
     }
-};
-
-class CFakeSubsystem final : public CStatic<ITxSvcSubsystem>
-{
-public:
     HRESULT STDMETHODCALLTYPE TxServiceMain(DWORD, LPWSTR*, DWORD* result) override
     {
-        Note(*result == 0 ? "run" : "?");
+        Note("run");
         return g_run(result);
     }
 };
 
-class CFakeClassObject final : public CStatic<ITxSvcClassObject>
+HRESULT STDAPICALLTYPE FakeDllGetClassObject(REFCLSID, REFIID, void** object)
 {
-public:
-    HRESULT STDMETHODCALLTYPE CreateObject(REFIID riid, void** object) override
-    {
-        static CFakeSubsystem s_subsystem;
-        Note(riid == IID_ITxSvcSubsystem ? "create" : "?");
-        *object = &s_subsystem;
-        return S_OK;
-    }
-};
-
-HRESULT STDAPICALLTYPE FakeDllGetClassObject(REFCLSID /*clsid*/, REFIID riid, void** object)
-{
-    static CFakeClassObject s_classObject;
-    *object = &s_classObject;
-    return riid == IID_ITxSvcClassObject ? S_OK : E_NOINTERFACE;
-}
-
-BOOL WINAPI FakeSetServiceStatus(SERVICE_STATUS_HANDLE, SERVICE_STATUS* status)
-{
-    const SERVICE_STATUS expected{SERVICE_WIN32_SHARE_PROCESS, SERVICE_STOPPED, 0, 0, 0, 0, 0};
-    Note(std::memcmp(status, &expected, sizeof(expected)) == 0 ? "stopped" : "?");
-    return TRUE;
+    static CHosted s_hosted;
+    *object = static_cast<ITxSvcClassObject*>(&s_hosted);
+    return S_OK;
 }
 
 const auto g_realOpen = RealFunction<decltype(::RegOpenKeyExW)>("RegOpenKeyExW", L"advapi32.dll");
 
-class TxSvcHostProxyTest : public ::testing::Test
+LSTATUS WINAPI FakeOpen(HKEY root, const wchar_t* path, DWORD options, REGSAM access, HKEY* key)
 {
-protected:
-    void SetUp() override
+    return access == (KEY_READ | KEY_WRITE) ? g_realOpen(root, path, options, access, key)
+                                            : ERROR_ACCESS_DENIED;
+}
+
+struct TxSvcHostProxyTest : ::testing::Test
+{
+    TxSvcHostProxyTest()
     {
         Basalt::CRegKey group;
         Basalt::CRegKey server;
-        g_run = +[](DWORD*) { return S_OK; };
-        ASSERT_EQ(m_root.Key().WriteDword(L"IsOobeCheckRequired", 0), 0U);
-        ASSERT_EQ(group.Create(m_root.Key().Get(), L"g", KEY_ALL_ACCESS), 0U);
-        ASSERT_EQ(group.WriteString(L"svc", kClsid), 0U);
-        ASSERT_EQ(server.Create(m_class.Key().Get(), L"InprocServer32", KEY_ALL_ACCESS), 0U);
-        ASSERT_EQ(server.WriteString(L"", L"x.dll"), 0U);
-        ASSERT_TRUE(CTxSvcHostConfig::GetInstance().Init(L"g"));
-        m_log.Clear();
+        static_cast<void>(m_root.Key().WriteDword(L"IsOobeCheckRequired", 0));
+        static_cast<void>(group.Create(m_root.Key().Get(), L"g", KEY_ALL_ACCESS));
+        static_cast<void>(group.WriteString(L"svc", kClsid));
+        static_cast<void>(server.Create(m_class.Key().Get(), L"InprocServer32", KEY_ALL_ACCESS));
+        static_cast<void>(server.WriteString(L"", L"x.dll"));
+        EXPECT_TRUE(CTxSvcHostConfig::GetInstance().Init(L"g"));
     }
-    void TearDown() override { CTxSvcHostConfig::ReleaseInstance(); }
+    ~TxSvcHostProxyTest() override { CTxSvcHostConfig::ReleaseInstance(); }
 
     /// As the service control manager does, on a thread of its own.
     /// @param allowed allocations that succeed.
-    static std::string RunService(int allowed = -1)
+    static std::string RunService(RunFunction run, int allowed = -1)
     {
+        g_run = run;
         g_events.clear();
         std::thread([allowed] {
             wchar_t name[] = L"svc";
@@ -127,132 +104,84 @@ protected:
     CTestKey m_class{HKEY_CLASSES_ROOT, std::wstring(L"CLSID\\") + kClsid};
     CTxSvcHostProxy m_proxy;
     CFakeTrace m_log;
-
-private:
     CImportPatch m_patches[6] = {
         {"LoadLibraryW", +[](const wchar_t*) { return reinterpret_cast<HMODULE>(0x7E570000); }},
         {"GetProcAddress", +[](HMODULE, const char*) { return &FakeDllGetClassObject; }},
-        {"FreeLibrary",
-         +[](HMODULE) {
-             Note("free");
-             return TRUE;
-         }},
-        {"Sleep",
-         +[](DWORD milliseconds) {
-             // The thread library yields with 0.
-             milliseconds != 0 ? Note("sleep " + std::to_string(milliseconds)) : void();
-         }},
-        {"RegisterServiceCtrlHandlerW",
-         +[](const wchar_t*, LPHANDLER_FUNCTION) {
-             Note("ignore");
-             return reinterpret_cast<SERVICE_STATUS_HANDLE>(1);
-         }},
-        {"SetServiceStatus", &FakeSetServiceStatus}};
+        {"FreeLibrary", +[](HMODULE) { return Note("free"), TRUE; }},
+        {"Sleep", +[](DWORD time) { return time >= 100 ? Note("sleep") : void(); }},
+        {"RegisterServiceCtrlHandlerW", +[] { return Note("ignore"), std::uintptr_t{1}; }},
+        {"SetServiceStatus", +[](SERVICE_STATUS_HANDLE, SERVICE_STATUS* status) {
+             const bool isStopped = status->dwCurrentState == SERVICE_STOPPED &&
+                                    status->dwWin32ExitCode + status->dwServiceSpecificExitCode == 0;
+             return Note(isStopped ? "stopped" : "?"), TRUE;
+         }}};
 };
 
-TEST_F(TxSvcHostProxyTest, AFailedServiceIsReportedBeforeItIsReleasedAndAnUnloadedOneLeavesFirst)
+TEST_F(TxSvcHostProxyTest, AFailedServiceIsReportedBeforeItsReleaseAndWhatTheSystemRefusesIsLogged)
 {
-    g_run = +[](DWORD* result) {
-        *result = 3;
-        return S_OK;
+    const auto fail = +[]() -> std::uintptr_t {
+        ::SetLastError(ERROR_ACCESS_DENIED);
+        return 0;
     };
-    EXPECT_EQ(RunService(), "create release run release ");
-    g_run = +[](DWORD* result) {
+    const RunFunction runFails = +[](DWORD*) { return E_FAIL; };
+    const RunFunction runUnloads = +[](DWORD* result) {
         *result = kTxSvcUnloadModule;
         return S_OK;
     };
-    EXPECT_EQ(RunService(), "create release run release sleep 100 free ");
-    g_run = +[](DWORD*) -> HRESULT { throw 5; };
-    EXPECT_EQ(RunService(), "create release run ignore stopped release ");
+    const struct
+    {
+        const char* import;
+        std::uintptr_t (*fake)();
+        RunFunction run;
+        const char* events;
+        const wchar_t* line;
+    } rows[] = {
+        {"RegOpenKeyExW", nullptr, runFails, "release run ignore stopped release ", L"sub-service"},
+        {"", nullptr, runUnloads, "release run release sleep free ", L""},
+        {"RegisterServiceCtrlHandlerW", fail, runFails, "release run release ", L"CtrlHandler failed"},
+        {"SetServiceStatus", fail, runFails, "release run ignore release ", L"service status, error 5"},
+        {"CoInitializeEx",
+         +[] { return static_cast<std::uintptr_t>(E_OUTOFMEMORY); },
+         runFails,
+         "",
+         L"Failed to initialize COM (0x8007000E)"},
+    };
+    for (const auto& row : rows)
+    {
+        m_log.Clear();
+        const CImportPatch patch(
+            row.import,
+            row.fake != nullptr ? reinterpret_cast<void*>(row.fake) : reinterpret_cast<void*>(&FakeOpen));
+        EXPECT_EQ(RunService(row.run), row.events);
+        EXPECT_EQ(m_log.CountContaining(ETWLogging::LogError, row.line), *row.line != 0 ? 1U : 0U);
+    }
 }
 
 TEST_F(TxSvcHostProxyTest, AFailureIsNotReportedOnceTheManagerHasStartedTheServiceAgain)
 {
     static std::thread s_again;
     static const Basalt::CHandle s_arrived(::CreateEventW(nullptr, FALSE, FALSE, nullptr));
-    g_run = +[](DWORD*) {
-        g_run = +[](DWORD*) {
-            ::SetEvent(s_arrived.Get());
-            return S_OK;
-        };
-        s_again = std::thread([] { RunService(); });
+    const std::string events = RunService(+[](DWORD*) {
+        s_again = std::thread([] { RunService(+[](DWORD*) { return ::SetEvent(s_arrived.Get()), S_OK; }); });
         EXPECT_EQ(::WaitForSingleObject(s_arrived.Get(), 60000), DWORD{WAIT_OBJECT_0});
         return E_FAIL;
-    };
-    const std::string events = RunService();
+    });
     s_again.join();
-    EXPECT_EQ(m_log.Count(ETWLogging::LogError, L"Failed to start sub-service (hr=0x80004005)"), 1U);
+    EXPECT_TRUE(m_log.Has(ETWLogging::LogError, L"Failed to start sub-service (hr=0x80004005)"));
     EXPECT_EQ(events.find("stopped"), std::string::npos);
 }
 
 TEST_F(TxSvcHostProxyTest, WithoutMemoryAtAnyPointTheServiceRunsOrIsReportedStopped)
 {
-    for (int allowed = 0; RunService(allowed).find("stopped") != std::string::npos; ++allowed)
+    int allowed = 0;
+    const RunFunction run = +[](DWORD*) { return S_OK; };
+    for (; RunService(run, allowed).find("stopped") != std::string::npos; ++allowed)
     {
         EXPECT_EQ(g_events.find("run"), std::string::npos) << allowed;
         ASSERT_LT(allowed, 1000);
     }
-    EXPECT_EQ(g_events, "create release run release ");
-    EXPECT_GT(m_log.Count(ETWLogging::LogError, L"Out of memory, stopping service 'svc'"), 2U);
-}
-
-TEST_F(TxSvcHostProxyTest, AsksForKeysThatItMayChange)
-{
-    static std::string s_accesses;
-    const CImportPatch patch(
-        "RegOpenKeyExW", +[](HKEY root, const wchar_t* path, DWORD options, REGSAM access, HKEY* key) {
-            s_accesses += access == (KEY_READ | KEY_WRITE) ? '.' : '?';
-            return g_realOpen(root, path, options, access, key);
-        });
-    RunService();
-    EXPECT_EQ(s_accesses, "...");
-}
-
-TEST_F(TxSvcHostProxyTest, WhatTheSystemRefusesIsLogged)
-{
-    g_run = +[](DWORD*) { return E_FAIL; };
-    const auto fail = +[]() -> std::uintptr_t {
-        ::SetLastError(ERROR_ACCESS_DENIED);
-        return 0;
-    };
-    EXPECT_EQ(RunService(), "create release run ignore stopped release ");
-    for (const auto& [import, events, line] :
-         {std::tuple{
-              "RegisterServiceCtrlHandlerW", "release run release ", "RegisterServiceCtrlHandler failed"},
-          {"SetServiceStatus", "run ignore release ", "Failed to set the service status, error 5"}})
-    {
-        const CImportPatch patch(import, fail);
-        m_log.Clear();
-        EXPECT_TRUE(RunService().ends_with(events)) << g_events;
-        EXPECT_NE(
-            m_log.Take().find(std::string("4 CTxSvcHostProxy::SetServiceStoppedStatus: ") + line),
-            std::string::npos);
-    }
-    const CImportPatch patch("CoInitializeEx", +[] { return E_OUTOFMEMORY; });
-    m_log.Clear();
-    EXPECT_EQ(RunService(), "");
-    EXPECT_TRUE(m_log.Take().ends_with(
-        "4 CTxSvcHostProxy::ProxyServiceMain: Failed to initialize COM (0x8007000E)\n"));
-}
-
-TEST(TxSvcHostProxy, WithoutArgumentsOrAnInstanceOrDuringAStopNothingRuns)
-{
-    CFakeTrace log;
-    wchar_t name[] = L"svc";
-    LPWSTR argv[] = {name, nullptr};
-
-    CTxSvcHostProxy::GenericServiceMain(0, argv);
-    CTxSvcHostProxy::GenericServiceMain(1, nullptr);
-    CTxSvcHostProxy::GenericServiceMain(1, argv);
-    SetReduceRestartStopping(); // For good: this test is the last of the program.
-    CTxSvcHostProxy::GenericServiceMain(1, argv);
-
-    const std::string place = "4 CTxSvcHostProxy::GenericServiceMain: ";
-    EXPECT_EQ(
-        log.Take(),
-        place + "Insufficient arguments to ServiceMain\n" + place + "NULL passed as argv \n" + place +
-            "No instance for CTxSvcHostProxy\n" + place +
-            "GenericServiceMain is called when shutdown, argv[0] = svc\n");
+    EXPECT_EQ(g_events, "release run release ");
+    EXPECT_GT(allowed, 2);
 }
 
 } // namespace

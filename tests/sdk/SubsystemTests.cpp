@@ -3,9 +3,9 @@
 #include <cstring>
 #include <functional>
 #include <gtest/gtest.h>
-#include <map>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <tuple>
 
@@ -44,7 +44,7 @@ private:
     void OnStop() override { onStop ? onStop(*this) : CSubsystem::OnStop(); }
 };
 
-/// What the service control manager has of a service.
+/// What the service control manager has of the service.
 struct Service
 {
     LPHANDLER_FUNCTION_EX handler = nullptr;
@@ -52,23 +52,24 @@ struct Service
     /// S1/9: starting, checkpoint 1, 9 ms; R5: running, accepts 5; P: stopping; X0: stopped, exit code 0.
     std::string reports = {};
 };
-std::map<std::wstring, Service> s_services;
+Service s_service;
 
-DWORD Control(DWORD control, const std::wstring& name = L"Svc")
+DWORD Control(DWORD control)
 {
-    return s_services[name].handler(control, 0, nullptr, s_services[name].context);
+    return s_service.handler(control, 0, nullptr, s_service.context);
 }
 
 struct SubsystemTest : ::testing::Test
 {
-    SubsystemTest() { s_services.clear(); }
+    SubsystemTest() { s_service = {}; }
     ~SubsystemTest() override { EXPECT_EQ(TxSdk::CanUnloadNow(), S_OK) << "an object was not released"; }
 
     static SERVICE_STATUS_HANDLE WINAPI
     Register(const wchar_t* name, LPHANDLER_FUNCTION_EX handler, void* context)
     {
-        s_services[name] = {handler, context};
-        return reinterpret_cast<SERVICE_STATUS_HANDLE>(&s_services[name]);
+        s_service = {handler, context};
+        return std::wstring_view(name) == L"Svc" ? reinterpret_cast<SERVICE_STATUS_HANDLE>(&s_service)
+                                                 : nullptr;
     }
     static BOOL WINAPI Report(SERVICE_STATUS_HANDLE handle, SERVICE_STATUS* status)
     {
@@ -86,9 +87,10 @@ struct SubsystemTest : ::testing::Test
     }
 
     /// As the host runs it: on this thread.
-    HRESULT Run(CScripted* service, std::wstring name = L"Svc")
+    HRESULT Run(CScripted* service)
     {
-        LPWSTR argv[] = {name.data(), nullptr};
+        wchar_t name[] = L"Svc";
+        LPWSTR argv[] = {name, nullptr};
         return CComReference<ITxSvcSubsystem>(service).Get()->TxServiceMain(1, argv, &m_result);
     }
 
@@ -103,13 +105,17 @@ TEST_F(SubsystemTest, ReportsEveryRoadInOrder)
     const auto fail = [](auto&) -> DWORD { return ERROR_NOT_READY; };
     const auto raise = [](auto&&...) -> DWORD { throw std::runtime_error("on purpose"); };
     const auto end = [](auto& service, HANDLE) { service.SetExitCode(ERROR_WRITE_FAULT); };
+    const auto tellProgress = [](auto& service) { service.ReportProgress(); };
     const auto unload = [](auto& service) { return service.SetUnloadAfterStop(), DWORD{ERROR_SUCCESS}; };
     const auto startSlowly = [](auto& service) {
         service.ReportProgress();
         return service.ReportProgress(1), DWORD{ERROR_SUCCESS};
     };
     const auto stop = [](auto& service, HANDLE stopEvent) {
+        EXPECT_EQ(Control(SERVICE_CONTROL_INTERROGATE), DWORD{NO_ERROR});
+        EXPECT_EQ(Control(SERVICE_CONTROL_PAUSE), DWORD{ERROR_CALL_NOT_IMPLEMENTED});
         EXPECT_EQ(Control(SERVICE_CONTROL_STOP), DWORD{NO_ERROR});
+        EXPECT_EQ(Control(SERVICE_CONTROL_SHUTDOWN), DWORD{NO_ERROR}); // Not told a second time.
         service.WaitForStop(stopEvent);
     };
     const auto stopSlowly = [](auto& service, HANDLE stopEvent) {
@@ -128,6 +134,7 @@ TEST_F(SubsystemTest, ReportsEveryRoadInOrder)
              {"S1/10000 X1064", 1064, raise, {}, {}},
              {"S1/10000 R5 X1064", 1064, {}, raise, {}},
              {"S1/10000 R5 X29", 29, {}, end, {}},
+             {"S1/10000 R5 P1/10000 P2/10000 X0", 0, {}, stop, tellProgress},
              {"S1/10000 R5 P1/10000 X1064", 1064, {}, stop, raise}})
     {
         auto* const service = new CScripted;
@@ -135,34 +142,10 @@ TEST_F(SubsystemTest, ReportsEveryRoadInOrder)
         service->run = run;
         service->onStop = onStop;
         EXPECT_EQ(Run(service), S_OK);
-        EXPECT_EQ(s_services[L"Svc"].reports, reports);
+        EXPECT_EQ(Control(SERVICE_CONTROL_STOP), DWORD{NO_ERROR}); // On its way when it had gone.
+        EXPECT_EQ(s_service.reports, reports);
         EXPECT_EQ(m_result, result);
     }
-}
-
-TEST_F(SubsystemTest, HandlesOneStopOfTheServiceMeantAndNoOtherControl)
-{
-    int stops = 0;
-    auto* const outer = new CScripted;
-    outer->run = [&](auto& /*service*/, HANDLE) {
-        auto* const inner = new CScripted;
-        inner->onStop = [&stops](auto&) { ++stops; };
-        inner->run = [&](auto& /*service*/, HANDLE) {
-            EXPECT_EQ(Control(SERVICE_CONTROL_INTERROGATE, L"Inner"), DWORD{NO_ERROR});
-            EXPECT_EQ(Control(SERVICE_CONTROL_PAUSE, L"Inner"), DWORD{ERROR_CALL_NOT_IMPLEMENTED});
-            EXPECT_EQ(s_services[L"Inner"].reports, "S1/10000 R5");
-            EXPECT_EQ(Control(SERVICE_CONTROL_STOP, L"Inner"), DWORD{NO_ERROR});
-            EXPECT_EQ(Control(SERVICE_CONTROL_SHUTDOWN, L"Inner"), DWORD{NO_ERROR});
-        };
-        EXPECT_EQ(Run(inner, L"Inner"), S_OK);
-        EXPECT_EQ(Control(SERVICE_CONTROL_STOP, L"Inner"), DWORD{NO_ERROR}); // On its way when it had gone.
-        EXPECT_EQ(s_services[L"Svc"].reports, "S1/10000 R5");
-        Control(SERVICE_CONTROL_STOP);
-    };
-    EXPECT_EQ(Run(outer), S_OK);
-    EXPECT_EQ(stops, 1);
-    EXPECT_EQ(s_services[L"Svc"].reports, s_services[L"Inner"].reports);
-    EXPECT_EQ(s_services[L"Svc"].reports, "S1/10000 R5 P1/10000 X0");
 }
 
 TEST_F(SubsystemTest, IsReportedStoppedOnlyWhenOnStopIsOver)
@@ -177,11 +160,11 @@ TEST_F(SubsystemTest, IsReportedStoppedOnlyWhenOnStopIsOver)
     service->onStop = [&](auto& stopping) {
         ::SetEvent(inOnStop.Get());
         ::Sleep(50); // The service's thread could report meanwhile.
-        EXPECT_EQ(s_services[L"Svc"].reports, "S1/10000 R5 P1/10000");
+        EXPECT_EQ(s_service.reports, "S1/10000 R5 P1/10000");
         stopping.ReportProgress(); // No deadlock with the thread that waits.
     };
     EXPECT_EQ(Run(service), S_OK);
-    EXPECT_EQ(s_services[L"Svc"].reports, "S1/10000 R5 P1/10000 P2/10000 X0");
+    EXPECT_EQ(s_service.reports, "S1/10000 R5 P1/10000 P2/10000 X0");
 }
 
 TEST_F(SubsystemTest, LeavesTheReportToTheHostWhenItCannotReportItself)
@@ -194,17 +177,16 @@ TEST_F(SubsystemTest, LeavesTheReportToTheHostWhenItCannotReportItself)
         const CImportPatch patch(call, +[]() -> void* { return ::SetLastError(ERROR_NOT_READY), nullptr; });
         EXPECT_EQ(Run(new CScripted), HRESULT_FROM_WIN32(ERROR_NOT_READY));
     }
-    EXPECT_TRUE(s_services.empty());
+    EXPECT_EQ(s_service.reports, "");
 }
 
 namespace
 {
 
 /// Its construction fails.
-template <typename Exception>
 struct CFailing : TxSdk::CSubsystem
 {
-    CFailing() { throw Exception(); }
+    CFailing() { throw std::bad_alloc(); }
 };
 
 constexpr CLSID kClsid = {0x5D1FBE3A, 0x0B52, 0x4B8E, {0x8A, 0x11, 0x60, 0x3C, 0x7E, 0x55, 0x10, 0x01}};
@@ -239,8 +221,7 @@ TEST(Module, GivesItsClassAndItsObjectsWithOneReferenceOrSaysWhyNot)
         {&GetOtherClass, IID_ITxSvcClassObject, CLASS_E_CLASSNOTAVAILABLE},
         {&Create<CScripted>, IID_ITxSvcSubsystem, S_OK},
         {&Create<CScripted>, IID_IClassFactory, E_NOINTERFACE},
-        {&Create<CFailing<std::bad_alloc>>, IID_ITxSvcSubsystem, E_OUTOFMEMORY},
-        {&Create<CFailing<int>>, IID_ITxSvcSubsystem, E_UNEXPECTED},
+        {&Create<CFailing>, IID_ITxSvcSubsystem, E_OUTOFMEMORY},
     };
     for (const auto& [get, iid, expected] : rows)
     {

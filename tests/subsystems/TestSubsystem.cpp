@@ -15,25 +15,6 @@
 namespace
 {
 
-void Record(const wchar_t* name, const std::wstring& text)
-{
-    HKEY key = nullptr;
-    if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kTestRecordKey, 0, KEY_SET_VALUE, &key) == ERROR_SUCCESS)
-    {
-        const auto size = static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t));
-        ::RegSetValueExW(key, name, 0, REG_SZ, reinterpret_cast<const BYTE*>(text.c_str()), size);
-        ::RegCloseKey(key);
-    }
-}
-
-std::wstring ReadRecord(const wchar_t* name)
-{
-    wchar_t text[64] = {};
-    DWORD size = sizeof(text);
-    ::RegGetValueW(HKEY_LOCAL_MACHINE, kTestRecordKey, name, RRF_RT_REG_SZ, nullptr, text, &size);
-    return text;
-}
-
 bool Says(std::wstring_view text, std::wstring_view word)
 {
     return text.find(word) != std::wstring_view::npos;
@@ -145,20 +126,16 @@ void LoadSlowly()
     ::InterlockedDecrement(&s_loading);
 }
 
-/// Of objects that are never freed.
-template <typename Interface>
-class CForever : public Interface
+/// A class object, and the configuration object of the first-run service. Never freed.
+class CTestClassObject final : public ITxSvcClassObject, public IOobeConfiguration
 {
 public:
+    explicit CTestClassObject(std::wstring_view behaviour) noexcept : m_behaviour(behaviour) {}
+
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID, void**) override { return E_NOINTERFACE; }
     ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
     ULONG STDMETHODCALLTYPE Release() override { return 1; }
-};
 
-/// The configuration object of the first-run service.
-class COobe final : public CForever<IOobeConfiguration>
-{
-public:
     HRESULT STDMETHODCALLTYPE GetServiceEnabledState(USHORT* state, DWORD* error) override
     {
         const std::wstring mode = ReadRecord(L"Oobe");
@@ -167,19 +144,14 @@ public:
         static_cast<void>(Says(mode, L"throws") ? Act(L"Throws") : S_OK);
         return Says(mode, L"fails") ? E_FAIL : S_OK;
     }
-};
-
-class CTestClassObject final : public CForever<ITxSvcClassObject>
-{
-public:
-    explicit CTestClassObject(std::wstring_view behaviour) noexcept : m_behaviour(behaviour) {}
 
     HRESULT STDMETHODCALLTYPE CreateObject(REFIID riid, void** object) override
     {
         *object = nullptr;
         if (riid == IID_IOobeConfiguration)
         {
-            *object = Says(ReadRecord(L"Oobe"), L"refused") ? nullptr : new COobe;
+            *object =
+                Says(ReadRecord(L"Oobe"), L"refused") ? nullptr : static_cast<IOobeConfiguration*>(this);
             return *object != nullptr ? S_OK : E_ACCESSDENIED;
         }
         if (m_behaviour.starts_with(L"Create"))
@@ -217,7 +189,7 @@ STDAPI DllGetClassObject(REFCLSID clsid, REFIID iid, void** object)
     {
         return Act(behaviour.substr(5));
     }
-    *object = new CTestClassObject(behaviour);
+    *object = static_cast<ITxSvcClassObject*>(new CTestClassObject(behaviour));
     return S_OK;
 }
 

@@ -54,3 +54,17 @@ inline constexpr wchar_t kNoExportModule[] = L"NoExportSubsystem.dll";
 /// - "Stop-<process id>": the double of the log controller was stopped; "controller" tells its calls.
 /// - "Oobe": what the double of the first-run service says.
 inline constexpr wchar_t kTestRecordKey[] = L"SOFTWARE\\TxTest";
+
+inline void Record(const wchar_t* name, const std::wstring& text)
+{
+    const auto size = static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t));
+    ::RegSetKeyValueW(HKEY_LOCAL_MACHINE, kTestRecordKey, name, REG_SZ, text.c_str(), size);
+}
+
+[[nodiscard]] inline std::wstring ReadRecord(const wchar_t* name)
+{
+    wchar_t text[512] = {};
+    DWORD size = sizeof(text);
+    ::RegGetValueW(HKEY_LOCAL_MACHINE, kTestRecordKey, name, RRF_RT_REG_SZ, nullptr, text, &size);
+    return text;
+}
