@@ -23,11 +23,6 @@ TEST(Names, EndAtTheirLimits)
     EXPECT_THROW(TxCtl::CheckServiceName(std::wstring(257, L'a')), TxCtl::CToolError);
     EXPECT_NO_THROW(TxCtl::CheckGroupName(std::wstring(255, L'a')));
     EXPECT_THROW(TxCtl::CheckGroupName(std::wstring(256, L'a')), TxCtl::CToolError);
-    EXPECT_NO_THROW(TxCtl::CheckServiceName(L"\u00e4 b-c_1."));
-    for (const wchar_t character : std::wstring(L";:,/\\\"'\x1F"))
-    {
-        EXPECT_THROW(TxCtl::CheckServiceName(std::wstring(L"a") + character), TxCtl::CToolError);
-    }
     for (const std::size_t length : {250U, 256U, 257U, 258U, 1000U})
     {
         const std::wstring path = L"C:\\" + std::wstring(length, L'a');
@@ -101,9 +96,7 @@ TEST(Console, GetsTheWholeTextOrHasFailed)
         {false, MAXDWORD, 1, true},
         {false, 1000, 99, true},
         {false, 1000, 2, false},
-        {false, 0, 99, false},
         {false, 0, 0, true, nullptr}, // Nobody is there to miss it.
-        {true, 0, 0, true, INVALID_HANDLE_VALUE},
     };
     for (const Sink& row : table)
     {
