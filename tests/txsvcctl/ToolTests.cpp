@@ -5,9 +5,11 @@
 
 #include "CtlTest.h"
 #include "base/Owned.h"
+#include "contract/Keys.h"
 #include "support/ImportPatch.h"
 #include "support/Process.h"
 #include "support/TestFolder.h"
+#include "support/TestKey.h"
 #include "txsvcctl/common/Console.h"
 #include "txsvcctl/common/Names.h"
 #include "txsvcctl/common/ToolError.h"
@@ -114,6 +116,7 @@ TEST(Console, GetsTheWholeTextOrHasFailed)
 
 TEST(Program, HandsOnItsArgumentsAndResultsAsUtf8)
 {
+    const CTestKey none(HKEY_LOCAL_MACHINE, Contract::kProductKey, false); // What other programs left.
     const std::wstring program = L"\"" + BesideTest(L"txsvcctl.exe") + L"\" ";
     ProcessOutput output = RunForOutput(program + L"log get \"controller: \u4e2d\"");
     EXPECT_EQ(output.out, "controller: \xE4\xB8\xAD   (searched for) (default)\r\n");
