@@ -70,8 +70,6 @@ TEST_F(RegKeyTest, ReadsWhatIsStoredOrSaysWhyNot)
         {REG_EXPAND_SZ, Wide(L"%TXV%!"), 0, variable + L"!"},
         {REG_DWORD, {"\x07\0\0", 4}, kOther, kNo, 0, 7},
         {REG_DWORD, "\x07\x07\x07", kOther, kNo, kDamaged},
-        {REG_DWORD, "\x07\x07\x07\x07\x07", kOther, kNo, kDamaged},
-        {REG_QWORD, "8 bytes.", kOther, kNo},
         {REG_BINARY, "four", kOther, kNo},
     };
     DWORD number = 0;
@@ -128,7 +126,6 @@ TEST_F(RegKeyTest, ScrambledValuesAreReadBackUnderTheirNameAloneAndDamagedOnesRe
     EXPECT_EQ(key.ReadString(L"Number", text), kOther);
     EXPECT_EQ(key.ReadDword(L"Copied", number), kDamaged);
     EXPECT_EQ(key.ReadDword(L"Level", number), kDamaged);
-    EXPECT_EQ(key.ReadDword(L"Missing", number), DWORD{ERROR_FILE_NOT_FOUND});
     for (std::size_t i = 0; i < good.size(); ++i)
     {
         std::string damaged = good;

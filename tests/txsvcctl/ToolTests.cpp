@@ -5,9 +5,11 @@
 
 #include "CtlTest.h"
 #include "base/Owned.h"
+#include "contract/Keys.h"
 #include "support/ImportPatch.h"
 #include "support/Process.h"
 #include "support/TestFolder.h"
+#include "support/TestKey.h"
 #include "txsvcctl/common/Console.h"
 #include "txsvcctl/common/Names.h"
 #include "txsvcctl/common/ToolError.h"
@@ -23,11 +25,6 @@ TEST(Names, EndAtTheirLimits)
     EXPECT_THROW(TxCtl::CheckServiceName(std::wstring(257, L'a')), TxCtl::CToolError);
     EXPECT_NO_THROW(TxCtl::CheckGroupName(std::wstring(255, L'a')));
     EXPECT_THROW(TxCtl::CheckGroupName(std::wstring(256, L'a')), TxCtl::CToolError);
-    EXPECT_NO_THROW(TxCtl::CheckServiceName(L"\u00e4 b-c_1."));
-    for (const wchar_t character : std::wstring(L";:,/\\\"'\x1F"))
-    {
-        EXPECT_THROW(TxCtl::CheckServiceName(std::wstring(L"a") + character), TxCtl::CToolError);
-    }
     for (const std::size_t length : {250U, 256U, 257U, 258U, 1000U})
     {
         const std::wstring path = L"C:\\" + std::wstring(length, L'a');
@@ -101,9 +98,7 @@ TEST(Console, GetsTheWholeTextOrHasFailed)
         {false, MAXDWORD, 1, true},
         {false, 1000, 99, true},
         {false, 1000, 2, false},
-        {false, 0, 99, false},
         {false, 0, 0, true, nullptr}, // Nobody is there to miss it.
-        {true, 0, 0, true, INVALID_HANDLE_VALUE},
     };
     for (const Sink& row : table)
     {
@@ -121,6 +116,7 @@ TEST(Console, GetsTheWholeTextOrHasFailed)
 
 TEST(Program, HandsOnItsArgumentsAndResultsAsUtf8)
 {
+    const CTestKey none(HKEY_LOCAL_MACHINE, Contract::kProductKey, false); // What other programs left.
     const std::wstring program = L"\"" + BesideTest(L"txsvcctl.exe") + L"\" ";
     ProcessOutput output = RunForOutput(program + L"log get \"controller: \u4e2d\"");
     EXPECT_EQ(output.out, "controller: \xE4\xB8\xAD   (searched for) (default)\r\n");
