@@ -21,9 +21,10 @@
 #include "base/Stopwatch.h"
 #include "base/Text.h"
 #include "support/Errors.h"
+#include "support/Installation.h"
 #include "support/Narrow.h"
-#include "support/ServiceScope.h"
 #include "support/TestFolder.h"
+#include "txsvcctl/service/ServiceManager.h"
 
 namespace
 {
@@ -112,8 +113,9 @@ void AwaitState(SC_HANDLE service, const std::wstring& name, DWORD wanted, DWORD
         ::Sleep(0);
     } while (status.dwCurrentState == pending && watch.Seconds() < kTimeoutSeconds);
     ThrowError(
-        name + L" should be " + ServiceStateName(wanted) + L" but is " +
-        ServiceStateName(status.dwCurrentState) + L", exit code " + std::to_wstring(status.dwWin32ExitCode));
+        name + L" should be " + TxCtl::StateName({wanted}) + L" but is " +
+        TxCtl::StateName({status.dwCurrentState}) + L", exit code " +
+        std::to_wstring(status.dwWin32ExitCode));
 }
 
 /// Starts and stops the service once; the next start finds neither the service nor its process.
@@ -152,6 +154,36 @@ double MeasureStart(const std::wstring& name)
     return milliseconds;
 }
 
+/// The entry of the service to compare with.
+class CBareService
+{
+public:
+    CBareService()
+    {
+        RemoveService(kBareName);
+        const std::wstring path = L"\"" + BesideTest(L"BareService.exe") + L"\"";
+        const Basalt::CServiceHandle manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CREATE_SERVICE));
+        const Basalt::CServiceHandle service(::CreateServiceW(
+            manager.Get(),
+            kBareName,
+            kBareName,
+            SERVICE_ALL_ACCESS,
+            SERVICE_WIN32_OWN_PROCESS,
+            SERVICE_DEMAND_START,
+            SERVICE_ERROR_IGNORE,
+            path.c_str(),
+            nullptr,
+            nullptr,
+            nullptr,
+            nullptr,
+            nullptr));
+        ThrowIfFailed(service ? ERROR_SUCCESS : ::GetLastError(), L"creating the service to compare with");
+    }
+    ~CBareService() { RemoveService(kBareName); }
+    CBareService(const CBareService&) = delete;
+    CBareService& operator=(const CBareService&) = delete;
+};
+
 std::vector<Series> Measure(const Options& options)
 {
     std::vector<Series> all;
@@ -160,8 +192,7 @@ std::vector<Series> Measure(const Options& options)
         all.push_back({name, {}});
     }
     all.push_back({kBareName, {}});
-    const CServiceScope bare(
-        kBareName, L"\"" + BesideTest(L"BareService.exe") + L"\"", SERVICE_WIN32_OWN_PROCESS);
+    const CBareService bare;
     for (unsigned round = 0; round < options.warmUps + options.rounds; ++round)
     {
         for (Series& series : all)
