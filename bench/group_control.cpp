@@ -27,6 +27,7 @@
 #include <string>
 #include <vector>
 
+#include "HandleCount.h"
 #include "base/ClassObject.h"
 #include "base/ModuleFinder.h"
 #include "base/Owned.h"
@@ -37,10 +38,8 @@
 #include "support/Errors.h"
 #include "support/GroupControl.h"
 #include "support/GroupRunner.h"
-#include "support/HandleCount.h"
-#include "support/ServiceScope.h"
+#include "support/Installation.h"
 #include "support/TestFolder.h"
-#include "support/TestGroup.h"
 
 namespace
 {
@@ -170,9 +169,9 @@ void StopProcesses(const std::vector<TestSubsystem>& services, Timing& call, Tim
 
 /// With the stand-in: one host process for all services.
 void StopProcess(
-    const CTestGroup& group, const std::vector<TestSubsystem>& services, Timing& call, Timing& end)
+    const std::wstring& command, const std::vector<TestSubsystem>& services, Timing& call, Timing& end)
 {
-    CGroupRunner host(group.CommandLine());
+    CGroupRunner host(command);
     for (const TestSubsystem& entry : services)
     {
         host.StartAndWait(entry.service);
@@ -193,11 +192,12 @@ void MeasureStops(const Options& options, Report& report)
         for (unsigned round = 0; round < options.rounds; ++round)
         {
             const std::vector<TestSubsystem> entries = Services(count);
-            const CTestGroup group(L"TxBenchGc", entries);
+            CInstallation installation;
+            const std::wstring command = installation.AddGroup(L"TxBenchGc", entries);
             ForgetClassObjects();
             StopProcesses(entries, rows[0], rows[1]);
             ForgetClassObjects();
-            StopProcess(group, entries, rows[2], rows[3]);
+            StopProcess(command, entries, rows[2], rows[3]);
         }
         report.timings.insert(report.timings.end(), std::begin(rows), std::end(rows));
     }
@@ -251,9 +251,10 @@ Growth MeasureGrowth(const char* name, HANDLE process, unsigned count, const std
 
 void MeasureObjects(const Options& options, Report& report)
 {
-    const CTestGroup group(L"TxBenchGc", Services(1));
+    CInstallation installation;
+    const std::wstring command = installation.AddGroup(L"TxBenchGc", Services(1));
     ForgetClassObjects();
-    CGroupRunner host(group.CommandLine());
+    CGroupRunner host(command);
     host.StartAndWait(L"TxBenchGc1");
     {
         const ClassObject classObject = ConnectToHost();

@@ -20,9 +20,9 @@
 #include "base/Text.h"
 #include "support/Errors.h"
 #include "support/GroupRunner.h"
+#include "support/Installation.h"
 #include "support/Narrow.h"
-#include "support/ServiceScope.h"
-#include "support/TestGroup.h"
+#include "txsvcctl/service/ServiceManager.h"
 
 namespace
 {
@@ -96,7 +96,7 @@ void StartServices(CGroupRunner& host, const Options& options)
     for (const std::wstring& name : options.services)
     {
         host.StartAndWait(name);
-        const std::wstring state = ServiceStateName(QueryService(name).dwCurrentState);
+        const std::wstring state = TxCtl::StateName({QueryService(name).dwCurrentState});
         Print(L"  %-24s %-14s %7lu\n", name.c_str(), state.c_str(), host.ProcessId());
     }
 }
@@ -137,7 +137,7 @@ bool StopServices(CGroupRunner& host, const Options& options)
     for (const std::wstring& name : options.services)
     {
         host.Stop(name);
-        const std::wstring state = ServiceStateName(QueryService(name).dwCurrentState);
+        const std::wstring state = TxCtl::StateName({QueryService(name).dwCurrentState});
         Print(L"  %-24s %s\n", name.c_str(), state.c_str());
     }
     const std::optional<DWORD> exitCode = host.WaitForExit();

@@ -26,17 +26,17 @@
 #include <string>
 #include <vector>
 
+#include "HandleCount.h"
 #include "StartMark.h"
 #include "base/Owned.h"
 #include "base/RegKey.h"
 #include "base/Stopwatch.h"
 #include "support/Errors.h"
 #include "support/GroupRunner.h"
-#include "support/HandleCount.h"
+#include "support/Installation.h"
 #include "support/Narrow.h"
-#include "support/ServiceScope.h"
 #include "support/TestFolder.h"
-#include "support/TestGroup.h"
+#include "txsvcctl/service/ServiceManager.h"
 
 using nlohmann::ordered_json;
 
@@ -158,7 +158,7 @@ void AwaitRunning(const std::wstring& name)
 {
     if (::WaitForSingleObject(s_running.Get(), kTimeoutMs) != WAIT_OBJECT_0)
     {
-        ThrowError(name + L" should run but is " + ServiceStateName(QueryService(name).dwCurrentState));
+        ThrowError(name + L" should run but is " + TxCtl::StateName({QueryService(name).dwCurrentState}));
     }
 }
 
@@ -240,25 +240,15 @@ Figures MeasureStart(const std::wstring& name, const std::string& program)
     return figures;
 }
 
-/// The settings and services that are measured, removed at the end.
-class CInstallation
+/// As an installed product has it: the host need not load the shell for it.
+void SetCommonFiles()
 {
-public:
-    CInstallation()
-    {
-        // As an installed product has it: the host need not load the shell for it.
-        ThrowIfFailed(
-            m_product.Create(HKEY_LOCAL_MACHINE, L"Software\\Wow6432Node\\Tarvex\\KSC", KEY_ALL_ACCESS),
-            L"creating the product's key");
-        ThrowIfFailed(m_product.WriteString(L"CommonFiles Dir64", L"C:\\"), L"writing to it");
-    }
-    ~CInstallation() { ::RegDeleteKeyW(HKEY_LOCAL_MACHINE, L"Software\\Wow6432Node\\Tarvex\\KSC"); }
-    CInstallation(const CInstallation&) = delete;
-    CInstallation& operator=(const CInstallation&) = delete;
-
-private:
-    Basalt::CRegKey m_product;
-};
+    Basalt::CRegKey key;
+    ThrowIfFailed(
+        key.Create(HKEY_LOCAL_MACHINE, L"Software\\Wow6432Node\\Tarvex\\KSC", KEY_ALL_ACCESS),
+        L"creating the product's key");
+    ThrowIfFailed(key.WriteString(L"CommonFiles Dir64", L"C:\\"), L"writing to it");
+}
 
 std::vector<TestSubsystem> Subsystems(int count)
 {
@@ -283,11 +273,18 @@ ordered_json ToJson(const Figures& figures)
     return json;
 }
 
+void InstallSingle(CInstallation& installation)
+{
+    SetCommonFiles();
+    installation.AddGroup(L"TxBench", Subsystems(1));
+    installation.AddService(kBare, BareImage(false));
+    installation.AddService(kCom, BareImage(true));
+}
+
 ordered_json MeasureStarts(int rounds)
 {
-    CTestGroup group(L"TxBench", Subsystems(1));
-    const CServiceScope bare(kBare, BareImage(false), SERVICE_WIN32_OWN_PROCESS);
-    const CServiceScope com(kCom, BareImage(true), SERVICE_WIN32_OWN_PROCESS);
+    CInstallation installation;
+    InstallSingle(installation);
     std::vector<Figures> all[3];
     std::vector<double> ratios;
     for (int round = -2; round < rounds; ++round) // The first ones warm up.
@@ -354,14 +351,15 @@ Figures MeasureGroup(
 
 ordered_json MeasureGroups(int count, int rounds)
 {
-    CTestGroup group(L"TxBench", Subsystems(count));
+    CInstallation installation;
+    SetCommonFiles();
+    installation.AddGroup(L"TxBench", Subsystems(count));
     std::vector<std::wstring> hosted, own;
-    std::vector<CServiceScope> scopes;
     for (int i = 1; i <= count; ++i)
     {
         hosted.push_back(L"TxBench" + std::to_wstring(i));
         own.push_back(L"TxBenchOwn" + std::to_wstring(i));
-        scopes.emplace_back(own.back(), BareImage(true), SERVICE_WIN32_OWN_PROCESS);
+        installation.AddService(own.back(), BareImage(true));
     }
     std::vector<Figures> all[2];
     for (int round = -1; round < rounds; ++round)
@@ -422,9 +420,8 @@ void PrintTable(const ordered_json& report)
 
 void Once(const std::wstring& what)
 {
-    CTestGroup group(L"TxBench", Subsystems(1));
-    const CServiceScope bare(kBare, BareImage(false), SERVICE_WIN32_OWN_PROCESS);
-    const CServiceScope com(kCom, BareImage(true), SERVICE_WIN32_OWN_PROCESS);
+    CInstallation installation;
+    InstallSingle(installation);
     static_cast<void>(
         what == L"bare"  ? MeasureStart(kBare, "BareService")
         : what == L"com" ? MeasureStart(kCom, "BareService")
@@ -441,7 +438,8 @@ bool IsWithinLimits()
         .threads = 7, // Main, dispatcher, service, RPC, timer queue, wait, pool worker.
         .handles = 60,
         .dlls = 19}; // With the hosted one.
-    CTestGroup group(L"TxBench", Subsystems(1));
+    CInstallation installation;
+    InstallSingle(installation);
     const Figures host = MeasureStart(L"TxBench1", "TxSvHost");
     std::printf("threads %.0f, handles %.0f, DLLs %.0f\n", host.threads, host.handles, host.dlls);
     const bool isWithin =
@@ -452,7 +450,6 @@ bool IsWithinLimits()
 
 int Run(const Options& options)
 {
-    const CInstallation installation;
     if (!options.once.empty())
     {
         Once(options.once);

@@ -11,10 +11,10 @@
 #include <cstdio>
 #include <vector>
 
+#include "HandleCount.h"
 #include "base/Owned.h"
 #include "base/Stopwatch.h"
 #include "contract/WorkingSetEvent.h"
-#include "support/HandleCount.h"
 #include "support/ImportPatch.h"
 #include "workingset/TxSvcHostWorkingSetHandler.h"
 

@@ -13,11 +13,8 @@
 #include "control/UpdateManager.h"
 #include "subsystems/TestSubsystemIds.h"
 #include "support/GroupRunner.h"
-#include "support/HostLog.h"
+#include "support/Installation.h"
 #include "support/Process.h"
-#include "support/ServiceScope.h"
-#include "support/TestFolder.h"
-#include "support/TestGroup.h"
 #include "support/TestKey.h"
 
 namespace
@@ -61,6 +58,7 @@ protected:
 
     const HRESULT m_com = ::CoInitializeEx(nullptr, COINIT_MULTITHREADED);
     CTestFolder m_folder;
+    CInstallation m_installation;
     CHostLog m_log{m_folder.Path()};
 };
 
@@ -69,8 +67,8 @@ TEST_F(GroupControlTest, AnUpdaterStopsOneGroupAfterTheOtherAndStartsTheCoreGrou
 {
     const CProxyRegistration proxies(SignedProxies(L"tarvex"));
     const std::vector<std::wstring> names = {L"TxKscSvc", L"TXPLTSVC", L"TxGcOther1"};
-    const CTestGroup core(L"TxCoreSvc", {Hosted(names[0]), Hosted(names[1])});
-    const CTestGroup other(L"TxGcOther", {Hosted(names[2])});
+    m_installation.AddGroup(L"TxCoreSvc", {Hosted(names[0]), Hosted(names[1])});
+    m_installation.AddGroup(L"TxGcOther", {Hosted(names[2])});
     CTestKey record(HKEY_LOCAL_MACHINE, kTestRecordKey);
     Basalt::CObfuscatedRegKey settings;
     ASSERT_EQ(settings.Create(HKEY_LOCAL_MACHINE, kLogKey, KEY_ALL_ACCESS), 0U);
@@ -92,7 +90,7 @@ TEST_F(GroupControlTest, AnUpdaterStopsOneGroupAfterTheOtherAndStartsTheCoreGrou
     }
     EXPECT_EQ(m_log.Count(L"Information", kForcedStop), 2U);
     std::wstring ended;
-    for (const HostLogLine& line : m_log.Lines())
+    for (const ETWLogging::LogEntry& line : m_log.Lines())
     {
         const std::size_t end = line.message.find(L" completed after ");
         ended += end == std::wstring::npos ? L"" : line.message.substr(0, end) + L";";
@@ -107,8 +105,9 @@ TEST_F(GroupControlTest, AnUpdaterStopsOneGroupAfterTheOtherAndStartsTheCoreGrou
 TEST_F(GroupControlTest, AStopEndsTheProcessASecondLaterWhoeverStillCallsOrStarts)
 {
     const CProxyRegistration proxies(SignedProxies(L"tarvex"));
-    const CTestGroup group(L"TxGcLate", {Hosted(L"TxGcLate1"), Hosted(L"TxGcLate2")});
-    CGroupRunner host(group.CommandLine());
+    const std::wstring command =
+        m_installation.AddGroup(L"TxGcLate", {Hosted(L"TxGcLate1"), Hosted(L"TxGcLate2")});
+    CGroupRunner host(command);
     host.StartAndWait(L"TxGcLate1");
     const ClassObject classObject = ConnectToHost();
     std::vector<std::thread> crowd;
@@ -136,9 +135,9 @@ TEST_F(GroupControlTest, AStopEndsTheProcessASecondLaterWhoeverStillCallsOrStart
     {
         client.join();
     }
-    EXPECT_TRUE(m_log.Has(L"Information", L"Failed to stop service:TxGcLate1, error code 1061"));
-    EXPECT_TRUE(m_log.Has(L"Error", L"GenericServiceMain is called when shutdown, argv[0] = TxGcLate2"));
-    EXPECT_EQ(m_log.CountContaining(L"Normal", L"Entering ServiceMain for 'TxGcLate2'"), 0U);
+    EXPECT_EQ(m_log.Count(L"Information", L"Failed to stop service:TxGcLate1, error code 1061"), 1U);
+    EXPECT_EQ(m_log.Count(L"Error", L"GenericServiceMain is called when shutdown, argv[0] = TxGcLate2"), 1U);
+    EXPECT_EQ(m_log.Count(L"Normal", L"Entering ServiceMain for 'TxGcLate2'"), 0U);
 }
 
 /// An update client and its class object, for a host in another process.
@@ -190,7 +189,7 @@ private:
 
 TEST_F(GroupControlTest, OnlyATrustedClientKeepsAHostDownAndOnlyATrustedStubGetsAManager)
 {
-    const CTestGroup group(L"TxGcUpdate", {Hosted(L"TxGcUpdate1")});
+    const std::wstring command = m_installation.AddGroup(L"TxGcUpdate", {Hosted(L"TxGcUpdate1")});
     const Basalt::CHandle event(::CreateEventW(nullptr, TRUE, FALSE, kUpdateEvent.c_str()));
     const struct
     {
@@ -236,40 +235,40 @@ TEST_F(GroupControlTest, OnlyATrustedClientKeepsAHostDownAndOnlyATrustedStubGets
         if (read != 0)
         {
             SkipControlPipe();
-            EXPECT_EQ(RunProcess(group.CommandLine()), 0U);
+            EXPECT_EQ(RunProcess(command), 0U);
         }
         else
         {
-            CGroupRunner host(group.CommandLine());
+            CGroupRunner host(command);
             host.StartAndWait(L"TxGcUpdate1");
             const ClassObject classObject = ConnectToHost();
             EXPECT_EQ(CreateManager(classObject), row.manager);
             host.Stop(L"TxGcUpdate1");
             EXPECT_EQ(host.WaitForExit(), 0U);
         }
-        EXPECT_TRUE(log.Has(
-            L"Information", L"Reduce restart: IsInstallingUpdate return value is " + std::to_wstring(read)));
-        EXPECT_EQ(log.CountContaining(L"Error", L"Reduce restart"), *row.error == 0 ? 0U : 1U);
-        EXPECT_TRUE(*row.error == 0 || log.Has(L"Error", row.error));
+        EXPECT_EQ(
+            log.Count(L"Information", L"IsInstallingUpdate return value is " + std::to_wstring(read)), 1U);
+        EXPECT_EQ(log.Count(L"Error", L"Reduce restart"), *row.error == 0 ? 0U : 1U);
+        EXPECT_TRUE(*row.error == 0 || log.Count(L"Error", row.error) == 1);
     }
 }
 
 TEST_F(GroupControlTest, TheSampleUpdateClientKeepsHostsDownWhileItLives)
 {
     const CProxyRegistration proxies(SignedProxies(L"tarvex"));
-    const CTestGroup group(L"TxGcSample", {Hosted(L"TxGcSample1")});
+    const std::wstring command = m_installation.AddGroup(L"TxGcSample", {Hosted(L"TxGcSample1")});
     CProcess client(Quoted(L"UpdateClient.exe") + L"60");
     while (!Basalt::CHandle(::OpenEventW(SYNCHRONIZE, FALSE, kUpdateEvent.c_str())))
     {
         ASSERT_EQ(::WaitForSingleObject(client.Handle(), 10), DWORD{WAIT_TIMEOUT});
     }
     SkipControlPipe();
-    EXPECT_EQ(RunProcess(group.CommandLine()), 0U);
+    EXPECT_EQ(RunProcess(command), 0U);
     ::TerminateProcess(client.Handle(), ERROR_PROCESS_ABORTED);
     EXPECT_EQ(client.Wait(), DWORD{ERROR_PROCESS_ABORTED});
-    EXPECT_TRUE(m_log.Has(L"Information", L"Reduce restart: IsInstallingUpdate return value is 1"));
+    EXPECT_EQ(m_log.Count(L"Information", L"Reduce restart: IsInstallingUpdate return value is 1"), 1U);
 
-    CGroupRunner host(group.CommandLine());
+    CGroupRunner host(command);
     host.StartAndWait(L"TxGcSample1");
     host.Stop(L"TxGcSample1");
     EXPECT_EQ(host.WaitForExit(), 0U);

@@ -8,8 +8,7 @@
 
 #include "subsystems/TestSubsystemIds.h"
 #include "support/GroupRunner.h"
-#include "support/TestFolder.h"
-#include "support/TestGroup.h"
+#include "support/Installation.h"
 
 namespace
 {
@@ -43,9 +42,9 @@ TEST(HostProcess, LoadsNoLibraryThatWasPlantedBesideIt)
     {
         std::filesystem::copy_file(BesideTest(kNoExportModule), folder.File(name));
     }
-    const CTestGroup group(
-        L"TxPlanted", {{L"TxPlanted1", TestClsidText(L"WellBehaved"), BesideTest(kTestModule)}}, host);
-    CGroupRunner runner(group.CommandLine());
+    CInstallation installation;
+    CGroupRunner runner(installation.AddGroup(
+        L"TxPlanted", {{L"TxPlanted1", TestClsidText(L"WellBehaved"), BesideTest(kTestModule)}}, host));
     runner.StartAndWait(L"TxPlanted1");
 
     EXPECT_EQ(ModulesFrom(folder.Path(), runner.Process()), std::vector<std::wstring>{L"TxSvHost.exe"});

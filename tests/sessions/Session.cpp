@@ -29,7 +29,6 @@ namespace
 {
 
 constexpr DWORD kTimeoutMs = 60000;
-constexpr wchar_t kClasses[] = L"Software\\Classes\\CLSID\\";
 
 template <typename Text>
 void ReplaceAll(Text& text, const Text& from, const Text& to)
@@ -67,60 +66,7 @@ private:
     std::wstring& m_text;
 };
 
-/// Removes the services and classes that the product's keys name, then the keys and the link to them.
-void ForgetProduct()
-{
-    Basalt::CRegKey root;
-    if (root.Open(HKEY_LOCAL_MACHINE, kHostKey, KEY_READ) == ERROR_SUCCESS)
-    {
-        for (const std::wstring& group : TxCtl::SubKeyNames(root, kHostKey))
-        {
-            Basalt::CRegKey key;
-            static_cast<void>(key.Open(root.Get(), group.c_str(), KEY_READ));
-            for (const std::wstring& service : TxCtl::ValueNames(key, group))
-            {
-                std::wstring clsid;
-                if (!service.empty() && key.ReadString(service.c_str(), clsid) == ERROR_SUCCESS &&
-                    clsid.size() == 38)
-                {
-                    ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, (kClasses + clsid).c_str());
-                    ::DeleteService(OpenServiceByName(service, DELETE).Get());
-                }
-            }
-        }
-    }
-    root.Close();
-    Basalt::CRegKey link; // Deleting the tree would follow it.
-    if (link.Open(HKEY_LOCAL_MACHINE, Contract::kProductKey, KEY_ALL_ACCESS, REG_OPTION_OPEN_LINK) ==
-            ERROR_SUCCESS &&
-        IsRegistryLink(Contract::kProductKey))
-    {
-        static_cast<void>(DeleteKeyByHandle(link.Get()));
-    }
-    link.Close();
-    ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, Contract::kProductKey);
-    ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, Contract::kProductKey32);
-}
-
 } // namespace
-
-CSession::CSession()
-{
-    ForgetProduct();
-}
-
-CSession::~CSession()
-{
-    m_host.reset();
-    m_groups.clear();
-    m_entries.clear();
-    m_log.reset();
-    ForgetProduct();
-    for (const std::wstring& key : m_keys)
-    {
-        ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, key.c_str());
-    }
-}
 
 std::string CSession::Execute(const std::string& line)
 {
@@ -176,7 +122,7 @@ void CSession::group(const Words& words)
              isTest ? TestClsidText(what) : what,
              isTest ? BesideTest(kTestModule) : L""});
     }
-    m_groups.push_back(std::make_unique<CTestGroup>(words[0], subsystems));
+    m_installation.AddGroup(words[0], subsystems);
 }
 
 /// Makes the entry of another program's service, or shows what the service manager has of one.
@@ -184,7 +130,19 @@ void CSession::entry(const Words& words)
 {
     if (words.size() > 1)
     {
-        m_entries.emplace_back(words[0], words[1], SERVICE_WIN32_OWN_PROCESS);
+        m_installation.AddService(words[0], words[1]);
+        ::ChangeServiceConfigW(
+            OpenServiceByName(words[0], SERVICE_CHANGE_CONFIG).Get(),
+            SERVICE_WIN32_OWN_PROCESS,
+            SERVICE_NO_CHANGE,
+            SERVICE_NO_CHANGE,
+            nullptr,
+            nullptr,
+            nullptr,
+            nullptr,
+            nullptr,
+            nullptr,
+            nullptr);
         return;
     }
     const auto entry = TxCtl::CServiceManager(SC_MANAGER_CONNECT).FindConfig(words[0]);
@@ -196,12 +154,7 @@ void CSession::entry(const Words& words)
 
 void CSession::setClass(const Words& words)
 {
-    m_keys.push_back(kClasses + words[0]);
-    const std::wstring path = m_keys.back() + L"\\InprocServer32";
-    Basalt::CRegKey key;
-    ThrowIfFailed(key.Create(HKEY_LOCAL_MACHINE, path.c_str(), KEY_ALL_ACCESS), path);
-    ThrowIfFailed(key.WriteString(L"", words[1]), path);
-    ThrowIfFailed(key.WriteString(L"ThreadingModel", L"Both"), path);
+    m_installation.AddClass(words[0], words[1]);
 }
 
 void CSession::set(const Words& words)
@@ -210,7 +163,7 @@ void CSession::set(const Words& words)
     const std::wstring& value = words[2];
     if (words[0] == kTestRecordKey)
     {
-        m_keys.push_back(words[0]);
+        m_installation.AddKey(words[0]);
     }
     Basalt::CRegKey key;
     ThrowIfFailed(key.Create(HKEY_LOCAL_MACHINE, words[0].c_str(), KEY_ALL_ACCESS), words[0]);
@@ -295,8 +248,7 @@ void CSession::host(const Words& /*words*/)
 
 void CSession::end(const Words& /*words*/)
 {
-    const std::optional<DWORD> code = m_host->WaitForExit();
-    print(code ? L"exit code " + std::to_wstring(*code) : L"still running");
+    print(L"exit code " + std::to_wstring(m_host->WaitForExit()));
     m_host.reset();
 }
 
@@ -340,7 +292,7 @@ void CSession::state(const Words& words)
     }
     const SERVICE_STATUS_PROCESS status = QueryService(words[0]);
     print(
-        ServiceStateName(status.dwCurrentState) +
+        TxCtl::StateName({status.dwCurrentState}) +
         (status.dwWin32ExitCode == 0 ? L"" : L", exit code " + std::to_wstring(status.dwWin32ExitCode)));
 }
 
@@ -396,11 +348,11 @@ void CSession::log(const Words& /*words*/)
     }
     const bool isWhole = what == L"whole";
     const std::wregex pattern(isWhole ? L"" : what.empty() ? L"^(?!Norm)" : what);
-    const std::vector<HostLogLine> lines = m_log->Lines();
+    const std::vector<ETWLogging::LogEntry> lines = m_log->Lines();
     std::vector<std::pair<DWORD, std::wstring>> threads;
     for (; m_shownLines < lines.size(); ++m_shownLines)
     {
-        const HostLogLine& line = lines[m_shownLines];
+        const ETWLogging::LogEntry& line = lines[m_shownLines];
         const std::wstring text = LevelName(line).substr(0, 4) + L" " + line.source.value_or(L"") + L" " +
                                   line.function.value_or(L"") + L": " + line.message + L"\n";
         if (std::regex_search(text, pattern))
@@ -420,7 +372,12 @@ void CSession::log(const Words& /*words*/)
 void CSession::await(const Words& words)
 {
     const std::wstring message = m_arguments.substr(words[0].size() + 1);
-    print(m_log->WaitFor(words[0], message) ? L"logged" : L"not logged");
+    const ULONGLONG end = ::GetTickCount64() + kTimeoutMs;
+    while (m_log->Count(words[0], message) == 0 && ::GetTickCount64() < end)
+    {
+        ::Sleep(10);
+    }
+    print(m_log->Count(words[0], message) != 0 ? L"logged" : L"not logged");
 }
 
 std::wstring CSession::expand(std::wstring text) const

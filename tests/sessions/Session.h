@@ -6,9 +6,7 @@
 
 #include "base/Owned.h"
 #include "support/GroupRunner.h"
-#include "support/HostLog.h"
-#include "support/TestFolder.h"
-#include "support/TestGroup.h"
+#include "support/Installation.h"
 
 /// What a person would do with the product at a command prompt, one command a line. README.md lists the
 /// commands; each is a method here, which gets the words behind it.
@@ -19,11 +17,6 @@
 class CSession
 {
 public:
-    CSession();
-    ~CSession();
-    CSession(const CSession&) = delete;
-    CSession& operator=(const CSession&) = delete;
-
     /// @param line a command, in UTF-8.
     /// @return what it prints, in UTF-8, each line with its end; what differs between runs is made the same.
     std::string Execute(const std::string& line);
@@ -57,11 +50,9 @@ private:
     void print(const std::wstring& text) { m_out += text + L"\n"; }
 
     CDataFolder m_folder;
+    CInstallation m_installation;
     std::unique_ptr<CHostLog> m_log;
     std::size_t m_shownLines = 0;
-    std::vector<std::unique_ptr<CTestGroup>> m_groups;
-    std::vector<CServiceScope> m_entries;
-    std::vector<std::wstring> m_keys; ///< Removed at the end, below HKEY_LOCAL_MACHINE.
     std::unique_ptr<CGroupRunner> m_host;
     Basalt::CHandle m_event;
     std::wstring m_arguments; ///< Of the command, as they stand.

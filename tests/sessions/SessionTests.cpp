@@ -30,101 +30,92 @@ Lines LinesOf(const std::string& text)
     return lines;
 }
 
-/// Plays one file: a line that is not indented is a command, what follows it indented is what it must print.
-class CSessionTest : public ::testing::Test
+Lines Run(CSession& session, const std::string& line)
 {
-public:
-    explicit CSessionTest(std::filesystem::path path) : m_path(std::move(path)) {}
-
-    void TestBody() override
+    try
     {
-        std::ifstream file(m_path, std::ios::binary);
-        const Lines expected = LinesOf({std::istreambuf_iterator<char>(file), {}});
-        file.close();
-        const Lines seen = play(expected);
-        const auto [from, there] = std::ranges::mismatch(seen, expected);
-        if (from != seen.end() || there != expected.end())
-        {
-            const auto line = there - expected.begin();
-            ADD_FAILURE() << m_path.string() << ":" << line + 1 << ": "
-                          << (there != expected.end() ? *there : "") << "\nseen:\n"
-                          << ::testing::PrintToString(Lines(from, std::min(from + 12, seen.end())));
-        }
-        if (::GetEnvironmentVariableW(L"TX_RECORD", nullptr, 0) != 0)
-        {
-            std::ofstream record(m_path, std::ios::binary);
-            std::ranges::copy(seen, std::ostream_iterator<std::string>(record, "\n"));
-        }
+        return LinesOf(session.Execute(line));
     }
-
-private:
-    static Lines play(const Lines& expected)
+    catch (const std::exception& error)
     {
-        CSession session;
-        Lines seen;
-        for (auto line = expected.begin(); line != expected.end(); ++line)
+        ADD_FAILURE() << line << ": " << error.what();
+        return {};
+    }
+}
+
+/// A line that is not indented is a command, what follows it indented is what it must print.
+Lines Play(const Lines& expected)
+{
+    CSession session;
+    Lines seen;
+    for (auto line = expected.begin(); line != expected.end(); ++line)
+    {
+        // An empty line was printed when printed text follows.
+        const auto text = std::find_if_not(line, expected.end(), std::mem_fn(&std::string::empty));
+        if (text != expected.end() && text->starts_with(kIndent))
         {
-            // An empty line was printed when printed text follows.
-            const auto text = std::find_if_not(line, expected.end(), std::mem_fn(&std::string::empty));
-            if (text != expected.end() && text->starts_with(kIndent))
+            continue;
+        }
+        seen.push_back(*line);
+        if (!line->empty() && line->front() != '#')
+        {
+            for (const std::string& printed : Run(session, *line))
             {
-                continue;
-            }
-            seen.push_back(*line);
-            if (!line->empty() && line->front() != '#')
-            {
-                for (const std::string& printed : run(session, *line))
-                {
-                    seen.push_back((printed.empty() ? "" : kIndent) + printed);
-                }
+                seen.push_back((printed.empty() ? "" : kIndent) + printed);
             }
         }
-        return seen;
     }
+    return seen;
+}
 
-    static Lines run(CSession& session, const std::string& line)
-    {
-        try
-        {
-            return LinesOf(session.Execute(line));
-        }
-        catch (const std::exception& error)
-        {
-            ADD_FAILURE() << line << ": " << error.what();
-            return {};
-        }
-    }
-
-    std::filesystem::path m_path;
-};
-
-} // namespace
-
-// -municode makes wmain the entry point. The arguments are GoogleTest's own and plain ASCII.
-int wmain(int argc, wchar_t** argv)
+std::vector<std::filesystem::path> Files()
 {
     std::set<std::filesystem::path> files;
     for (const auto& entry : std::filesystem::directory_iterator(TX_SESSIONS))
     {
-#if !defined(__clang__)
-        if (entry.path().stem() == "crashing")
-        {
-            continue; // No structured exception handling.
-        }
+        const bool isSession = entry.path().extension() == ".session";
+#if defined(__clang__)
+        const bool isPlayed = isSession;
+#else
+        const bool isPlayed = isSession && entry.path().stem() != "crashing"; // No structured exceptions.
 #endif
-        if (entry.path().extension() == ".session")
+        if (isPlayed)
         {
             files.insert(entry.path());
         }
     }
-    for (const std::filesystem::path& path : files)
-    {
-        std::string name = path.stem().string();
-        std::ranges::replace(name, '-', '_'); // A hyphen would split a filter.
-        ::testing::RegisterTest("Session", name.c_str(), nullptr, nullptr, __FILE__, __LINE__, [path] {
-            return new CSessionTest(path);
-        });
-    }
-    ::testing::InitGoogleTest(&argc, argv);
-    return RUN_ALL_TESTS();
+    return {files.begin(), files.end()};
 }
+
+class SessionTest : public ::testing::TestWithParam<std::filesystem::path>
+{
+};
+
+TEST_P(SessionTest, PrintsWhatTheFileHas)
+{
+    std::ifstream file(GetParam(), std::ios::binary);
+    const Lines expected = LinesOf({std::istreambuf_iterator<char>(file), {}});
+    file.close();
+    const Lines seen = Play(expected);
+    const auto [from, there] = std::ranges::mismatch(seen, expected);
+    if (from != seen.end() || there != expected.end())
+    {
+        const auto line = there - expected.begin();
+        ADD_FAILURE() << GetParam().string() << ":" << line + 1 << ": "
+                      << (there != expected.end() ? *there : "") << "\nseen:\n"
+                      << ::testing::PrintToString(Lines(from, std::min(from + 12, seen.end())));
+    }
+    if (::GetEnvironmentVariableW(L"TX_RECORD", nullptr, 0) != 0)
+    {
+        std::ofstream record(GetParam(), std::ios::binary);
+        std::ranges::copy(seen, std::ostream_iterator<std::string>(record, "\n"));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(, SessionTest, ::testing::ValuesIn(Files()), [](const auto& file) {
+    std::string name = file.param.stem().string();
+    std::ranges::replace(name, '-', '_'); // A hyphen would split a filter.
+    return name;
+});
+
+} // namespace

@@ -61,31 +61,8 @@ BOOL Look(SC_HANDLE handle, void* status, std::size_t size)
 
 BOOL WINAPI FakeControl(SC_HANDLE handle, DWORD, SERVICE_STATUS* status)
 {
-    const BOOL isDone = Call(handle);
-    const DWORD error = ::GetLastError();
-    isDone ? Look(handle, status, sizeof(*status)) : FALSE;
-    ::SetLastError(error);
-    return isDone;
-}
-
-BOOL WINAPI FakeStart(SC_HANDLE handle, DWORD, const wchar_t**)
-{
+    Look(handle, status, sizeof(*status));
     return Call(handle);
-}
-
-BOOL WINAPI FakeQuery(SC_HANDLE handle, SERVICE_STATUS* status)
-{
-    return Look(handle, status, sizeof(*status));
-}
-
-BOOL WINAPI FakeQueryEx(SC_HANDLE handle, SC_STATUS_TYPE, BYTE* status, DWORD size, DWORD*)
-{
-    return Look(handle, status, size);
-}
-
-BOOL WINAPI FakeClose(SC_HANDLE)
-{
-    return --g_scm->opened >= 0;
 }
 
 void WINAPI FakeSleep(DWORD milliseconds)
@@ -94,21 +71,11 @@ void WINAPI FakeSleep(DWORD milliseconds)
     g_scm->now += milliseconds;
 }
 
-ULONGLONG WINAPI FakeTicks()
-{
-    return g_scm->now;
-}
-
 } // namespace
 
 SERVICE_STATUS_PROCESS CFakeScm::State(DWORD state, DWORD processId, DWORD exitCode, DWORD ownExitCode)
 {
-    SERVICE_STATUS_PROCESS status{};
-    status.dwCurrentState = state;
-    status.dwProcessId = processId;
-    status.dwWin32ExitCode = exitCode;
-    status.dwServiceSpecificExitCode = ownExitCode;
-    return status;
+    return {0, state, 0, exitCode, ownExitCode, 0, 0, processId, 0};
 }
 
 CFakeScm::CFakeScm()
@@ -116,17 +83,16 @@ CFakeScm::CFakeScm()
           {"OpenSCManagerW", &FakeOpenManager},
           {"OpenServiceW", &FakeOpenService},
           {"ControlService", &FakeControl},
-          {"StartServiceW", &FakeStart},
-          {"QueryServiceStatus", &FakeQuery},
-          {"QueryServiceStatusEx", &FakeQueryEx},
-          {"CloseServiceHandle", &FakeClose},
+          {"StartServiceW", +[](SC_HANDLE handle, DWORD, const wchar_t**) { return Call(handle); }},
+          {"QueryServiceStatus",
+           +[](SC_HANDLE handle, SERVICE_STATUS* status) { return Look(handle, status, sizeof(*status)); }},
+          {"QueryServiceStatusEx",
+           +[](SC_HANDLE handle, SC_STATUS_TYPE, BYTE* status, DWORD size, DWORD*) {
+               return Look(handle, status, size);
+           }},
+          {"CloseServiceHandle", +[](SC_HANDLE) { return BOOL{--g_scm->opened >= 0}; }},
           {"Sleep", &FakeSleep},
-          {"GetTickCount64", &FakeTicks}}
+          {"GetTickCount64", +[] { return g_scm->now; }}}
 {
     g_scm = this;
-}
-
-CFakeScm::~CFakeScm()
-{
-    g_scm = nullptr;
 }

@@ -30,7 +30,6 @@ public:
         DWORD state, DWORD processId = 0, DWORD exitCode = 0, DWORD ownExitCode = 0);
 
     CFakeScm();
-    ~CFakeScm();
     CFakeScm(const CFakeScm&) = delete;
     CFakeScm& operator=(const CFakeScm&) = delete;
 

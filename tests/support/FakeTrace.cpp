@@ -125,29 +125,12 @@ std::vector<LogLine> CFakeTrace::Lines() const
     return g_session.lines;
 }
 
-std::size_t CFakeTrace::Count(DWORD level, const std::wstring& message) const
+std::size_t CFakeTrace::Count(DWORD level, const std::wstring& part) const
 {
-    const std::vector<LogLine> lines = Lines();
-    return static_cast<std::size_t>(std::ranges::count_if(
-        lines, [&](const LogLine& line) { return line.level == level && line.message == message; }));
-}
-
-std::size_t CFakeTrace::CountContaining(DWORD level, const std::wstring& part) const
-{
-    const std::vector<LogLine> lines = Lines();
-    return static_cast<std::size_t>(std::ranges::count_if(lines, [&](const LogLine& line) {
+    const std::lock_guard lock(g_mutex);
+    return static_cast<std::size_t>(std::ranges::count_if(g_session.lines, [&](const LogLine& line) {
         return line.level == level && line.message.find(part) != std::wstring::npos;
     }));
-}
-
-std::vector<std::wstring> CFakeTrace::Messages() const
-{
-    std::vector<std::wstring> messages;
-    for (const LogLine& line : Lines())
-    {
-        messages.push_back(line.message);
-    }
-    return messages;
 }
 
 void CFakeTrace::Clear()

@@ -50,16 +50,13 @@ public:
     [[nodiscard]] std::string Take();
 
     [[nodiscard]] std::vector<LogLine> Lines() const;
-    /// Number of messages with this level and exact text.
-    [[nodiscard]] std::size_t Count(DWORD level, const std::wstring& message) const;
-    [[nodiscard]] bool Has(DWORD level, const std::wstring& message) const
-    {
-        return Count(level, message) != 0;
-    }
     /// Number of messages of this level whose text contains the part.
-    [[nodiscard]] std::size_t CountContaining(DWORD level, const std::wstring& part) const;
-    /// The texts alone, in their order.
-    [[nodiscard]] std::vector<std::wstring> Messages() const;
+    [[nodiscard]] std::size_t Count(DWORD level, const std::wstring& part) const;
+    [[nodiscard]] bool Has(DWORD level, const std::wstring& part) const { return Count(level, part) != 0; }
+    [[nodiscard]] std::size_t CountContaining(DWORD level, const std::wstring& part) const
+    {
+        return Count(level, part);
+    }
     void Clear();
 
     /// What a logger that registers from now on meets.

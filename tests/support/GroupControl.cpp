@@ -2,15 +2,13 @@
 
 #include "base/SystemLibrary.h"
 #include "support/Errors.h"
-#include "support/ServiceScope.h"
-#include "support/TestFolder.h"
+#include "support/Installation.h"
 
 namespace
 {
 
 constexpr wchar_t kComService[] = L"RpcSs";
-constexpr DWORD kServiceTimeoutMs = 10000;
-constexpr DWORD kPollMs = 10;
+constexpr DWORD kServiceTimeoutMs = 60000;
 
 HRESULT CallEntry(const Basalt::CModule& module, const char* name) noexcept
 {
@@ -44,34 +42,22 @@ void ForgetClassObjects()
         !::StartServiceW(service.Get(), 0, nullptr) ||
         !WaitForServiceState(kComService, SERVICE_RUNNING, kServiceTimeoutMs))
     {
-        ThrowError(
-            std::wstring(L"RpcSs does not restart, it is ") +
-            ServiceStateName(QueryService(kComService).dwCurrentState));
+        ThrowError(L"RpcSs does not restart");
     }
 }
 
-ClassObject ConnectToHost(DWORD timeoutMs)
+ClassObject ConnectToHost()
 {
-    const ULONGLONG end = ::GetTickCount64() + timeoutMs;
-    for (;;)
-    {
-        ITxSvcClassObject* classObject = nullptr;
-        const HRESULT result = ::CoGetClassObject(
+    ITxSvcClassObject* classObject = nullptr;
+    ThrowIfFailed(
+        static_cast<DWORD>(::CoGetClassObject(
             CLSID_TxSvcSubsystemControlManager,
             CLSCTX_LOCAL_SERVER,
             nullptr,
             IID_ITxSvcClassObject,
-            reinterpret_cast<void**>(&classObject));
-        if (SUCCEEDED(result))
-        {
-            return ClassObject(classObject);
-        }
-        if (::GetTickCount64() >= end)
-        {
-            ThrowError(L"connecting to the host", static_cast<DWORD>(result));
-        }
-        ::Sleep(kPollMs);
-    }
+            reinterpret_cast<void**>(&classObject))),
+        L"connecting to the host");
+    return ClassObject(classObject);
 }
 
 GroupControl ConnectToControl()

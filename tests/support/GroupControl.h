@@ -34,9 +34,9 @@ private:
 /// @throws std::runtime_error
 void ForgetClassObjects();
 
-/// Connects to the class object of a running host, waiting for it to come up. COM must be initialised.
+/// Connects to the class object of a host that runs a service. COM must be initialised.
 /// @throws std::runtime_error
-[[nodiscard]] ClassObject ConnectToHost(DWORD timeoutMs = 10000);
+[[nodiscard]] ClassObject ConnectToHost();
 
 /// ConnectToHost, then a manager. @throws std::runtime_error
 [[nodiscard]] GroupControl ConnectToControl();

@@ -4,10 +4,13 @@
 #include <tlhelp32.h>
 #include <winternl.h>
 
+#include <algorithm>
+#include <iterator>
+
 #include "base/RegKey.h"
 #include "base/SystemLibrary.h"
 #include "support/Errors.h"
-#include "support/ServiceScope.h"
+#include "support/Installation.h"
 
 namespace
 {
@@ -35,60 +38,40 @@ struct RequestHead
 };
 
 /// Reports a state in the manager's place.
-bool MarkState(const std::wstring& name, DWORD state)
+void MarkState(const std::wstring& name, DWORD state)
 {
     const Basalt::CServiceHandle service = OpenServiceByName(name, kSetStatusAccess);
     SERVICE_STATUS status{};
     status.dwServiceType = SERVICE_WIN32_SHARE_PROCESS;
     status.dwCurrentState = state;
-    return ::SetServiceStatus(reinterpret_cast<SERVICE_STATUS_HANDLE>(service.Get()), &status) != FALSE;
-}
-
-/// Where a thread begins; null until it runs.
-void* StartAddress(DWORD threadId)
-{
-    constexpr auto kStartAddress = static_cast<THREADINFOCLASS>(9); // ThreadQuerySetWin32StartAddress
-    static auto* const s_query = Basalt::FindExport<decltype(NtQueryInformationThread)>(
-        ::GetModuleHandleW(L"ntdll.dll"), "NtQueryInformationThread");
-    const Basalt::CHandle thread(::OpenThread(THREAD_QUERY_INFORMATION, FALSE, threadId));
-    void* address = nullptr;
-    s_query(thread.Get(), kStartAddress, &address, sizeof(address), nullptr);
-    return address;
-}
-
-/// Whether this is code of the DLL that Wine's dispatcher is in.
-bool IsDispatcherCode(HANDLE process, const void* address)
-{
-    MEMORY_BASIC_INFORMATION memory{};
-    wchar_t name[MAX_PATH] = {};
-    ::VirtualQueryEx(process, address, &memory, sizeof(memory));
-    ::GetModuleBaseNameW(process, static_cast<HMODULE>(memory.AllocationBase), name, MAX_PATH);
-    return ::lstrcmpiW(name, L"sechost.dll") == 0;
-}
-
-/// An ended thread can be opened as long as anybody holds a handle to it, as Wine's dispatcher does until it
-/// has taken note of the end.
-bool IsThreadKnown(DWORD threadId, DWORD processId)
-{
-    const Basalt::CHandle thread(::OpenThread(THREAD_QUERY_INFORMATION, FALSE, threadId));
-    return thread && ::GetProcessIdOfThread(thread.Get()) == processId;
+    if (!::SetServiceStatus(reinterpret_cast<SERVICE_STATUS_HANDLE>(service.Get()), &status))
+    {
+        ThrowError(L"cannot mark the state of " + name);
+    }
 }
 
 } // namespace
 
 CGroupRunner::CGroupRunner(const std::wstring& commandLine)
 {
-    createPipe();
+    m_pipe.Reset(::CreateNamedPipeW(
+        (kPipeName + std::to_wstring(SkipControlPipe())).c_str(),
+        PIPE_ACCESS_DUPLEX | FILE_FLAG_FIRST_PIPE_INSTANCE,
+        PIPE_TYPE_BYTE,
+        1,
+        kPipeBufferBytes,
+        kPipeBufferBytes,
+        0,
+        nullptr));
+    ThrowIfFailed(m_pipe ? ERROR_SUCCESS : ::GetLastError(), L"creating the control pipe");
     m_process.emplace(commandLine);
     if (!awaitHost(0))
     {
         ThrowError(
             L"the host ended with " + std::to_wstring(m_process->Wait()) + L" before its services came");
     }
-    while (findServiceThread() != 0)
-    {
-        // The dispatcher's own.
-    }
+    // A service that it does not know is refused by the dispatcher's own thread, which is there from then on.
+    static_cast<void>(request(L"", SERVICE_CONTROL_INTERROGATE, {}));
 }
 
 CGroupRunner::~CGroupRunner()
@@ -96,11 +79,9 @@ CGroupRunner::~CGroupRunner()
     ::TerminateProcess(Process(), ERROR_PROCESS_ABORTED);
     ::WaitForSingleObject(Process(), kTimeoutMs);
     // The manager does not watch this process: without a word from here the services would run for ever.
-    for (const auto& [name, thread] : m_threads)
+    for (const auto& [name, threads] : m_threads)
     {
-        SERVICE_STATUS status{};
-        const Basalt::CServiceHandle service = OpenServiceByName(name, SERVICE_QUERY_STATUS);
-        if (::QueryServiceStatus(service.Get(), &status) && status.dwCurrentState != SERVICE_STOPPED)
+        if (QueryService(name).dwCurrentState > SERVICE_STOPPED)
         {
             MarkState(name, SERVICE_STOPPED);
         }
@@ -109,25 +90,22 @@ CGroupRunner::~CGroupRunner()
 
 DWORD CGroupRunner::Start(const std::wstring& name, const std::vector<std::wstring>& arguments)
 {
-    if (!MarkState(name, SERVICE_START_PENDING))
-    {
-        ThrowError(L"cannot mark " + name + L" as pending");
-    }
+    MarkState(name, SERVICE_START_PENDING);
     std::wstring text = name + L'\0';
     for (const std::wstring& argument : arguments)
     {
         text += argument + L'\0';
     }
-    m_threads[name] = 0; // From here on the manager is told of its end, whatever happens.
+    m_threads[name].clear(); // From here on the manager is told of its end, whatever happens.
+    const std::set<DWORD> before = threads();
     const DWORD answer = request(name, kControlStart, text + L'\0');
-    if (answer == ERROR_SUCCESS)
-    {
-        m_threads[name] = findServiceThread();
-    }
-    else
+    if (answer != ERROR_SUCCESS)
     {
         MarkState(name, SERVICE_STOPPED);
     }
+    // The dispatcher has made the service's thread before it answers. Others may be new too: which one it is
+    // shows when it has run.
+    std::ranges::set_difference(threads(), before, std::inserter(m_threads[name], m_threads[name].end()));
     return answer;
 }
 
@@ -163,7 +141,8 @@ bool CGroupRunner::WaitForThreadEnd(const std::wstring& name) const
 {
     const auto found = m_threads.find(name);
     const ULONGLONG end = ::GetTickCount64() + kTimeoutMs;
-    while (found != m_threads.end() && IsThreadKnown(found->second, ProcessId()))
+    while (found != m_threads.end() &&
+           std::ranges::any_of(found->second, [this](DWORD thread) { return isServiceThread(thread); }))
     {
         if (::GetTickCount64() >= end)
         {
@@ -172,39 +151,6 @@ bool CGroupRunner::WaitForThreadEnd(const std::wstring& name) const
         ::Sleep(kPollMs);
     }
     return true;
-}
-
-std::optional<DWORD> CGroupRunner::WaitForExit() const
-{
-    DWORD exitCode = 0;
-    const bool hasEnded = ::WaitForSingleObject(Process(), kTimeoutMs) == WAIT_OBJECT_0 &&
-                          ::GetExitCodeProcess(Process(), &exitCode);
-    return hasEnded ? std::optional(exitCode) : std::nullopt;
-}
-
-/// Takes the next pipe number for the host that is started afterwards.
-void CGroupRunner::createPipe()
-{
-    // The volatile key is there as soon as the manager runs, and opening the manager waits for that.
-    const Basalt::CServiceHandle manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
-    Basalt::CRegKey key;
-    DWORD number = 0;
-    ThrowIfFailed(
-        key.Open(HKEY_LOCAL_MACHINE, kCurrentPipeKey, KEY_READ | KEY_WRITE),
-        L"this is not Wine: opening its pipe");
-    ThrowIfFailed(key.ReadDword(L"", number), L"reading the pipe's number");
-    m_pipeName = kPipeName + std::to_wstring(++number);
-    m_pipe.Reset(::CreateNamedPipeW(
-        m_pipeName.c_str(),
-        PIPE_ACCESS_DUPLEX | FILE_FLAG_FIRST_PIPE_INSTANCE,
-        PIPE_TYPE_BYTE,
-        1,
-        kPipeBufferBytes,
-        kPipeBufferBytes,
-        0,
-        nullptr));
-    ThrowIfFailed(m_pipe ? ERROR_SUCCESS : ::GetLastError(), L"creating " + m_pipeName);
-    ThrowIfFailed(key.WriteDword(L"", number), L"writing the pipe's number");
 }
 
 /// Sends one request and reads its answer.
@@ -265,36 +211,31 @@ std::set<DWORD> CGroupRunner::threads() const
     return found;
 }
 
-/// The dispatcher has made the service's thread before it answers. Where a new thread begins is not known
-/// before it runs, which on a busy machine may be later; until then it may be anybody's.
-/// @return a thread of the dispatcher that was not seen before; 0 when there is none, or it has ended
-/// already.
-DWORD CGroupRunner::findServiceThread()
+/// Whether it began in the DLL of Wine's dispatcher and is known there still. An ended thread can be opened
+/// as long as anybody holds a handle to it, as the dispatcher does until it has taken note of the end.
+bool CGroupRunner::isServiceThread(DWORD thread) const
 {
-    for (const ULONGLONG end = ::GetTickCount64() + kTimeoutMs; ::GetTickCount64() < end; ::Sleep(kPollMs))
-    {
-        bool isOpen = false;
-        const std::set<DWORD> now = threads();
-        std::erase_if(
-            m_seenThreads, [&now](DWORD thread) { return !now.contains(thread); }); // Ids come again.
-        for (const DWORD thread : now)
-        {
-            if (m_seenThreads.contains(thread))
-            {
-                continue;
-            }
-            const void* const address = StartAddress(thread);
-            isOpen = isOpen || address == nullptr;
-            if (address != nullptr && m_seenThreads.insert(thread).second &&
-                IsDispatcherCode(Process(), address))
-            {
-                return thread;
-            }
-        }
-        if (!isOpen)
-        {
-            return 0;
-        }
-    }
-    return 0;
+    constexpr auto kStartAddress = static_cast<THREADINFOCLASS>(9); // ThreadQuerySetWin32StartAddress
+    static auto* const s_query = Basalt::FindExport<decltype(NtQueryInformationThread)>(
+        ::GetModuleHandleW(L"ntdll.dll"), "NtQueryInformationThread");
+    const Basalt::CHandle handle(::OpenThread(THREAD_QUERY_INFORMATION, FALSE, thread));
+    void* address = nullptr;
+    s_query(handle.Get(), kStartAddress, &address, sizeof(address), nullptr);
+    MEMORY_BASIC_INFORMATION memory{};
+    ::VirtualQueryEx(Process(), address, &memory, sizeof(memory));
+    wchar_t name[MAX_PATH] = {};
+    ::GetModuleBaseNameW(Process(), static_cast<HMODULE>(memory.AllocationBase), name, MAX_PATH);
+    return handle && ::GetProcessIdOfThread(handle.Get()) == ProcessId() &&
+           ::lstrcmpiW(name, L"sechost.dll") == 0;
+}
+
+DWORD SkipControlPipe()
+{
+    Basalt::CRegKey key;
+    DWORD number = 0;
+    ThrowIfFailed(
+        key.Open(HKEY_LOCAL_MACHINE, kCurrentPipeKey, KEY_READ | KEY_WRITE), L"opening Wine's pipe number");
+    ThrowIfFailed(key.ReadDword(L"", number), L"reading Wine's pipe number");
+    ThrowIfFailed(key.WriteDword(L"", number + 1), L"raising Wine's pipe number");
+    return number + 1;
 }

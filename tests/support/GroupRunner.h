@@ -14,7 +14,7 @@
 /// Runs an unmodified service executable with several services in ONE process, as the service control manager
 /// of Windows does. Wine's own manager starts a process for each service, so this class plays the manager's
 /// side of Wine's control pipe towards the executable; the states stay with the real manager, where the
-/// services must exist (CServiceScope, CTestGroup) and where everybody else sees them.
+/// services must exist (CInstallation) and where everybody else sees them.
 ///
 ///     CGroupRunner host(L"\"C:\\bin\\TxSvHost.exe\" /Core");
 ///     host.StartAndWait(L"alpha");
@@ -62,26 +62,29 @@ public:
     /// @return false when the time is over, or at once when the process ended in another state.
     [[nodiscard]] bool WaitForState(const std::wstring& name, DWORD state) const;
 
-    /// Waits until the thread of the service's last start has ended and the dispatcher has taken note of it;
-    /// for a service that stops on its own, before the next one is stopped. True as well if it never started.
+    /// Waits until the thread of a service that has stopped has ended and the dispatcher has taken note of
+    /// it; for one that stops on its own, before the next one is stopped. True as well if it never started.
     [[nodiscard]] bool WaitForThreadEnd(const std::wstring& name) const;
 
-    /// @return the exit code, or nothing when the time is over.
-    [[nodiscard]] std::optional<DWORD> WaitForExit() const;
+    /// @return the exit code; throws when the time is over.
+    [[nodiscard]] DWORD WaitForExit() { return m_process->Wait(); }
 
     [[nodiscard]] HANDLE Process() const noexcept { return m_process->Handle(); } ///< Borrowed.
     [[nodiscard]] DWORD ProcessId() const noexcept { return m_process->Id(); }
 
 private:
-    void createPipe();
     DWORD request(const std::wstring& name, DWORD control, const std::wstring& arguments);
     [[nodiscard]] bool awaitHost(DWORD bytes) const;
     [[nodiscard]] std::set<DWORD> threads() const;
-    DWORD findServiceThread();
+    [[nodiscard]] bool isServiceThread(DWORD thread) const;
 
-    std::wstring m_pipeName;
     Basalt::CFile m_pipe;
     std::optional<CProcess> m_process;
-    std::set<DWORD> m_seenThreads;           ///< Of which it is known where they begin.
-    std::map<std::wstring, DWORD> m_threads; ///< Of services started; 0 when it ended before it was seen.
+    std::map<std::wstring, std::set<DWORD>> m_threads; ///< New ones at the last start of each service.
 };
+
+/// Takes the number of Wine's next control pipe, as the manager does for a start of its own. A service
+/// program that is run by hand then fails at once to connect, instead of waiting for the pipe of a service
+/// that still runs.
+/// @return the number. @throws std::runtime_error
+DWORD SkipControlPipe();

@@ -2,7 +2,6 @@
 
 #include <cstddef>
 #include <cstring>
-#include <functional>
 
 namespace
 {
@@ -25,46 +24,33 @@ void Write(void* slot, void* value) noexcept
     ::VirtualProtect(slot, sizeof(value), protection, &protection);
 }
 
-bool NameIs(const BYTE* entry, const char* functionName) noexcept
-{
-    return std::strcmp(
-               reinterpret_cast<const char*>(entry + offsetof(IMAGE_IMPORT_BY_NAME, Name)), functionName) ==
-           0;
-}
+} // namespace
 
-/// Calls @p visit with every slot through which this executable calls the function, whatever DLL it names:
-/// a mingw import library may name another one than the documentation does.
-void ForEachSlot(const char* functionName, const std::function<void(void*)>& visit)
+/// Every slot through which this executable calls the function is patched, whatever DLL it names: a mingw
+/// import library may name another one than the documentation does.
+void CImportPatch::Patch(const char* functionName, void* replacement) noexcept
 {
     auto* const base = reinterpret_cast<BYTE*>(::GetModuleHandleW(nullptr));
-    const auto dos = Read<IMAGE_DOS_HEADER>(base);
-    const auto headers = Read<IMAGE_NT_HEADERS64>(base + dos.e_lfanew);
+    const auto headers = Read<IMAGE_NT_HEADERS64>(base + Read<IMAGE_DOS_HEADER>(base).e_lfanew);
     const BYTE* import =
         base + headers.OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT].VirtualAddress;
     for (auto descriptor = Read<IMAGE_IMPORT_DESCRIPTOR>(import); descriptor.Name != 0;
          descriptor = Read<IMAGE_IMPORT_DESCRIPTOR>(import += sizeof(descriptor)))
     {
-        const BYTE* name = base + descriptor.OriginalFirstThunk;
+        const BYTE* entry = base + descriptor.OriginalFirstThunk;
         BYTE* slot = base + descriptor.FirstThunk;
-        for (auto thunk = Read<ULONGLONG>(name); thunk != 0; thunk = Read<ULONGLONG>(name += sizeof(thunk)))
+        for (auto thunk = Read<ULONGLONG>(entry); thunk != 0; thunk = Read<ULONGLONG>(entry += sizeof(thunk)))
         {
-            if (!IMAGE_SNAP_BY_ORDINAL64(thunk) && NameIs(base + thunk, functionName))
+            const BYTE* const name = base + thunk + offsetof(IMAGE_IMPORT_BY_NAME, Name);
+            if (!IMAGE_SNAP_BY_ORDINAL64(thunk) &&
+                std::strcmp(reinterpret_cast<const char*>(name), functionName) == 0)
             {
-                visit(slot);
+                m_slots.push_back({slot, Read<void*>(slot)});
+                Write(slot, replacement);
             }
             slot += sizeof(void*);
         }
     }
-}
-
-} // namespace
-
-void CImportPatch::Patch(const char* functionName, void* replacement) noexcept
-{
-    ForEachSlot(functionName, [this, replacement](void* slot) {
-        m_slots.push_back({slot, Read<void*>(slot)});
-        Write(slot, replacement);
-    });
 }
 
 CImportPatch::~CImportPatch()

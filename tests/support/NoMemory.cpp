@@ -12,39 +12,26 @@ thread_local bool t_hasFailed = false;
 
 } // namespace
 
-CNoMemory::CNoMemory(int allowed) noexcept
+CNoMemory::CNoMemory(int allowed) noexcept : m_before(std::exchange(t_left, allowed))
 {
-    t_hasFailed = false;
-    t_left = allowed;
+    t_hasFailed = t_hasFailed && allowed < 0;
 }
 CNoMemory::~CNoMemory()
 {
-    t_left = -1;
+    t_left = m_before;
 }
 bool CNoMemory::HasFailed() const noexcept
 {
     return t_hasFailed;
 }
-CNoMemory::CExempt::CExempt() noexcept : m_left(std::exchange(t_left, -1)) {}
-CNoMemory::CExempt::~CExempt()
-{
-    t_left = m_left;
-}
 
 void* operator new(std::size_t size)
 {
-    if (t_left > 0)
-    {
-        --t_left;
-    }
-    else if (t_left == 0)
-    {
-        t_hasFailed = true;
-        throw std::bad_alloc();
-    }
-    void* const memory = std::malloc(size == 0 ? 1 : size);
+    void* const memory = t_left == 0 ? nullptr : std::malloc(size == 0 ? 1 : size);
+    t_left -= t_left > 0 ? 1 : 0;
     if (memory == nullptr)
     {
+        t_hasFailed = true;
         throw std::bad_alloc();
     }
     return memory;

@@ -5,6 +5,7 @@
 class CNoMemory
 {
 public:
+    /// @param allowed negative for all.
     explicit CNoMemory(int allowed = 0) noexcept;
     ~CNoMemory();
     CNoMemory(const CNoMemory&) = delete;
@@ -13,16 +14,15 @@ public:
     /// Whether an allocation has failed.
     [[nodiscard]] bool HasFailed() const noexcept;
 
-    /// Test code that runs meanwhile gets its memory.
-    class CExempt
-    {
-    public:
-        CExempt() noexcept;
-        ~CExempt();
-        CExempt(const CExempt&) = delete;
-        CExempt& operator=(const CExempt&) = delete;
+    class CExempt;
 
-    private:
-        int m_left;
-    };
+private:
+    int m_before;
+};
+
+/// Test code that runs meanwhile gets its memory.
+class CNoMemory::CExempt : public CNoMemory
+{
+public:
+    CExempt() noexcept : CNoMemory(-1) {}
 };

@@ -1,6 +1,9 @@
 #include "support/Process.h"
 
-#include "base/RegKey.h"
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
 #include "support/Errors.h"
 #include "support/TestFolder.h"
 
@@ -10,17 +13,14 @@ namespace
 Basalt::CFile NewFile(const std::wstring& path)
 {
     SECURITY_ATTRIBUTES inheritable{sizeof(inheritable), nullptr, TRUE};
-    return Basalt::CFile(::CreateFileW(
-        path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, &inheritable, CREATE_ALWAYS, 0, nullptr));
+    return Basalt::CFile(
+        ::CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inheritable, CREATE_ALWAYS, 0, nullptr));
 }
 
-std::string ReadBack(const Basalt::CFile& file)
+std::string ReadBack(const std::wstring& path)
 {
-    std::string bytes(::GetFileSize(file.Get(), nullptr), '\0');
-    DWORD read = 0;
-    ::SetFilePointer(file.Get(), 0, nullptr, FILE_BEGIN);
-    ::ReadFile(file.Get(), bytes.data(), static_cast<DWORD>(bytes.size()), &read, nullptr);
-    return bytes.substr(0, read);
+    std::ifstream file(std::filesystem::path(path), std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 } // namespace
@@ -66,20 +66,8 @@ DWORD CProcess::Wait(DWORD timeoutMs)
 ProcessOutput RunForOutput(const std::wstring& commandLine)
 {
     const CTestFolder folder;
-    const Basalt::CFile out = NewFile(folder.File(L"out"));
-    const Basalt::CFile error = NewFile(folder.File(L"error"));
-    const DWORD exitCode = CProcess(commandLine, out.Get(), error.Get()).Wait();
+    const std::wstring out = folder.File(L"out");
+    const std::wstring error = folder.File(L"error");
+    const DWORD exitCode = CProcess(commandLine, NewFile(out).Get(), NewFile(error).Get()).Wait();
     return {exitCode, ReadBack(out), ReadBack(error)};
-}
-
-void SkipControlPipe()
-{
-    Basalt::CRegKey key;
-    DWORD number = 0;
-    ThrowIfFailed(
-        key.Open(
-            HKEY_LOCAL_MACHINE, L"SYSTEM\\CurrentControlSet\\Control\\ServiceCurrent", KEY_READ | KEY_WRITE),
-        L"opening Wine's number of the control pipe");
-    ThrowIfFailed(key.ReadDword(L"", number), L"reading Wine's number of the control pipe");
-    ThrowIfFailed(key.WriteDword(L"", number + 1), L"raising Wine's number of the control pipe");
 }

@@ -42,8 +42,3 @@ struct ProcessOutput
 
 /// The same for one whose output goes to files. @throws std::runtime_error as CProcess does
 [[nodiscard]] ProcessOutput RunForOutput(const std::wstring& commandLine);
-
-/// Raises the number of Wine's next control pipe, as the manager does for a start of its own. A service
-/// program that is run by hand then fails at once to connect, instead of waiting for the pipe of a service
-/// that still runs.
-void SkipControlPipe();

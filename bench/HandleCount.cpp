@@ -1,4 +1,4 @@
-#include "support/HandleCount.h"
+#include "HandleCount.h"
 
 #include <windows.h>
 
