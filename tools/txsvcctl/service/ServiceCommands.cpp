@@ -29,6 +29,10 @@ constexpr DWORD kLongestTimeoutSeconds = 3600;
 
 constexpr char kAutoStart[] = "auto";
 constexpr char kManualStart[] = "manual";
+constexpr char kDelayedStart[] = "delayed";
+
+/// In the order of the SERVICE_SID_TYPE_... numbers; the last one is 3.
+constexpr const char* kSidTypes[] = {"none", "unrestricted", "restricted"};
 
 /// What the command-line library fills: its texts are UTF-8. An option that was not given stays empty, which
 /// an option that was given need not be.
@@ -43,6 +47,14 @@ struct Arguments
     std::optional<std::string> start;
     std::optional<std::string> onlyGroup;
     std::vector<std::string> services;
+    std::optional<std::string> description;
+    std::optional<std::string> account;
+    std::optional<std::string> sidType;
+    std::optional<DWORD> preshutdownSeconds;
+    std::vector<std::string> dependencies;
+    bool hasNoDependencies = false;
+    bool hasRecovery = false;
+    bool hasNoRecovery = false;
     DWORD timeoutSeconds = kDefaultTimeoutSeconds;
     bool replaceKey = false;
     bool replaceModule = false;
@@ -60,6 +72,61 @@ void AddServiceName(CLI::App& command, Arguments& arguments)
     command.add_option("service", arguments.service, "Name of the service")->required();
 }
 
+void AddEntryOptions(CLI::App& command, Arguments& arguments)
+{
+    command.add_option("--description", arguments.description, "What the service is for");
+    command.add_option(
+        "--account", arguments.account, "Account [LocalSystem]; its password is read, not given");
+    CLI::Option* const none =
+        command.add_flag("--no-depends", arguments.hasNoDependencies, "It needs no other service");
+    command.add_option("--depends", arguments.dependencies, "A service that must run first; may be repeated")
+        ->excludes(none);
+    command.add_option("--sid", arguments.sidType, "Type of the service's SID")
+        ->check(CLI::IsMember(std::vector<std::string>(std::begin(kSidTypes), std::end(kSidTypes))));
+    command
+        .add_option("--preshutdown", arguments.preshutdownSeconds, "Seconds that it has at the system's end")
+        ->check(CLI::Range(DWORD{1}, kLongestTimeoutSeconds));
+    CLI::Option* const off = command.add_flag(
+        "--no-recovery", arguments.hasNoRecovery, "Do not restart the service when it fails");
+    command
+        .add_flag(
+            "--recovery",
+            arguments.hasRecovery,
+            "Restart it after 5 s, 30 s, 5 min when it fails [new services]")
+        ->excludes(off);
+}
+
+EntryOptions EntryOptionsOf(const Arguments& arguments)
+{
+    EntryOptions options;
+    options.description = OptionalFromUtf8(arguments.description);
+    options.account = OptionalFromUtf8(arguments.account);
+    options.preshutdownSeconds = arguments.preshutdownSeconds;
+    if (!arguments.dependencies.empty() || arguments.hasNoDependencies)
+    {
+        options.dependencies.emplace();
+        for (const std::string& name : arguments.dependencies)
+        {
+            options.dependencies->push_back(FromUtf8(name));
+        }
+    }
+    if (arguments.start)
+    {
+        options.isDelayed = *arguments.start == kDelayedStart;
+    }
+    if (arguments.sidType)
+    {
+        const auto type = std::ranges::find(kSidTypes, *arguments.sidType) - std::begin(kSidTypes);
+        options.sidType = type == 2 ? DWORD{SERVICE_SID_TYPE_RESTRICTED} : static_cast<DWORD>(type);
+    }
+    if (arguments.hasRecovery || arguments.hasNoRecovery)
+    {
+        options.isRestarted = arguments.hasRecovery;
+        options.isRestartAsked = true;
+    }
+    return options;
+}
+
 void AddInstall(CLI::App& app, IConsole& console)
 {
     CLI::App* const command =
@@ -72,7 +139,8 @@ void AddInstall(CLI::App& app, IConsole& console)
     command->add_option("--host", arguments->host, "Host program [TxSvHost.exe beside this program]");
     command->add_option("--display-name", arguments->displayName, "Name that users see [the service's name]");
     command->add_option("--start", arguments->start, "When the service starts [manual]")
-        ->check(CLI::IsMember({kManualStart, kAutoStart}));
+        ->check(CLI::IsMember({kManualStart, kAutoStart, kDelayedStart}));
+    AddEntryOptions(*command, *arguments);
     command->add_flag(
         "--replace-key", arguments->replaceKey, "Replace an ordinary key HKLM\\Software\\Tarvex");
     command->add_flag(
@@ -86,8 +154,9 @@ void AddInstall(CLI::App& app, IConsole& console)
         request.displayName = OptionalFromUtf8(arguments->displayName);
         if (arguments->start)
         {
-            request.startType = *arguments->start == kAutoStart ? SERVICE_AUTO_START : SERVICE_DEMAND_START;
+            request.startType = *arguments->start == kManualStart ? SERVICE_DEMAND_START : SERVICE_AUTO_START;
         }
+        request.options = EntryOptionsOf(*arguments);
         request.replaceKey = arguments->replaceKey;
         request.replaceModule = arguments->replaceModule;
         InstallService(request, console);

@@ -188,6 +188,9 @@ void InstallService(const InstallRequest& request, IConsole& console)
     }
     const std::wstring module = CheckedModule(request.module);
     const std::wstring host = CheckedHost(request.host);
+    const std::optional<std::wstring>& account = request.options.account;
+    const std::wstring password =
+        account && !NeedsNoPassword(*account) ? ReadPassword(*account, console) : std::wstring();
 
     const CExclusive exclusive;
     const CGroupStore store;
@@ -204,6 +207,11 @@ void InstallService(const InstallRequest& request, IConsole& console)
     }
     EnsureViewLink(request.replaceKey, console);
 
+    EntryOptions options = request.options;
+    if (!entry && !options.isRestarted)
+    {
+        options.isRestarted = true;
+    }
     AllOrNothing([&](CRegistryChange& change) {
         const std::optional<std::wstring> oldClsid = store.Clsid(service.group, service.service);
         store.RegisterClass(change, *clsid, module);
@@ -216,6 +224,15 @@ void InstallService(const InstallRequest& request, IConsole& console)
         const ServiceSettings settings{
             FormatImagePath(host, service.group), request.displayName, request.startType};
         entry ? manager.Change(service.service, settings) : manager.Create(service.service, settings);
+        try
+        {
+            ApplyEntryOptions(service.service, options, password, console);
+        }
+        catch (const CToolError&)
+        {
+            entry ? void() : manager.Delete(service.service);
+            throw;
+        }
     });
     console.Out((entry ? L"Updated " : L"Installed ") + Quoted(service) + L".");
     const std::optional<ServiceState> state = manager.FindState(service.service);

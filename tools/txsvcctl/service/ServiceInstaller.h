@@ -6,6 +6,7 @@
 #include <string>
 
 #include "txsvcctl/common/Console.h"
+#include "txsvcctl/service/EntryOptions.h"
 #include "txsvcctl/service/GroupStore.h"
 
 namespace TxCtl
@@ -19,6 +20,7 @@ struct InstallRequest
     std::optional<std::wstring> host; ///< absent: TxSvHost.exe beside this program
     std::optional<std::wstring> displayName;
     std::optional<DWORD> startType;
+    EntryOptions options;       ///< New entries get restarts unless these say otherwise.
     bool replaceKey = false;    ///< An ordinary key in the place of the registry link may go.
     bool replaceModule = false; ///< A class that is registered for another module may be redirected.
 };
