@@ -44,7 +44,8 @@ ExitCode Run(const std::vector<std::wstring>& arguments, IConsole& console)
     app.allow_windows_style_options(false);
     app.require_subcommand(0, 1); // With (1) a mistyped command would be called a missing one.
     app.set_version_flag("--version", TX_VERSION);
-    AddServiceCommands(app, console);
+    AddServiceCommands(
+        app, console, [&console](const std::wstring& service) { ExplainService(service, console); });
     AddStatusCommand(app, console);
     AddCheckCommand(app, console);
     AddHostCommands(app, console);

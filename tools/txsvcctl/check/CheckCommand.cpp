@@ -133,6 +133,31 @@ void Run(const Arguments& arguments, IConsole& console)
 
 } // namespace
 
+void ExplainService(const std::wstring& service, IConsole& console)
+try
+{
+    CFindings findings;
+    const CGroupStore store;
+    for (const std::wstring& group : store.Groups())
+    {
+        if (store.FindService(group, service))
+        {
+            CheckGroup(group, service, findings);
+        }
+    }
+    for (const Finding& finding : findings.All())
+    {
+        if (finding.kind->severity == Severity::Error)
+        {
+            console.Error(Line(finding));
+        }
+    }
+}
+catch (const CToolError& error)
+{
+    ReportError(console, error);
+}
+
 void AddCheckCommand(CLI::App& app, IConsole& console)
 {
     CLI::App* const command =

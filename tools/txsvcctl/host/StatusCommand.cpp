@@ -88,8 +88,9 @@ std::wstring ReasonOf(const std::wstring& group, const ServiceReport& service)
     {
         return L"an update is running";
     }
-    return WaitsForFirstRun(group, service.name) ? L"ended without an error, or waits for the first-run set-up"
-                                                 : L"ended without an error";
+    return WaitsForFirstRun(group, service.name)
+               ? L"ended without an error, or waits for the first-run set-up"
+               : L"ended without an error";
 }
 
 GroupStatus StatusOf(GroupReport report)

@@ -211,8 +211,9 @@ std::vector<std::wstring> ServicesOf(const Arguments& arguments)
 }
 
 /// One after the other; a failure does not keep the rest from its turn.
-template <typename Operation>
-void ForEach(const std::vector<std::wstring>& names, IConsole& console, Operation operation)
+template <typename Operation, typename Explain>
+void ForEach(
+    const std::vector<std::wstring>& names, IConsole& console, Operation operation, const Explain& explain)
 {
     bool hasFailed = false;
     for (const std::wstring& name : names)
@@ -224,6 +225,7 @@ void ForEach(const std::vector<std::wstring>& names, IConsole& console, Operatio
         catch (const CToolError& error)
         {
             ReportError(console, error);
+            explain(name);
             hasFailed = true;
         }
     }
@@ -248,10 +250,14 @@ void AddControl(CLI::App& app, IConsole& console, const char* name, const char* 
     });
 }
 
-void StartServices(const std::vector<std::wstring>& names, IConsole& console, DWORD timeoutMs)
+using Explain = std::function<void(const std::wstring& service)>;
+
+void StartServices(
+    const std::vector<std::wstring>& names, IConsole& console, DWORD timeoutMs, const Explain& explain)
 {
     const CServiceManager manager(SC_MANAGER_CONNECT);
-    ForEach(names, console, [&](const std::wstring& name) { return manager.Start(name, timeoutMs); });
+    ForEach(
+        names, console, [&](const std::wstring& name) { return manager.Start(name, timeoutMs); }, explain);
 }
 
 /// In reverse: what was started first may serve the others until they are gone.
@@ -259,7 +265,11 @@ void StopServices(std::vector<std::wstring> names, IConsole& console, DWORD time
 {
     const CServiceManager manager(SC_MANAGER_CONNECT);
     std::reverse(names.begin(), names.end());
-    ForEach(names, console, [&](const std::wstring& name) { return manager.Stop(name, timeoutMs); });
+    ForEach(
+        names,
+        console,
+        [&](const std::wstring& name) { return manager.Stop(name, timeoutMs); },
+        [](const std::wstring& /*name*/) {});
 }
 
 /// Open until the processes that run the services now have ended.
@@ -282,7 +292,8 @@ std::vector<Basalt::CHandle> ProcessesOf(const std::vector<std::wstring>& names)
 
 /// The old process must be gone where all of its services were stopped: a start that met it would fail. One
 /// that runs other services stays, which does no harm.
-void RestartServices(const std::vector<std::wstring>& names, IConsole& console, DWORD timeoutMs)
+void RestartServices(
+    const std::vector<std::wstring>& names, IConsole& console, DWORD timeoutMs, const Explain& explain)
 {
     constexpr DWORD kEndMs = 2000;
     const std::vector<Basalt::CHandle> processes = ProcessesOf(names);
@@ -291,18 +302,28 @@ void RestartServices(const std::vector<std::wstring>& names, IConsole& console, 
     {
         static_cast<void>(::WaitForSingleObject(process.Get(), kEndMs));
     }
-    StartServices(names, console, timeoutMs);
+    StartServices(names, console, timeoutMs, explain);
 }
 
 } // namespace
 
-void AddServiceCommands(CLI::App& app, IConsole& console)
+void AddServiceCommands(CLI::App& app, IConsole& console, const Explain& explain)
 {
+    const auto explained = [explain](auto perform) {
+        return [explain, perform](const std::vector<std::wstring>& names, IConsole& output, DWORD timeoutMs) {
+            perform(names, output, timeoutMs, explain);
+        };
+    };
     AddInstall(app, console);
     AddRemove(app, console);
     AddList(app, console);
-    AddControl(app, console, "start", "Start services and wait until they run", &StartServices);
-    AddControl(app, console, "restart", "Stop services, wait for their end, start them", &RestartServices);
+    AddControl(app, console, "start", "Start services and wait until they run", explained(&StartServices));
+    AddControl(
+        app,
+        console,
+        "restart",
+        "Stop services, wait for their end, start them",
+        explained(&RestartServices));
     AddControl(app, console, "stop", "Stop services and wait until they are stopped", &StopServices);
 }
 

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <functional>
+#include <string>
+
 #include "txsvcctl/common/Console.h"
 
 namespace CLI
@@ -13,6 +16,8 @@ namespace TxCtl
 /// Adds install, remove, list, start, restart and stop. The command that the command line names runs when it
 /// is parsed.
 /// @param console borrowed; must outlive the parsing.
-void AddServiceCommands(CLI::App& app, IConsole& console);
+/// @param explain called with a service whose start failed, to say why.
+void AddServiceCommands(
+    CLI::App& app, IConsole& console, const std::function<void(const std::wstring& service)>& explain);
 
 } // namespace TxCtl
