@@ -16,7 +16,7 @@
 namespace
 {
 
-constexpr ULONGLONG kMb = 1024 * 1024, kStored = 20 * kMb, kWithin = 17 * kMb, kAbove = 50 * kMb;
+constexpr ULONGLONG kMb = 1ULL << 20, kStored = 20 * kMb, kWithin = 17 * kMb, kAbove = 50 * kMb;
 constexpr DWORD kMeasureMs = 5000, kIdleMs = 60000;
 constexpr LONGLONG kTicks = kMeasureMs * 10000LL, kLimit = 4 * kTicks / 20, kBusy = 2 * kLimit;
 

@@ -173,6 +173,33 @@ void UnregisterUnusedClass(
     }
 }
 
+/// A new entry goes again when its options are refused.
+template <typename ApplyOptions>
+void WriteEntry(
+    const CServiceManager& manager,
+    const std::wstring& name,
+    const ServiceSettings& settings,
+    bool isThere,
+    ApplyOptions applyOptions)
+{
+    isThere ? manager.Change(name, settings) : manager.Create(name, settings);
+    try
+    {
+        applyOptions();
+    }
+    catch (const CToolError&)
+    {
+        isThere ? void() : manager.Delete(name);
+        throw;
+    }
+}
+
+/// Asked for before anything is changed.
+std::wstring PasswordFor(const std::optional<std::wstring>& account, IConsole& console)
+{
+    return account && !NeedsNoPassword(*account) ? ReadPassword(*account, console) : std::wstring();
+}
+
 } // namespace
 
 void InstallService(const InstallRequest& request, IConsole& console)
@@ -188,9 +215,7 @@ void InstallService(const InstallRequest& request, IConsole& console)
     }
     const std::wstring module = CheckedModule(request.module);
     const std::wstring host = CheckedHost(request.host);
-    const std::optional<std::wstring>& account = request.options.account;
-    const std::wstring password =
-        account && !NeedsNoPassword(*account) ? ReadPassword(*account, console) : std::wstring();
+    const std::wstring password = PasswordFor(request.options.account, console);
 
     const CExclusive exclusive;
     const CGroupStore store;
@@ -223,16 +248,9 @@ void InstallService(const InstallRequest& request, IConsole& console)
         // Last, so that the registry alone ever needs undoing.
         const ServiceSettings settings{
             FormatImagePath(host, service.group), request.displayName, request.startType};
-        entry ? manager.Change(service.service, settings) : manager.Create(service.service, settings);
-        try
-        {
+        WriteEntry(manager, service.service, settings, static_cast<bool>(entry), [&] {
             ApplyEntryOptions(service.service, options, password, console);
-        }
-        catch (const CToolError&)
-        {
-            entry ? void() : manager.Delete(service.service);
-            throw;
-        }
+        });
     });
     console.Out((entry ? L"Updated " : L"Installed ") + Quoted(service) + L".");
     const std::optional<ServiceState> state = manager.FindState(service.service);
