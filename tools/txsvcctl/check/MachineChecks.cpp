@@ -5,8 +5,6 @@
 
 #include "TxLogSecurity.h"
 #include "TxSvcGroupControl.h"
-#include "TxUpdateClient.h"
-#include "base/Owned.h"
 #include "base/RegKey.h"
 #include "base/Text.h"
 #include "contract/Keys.h"
@@ -91,8 +89,7 @@ void CheckSettings(CFindings& findings)
 
 void CheckUpdate(CFindings& findings)
 {
-    const std::wstring event = std::wstring(kTxUpdateEventPrefix) + kTxUpdateDefaultInstance;
-    if (Basalt::CHandle(::OpenEventW(SYNCHRONIZE, FALSE, event.c_str())))
+    if (IsUpdateRunning())
     {
         findings.Add(FindingId::UpdateRunning, {}, L"it may be installing");
     }

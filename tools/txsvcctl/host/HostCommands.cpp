@@ -135,12 +135,6 @@ std::wstring GroupNamed(const std::wstring& name)
     ThrowFailed(L"there is no group '" + name + L"'");
 }
 
-std::wstring InMiB(DWORD bytes)
-{
-    constexpr double kBytes = 1024.0 * 1024.0;
-    return Basalt::FormatText(L"%.1f MiB", bytes / kBytes);
-}
-
 void AddBand(CLI::App& app, IConsole& console)
 {
     CLI::App* const command = app.add_subcommand("band", "Show the working-set size that a group has learnt");
@@ -158,7 +152,7 @@ void AddBand(CLI::App& app, IConsole& console)
             return;
         }
         const std::optional<LearntBand> band = store.Band(group);
-        console.Out(band ? InMiB(band->from) + L" to " + InMiB(band->to) : L"Nothing is learnt yet.");
+        console.Out(band ? FormatBand(*band) : L"Nothing is learnt yet.");
     });
 }
 

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cwchar>
 
+#include "TxUpdateClient.h"
+#include "base/Owned.h"
 #include "base/RegKey.h"
 #include "base/Text.h"
 #include "contract/Keys.h"
@@ -174,6 +176,23 @@ void CHostStore::Exclude(const std::wstring& group, const std::wstring& service)
 void CHostStore::Include(const std::wstring& group, const std::wstring& service) const
 {
     DeleteValue(ExclusionPath(group), service);
+}
+
+std::wstring InMiB(double bytes)
+{
+    constexpr double kBytes = 1024.0 * 1024.0;
+    return Basalt::FormatText(L"%.1f MiB", bytes / kBytes);
+}
+
+std::wstring FormatBand(const LearntBand& band)
+{
+    return InMiB(band.from) + L" to " + InMiB(band.to);
+}
+
+bool IsUpdateRunning()
+{
+    const std::wstring event = std::wstring(kTxUpdateEventPrefix) + kTxUpdateDefaultInstance;
+    return static_cast<bool>(Basalt::CHandle(::OpenEventW(SYNCHRONIZE, FALSE, event.c_str())));
 }
 
 } // namespace TxCtl

@@ -48,4 +48,12 @@ public:
     void Include(const std::wstring& group, const std::wstring& service) const;
 };
 
+/// "15.0 MiB"
+[[nodiscard]] std::wstring InMiB(double bytes);
+/// "15.0 MiB to 20.0 MiB"
+[[nodiscard]] std::wstring FormatBand(const LearntBand& band);
+
+/// Whether the update manager works on an update: hosts that start meanwhile may end at once.
+[[nodiscard]] bool IsUpdateRunning();
+
 } // namespace TxCtl

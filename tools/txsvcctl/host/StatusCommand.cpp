@@ -10,8 +10,6 @@
 #include <string>
 #include <vector>
 
-#include "TxUpdateClient.h"
-#include "base/Owned.h"
 #include "base/Text.h"
 #include "contract/Keys.h"
 #include "txsvcctl/common/Names.h"
@@ -45,12 +43,6 @@ struct GroupStatus
     std::optional<LearntBand> band;
     std::map<DWORD, ProcessFigures> processes;
 };
-
-bool IsUpdateRunning()
-{
-    const std::wstring event = std::wstring(kTxUpdateEventPrefix) + kTxUpdateDefaultInstance;
-    return static_cast<bool>(Basalt::CHandle(::OpenEventW(SYNCHRONIZE, FALSE, event.c_str())));
-}
 
 bool WaitsForFirstRun(const std::wstring& group, const std::wstring& service)
 {
@@ -135,12 +127,6 @@ std::vector<GroupStatus> Look(const std::wstring& name)
     return all;
 }
 
-std::wstring InMiB(double bytes)
-{
-    constexpr double kBytes = 1024.0 * 1024.0;
-    return Basalt::FormatText(L"%.1f MiB", bytes / kBytes);
-}
-
 std::wstring Duration(double seconds)
 {
     constexpr ULONGLONG kMinute = 60;
@@ -186,7 +172,7 @@ std::wstring Format(const std::vector<GroupStatus>& groups, const std::map<DWORD
         text += (text.empty() ? L"Group " : L"\nGroup ") + group.report.name;
         if (group.band)
         {
-            text += L", band " + InMiB(group.band->from) + L" to " + InMiB(group.band->to);
+            text += L", band " + FormatBand(*group.band);
         }
         for (const auto& [id, figures] : group.processes)
         {
