@@ -49,7 +49,7 @@ TEST(CallGuard, SwallowsExceptionsHardwareFaultsAndEachStackOverflow)
         [] { ::RaiseException(kExceptionOfAnotherCppRuntime, EXCEPTION_NONCONTINUABLE, 0, nullptr); }));
 
     const Basalt::CHandle thread(::CreateThread(
-        nullptr, 256 * 1024, &OverflowTwice, nullptr, STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr));
+        nullptr, SIZE_T{1} << 18, &OverflowTwice, nullptr, STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr));
     DWORD rounds = 0;
     EXPECT_EQ(::WaitForSingleObject(thread.Get(), 30000), DWORD{WAIT_OBJECT_0});
     EXPECT_TRUE(::GetExitCodeThread(thread.Get(), &rounds));

@@ -111,6 +111,7 @@ TEST_F(GroupControlTest, AStopEndsTheProcessASecondLaterWhoeverStillCallsOrStart
     host.StartAndWait(L"TxGcLate1");
     const ClassObject classObject = ConnectToHost();
     std::vector<std::thread> crowd;
+    crowd.reserve(8);
     for (int i = 0; i < 8; ++i)
     {
         crowd.emplace_back([&classObject] {

@@ -67,10 +67,10 @@ public:
     [[nodiscard]] bool WaitForThreadEnd(const std::wstring& name) const;
 
     /// @return the exit code; throws when the time is over.
-    [[nodiscard]] DWORD WaitForExit() { return m_process->Wait(); }
+    [[nodiscard]] DWORD WaitForExit() { return m_process.value().Wait(); }
 
-    [[nodiscard]] HANDLE Process() const noexcept { return m_process->Handle(); } ///< Borrowed.
-    [[nodiscard]] DWORD ProcessId() const noexcept { return m_process->Id(); }
+    [[nodiscard]] HANDLE Process() const noexcept { return m_process.value().Handle(); } ///< Borrowed.
+    [[nodiscard]] DWORD ProcessId() const noexcept { return m_process.value().Id(); }
 
 private:
     DWORD request(const std::wstring& name, DWORD control, const std::wstring& arguments);

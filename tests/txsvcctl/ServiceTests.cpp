@@ -306,22 +306,6 @@ TEST(ServiceControl, WaitsForTheEndAndTellsHowItWent)
     }
 }
 
-TEST(ServiceControl, NamesTheCallThatFails)
-{
-    CFakeScm scm;
-    const std::pair<DWORD&, const wchar_t*> table[] = {
-        {scm.services[L"a"].queryError, L"txsvcctl: cannot query the state of service 'a': error 5: "},
-        {scm.services[L"a"].openError, L"txsvcctl: cannot stop service 'a': error 5: "},
-        {scm.error, L"txsvcctl: cannot open 'the service control manager': error 5: "},
-    };
-    for (const auto& [error, part] : table)
-    {
-        error = ERROR_ACCESS_DENIED;
-        const CtlResult result = RunCtl({L"stop", L"a"});
-        EXPECT_EQ(result.error.find(part), 0U) << result;
-    }
-}
-
 constexpr wchar_t kModule[] = L"C:\\windows\\system32\\oleaut32.dll";
 
 TEST(ModuleFile, EveryUnsuitableFileHasItsFault)

@@ -29,7 +29,7 @@ TEST(BucketHistogram, GrowthTurnsChainsRoundAndCountsHave16Bits)
     {
         histogram.Add(i * 17); // All in chain 0 of 17.
     }
-    histogram.Add(17 * 39);
+    histogram.Add(std::uint64_t{17} * 39);
     EXPECT_EQ(histogram.FirstReaching(1), 17U * 25); // In chain 1 of 53, the lowest in use.
     for (int i = 1; i < 65536; ++i)
     {

@@ -237,7 +237,8 @@ void ForEach(
 
 /// @param perform from the names, the console and the timeout in milliseconds.
 template <typename Perform>
-void AddControl(CLI::App& app, IConsole& console, const char* name, const char* description, Perform perform)
+void AddControl(
+    CLI::App& app, IConsole& console, const char* name, const char* description, const Perform& perform)
 {
     CLI::App* const command = app.add_subcommand(name, description);
     const auto arguments = std::make_shared<Arguments>();
