@@ -24,6 +24,7 @@ struct CScripted : TxSdk::CSubsystem
     using TxSdk::CSubsystem::SetUnloadAfterStop;
 
     /// Never given back: who still looks at the object finds no pointers there.
+    static void* operator new(std::size_t size) { return ::operator new(size); }
     static void operator delete(void* object, std::size_t size) { std::memset(object, 0xDD, size); }
 
     void WaitForStop(HANDLE stopEvent) { CSubsystem::Run(stopEvent); }

@@ -130,7 +130,8 @@ TEST_F(LogShowTest, ReadsEachLineOnceWhateverBecomesOfTheFile)
     Messages messages;
     TxCtl::CLogReader reader(m_file, 1, messages);
     const auto readOn = [&] {
-        EXPECT_EQ(reader.ReadOn(false), reader.HasFile() && messages.wantsMore);
+        const bool isMore = reader.ReadOn(false);
+        EXPECT_EQ(isMore, reader.HasFile() && messages.wantsMore);
         return std::exchange(messages.text, {});
     };
     const auto append = [this](const std::string& text) {

@@ -142,7 +142,7 @@ struct TextForm
 {
     ETWLogging::LogTextSetting setting;
     std::wstring (*normal)(std::wstring text);
-    std::wstring fallback; ///< to be shown
+    std::wstring (*fallback)(); ///< to be shown
 };
 
 struct Setting
@@ -156,7 +156,7 @@ struct Setting
 constexpr wchar_t kControllerName[] = L"controller:";
 constexpr wchar_t kAbsolutePath[] = L"an absolute path";
 
-const Setting kSettings[] = {
+constexpr Setting kSettings[] = {
     {L"mechanism",
      L"file or events",
      false,
@@ -181,22 +181,32 @@ const Setting kSettings[] = {
     {L"tag",
      L"a text without $",
      false,
-     TextForm{ETWLogging::kTagSetting, &SameText, ETWLogging::DefaultLogTag(Contract::kHostProgram)}},
+     TextForm{
+         ETWLogging::kTagSetting,
+         &SameText,
+         [] { return ETWLogging::DefaultLogTag(Contract::kHostProgram); }}},
     // As the services' environment has it, which is not always that of this program.
     {L"folder",
      kAbsolutePath,
      false,
-     TextForm{ETWLogging::kFolderSetting, &NormalPath, L"%ProgramData%\\Tarvex\\Log"}},
+     TextForm{
+         ETWLogging::kFolderSetting,
+         &NormalPath,
+         [] { return std::wstring(L"%ProgramData%\\Tarvex\\Log"); }}},
     {L"file",
      L"a file name with an extension",
      false,
      TextForm{
-         ETWLogging::kFileSetting, &SameText, ETWLogging::DefaultLogFileName(ETWLogging::kHostLogGroup)}},
+         ETWLogging::kFileSetting,
+         &SameText,
+         [] { return ETWLogging::DefaultLogFileName(ETWLogging::kHostLogGroup); }}},
     {kControllerName,
      kAbsolutePath,
      false,
      TextForm{
-         {ETWLogging::kControllerPathPrefix, &ETWLogging::IsAbsolutePath}, &NormalPath, L"(searched for)"}},
+         {ETWLogging::kControllerPathPrefix, &ETWLogging::IsAbsolutePath},
+         &NormalPath,
+         [] { return std::wstring(L"(searched for)"); }}},
 };
 
 /// A setting, and the application whose controller it is about.
@@ -309,7 +319,7 @@ LogSettingReport CLogStore::Get(const std::wstring& name) const
     else
     {
         const auto& textForm = std::get<TextForm>(found.setting.form);
-        report.value = textForm.fallback;
+        report.value = textForm.fallback();
         report.origin = found.application.empty()
                             ? reader.ReadText(textForm.setting, report.value)
                             : reader.ReadControllerPath(found.application, report.value);
