@@ -11,7 +11,6 @@
 /// for the manager: from the first process on until all run. bench/run pins all of it to one processor.
 #include <windows.h>
 #include <psapi.h>
-#include <tlhelp32.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -36,6 +35,7 @@
 #include "support/Installation.h"
 #include "support/Narrow.h"
 #include "support/TestFolder.h"
+#include "txsvcctl/service/ProcessFigures.h"
 #include "txsvcctl/service/ServiceManager.h"
 
 using nlohmann::ordered_json;
@@ -193,23 +193,14 @@ void AddProcess(Figures& figures, DWORD processId)
 {
     const Basalt::CHandle process(
         ::OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, processId));
-    PROCESS_MEMORY_COUNTERS_EX memory{};
-    ::K32GetProcessMemoryInfo(
-        process.Get(), reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&memory), sizeof(memory));
-    figures.privateKiB += static_cast<double>(memory.PagefileUsage) / 1024;
     HMODULE modules[256];
     DWORD bytes = 0;
     ::K32EnumProcessModules(process.Get(), modules, sizeof(modules), &bytes);
     figures.dlls += static_cast<int>(bytes / sizeof(HMODULE)) - 1;
     figures.handles += static_cast<double>(CountHandles(processId));
-    const Basalt::CFile snapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0));
-    THREADENTRY32 thread{};
-    thread.dwSize = sizeof(thread);
-    for (BOOL isThere = ::Thread32First(snapshot.Get(), &thread); isThere;
-         isThere = ::Thread32Next(snapshot.Get(), &thread))
-    {
-        figures.threads += thread.th32OwnerProcessID == processId ? 1 : 0;
-    }
+    const TxCtl::ProcessFigures held = TxCtl::FiguresOf(processId).value_or(TxCtl::ProcessFigures{});
+    figures.privateKiB += static_cast<double>(held.privateBytes) / 1024;
+    figures.threads += held.threads;
 }
 
 /// Starts and stops the service once under the manager.

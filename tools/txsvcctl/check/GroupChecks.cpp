@@ -23,8 +23,6 @@ namespace TxCtl
 namespace
 {
 
-const std::wstring kHostPath = Contract::In32BitView(Contract::kHostKey);
-
 std::wstring FolderOf(const std::wstring& path)
 {
     return path.substr(0, path.find_last_of(L"\\/") + 1);
@@ -170,7 +168,7 @@ void CheckCommon(const Scope& scope, const CServiceManager& manager)
 /// Values of the group's key that belong to no service of its list.
 void CheckValues(const Scope& scope)
 {
-    const std::wstring path = Contract::GroupKey(kHostPath, scope.group);
+    const std::wstring path = GroupPath(scope.group);
     Basalt::CRegKey key;
     CheckStatus(key.Open(HKEY_LOCAL_MACHINE, path.c_str(), KEY_READ), L"open registry key", path);
     for (const std::wstring& name : ValueNames(key, path))
@@ -204,17 +202,16 @@ void CheckFirstRun(const Scope& scope)
     {
         return;
     }
-    const std::vector<std::wstring> excluded = store.Excluded(scope.group);
     std::wstring waiting;
-    for (const std::wstring& service : scope.services)
+    for (const std::wstring& service : store.WaitForFirstRun(scope.group, scope.services))
     {
-        waiting += HoldsName(excluded, service) ? L"" : (waiting.empty() ? L"" : L", ") + service;
+        waiting += (waiting.empty() ? L"" : L", ") + service;
     }
     if (!waiting.empty())
     {
         scope.findings.Add(FindingId::WaitsForFirstRun, scope.group, waiting);
     }
-    for (const std::wstring& name : excluded)
+    for (const std::wstring& name : store.Excluded(scope.group))
     {
         if (!HoldsName(scope.services, name))
         {

@@ -24,8 +24,6 @@ namespace TxCtl
 namespace
 {
 
-const std::wstring kHostPath = Contract::In32BitView(Contract::kHostKey);
-
 void CheckLink(CFindings& findings)
 {
     switch (InspectViewLink())
@@ -73,12 +71,13 @@ void CheckSettings(CFindings& findings)
                 [name] { CHostStore().Unset(name); });
         }
     }
+    const std::wstring path = HostPath();
     Basalt::CRegKey key;
-    if (key.Open(HKEY_LOCAL_MACHINE, kHostPath.c_str(), KEY_READ) != ERROR_SUCCESS)
+    if (key.Open(HKEY_LOCAL_MACHINE, path.c_str(), KEY_READ) != ERROR_SUCCESS)
     {
         return; // Nothing is set.
     }
-    for (const std::wstring& name : ValueNames(key, kHostPath))
+    for (const std::wstring& name : ValueNames(key, path))
     {
         if (!name.empty() && !HoldsName(names, name))
         {

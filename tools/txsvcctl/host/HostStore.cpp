@@ -19,11 +19,9 @@ namespace TxCtl
 namespace
 {
 
-const std::wstring kHostPath = Contract::In32BitView(Contract::kHostKey);
-
 std::wstring ExclusionPath(const std::wstring& group)
 {
-    return Contract::GroupKey(kHostPath, group) + L"\\" + Contract::kOobeExclusionKey;
+    return GroupPath(group) + L"\\" + Contract::kOobeExclusionKey;
 }
 
 const Contract::HostSetting& Find(const std::wstring& name)
@@ -98,13 +96,13 @@ HostSettingReport CHostStore::Get(const std::wstring& name) const
     const Contract::HostSetting& setting = Find(name);
     HostSettingReport report{setting, setting.fallback, true, {}};
     std::optional<DWORD> value;
-    const DWORD status = ReadNumber(kHostPath, setting.name, value);
+    const DWORD status = ReadNumber(HostPath(), setting.name, value);
     if (status == ERROR_DATATYPE_MISMATCH || status == ERROR_INVALID_DATA)
     {
         report.problem = L"no REG_DWORD of 4 bytes";
         return report;
     }
-    CheckStatus(status, L"read registry value", kHostPath + L"\\" + setting.name);
+    CheckStatus(status, L"read registry value", HostPath() + L"\\" + setting.name);
     if (value && (*value < setting.minimum || *value > setting.maximum))
     {
         report.problem = Basalt::FormatText(L"%u is not in %s", *value, RangeOf(setting).c_str());
@@ -128,19 +126,19 @@ void CHostStore::Set(const std::wstring& name, const std::wstring& value) const
         ThrowUsage(
             L"'" + value + L"' is no value for '" + setting.name + L"': give a number, " + RangeOf(setting));
     }
-    WriteNumber(kHostPath, setting.name, static_cast<DWORD>(number));
+    WriteNumber(HostPath(), setting.name, static_cast<DWORD>(number));
 }
 
 void CHostStore::Unset(const std::wstring& name) const
 {
-    DeleteValue(kHostPath, Find(name).name);
+    DeleteValue(HostPath(), Find(name).name);
 }
 
 std::optional<LearntBand> CHostStore::Band(const std::wstring& group) const
 {
     const DWORD width = Get(Contract::kBucketRange.name).value;
     std::optional<DWORD> edge;
-    const DWORD status = ReadNumber(Contract::GroupKey(kHostPath, group), Contract::kBucketLimitValue, edge);
+    const DWORD status = ReadNumber(GroupPath(group), Contract::kBucketLimitValue, edge);
     if (status != ERROR_SUCCESS || !edge || *edge < width || width == 0)
     {
         return std::nullopt; // Less than one bucket counts as nothing learnt.
@@ -150,7 +148,7 @@ std::optional<LearntBand> CHostStore::Band(const std::wstring& group) const
 
 void CHostStore::ResetBand(const std::wstring& group) const
 {
-    DeleteValue(Contract::GroupKey(kHostPath, group), Contract::kBucketLimitValue);
+    DeleteValue(GroupPath(group), Contract::kBucketLimitValue);
 }
 
 std::vector<std::wstring> CHostStore::Excluded(const std::wstring& group) const
@@ -166,6 +164,20 @@ std::vector<std::wstring> CHostStore::Excluded(const std::wstring& group) const
     std::vector<std::wstring> names = ValueNames(key, path);
     std::erase(names, L"");
     return names;
+}
+
+std::vector<std::wstring> CHostStore::WaitForFirstRun(
+    const std::wstring& group, std::vector<std::wstring> services) const
+{
+    if (Get(Contract::kOobeCheckValue).value == 0)
+    {
+        return {};
+    }
+    for (const std::wstring& excluded : Excluded(group))
+    {
+        std::erase_if(services, [&excluded](const std::wstring& name) { return IsSameName(name, excluded); });
+    }
+    return services;
 }
 
 void CHostStore::Exclude(const std::wstring& group, const std::wstring& service) const

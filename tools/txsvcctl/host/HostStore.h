@@ -44,6 +44,9 @@ public:
 
     /// The services that first-run gating lets pass, as the registry has them.
     [[nodiscard]] std::vector<std::wstring> Excluded(const std::wstring& group) const;
+    /// Those of the services that do not run before the first-run set-up is over; none once it is.
+    [[nodiscard]] std::vector<std::wstring> WaitForFirstRun(
+        const std::wstring& group, std::vector<std::wstring> services) const;
     void Exclude(const std::wstring& group, const std::wstring& service) const;
     void Include(const std::wstring& group, const std::wstring& service) const;
 };

@@ -11,7 +11,6 @@
 #include <vector>
 
 #include "base/Text.h"
-#include "contract/Keys.h"
 #include "txsvcctl/common/Names.h"
 #include "txsvcctl/common/ToolError.h"
 #include "txsvcctl/common/Utf8.h"
@@ -44,23 +43,6 @@ struct GroupStatus
     std::map<DWORD, ProcessFigures> processes;
 };
 
-bool WaitsForFirstRun(const std::wstring& group, const std::wstring& service)
-{
-    const CHostStore store;
-    if (store.Get(Contract::kOobeCheckValue).value == 0)
-    {
-        return false;
-    }
-    for (const std::wstring& excluded : store.Excluded(group))
-    {
-        if (IsSameName(excluded, service))
-        {
-            return false;
-        }
-    }
-    return true;
-}
-
 /// Why a stopped service does not run, as far as its entry, the group's key and the update manager tell.
 std::wstring ReasonOf(const std::wstring& group, const ServiceReport& service)
 {
@@ -80,9 +62,9 @@ std::wstring ReasonOf(const std::wstring& group, const ServiceReport& service)
     {
         return L"an update is running";
     }
-    return WaitsForFirstRun(group, service.name)
-               ? L"ended without an error, or waits for the first-run set-up"
-               : L"ended without an error";
+    return CHostStore().WaitForFirstRun(group, {service.name}).empty()
+               ? L"ended without an error"
+               : L"ended without an error, or waits for the first-run set-up";
 }
 
 GroupStatus StatusOf(GroupReport report)

@@ -16,14 +16,8 @@ namespace TxCtl
 namespace
 {
 
-const std::wstring kRootPath = Contract::In32BitView(Contract::kHostKey);
 /// What HKEY_CLASSES_ROOT shows of the machine.
 constexpr wchar_t kClassesPath[] = L"Software\\Classes\\";
-
-std::wstring GroupPath(const std::wstring& group)
-{
-    return Contract::GroupKey(kRootPath, group);
-}
 
 std::wstring ServerPath(const std::wstring& clsid)
 {
@@ -76,14 +70,15 @@ void DeleteKeyOfEmptyGroup(CRegistryChange& change, const std::wstring& path)
 
 std::vector<std::wstring> CGroupStore::Groups() const
 {
+    const std::wstring path = HostPath();
     Basalt::CRegKey key;
-    const DWORD status = key.Open(HKEY_LOCAL_MACHINE, kRootPath.c_str(), KEY_READ);
+    const DWORD status = key.Open(HKEY_LOCAL_MACHINE, path.c_str(), KEY_READ);
     if (status == ERROR_FILE_NOT_FOUND)
     {
         return {};
     }
-    CheckStatus(status, L"open registry key", kRootPath);
-    return SubKeyNames(key, kRootPath);
+    CheckStatus(status, L"open registry key", path);
+    return SubKeyNames(key, path);
 }
 
 std::vector<std::wstring> CGroupStore::Services(const std::wstring& group) const

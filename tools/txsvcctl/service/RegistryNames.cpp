@@ -1,5 +1,6 @@
 #include "txsvcctl/service/RegistryNames.h"
 
+#include "contract/Keys.h"
 #include "txsvcctl/common/ToolError.h"
 
 namespace TxCtl
@@ -44,6 +45,16 @@ std::vector<std::wstring> ValueNames(const Basalt::CRegKey& key, const std::wstr
     return Enumerate(path, [&key](DWORD index, wchar_t* name, DWORD* length) {
         return ::RegEnumValueW(key.Get(), index, name, length, nullptr, nullptr, nullptr, nullptr);
     });
+}
+
+std::wstring HostPath()
+{
+    return Contract::In32BitView(Contract::kHostKey);
+}
+
+std::wstring GroupPath(const std::wstring& group)
+{
+    return Contract::GroupKey(HostPath(), group);
 }
 
 } // namespace TxCtl

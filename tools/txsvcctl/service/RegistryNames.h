@@ -15,4 +15,8 @@ namespace TxCtl
 [[nodiscard]] std::vector<std::wstring> SubKeyNames(const Basalt::CRegKey& key, const std::wstring& path);
 [[nodiscard]] std::vector<std::wstring> ValueNames(const Basalt::CRegKey& key, const std::wstring& path);
 
+/// The hosts' key, below HKEY_LOCAL_MACHINE, by the road that exists also before the registry link does.
+[[nodiscard]] std::wstring HostPath();
+[[nodiscard]] std::wstring GroupPath(const std::wstring& group);
+
 } // namespace TxCtl
