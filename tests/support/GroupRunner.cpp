@@ -1,6 +1,5 @@
 #include "support/GroupRunner.h"
 
-#include <psapi.h>
 #include <tlhelp32.h>
 #include <winternl.h>
 
@@ -213,6 +212,10 @@ std::set<DWORD> CGroupRunner::threads() const
 
 /// Whether it began in the DLL of Wine's dispatcher and is known there still. An ended thread can be opened
 /// as long as anybody holds a handle to it, as the dispatcher does until it has taken note of the end.
+///
+/// Looked up in this process, where Wine's DLL has the same address: to ask the host for its memory, Wine has
+/// one of the host's threads answer, and a host that ends at that moment never does: the question never
+/// returns, or the host stays.
 bool CGroupRunner::isServiceThread(DWORD thread) const
 {
     constexpr auto kStartAddress = static_cast<THREADINFOCLASS>(9); // ThreadQuerySetWin32StartAddress
@@ -222,11 +225,9 @@ bool CGroupRunner::isServiceThread(DWORD thread) const
     void* address = nullptr;
     s_query(handle.Get(), kStartAddress, &address, sizeof(address), nullptr);
     MEMORY_BASIC_INFORMATION memory{};
-    ::VirtualQueryEx(Process(), address, &memory, sizeof(memory));
-    wchar_t name[MAX_PATH] = {};
-    ::GetModuleBaseNameW(Process(), static_cast<HMODULE>(memory.AllocationBase), name, MAX_PATH);
+    ::VirtualQuery(address, &memory, sizeof(memory));
     return handle && ::GetProcessIdOfThread(handle.Get()) == ProcessId() &&
-           ::lstrcmpiW(name, L"sechost.dll") == 0;
+           memory.AllocationBase == ::GetModuleHandleW(L"sechost.dll");
 }
 
 DWORD SkipControlPipe()
