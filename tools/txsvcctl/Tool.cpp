@@ -10,6 +10,7 @@
 #include "txsvcctl/host/StatusCommand.h"
 #include "txsvcctl/log/LogCommands.h"
 #include "txsvcctl/service/ServiceCommands.h"
+#include "txsvcctl/transfer/TransferCommands.h"
 
 namespace TxCtl
 {
@@ -83,6 +84,7 @@ ExitCode Run(const std::vector<std::wstring>& arguments, IConsole& output)
     app.footer("Exit codes: 0 done, 1 findings, 2 wrong usage, 3 denied or another error.");
     AddServiceCommands(
         app, console, [&console](const std::wstring& service) { ExplainService(service, console); });
+    AddTransferCommands(app, console);
     AddStatusCommand(app, console);
     AddCheckCommand(app, console);
     AddHostCommands(app, console);

@@ -334,6 +334,11 @@ const std::wstring& CLogStore::KeyPath()
     return kSettingsPath;
 }
 
+std::wstring CLogStore::ValueName(const std::wstring& name)
+{
+    return Find(name).ValueName();
+}
+
 std::optional<std::wstring> CLogStore::Stored(const std::wstring& name)
 {
     const Found found = Find(name);

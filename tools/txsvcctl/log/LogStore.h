@@ -41,8 +41,9 @@ public:
     /// @return false when the registry does not have it.
     bool Unset(const std::wstring& name) const;
 
-    /// Where they are stored, below HKEY_LOCAL_MACHINE.
+    /// Where they are stored, below HKEY_LOCAL_MACHINE, and under which name.
     [[nodiscard]] static const std::wstring& KeyPath();
+    [[nodiscard]] static std::wstring ValueName(const std::wstring& name);
 
     /// What the registry alone has, in the form that Set takes; nothing when it has none that can be used.
     [[nodiscard]] static std::optional<std::wstring> Stored(const std::wstring& name);

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "base/Owned.h"
+#include "base/RegKey.h"
 #include "txsvcctl/common/Names.h"
 #include "txsvcctl/common/ToolError.h"
 #include "txsvcctl/common/Utf8.h"
@@ -161,6 +162,33 @@ void SetRecoveryFromErrors(const CEntry& entry, bool isOn, bool isAsked)
         });
 }
 
+std::vector<std::wstring> NamesOf(const wchar_t* multiText)
+{
+    std::vector<std::wstring> names;
+    for (const wchar_t* at = multiText; at != nullptr && *at != L'\0'; at += names.back().size() + 1)
+    {
+        names.emplace_back(at);
+    }
+    return names;
+}
+
+/// Wine's service manager keeps them, but tells nobody: they stand in its database only.
+std::vector<std::wstring> StoredDependencies(const std::wstring& service)
+{
+    const std::wstring path = L"System\\CurrentControlSet\\Services\\" + service;
+    Basalt::CRegKey key;
+    DWORD type = REG_NONE;
+    std::vector<BYTE> data;
+    if (key.Open(HKEY_LOCAL_MACHINE, path.c_str(), KEY_READ) != ERROR_SUCCESS ||
+        key.ReadValue(L"DependOnService", type, data) != ERROR_SUCCESS || type != REG_MULTI_SZ)
+    {
+        return {};
+    }
+    std::wstring text(data.size() / sizeof(wchar_t), L'\0');
+    std::memcpy(text.data(), data.data(), text.size() * sizeof(wchar_t));
+    return NamesOf(text.c_str());
+}
+
 /// Account and dependencies.
 void ReadBasics(SC_HANDLE service, const std::wstring& name, EntryOptions& options)
 {
@@ -173,12 +201,10 @@ void ReadBasics(SC_HANDLE service, const std::wstring& name, EntryOptions& optio
         ThrowFailure(L"read the entry of service", name, ::GetLastError());
     }
     options.account = TextOf(buffer.front().lpServiceStartName);
-    options.dependencies.emplace();
-    const wchar_t* at = buffer.front().lpDependencies;
-    while (at != nullptr && *at != L'\0')
+    options.dependencies = NamesOf(buffer.front().lpDependencies);
+    if (options.dependencies->empty())
     {
-        options.dependencies->emplace_back(at);
-        at += options.dependencies->back().size() + 1;
+        options.dependencies = StoredDependencies(name);
     }
 }
 

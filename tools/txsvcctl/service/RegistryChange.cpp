@@ -40,7 +40,7 @@ CRegistryChange::~CRegistryChange()
     }
 }
 
-void CRegistryChange::CreateKeys(const std::wstring& path)
+void CRegistryChange::createKeys(const std::wstring& path)
 {
     for (std::size_t end = 0; end != std::wstring::npos;)
     {
@@ -61,13 +61,11 @@ void CRegistryChange::CreateKeys(const std::wstring& path)
     }
 }
 
-template <typename Write>
-void CRegistryChange::set(const std::wstring& path, const std::wstring& name, Write write)
+void CRegistryChange::Remember(const std::wstring& path, const std::wstring& name)
 {
-    CreateKeys(path);
+    createKeys(path);
     Basalt::CRegKey key;
-    CheckStatus(key.Open(HKEY_LOCAL_MACHINE, path.c_str(), KEY_READ | KEY_WRITE), kWriteKey, path);
-
+    CheckStatus(key.Open(HKEY_LOCAL_MACHINE, path.c_str(), KEY_READ), kWriteKey, path);
     Step step{Undo::WriteValue, path, name, REG_NONE, {}};
     const DWORD status = key.ReadValue(name.c_str(), step.type, step.data);
     if (status == ERROR_FILE_NOT_FOUND)
@@ -78,8 +76,16 @@ void CRegistryChange::set(const std::wstring& path, const std::wstring& name, Wr
     {
         CheckStatus(status, kWriteKey, path);
     }
-    // Recorded first: putting back a value that was not changed does no harm, the other order could lose one.
     m_undo.push_back(std::move(step));
+}
+
+template <typename Write>
+void CRegistryChange::set(const std::wstring& path, const std::wstring& name, Write write)
+{
+    // First: putting back a value that was not changed does no harm, the other order could lose one.
+    Remember(path, name);
+    Basalt::CRegKey key;
+    CheckStatus(key.Open(HKEY_LOCAL_MACHINE, path.c_str(), KEY_WRITE), kWriteKey, path);
     CheckStatus(write(key), L"write registry value", path + L"\\" + name);
 }
 

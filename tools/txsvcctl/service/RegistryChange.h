@@ -29,8 +29,9 @@ public:
     void SetString(const std::wstring& path, const std::wstring& name, const std::wstring& value);
     /// The same for a REG_DWORD.
     void SetNumber(const std::wstring& path, const std::wstring& name, DWORD value);
-    /// Creates the missing keys of the path.
-    void CreateKeys(const std::wstring& path);
+    /// For a value that somebody else is about to write: creates the missing keys of the path, and puts back
+    /// what the value is now.
+    void Remember(const std::wstring& path, const std::wstring& name);
     void DeleteValue(const std::wstring& path, const std::wstring& name);
     /// With everything below it.
     void DeleteKey(const std::wstring& path);
@@ -64,6 +65,7 @@ private:
         std::function<void()> call = {};
     };
 
+    void createKeys(const std::wstring& path);
     /// @param write into the open key.
     template <typename Write>
     void set(const std::wstring& path, const std::wstring& name, Write write);

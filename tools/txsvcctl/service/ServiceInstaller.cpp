@@ -153,10 +153,11 @@ void WriteEntry(
         FormatImagePath(*request.host, request.service.group), request.displayName, request.startType};
     if (plan.entry)
     {
-        change.AddUndo([service, entry = *plan.entry, options = ReadEntryOptions(service), &console] {
+        const EntryOptions options = ReadEntryOptions(service);
+        manager.Change(service, settings);
+        change.AddUndo([service, entry = *plan.entry, options, &console] {
             RestoreEntry(service, entry, options, console);
         });
-        manager.Change(service, settings);
     }
     else
     {
@@ -232,12 +233,13 @@ void CarryOut(
     WriteEntry(plan, password, change, console);
 }
 
-void SayWhenSettingsApply(const std::wstring& service, IConsole& console)
+void SayWhenSettingsApply(const std::wstring& subject, const std::wstring& service, IConsole& console)
 {
     const std::optional<ServiceState> state = CServiceManager(SC_MANAGER_CONNECT).FindState(service);
     if (state && state->state != SERVICE_STOPPED)
     {
-        console.Done(L"It is " + DescribeState(*state) + L": the new settings apply from its next start.");
+        console.Done(
+            subject + L" is " + DescribeState(*state) + L": the new settings apply from its next start.");
     }
 }
 
@@ -252,7 +254,7 @@ void InstallService(const InstallRequest& request, IConsole& console)
     EnsureViewLink(request.replaceKey, console);
     AllOrNothing([&](CRegistryChange& change) { CarryOut(plan, password, change, console); });
     console.Done((plan.entry ? L"Updated " : L"Installed ") + Quoted(service) + L".");
-    SayWhenSettingsApply(service.service, console);
+    SayWhenSettingsApply(L"It", service.service, console);
 }
 
 void RemoveService(const GroupService& service, IConsole& console)

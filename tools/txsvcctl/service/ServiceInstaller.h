@@ -45,7 +45,8 @@ void CarryOut(
     const InstallPlan& plan, const std::wstring& password, CRegistryChange& change, IConsole& console);
 
 /// Says when a service runs: it then has its old settings until it is started again.
-void SayWhenSettingsApply(const std::wstring& service, IConsole& console);
+/// @param subject what the message calls it.
+void SayWhenSettingsApply(const std::wstring& subject, const std::wstring& service, IConsole& console);
 
 /// Makes a service known to the host, to COM and to the service manager, or brings what is known up to date.
 ///
