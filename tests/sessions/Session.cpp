@@ -103,7 +103,13 @@ std::string CSession::Execute(const std::string& line)
 void CSession::txsvcctl(const Words& words)
 {
     CTranscript transcript(m_out);
-    if (const auto code = static_cast<int>(TxCtl::RunTool(words, transcript)))
+    const auto redirection = std::ranges::find(words, L">");
+    const TxCtl::ExitCode result = TxCtl::RunTool({words.begin(), redirection}, transcript);
+    if (redirection != words.end())
+    {
+        file({redirection[1], std::exchange(m_out, {})});
+    }
+    if (const auto code = static_cast<int>(result))
     {
         print(L"= " + std::to_wstring(code));
     }

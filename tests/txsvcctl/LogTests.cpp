@@ -77,7 +77,7 @@ TEST_F(LogShowTest, GivesBackWhatLinesWereBuiltFrom)
         const auto add = [&](DWORD option, const wchar_t* format, auto... values) {
             Basalt::AppendFormat(expected, (options & option) == option ? format : L"", values...);
         };
-        add(0, LR"({"time":"2026-01-28T%02u:59:07","level":%u)", i % 24, i % 5 + 1);
+        add(0, LR"({"version":1,"time":"2026-01-28T%02u:59:07","level":%u)", i % 24, i % 5 + 1);
         add(0, LR"(,"levelName":"%s")", level);
         add(0x10, LR"(,"tag":"a tag [of $] mo")");
         add(0x04, LR"(,"process":%u,"thread":4294967)", i);
@@ -316,8 +316,8 @@ TEST(LogTrace, PrintsTheHostsMessagesInLocalTimeAndCountsTheRest)
     EXPECT_EQ(Narrow(Trace({L"--since", L"2026-11-24 13:31"}).out), "");
     EXPECT_EQ(
         Narrow(Trace({L"--level", L"5", L"--json"}).out),
-        R"({"time":"2026-11-24T13:30:05.007","level":9,"levelName":"9","tag":"PLATFORM","process":345,"thread":678,)"
-        R"("source":"C:\\src\\Source.cpp","line":12,"function":"CClass::Method","message":"odd"})"
+        R"({"version":1,"time":"2026-11-24T13:30:05.007","level":9,"levelName":"9","tag":"PLATFORM","process":345,)"
+        R"("thread":678,"source":"C:\\src\\Source.cpp","line":12,"function":"CClass::Method","message":"odd"})"
         "\n");
     EXPECT_EQ(Narrow(Trace().error), "");
 

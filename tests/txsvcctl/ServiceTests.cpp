@@ -177,7 +177,7 @@ TEST_F(InstallTest, AFailureInTheMiddleLeavesEverythingAsItWas)
             ASSERT_EQ(Snapshot(), before);
             EXPECT_NE(result.error.find(L"': error 5: "), std::wstring::npos) << result;
             EXPECT_TRUE(result.error.ends_with(L"\nAll changes were undone.\n")) << result;
-            EXPECT_EQ(result.exitCode, 1);
+            EXPECT_EQ(result.exitCode, 3);
         }
     }
 }
@@ -296,7 +296,7 @@ TEST(ServiceControl, WaitsForTheEndAndTellsHowItWent)
 
             const CtlResult result = RunCtl(arguments);
 
-            EXPECT_EQ(result.exitCode, isDone ? 0 : 1);
+            EXPECT_EQ(result.exitCode, isDone ? 0 : 3);
             EXPECT_EQ(result.out, isDone ? row.part : L"") << result;
             EXPECT_NE(result.error.find(isDone ? L"" : row.part), std::wstring::npos) << result;
             EXPECT_EQ(scm.calls.size(), row.calls);

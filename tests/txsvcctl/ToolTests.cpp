@@ -119,7 +119,7 @@ TEST(Program, HandsOnItsArgumentsAndResultsAsUtf8)
     const CTestKey none(HKEY_LOCAL_MACHINE, Contract::kProductKey, false); // What other programs left.
     const std::wstring program = L"\"" + BesideTest(L"txsvcctl.exe") + L"\" ";
     ProcessOutput output = RunForOutput(program + L"log get \"controller: \u4e2d\"");
-    EXPECT_EQ(output.out, "controller: \xE4\xB8\xAD   (searched for) (default)\r\n");
+    EXPECT_EQ(output.out, "controller: \xE4\xB8\xAD  (searched for)  (default)\r\n");
     EXPECT_EQ(output.error, "");
     EXPECT_EQ(output.exitCode, 0U);
     output = RunForOutput(program + L"remove a \"\"");
@@ -131,7 +131,7 @@ TEST(Program, HandsOnItsArgumentsAndResultsAsUtf8)
     const std::wstring file = BesideTest(L"txsvcctl.exe");
     const Basalt::CFile readOnly(
         ::CreateFileW(file.c_str(), GENERIC_READ, FILE_SHARE_READ, &inheritable, OPEN_EXISTING, 0, nullptr));
-    EXPECT_EQ(CProcess(program + L"--version", readOnly.Get()).Wait(), 1U) << "the output is lost";
+    EXPECT_EQ(CProcess(program + L"--version", readOnly.Get()).Wait(), 3U) << "the output is lost";
 }
 
 } // namespace

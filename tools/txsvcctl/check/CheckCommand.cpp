@@ -127,7 +127,7 @@ void Run(const Arguments& arguments, IConsole& console)
     }
     if (!IsClean(findings))
     {
-        throw CToolError(ExitCode::Failed, {}); // Said already.
+        throw CToolError(ExitCode::Findings, {}); // Said already.
     }
 }
 

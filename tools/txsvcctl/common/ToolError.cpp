@@ -1,6 +1,7 @@
 #include "txsvcctl/common/ToolError.h"
 
 #include "base/Text.h"
+#include "txsvcctl/common/ScmRemedies.h"
 
 namespace TxCtl
 {
@@ -12,6 +13,10 @@ std::wstring DescribeError(DWORD error)
     if (!message.empty())
     {
         text += L": " + message;
+    }
+    if (const wchar_t* const remedy = ScmRemedy(error))
+    {
+        text += std::wstring(L" ") + remedy;
     }
     return text;
 }

@@ -15,9 +15,10 @@ namespace TxCtl
 enum class ExitCode : int
 {
     Success = 0,
-    Failed = 1,      ///< The command line was right, the work could not be done.
-    Usage = 2,       ///< The command line alone shows the mistake.
-    SystemError = 3, ///< Of check, whose findings are its 1: something could not be read or changed.
+    Findings = 1, ///< All was looked at, and something is wrong with it.
+    Usage = 2,    ///< The command line, or a file that it names, is wrong in itself.
+    Failed = 3,   ///< Denied, or an error of the system: the work could not be done.
+    SystemError = Failed,
 };
 
 /// Why a command ends early. Thrown anywhere below RunTool, which prints the text and returns the code; no
@@ -37,7 +38,7 @@ private:
     std::wstring m_text;
 };
 
-/// "error 5: Access is denied."
+/// "error 5: Access is denied." An error of the service manager also says what to do about it.
 [[nodiscard]] std::wstring DescribeError(DWORD error);
 
 /// "cannot create service 'alpha': error 5: Access is denied."

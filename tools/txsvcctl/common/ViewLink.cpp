@@ -90,9 +90,8 @@ void EnsureViewLink(bool replace, IConsole& console)
     }
     if (IsObstacle(state))
     {
-        console.Error(
-            std::wstring(L"note: what stood at HKEY_LOCAL_MACHINE\\") + Contract::kProductKey +
-            L" was replaced");
+        console.Note(
+            std::wstring(L"what stood at HKEY_LOCAL_MACHINE\\") + Contract::kProductKey + L" was replaced");
     }
 }
 

@@ -14,6 +14,7 @@
 #include "contract/Keys.h"
 #include "contract/WorkingSetEvent.h"
 #include "txsvcctl/common/Names.h"
+#include "txsvcctl/common/Table.h"
 #include "txsvcctl/common/ToolError.h"
 #include "txsvcctl/common/Utf8.h"
 #include "txsvcctl/common/ViewLink.h"
@@ -39,19 +40,18 @@ struct Arguments
     [[nodiscard]] std::wstring Name() const { return FromUtf8(name.value_or("")); }
 };
 
-std::wstring FormatSetting(const HostSettingReport& report)
+std::vector<Cell> SettingRow(const HostSettingReport& report)
 {
-    constexpr std::size_t kNameColumns = 28;
-    std::wstring line = report.setting.name;
-    line.append(line.size() < kNameColumns ? kNameColumns - line.size() : 1, L' ');
-    line += Basalt::FormatText(
-        L"%u (%s; %u to %u, default %u)",
-        report.value,
-        report.isDefault ? L"default" : L"registry",
-        report.setting.minimum,
-        report.setting.maximum,
-        report.setting.fallback);
-    return report.problem.empty() ? line : line + L", " + report.problem;
+    return {
+        {report.setting.name},
+        {std::to_wstring(report.value)},
+        {report.isDefault ? L"default" : L"registry"},
+        {Basalt::FormatText(
+            L"%u to %u, default %u",
+            report.setting.minimum,
+            report.setting.maximum,
+            report.setting.fallback)},
+        {report.problem, Tone::Bad}};
 }
 
 ordered_json SettingAsJson(const HostSettingReport& report)
@@ -71,27 +71,29 @@ void ShowSettings(const Arguments& arguments, IConsole& console)
     WarnAboutViewLink(console);
     const CHostStore store;
     ordered_json all = ordered_json::array();
-    std::wstring text;
+    std::vector<std::vector<Cell>> rows;
     for (const Contract::HostSetting& setting : CHostStore::Settings())
     {
         if (!arguments.name || IsSameName(arguments.Name(), setting.name))
         {
             const HostSettingReport report = store.Get(setting.name);
             all.push_back(SettingAsJson(report));
-            text += (text.empty() ? L"" : L"\n") + FormatSetting(report);
+            rows.push_back(SettingRow(report));
         }
     }
     if (all.empty())
     {
         static_cast<void>(store.Get(arguments.Name())); // Throws: there is no such setting.
     }
-    console.Out(arguments.json ? FromUtf8(ordered_json{{"version", 1}, {"settings", all}}.dump(2)) : text);
+    console.Out(
+        arguments.json ? FromUtf8(ordered_json{{"version", 1}, {"settings", all}}.dump(2))
+                       : FormatTable(rows, console));
 }
 
 void ReportChange(const CHostStore& store, const std::wstring& name, IConsole& console)
 {
     const HostSettingReport report = store.Get(name);
-    console.Out(
+    console.Done(
         std::wstring(report.setting.name) +
         Basalt::FormatText(L" is now %u; hosts read it when they start.", report.value));
 }
@@ -110,7 +112,9 @@ void AddConfig(CLI::App& app, IConsole& console)
     set->add_option("value", arguments->value, "Its value, a number")->required();
     set->callback([arguments, &console] {
         const CHostStore store;
-        store.Set(arguments->Name(), FromUtf8(arguments->value));
+        CRegistryChange change;
+        store.Set(change, arguments->Name(), FromUtf8(arguments->value));
+        change.Commit();
         ReportChange(store, arguments->Name(), console);
     });
     CLI::App* const unset = command->add_subcommand("unset", "Take a setting back to its default");
@@ -141,17 +145,24 @@ void AddBand(CLI::App& app, IConsole& console)
     const auto arguments = std::make_shared<Arguments>();
     command->add_option("group", arguments->name, "Name of the service group")->required();
     command->add_flag("--reset", arguments->reset, "Have the group learn it anew");
+    command->add_flag("--json", arguments->json, "Write JSON");
     command->callback([arguments, &console] {
         const CHostStore store;
         const std::wstring group = GroupNamed(arguments->Name());
         if (arguments->reset)
         {
             store.ResetBand(group);
-            console.Out(
+            console.Done(
                 L"Group '" + group + L"' learns its band anew; a running host of it still has the old one.");
             return;
         }
         const std::optional<LearntBand> band = store.Band(group);
+        if (arguments->json)
+        {
+            const ordered_json json = {{"version", 1}, {"group", ToUtf8(group)}, {"band", BandAsJson(band)}};
+            console.Out(FromUtf8(json.dump(2)));
+            return;
+        }
         console.Out(band ? FormatBand(*band) : L"Nothing is learnt yet.");
     });
 }
@@ -193,26 +204,28 @@ void AddTrim(CLI::App& app, IConsole& console)
             {
                 ThrowFailure(L"trim process", number, ::GetLastError());
             }
-            console.Out(L"process " + number + L" is trimming");
+            console.Done(L"process " + number + L" is trimming");
         }
     });
 }
 
-void ShowGating(IConsole& console)
+void ShowGating(bool isJson, IConsole& console)
 {
     const CHostStore store;
-    const CGroupStore groups;
     const bool isRequired = store.Get(Contract::kOobeCheckValue).value != 0;
-    console.Out(
-        isRequired ? L"Services wait for the first-run set-up unless they are excluded."
-                   : L"The first-run set-up is over: no service waits.");
-    for (const std::wstring& group : groups.Groups())
+    std::wstring text = isRequired ? L"Services wait for the first-run set-up unless they are excluded."
+                                   : L"The first-run set-up is over: no service waits.";
+    ordered_json excluded = ordered_json::array();
+    for (const std::wstring& group : CGroupStore().Groups())
     {
         for (const std::wstring& name : store.Excluded(group))
         {
-            console.Out(group + L"/" + name + L": excluded");
+            text += L"\n" + group + L"/" + name + L": excluded";
+            excluded.push_back({{"group", ToUtf8(group)}, {"service", ToUtf8(name)}});
         }
     }
+    const ordered_json json = {{"version", 1}, {"isRequired", isRequired}, {"excluded", excluded}};
+    console.Out(isJson ? FromUtf8(json.dump(2)) : text);
 }
 
 /// The groups that have the service.
@@ -239,17 +252,20 @@ void AddOobe(CLI::App& app, IConsole& console)
         one->callback([arguments, change, &console] {
             for (const std::wstring& group : GroupsOf(arguments->Name()))
             {
-                (CHostStore().*change)(group, arguments->Name());
+                CRegistryChange registry;
+                (CHostStore().*change)(registry, group, arguments->Name());
+                registry.Commit();
             }
-            ShowGating(console);
+            ShowGating(false, console);
         });
     };
     add("exclude", "Let a service run before the set-up", &CHostStore::Exclude);
     add("include", "Have a service wait for the set-up", &CHostStore::Include);
-    command->callback([command, &console] {
+    command->add_flag("--json", arguments->json, "Write JSON");
+    command->callback([command, arguments, &console] {
         if (command->get_subcommands().empty())
         {
-            ShowGating(console);
+            ShowGating(arguments->json, console);
         }
     });
 }

@@ -10,7 +10,6 @@
 #include "contract/Keys.h"
 #include "txsvcctl/common/Names.h"
 #include "txsvcctl/common/ToolError.h"
-#include "txsvcctl/service/RegistryChange.h"
 #include "txsvcctl/service/RegistryNames.h"
 
 namespace TxCtl
@@ -56,13 +55,6 @@ DWORD ReadNumber(const std::wstring& path, const wchar_t* name, std::optional<DW
         value = number;
     }
     return status == ERROR_FILE_NOT_FOUND ? DWORD{ERROR_SUCCESS} : status;
-}
-
-void WriteNumber(const std::wstring& path, const std::wstring& name, DWORD value)
-{
-    Basalt::CRegKey key;
-    CheckStatus(key.Create(HKEY_LOCAL_MACHINE, path.c_str(), KEY_WRITE), L"create registry key", path);
-    CheckStatus(key.WriteDword(name.c_str(), value), L"write registry value", path + L"\\" + name);
 }
 
 void DeleteValue(const std::wstring& path, const std::wstring& name)
@@ -115,7 +107,7 @@ HostSettingReport CHostStore::Get(const std::wstring& name) const
     return report;
 }
 
-void CHostStore::Set(const std::wstring& name, const std::wstring& value) const
+DWORD CHostStore::Check(const std::wstring& name, const std::wstring& value) const
 {
     const Contract::HostSetting& setting = Find(name);
     wchar_t* end = nullptr;
@@ -126,7 +118,12 @@ void CHostStore::Set(const std::wstring& name, const std::wstring& value) const
         ThrowUsage(
             L"'" + value + L"' is no value for '" + setting.name + L"': give a number, " + RangeOf(setting));
     }
-    WriteNumber(HostPath(), setting.name, static_cast<DWORD>(number));
+    return static_cast<DWORD>(number);
+}
+
+void CHostStore::Set(CRegistryChange& change, const std::wstring& name, const std::wstring& value) const
+{
+    change.SetNumber(HostPath(), Find(name).name, Check(name, value));
 }
 
 void CHostStore::Unset(const std::wstring& name) const
@@ -180,14 +177,16 @@ std::vector<std::wstring> CHostStore::WaitForFirstRun(
     return services;
 }
 
-void CHostStore::Exclude(const std::wstring& group, const std::wstring& service) const
+void CHostStore::Exclude(
+    CRegistryChange& change, const std::wstring& group, const std::wstring& service) const
 {
-    WriteNumber(ExclusionPath(group), service, 1);
+    change.SetNumber(ExclusionPath(group), service, 1);
 }
 
-void CHostStore::Include(const std::wstring& group, const std::wstring& service) const
+void CHostStore::Include(
+    CRegistryChange& change, const std::wstring& group, const std::wstring& service) const
 {
-    DeleteValue(ExclusionPath(group), service);
+    change.DeleteValue(ExclusionPath(group), service);
 }
 
 std::wstring InMiB(double bytes)
@@ -199,6 +198,11 @@ std::wstring InMiB(double bytes)
 std::wstring FormatBand(const LearntBand& band)
 {
     return InMiB(band.from) + L" to " + InMiB(band.to);
+}
+
+nlohmann::ordered_json BandAsJson(const std::optional<LearntBand>& band)
+{
+    return band ? nlohmann::ordered_json{{"fromBytes", band->from}, {"toBytes", band->to}} : nullptr;
 }
 
 bool IsUpdateRunning()

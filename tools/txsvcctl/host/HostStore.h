@@ -2,11 +2,13 @@
 
 #include <windows.h>
 
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "contract/HostSettings.h"
+#include "txsvcctl/service/RegistryChange.h"
 
 namespace TxCtl
 {
@@ -35,7 +37,7 @@ public:
     [[nodiscard]] static const std::vector<Contract::HostSetting>& Settings();
 
     [[nodiscard]] HostSettingReport Get(const std::wstring& name) const;
-    void Set(const std::wstring& name, const std::wstring& value) const;
+    void Set(CRegistryChange& change, const std::wstring& name, const std::wstring& value) const;
     void Unset(const std::wstring& name) const;
 
     /// Nothing until a host of the group has learnt it.
@@ -47,14 +49,19 @@ public:
     /// Those of the services that do not run before the first-run set-up is over; none once it is.
     [[nodiscard]] std::vector<std::wstring> WaitForFirstRun(
         const std::wstring& group, std::vector<std::wstring> services) const;
-    void Exclude(const std::wstring& group, const std::wstring& service) const;
-    void Include(const std::wstring& group, const std::wstring& service) const;
+    void Exclude(CRegistryChange& change, const std::wstring& group, const std::wstring& service) const;
+    void Include(CRegistryChange& change, const std::wstring& group, const std::wstring& service) const;
+
+    /// The number that Set would store.
+    [[nodiscard]] DWORD Check(const std::wstring& name, const std::wstring& value) const;
 };
 
 /// "15.0 MiB"
 [[nodiscard]] std::wstring InMiB(double bytes);
 /// "15.0 MiB to 20.0 MiB"
 [[nodiscard]] std::wstring FormatBand(const LearntBand& band);
+/// In bytes; null without a band.
+[[nodiscard]] nlohmann::ordered_json BandAsJson(const std::optional<LearntBand>& band);
 
 /// Whether the update manager works on an update: hosts that start meanwhile may end at once.
 [[nodiscard]] bool IsUpdateRunning();

@@ -12,6 +12,7 @@
 
 #include "base/Text.h"
 #include "txsvcctl/common/Names.h"
+#include "txsvcctl/common/Table.h"
 #include "txsvcctl/common/ToolError.h"
 #include "txsvcctl/common/Utf8.h"
 #include "txsvcctl/common/ViewLink.h"
@@ -142,7 +143,42 @@ std::wstring FormatProcess(DWORD id, const ProcessFigures& now, const ProcessFig
            Duration(now.upSeconds);
 }
 
-std::wstring Format(const std::vector<GroupStatus>& groups, const std::map<DWORD, ProcessFigures>& before)
+Tone ToneOf(const ServiceReport& service)
+{
+    if (!service.state)
+    {
+        return Tone::Bad;
+    }
+    switch (service.state->state)
+    {
+    case SERVICE_RUNNING:
+        return Tone::Good;
+    case SERVICE_STOPPED:
+        return service.state->exitCode == NO_ERROR || service.state->exitCode == ERROR_SERVICE_NEVER_STARTED
+                   ? Tone::Plain
+                   : Tone::Bad;
+    default:
+        return Tone::Doubtful;
+    }
+}
+
+std::wstring FormatServices(const GroupReport& group, IConsole& console)
+{
+    std::vector<std::vector<Cell>> rows;
+    for (const ServiceReport& service : group.services)
+    {
+        const std::wstring reason = ReasonOf(group.name, service);
+        rows.push_back(
+            {{service.name + L":"},
+             {(service.state ? DescribeState(*service.state) : L"no entry in the service manager") +
+                  (reason.empty() ? L"" : L", " + reason),
+              ToneOf(service)}});
+    }
+    return rows.empty() ? L"" : L"\n" + FormatTable(rows, console, L"  ");
+}
+
+std::wstring Format(
+    const std::vector<GroupStatus>& groups, const std::map<DWORD, ProcessFigures>& before, IConsole& console)
 {
     if (groups.empty())
     {
@@ -161,15 +197,24 @@ std::wstring Format(const std::vector<GroupStatus>& groups, const std::map<DWORD
             const auto last = before.find(id);
             text += FormatProcess(id, figures, last == before.end() ? ProcessFigures{} : last->second);
         }
-        for (const ServiceReport& service : group.report.services)
-        {
-            const std::wstring reason = ReasonOf(group.report.name, service);
-            text += L"\n  " + service.name + L": " +
-                    (service.state ? DescribeState(*service.state) : L"no entry in the service manager") +
-                    (reason.empty() ? L"" : L", " + reason);
-        }
+        text += FormatServices(group.report, console);
     }
     return text;
+}
+
+/// As in ISO 8601.
+std::wstring UniversalTime(const FILETIME& time)
+{
+    SYSTEMTIME parts{};
+    ::FileTimeToSystemTime(&time, &parts);
+    return Basalt::FormatText(
+        L"%04hu-%02hu-%02huT%02hu:%02hu:%02huZ",
+        parts.wYear,
+        parts.wMonth,
+        parts.wDay,
+        parts.wHour,
+        parts.wMinute,
+        parts.wSecond);
 }
 
 ordered_json ProcessAsJson(DWORD id, const ProcessFigures& figures)
@@ -181,7 +226,8 @@ ordered_json ProcessAsJson(DWORD id, const ProcessFigures& figures)
         {"threads", figures.threads},
         {"handles", figures.handles},
         {"cpuSeconds", figures.cpuSeconds},
-        {"upSeconds", figures.upSeconds}};
+        {"upSeconds", figures.upSeconds},
+        {"started", ToUtf8(UniversalTime(figures.started))}};
 }
 
 ordered_json ServiceAsJson(const std::wstring& group, const ServiceReport& service)
@@ -212,11 +258,7 @@ ordered_json AsJson(const std::vector<GroupStatus>& groups)
     ordered_json array = ordered_json::array();
     for (const GroupStatus& group : groups)
     {
-        ordered_json json = {{"name", ToUtf8(group.report.name)}, {"band", nullptr}};
-        if (group.band)
-        {
-            json["band"] = {{"fromBytes", group.band->from}, {"toBytes", group.band->to}};
-        }
+        ordered_json json = {{"name", ToUtf8(group.report.name)}, {"band", BandAsJson(group.band)}};
         json["processes"] = ordered_json::array();
         for (const auto& [id, figures] : group.processes)
         {
@@ -247,7 +289,7 @@ void Watch(const std::wstring& name, bool isJson, IConsole& console)
         }
         else
         {
-            console.Repaint(Format(groups, before));
+            console.Repaint(Format(groups, before, console));
         }
         before.clear();
         for (const GroupStatus& group : groups)
@@ -277,7 +319,7 @@ void AddStatusCommand(CLI::App& app, IConsole& console)
             return;
         }
         const std::vector<GroupStatus> groups = Look(name);
-        console.Out(arguments->json ? FromUtf8(AsJson(groups).dump(2)) : Format(groups, {}));
+        console.Out(arguments->json ? FromUtf8(AsJson(groups).dump(2)) : Format(groups, {}, console));
     });
 }
 

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "TxLogSecurity.h"
 #include "txsvcctl/common/Names.h"
+#include "txsvcctl/common/Table.h"
 #include "txsvcctl/common/ToolError.h"
 #include "txsvcctl/common/Utf8.h"
 #include "txsvcctl/common/ViewLink.h"
@@ -44,21 +44,15 @@ void ReportChange(const CLogStore& store, const std::wstring& name, IConsole& co
     const LogSettingReport report = store.Get(name);
     if (report.origin == ETWLogging::LogSettingOrigin::IniFile)
     {
-        console.Out(
+        console.Done(
             L"The registry is changed, but log.ini, which comes first, says " + name + L" is " +
             report.value + L".");
         return;
     }
-    console.Out(
+    console.Done(
         name + L" is now " + report.value +
         (CLogStore::TakesEffectAtOnce(name) ? L"; running hosts take it up."
                                             : L"; hosts read it when they start."));
-}
-
-bool UsesDefaultFolder(const CLogStore& store)
-{
-    const std::wstring folder = store.Settings().folder;
-    return folder.empty() || TxSdk::IsDefaultLogFolder(folder);
 }
 
 void SetLogSetting(const Arguments& arguments, IConsole& console)
@@ -70,11 +64,9 @@ void SetLogSetting(const Arguments& arguments, IConsole& console)
     EnsureViewLink(arguments.replaceKey, console);
     store.Set(name, value);
     ReportChange(store, name, console);
-    if (IsSameName(name, L"mechanism") && IsSameName(value, L"file") && UsesDefaultFolder(store))
+    if (IsSameName(name, L"mechanism") && IsSameName(value, L"file"))
     {
-        // At once, before any user can make it. Last: whoever may not change the settings must not own it.
-        const std::wstring folder = TxSdk::DefaultLogFolder();
-        CheckStatus(TxSdk::TakeLogFolder(folder), L"use log folder", folder);
+        store.TakeDefaultFolder(); // Last: whoever may not change the settings must not own it.
     }
 }
 
@@ -84,36 +76,34 @@ void UnsetLogSetting(const Arguments& arguments, IConsole& console)
     const std::wstring name = FromUtf8(arguments.name.value_or(std::string()));
     if (!store.Unset(name))
     {
-        console.Out(name + L" was not set in the registry.");
+        console.Done(name + L" was not set in the registry.");
         return;
     }
     ReportChange(store, name, console);
 }
 
-std::wstring FormatSetting(const LogSettingReport& report)
+std::vector<Cell> SettingRow(const LogSettingReport& report)
 {
-    constexpr std::size_t kNameColumns = 16;
-    std::wstring line = report.name;
-    line.append(line.size() < kNameColumns ? kNameColumns - line.size() : 1, L' ');
-    line += report.value + L" (" + OriginName(report.origin);
-    if (!report.unusable.empty())
-    {
-        line += L"; cannot be used: " + report.unusable;
-    }
-    return line + L")";
+    const bool isUsable = report.unusable.empty();
+    return {
+        {report.name},
+        {report.value},
+        {L"(" + OriginName(report.origin) +
+             (isUsable ? L")" : L"; cannot be used: " + report.unusable + L")"),
+         isUsable ? Tone::Plain : Tone::Bad}};
 }
 
 void GetLogSettings(const Arguments& arguments, IConsole& console)
 {
     const CLogStore store = arguments.Store();
-    std::wstring lines;
-    ordered_json object = ordered_json::object();
+    std::vector<std::vector<Cell>> rows;
+    ordered_json settings = ordered_json::object();
     for (const std::wstring& setting :
          arguments.name ? std::vector{FromUtf8(*arguments.name)} : CLogStore::Names())
     {
         const LogSettingReport report = store.Get(setting);
-        lines += (lines.empty() ? L"" : L"\n") + FormatSetting(report);
-        ordered_json& entry = object[ToUtf8(report.name)];
+        rows.push_back(SettingRow(report));
+        ordered_json& entry = settings[ToUtf8(report.name)];
         entry = {{"value", ToUtf8(report.value)}, {"origin", ToUtf8(OriginName(report.origin))}};
         if (!report.unusable.empty())
         {
@@ -121,7 +111,9 @@ void GetLogSettings(const Arguments& arguments, IConsole& console)
         }
     }
     WarnAboutViewLink(console);
-    console.Out(arguments.json ? FromUtf8(object.dump(2)) : lines);
+    console.Out(
+        arguments.json ? FromUtf8(ordered_json{{"version", 1}, {"settings", settings}}.dump(2))
+                       : FormatTable(rows, console));
 }
 
 } // namespace

@@ -72,7 +72,7 @@ std::wstring LevelOf(const LogEntry& entry)
 
 std::wstring FormatJson(const LogEntry& entry)
 {
-    ordered_json json;
+    ordered_json json = {{"version", 1}};
     if (entry.time)
     {
         json["time"] = ToUtf8(TimeText(*entry.time, entry.hasMilliseconds));

@@ -7,6 +7,7 @@
 #include <optional>
 #include <variant>
 
+#include "TxLogSecurity.h"
 #include "base/ObfuscatedRegKey.h"
 #include "contract/CommandLine.h"
 #include "contract/Keys.h"
@@ -326,6 +327,48 @@ LogSettingReport CLogStore::Get(const std::wstring& name) const
     }
     report.unusable = reader.Problems();
     return report;
+}
+
+const std::wstring& CLogStore::KeyPath()
+{
+    return kSettingsPath;
+}
+
+std::wstring CLogStore::ValueName(const std::wstring& name)
+{
+    return Find(name).ValueName();
+}
+
+std::optional<std::wstring> CLogStore::Stored(const std::wstring& name)
+{
+    const Found found = Find(name);
+    const std::wstring valueName = found.ValueName();
+    Basalt::CObfuscatedRegKey key;
+    if (key.Open(HKEY_LOCAL_MACHINE, kSettingsPath.c_str(), KEY_READ) != ERROR_SUCCESS)
+    {
+        return std::nullopt;
+    }
+    if (const auto* const form = std::get_if<NumberForm>(&found.setting.form))
+    {
+        DWORD number = 0;
+        const bool isUsable =
+            key.ReadDword(valueName.c_str(), number) == ERROR_SUCCESS && form->setting.IsValid(number);
+        return isUsable ? std::optional(form->format(number)) : std::nullopt;
+    }
+    std::wstring text;
+    const bool isUsable = key.ReadString(valueName.c_str(), text) == ERROR_SUCCESS &&
+                          std::get<TextForm>(found.setting.form).setting.isValid(text);
+    return isUsable ? std::optional(text) : std::nullopt;
+}
+
+void CLogStore::TakeDefaultFolder() const
+{
+    const std::wstring configured = Settings().folder;
+    if (configured.empty() || TxSdk::IsDefaultLogFolder(configured))
+    {
+        const std::wstring folder = TxSdk::DefaultLogFolder();
+        CheckStatus(TxSdk::TakeLogFolder(folder), L"use log folder", folder);
+    }
 }
 
 void CLogStore::Check(const std::wstring& name, const std::wstring& value) const

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -39,6 +40,16 @@ public:
     void Set(const std::wstring& name, const std::wstring& value) const;
     /// @return false when the registry does not have it.
     bool Unset(const std::wstring& name) const;
+
+    /// Where they are stored, below HKEY_LOCAL_MACHINE, and under which name.
+    [[nodiscard]] static const std::wstring& KeyPath();
+    [[nodiscard]] static std::wstring ValueName(const std::wstring& name);
+
+    /// What the registry alone has, in the form that Set takes; nothing when it has none that can be used.
+    [[nodiscard]] static std::optional<std::wstring> Stored(const std::wstring& name);
+
+    /// Makes the default folder before any user can, unless another one is configured.
+    void TakeDefaultFolder() const;
 
     /// What Set would refuse, without storing anything.
     void Check(const std::wstring& name, const std::wstring& value) const;

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "base/Owned.h"
+#include "base/RegKey.h"
 #include "txsvcctl/common/Names.h"
 #include "txsvcctl/common/ToolError.h"
 #include "txsvcctl/common/Utf8.h"
@@ -17,20 +18,54 @@ namespace
 
 constexpr wchar_t kOperation[] = L"change service";
 
+Basalt::CServiceHandle Open(const std::wstring& name, DWORD access, const wchar_t* operation)
+{
+    const Basalt::CServiceHandle manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
+    Basalt::CServiceHandle service(::OpenServiceW(manager.Get(), name.c_str(), access));
+    if (!service)
+    {
+        ThrowFailure(operation, name, ::GetLastError());
+    }
+    return service;
+}
+
+std::wstring TextOf(const wchar_t* text)
+{
+    return text == nullptr ? L"" : text;
+}
+
+/// What the system has of one kind, with the texts behind it; nothing when it does not know that kind.
+template <typename Info>
+class CInfo
+{
+public:
+    CInfo(SC_HANDLE service, DWORD level)
+    {
+        DWORD needed = 0;
+        ::QueryServiceConfig2W(service, level, nullptr, 0, &needed);
+        m_buffer.resize(needed / sizeof(Info) + 1);
+        const auto size = static_cast<DWORD>(m_buffer.size() * sizeof(Info));
+        auto* const bytes = reinterpret_cast<BYTE*>(m_buffer.data());
+        m_isKnown = ::QueryServiceConfig2W(service, level, bytes, size, &needed) != FALSE;
+    }
+
+    [[nodiscard]] explicit operator bool() const noexcept { return m_isKnown; }
+    [[nodiscard]] const Info* operator->() const noexcept { return m_buffer.data(); }
+    [[nodiscard]] const Info& operator*() const noexcept { return m_buffer.front(); }
+
+private:
+    std::vector<Info> m_buffer;
+    bool m_isKnown;
+};
+
 /// One entry, open for a change of its options.
 class CEntry
 {
 public:
     CEntry(const std::wstring& name, IConsole& console)
-        : m_manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT)),
-          m_service(::OpenServiceW(
-              m_manager.Get(), name.c_str(), SERVICE_CHANGE_CONFIG | SERVICE_QUERY_CONFIG | SERVICE_START)),
+        : m_service(Open(name, SERVICE_CHANGE_CONFIG | SERVICE_QUERY_CONFIG | SERVICE_START, kOperation)),
           m_console(console)
     {
-        if (!m_service)
-        {
-            ThrowFailure(kOperation, name, ::GetLastError());
-        }
     }
 
     [[nodiscard]] SC_HANDLE Get() const noexcept { return m_service.Get(); }
@@ -39,21 +74,15 @@ public:
     template <typename Info, typename IsKept>
     void Set(DWORD level, Info info, const wchar_t* what, IsKept isKept) const
     {
-        DWORD needed = 0;
         const bool isSet = ::ChangeServiceConfig2W(Get(), level, &info) != FALSE;
-        ::QueryServiceConfig2W(Get(), level, nullptr, 0, &needed);
-        std::vector<BYTE> buffer(needed + sizeof(Info));
-        const bool isRead =
-            ::QueryServiceConfig2W(Get(), level, buffer.data(), static_cast<DWORD>(buffer.size()), &needed) !=
-            FALSE;
-        if ((!isSet || !isRead || !isKept(*reinterpret_cast<const Info*>(buffer.data()))) && what != nullptr)
+        const CInfo<Info> kept(Get(), level);
+        if ((!isSet || !kept || !isKept(*kept)) && what != nullptr)
         {
-            m_console.Error(std::wstring(L"note: this system does not keep ") + what);
+            m_console.Note(std::wstring(L"this system does not keep ") + what);
         }
     }
 
 private:
-    Basalt::CServiceHandle m_manager;
     Basalt::CServiceHandle m_service;
     IConsole& m_console;
 };
@@ -100,27 +129,30 @@ void SetDescription(const CEntry& entry, std::wstring text)
         SERVICE_CONFIG_DESCRIPTION,
         SERVICE_DESCRIPTIONW{text.data()},
         L"descriptions",
-        [&text](const SERVICE_DESCRIPTIONW& info) {
-            return text == (info.lpDescription == nullptr ? L"" : info.lpDescription);
+        [&text](const SERVICE_DESCRIPTIONW& info) { return text == TextOf(info.lpDescription); });
+}
+
+void SetRecovery(const CEntry& entry, Recovery recovery, bool isAsked)
+{
+    SERVICE_FAILURE_ACTIONSW all{};
+    all.dwResetPeriod = recovery.resetSeconds;
+    all.lpRebootMsg = recovery.rebootMessage.data();
+    all.lpCommand = recovery.command.data();
+    all.cActions = static_cast<DWORD>(recovery.actions.size());
+    recovery.actions.reserve(1); // With a null pointer the old ones would stay.
+    all.lpsaActions = recovery.actions.data();
+    entry.Set(
+        SERVICE_CONFIG_FAILURE_ACTIONS,
+        all,
+        isAsked ? L"recovery actions" : nullptr,
+        [&all](const SERVICE_FAILURE_ACTIONSW& info) {
+            return info.cActions == all.cActions &&
+                   (info.cActions == 0 || info.lpsaActions[0].Type == all.lpsaActions[0].Type);
         });
 }
 
-void SetRestarts(const CEntry& entry, bool isOn, bool isAsked)
+void SetRecoveryFromErrors(const CEntry& entry, bool isOn, bool isAsked)
 {
-    constexpr DWORD kForgetSeconds = 24 * 60 * 60;
-    constexpr SC_ACTION kRestart[] = {
-        {SC_ACTION_RESTART, 5'000}, {SC_ACTION_RESTART, 30'000}, {SC_ACTION_RESTART, 300'000}};
-    constexpr SC_ACTION kNothing[] = {{SC_ACTION_NONE, 0}};
-    SC_ACTION actions[std::size(kRestart)] = {};
-    std::memcpy(actions, isOn ? kRestart : kNothing, isOn ? sizeof(kRestart) : sizeof(kNothing));
-    SERVICE_FAILURE_ACTIONSW all{};
-    all.dwResetPeriod = kForgetSeconds;
-    all.cActions = isOn ? static_cast<DWORD>(std::size(kRestart)) : 1;
-    all.lpsaActions = actions;
-    const wchar_t* const what = isAsked ? L"recovery actions" : nullptr;
-    entry.Set(SERVICE_CONFIG_FAILURE_ACTIONS, all, what, [&all](const SERVICE_FAILURE_ACTIONSW& info) {
-        return info.cActions == all.cActions && info.lpsaActions[0].Type == all.lpsaActions[0].Type;
-    });
     entry.Set(
         SERVICE_CONFIG_FAILURE_ACTIONS_FLAG,
         SERVICE_FAILURE_ACTIONS_FLAG{isOn},
@@ -130,7 +162,106 @@ void SetRestarts(const CEntry& entry, bool isOn, bool isAsked)
         });
 }
 
+std::vector<std::wstring> NamesOf(const wchar_t* multiText)
+{
+    std::vector<std::wstring> names;
+    for (const wchar_t* at = multiText; at != nullptr && *at != L'\0'; at += names.back().size() + 1)
+    {
+        names.emplace_back(at);
+    }
+    return names;
+}
+
+/// Wine's service manager keeps them, but tells nobody: they stand in its database only.
+std::vector<std::wstring> StoredDependencies(const std::wstring& service)
+{
+    const std::wstring path = L"System\\CurrentControlSet\\Services\\" + service;
+    Basalt::CRegKey key;
+    DWORD type = REG_NONE;
+    std::vector<BYTE> data;
+    if (key.Open(HKEY_LOCAL_MACHINE, path.c_str(), KEY_READ) != ERROR_SUCCESS ||
+        key.ReadValue(L"DependOnService", type, data) != ERROR_SUCCESS || type != REG_MULTI_SZ)
+    {
+        return {};
+    }
+    std::wstring text(data.size() / sizeof(wchar_t), L'\0');
+    std::memcpy(text.data(), data.data(), text.size() * sizeof(wchar_t));
+    return NamesOf(text.c_str());
+}
+
+/// Account and dependencies.
+void ReadBasics(SC_HANDLE service, const std::wstring& name, EntryOptions& options)
+{
+    DWORD needed = 0;
+    ::QueryServiceConfigW(service, nullptr, 0, &needed);
+    std::vector<QUERY_SERVICE_CONFIGW> buffer(needed / sizeof(QUERY_SERVICE_CONFIGW) + 1);
+    const auto size = static_cast<DWORD>(buffer.size() * sizeof(QUERY_SERVICE_CONFIGW));
+    if (!::QueryServiceConfigW(service, buffer.data(), size, &needed))
+    {
+        ThrowFailure(L"read the entry of service", name, ::GetLastError());
+    }
+    options.account = TextOf(buffer.front().lpServiceStartName);
+    options.dependencies = NamesOf(buffer.front().lpDependencies);
+    if (options.dependencies->empty())
+    {
+        options.dependencies = StoredDependencies(name);
+    }
+}
+
 } // namespace
+
+Recovery RestartAfterFailures()
+{
+    constexpr DWORD kForgetSeconds = 24 * 60 * 60;
+    return {
+        kForgetSeconds,
+        {},
+        {},
+        {{SC_ACTION_RESTART, 5'000}, {SC_ACTION_RESTART, 30'000}, {SC_ACTION_RESTART, 300'000}}};
+}
+
+Recovery NoRecovery()
+{
+    return {0, {}, {}, {{SC_ACTION_NONE, 0}}};
+}
+
+EntryOptions ReadEntryOptions(const std::wstring& service)
+{
+    const Basalt::CServiceHandle handle = Open(service, SERVICE_QUERY_CONFIG, L"open service");
+    SC_HANDLE const entry = handle.Get();
+    EntryOptions options;
+    ReadBasics(entry, service, options);
+    if (const CInfo<SERVICE_DESCRIPTIONW> info(entry, SERVICE_CONFIG_DESCRIPTION); info)
+    {
+        options.description = TextOf(info->lpDescription);
+    }
+    if (const CInfo<SERVICE_DELAYED_AUTO_START_INFO> info(entry, SERVICE_CONFIG_DELAYED_AUTO_START_INFO);
+        info)
+    {
+        options.isDelayed = info->fDelayedAutostart != FALSE;
+    }
+    if (const CInfo<SERVICE_SID_INFO> info(entry, SERVICE_CONFIG_SERVICE_SID_INFO); info)
+    {
+        options.sidType = info->dwServiceSidType;
+    }
+    if (const CInfo<SERVICE_PRESHUTDOWN_INFO> info(entry, SERVICE_CONFIG_PRESHUTDOWN_INFO); info)
+    {
+        options.preshutdownMs = info->dwPreshutdownTimeout;
+    }
+    if (const CInfo<SERVICE_FAILURE_ACTIONSW> info(entry, SERVICE_CONFIG_FAILURE_ACTIONS); info)
+    {
+        options.recovery = {
+            info->dwResetPeriod,
+            TextOf(info->lpRebootMsg),
+            TextOf(info->lpCommand),
+            {info->lpsaActions, info->lpsaActions + info->cActions}};
+    }
+    if (const CInfo<SERVICE_FAILURE_ACTIONS_FLAG> info(entry, SERVICE_CONFIG_FAILURE_ACTIONS_FLAG); info)
+    {
+        options.recoversFromErrors = info->fFailureActionsOnNonCrashFailures != FALSE;
+    }
+    return options;
+}
 
 bool NeedsNoPassword(const std::wstring& account)
 {
@@ -171,9 +302,9 @@ void ApplyEntryOptions(
             L"SID types",
             [&options](const SERVICE_SID_INFO& info) { return info.dwServiceSidType == *options.sidType; });
     }
-    if (options.preshutdownSeconds)
+    if (options.preshutdownMs)
     {
-        const DWORD milliseconds = *options.preshutdownSeconds * 1000;
+        const DWORD milliseconds = *options.preshutdownMs;
         entry.Set(
             SERVICE_CONFIG_PRESHUTDOWN_INFO,
             SERVICE_PRESHUTDOWN_INFO{milliseconds},
@@ -182,13 +313,17 @@ void ApplyEntryOptions(
                 return info.dwPreshutdownTimeout == milliseconds;
             });
     }
-    if (options.isRestarted)
+    if (options.recovery)
     {
-        SetRestarts(entry, *options.isRestarted, options.isRestartAsked);
+        SetRecovery(entry, *options.recovery, options.isRecoveryAsked);
+    }
+    if (options.recoversFromErrors)
+    {
+        SetRecoveryFromErrors(entry, *options.recoversFromErrors, options.isRecoveryAsked);
     }
 }
 
-std::wstring ReadPassword(const std::wstring& account, IConsole& console)
+std::optional<std::wstring> ReadPassword(const std::wstring& account, IConsole& console)
 {
     HANDLE input = ::GetStdHandle(STD_INPUT_HANDLE);
     DWORD mode = 0;
@@ -210,11 +345,7 @@ std::wstring ReadPassword(const std::wstring& account, IConsole& console)
         ::SetConsoleMode(input, mode);
     }
     line.erase(line.find_last_not_of('\r') + 1);
-    if (line.empty())
-    {
-        ThrowUsage(L"the account '" + account + L"' needs a password on standard input");
-    }
-    return FromUtf8(line);
+    return line.empty() ? std::nullopt : std::optional(FromUtf8(line));
 }
 
 } // namespace TxCtl

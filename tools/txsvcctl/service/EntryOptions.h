@@ -11,6 +11,19 @@
 namespace TxCtl
 {
 
+/// What the service manager does when a service fails, time after time.
+struct Recovery
+{
+    DWORD resetSeconds = 0; ///< without a failure, after which it begins anew
+    std::wstring rebootMessage;
+    std::wstring command;
+    std::vector<SC_ACTION> actions;
+};
+
+/// A restart after 5 s, 30 s and 5 min.
+[[nodiscard]] Recovery RestartAfterFailures();
+[[nodiscard]] Recovery NoRecovery();
+
 /// What an entry of the service manager can have beside its command line. What is absent stays as it is.
 struct EntryOptions
 {
@@ -19,13 +32,17 @@ struct EntryOptions
     std::optional<std::wstring> account; ///< "LocalSystem", "NT AUTHORITY\\LocalService", ...
     std::optional<bool> isDelayed;       ///< Automatic start after the others.
     std::optional<DWORD> sidType;        ///< SERVICE_SID_TYPE_...
-    std::optional<DWORD> preshutdownSeconds;
-    /// true: restarted after 5 s, 30 s and 5 min, also when it stops with an error; false: never.
-    std::optional<bool> isRestarted;
+    std::optional<DWORD> preshutdownMs;
+    std::optional<Recovery> recovery;
+    std::optional<bool> recoversFromErrors; ///< Also when it stops with an error.
 
-    /// Whether the user asked for the restarts; otherwise nothing is said when the system does not know them.
-    bool isRestartAsked = false;
+    /// Whether the user asked for the recovery; otherwise nothing is said when the system does not know it.
+    bool isRecoveryAsked = false;
 };
+
+/// All that an entry has; what this system does not know is absent.
+/// @throws CToolError
+[[nodiscard]] EntryOptions ReadEntryOptions(const std::wstring& service);
 
 /// An account whose password the service manager does not need: built in, virtual, or managed.
 [[nodiscard]] bool NeedsNoPassword(const std::wstring& account);
@@ -41,8 +58,7 @@ void ApplyEntryOptions(
     const std::wstring& password,
     IConsole& console);
 
-/// One line from standard input, which a console does not echo.
-/// @throws CToolError when there is none.
-[[nodiscard]] std::wstring ReadPassword(const std::wstring& account, IConsole& console);
+/// One line from standard input, which a console does not echo; nothing when there is none.
+[[nodiscard]] std::optional<std::wstring> ReadPassword(const std::wstring& account, IConsole& console);
 
 } // namespace TxCtl

@@ -55,7 +55,8 @@ std::optional<ProcessFigures> FiguresOf(DWORD processId)
         CountThreads(processId),
         0,
         Seconds(kernel) + Seconds(user),
-        Seconds(now) - Seconds(created)};
+        Seconds(now) - Seconds(created),
+        created};
     ::GetProcessHandleCount(process.Get(), &figures.handles);
     return figures;
 }

@@ -16,6 +16,7 @@ struct ProcessFigures
     DWORD handles = 0;
     double cpuSeconds = 0;
     double upSeconds = 0;
+    FILETIME started{};
 };
 
 /// Nothing when the process is gone, or access to it is denied.

@@ -61,12 +61,11 @@ void CRegistryChange::createKeys(const std::wstring& path)
     }
 }
 
-void CRegistryChange::SetString(const std::wstring& path, const std::wstring& name, const std::wstring& value)
+void CRegistryChange::Remember(const std::wstring& path, const std::wstring& name)
 {
     createKeys(path);
     Basalt::CRegKey key;
-    CheckStatus(key.Open(HKEY_LOCAL_MACHINE, path.c_str(), KEY_READ | KEY_WRITE), kWriteKey, path);
-
+    CheckStatus(key.Open(HKEY_LOCAL_MACHINE, path.c_str(), KEY_READ), kWriteKey, path);
     Step step{Undo::WriteValue, path, name, REG_NONE, {}};
     const DWORD status = key.ReadValue(name.c_str(), step.type, step.data);
     if (status == ERROR_FILE_NOT_FOUND)
@@ -77,9 +76,32 @@ void CRegistryChange::SetString(const std::wstring& path, const std::wstring& na
     {
         CheckStatus(status, kWriteKey, path);
     }
-    // Recorded first: putting back a value that was not changed does no harm, the other order could lose one.
     m_undo.push_back(std::move(step));
-    CheckStatus(key.WriteString(name.c_str(), value), L"write registry value", path + L"\\" + name);
+}
+
+template <typename Write>
+void CRegistryChange::set(const std::wstring& path, const std::wstring& name, Write write)
+{
+    // First: putting back a value that was not changed does no harm, the other order could lose one.
+    Remember(path, name);
+    Basalt::CRegKey key;
+    CheckStatus(key.Open(HKEY_LOCAL_MACHINE, path.c_str(), KEY_WRITE), kWriteKey, path);
+    CheckStatus(write(key), L"write registry value", path + L"\\" + name);
+}
+
+void CRegistryChange::SetString(const std::wstring& path, const std::wstring& name, const std::wstring& value)
+{
+    set(path, name, [&](Basalt::CRegKey& key) { return key.WriteString(name.c_str(), value); });
+}
+
+void CRegistryChange::SetNumber(const std::wstring& path, const std::wstring& name, DWORD value)
+{
+    set(path, name, [&](Basalt::CRegKey& key) { return key.WriteDword(name.c_str(), value); });
+}
+
+void CRegistryChange::AddUndo(std::function<void()> undo)
+{
+    m_undo.push_back({Undo::Call, {}, {}, REG_NONE, {}, std::move(undo)});
 }
 
 void CRegistryChange::DeleteValue(const std::wstring& path, const std::wstring& name)
@@ -146,6 +168,18 @@ std::vector<std::wstring> CRegistryChange::Rollback()
     {
         const Step step = std::move(m_undo.back());
         m_undo.pop_back();
+        if (step.undo == Undo::Call)
+        {
+            try
+            {
+                step.call();
+            }
+            catch (const CToolError& error)
+            {
+                failures.push_back(error.Text());
+            }
+            continue;
+        }
         const DWORD error = undoStep(step);
         const bool isDeletion = step.undo == Undo::DeleteKey || step.undo == Undo::DeleteValue;
         const bool isGoneAlready = isDeletion && error == ERROR_FILE_NOT_FOUND;

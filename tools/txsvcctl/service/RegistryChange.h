@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -26,10 +27,19 @@ public:
     /// Writes a REG_SZ, creating the missing keys of the path.
     /// @param name empty for the key's default value.
     void SetString(const std::wstring& path, const std::wstring& name, const std::wstring& value);
+    /// The same for a REG_DWORD.
+    void SetNumber(const std::wstring& path, const std::wstring& name, DWORD value);
+    /// For a value that somebody else is about to write: creates the missing keys of the path, and puts back
+    /// what the value is now.
+    void Remember(const std::wstring& path, const std::wstring& name);
     void DeleteValue(const std::wstring& path, const std::wstring& name);
     /// With everything below it.
     void DeleteKey(const std::wstring& path);
     void DeleteKeyIfEmpty(const std::wstring& path);
+
+    /// For a change elsewhere that belongs to these, as in the service manager.
+    /// @param undo puts back what was there; throws CToolError.
+    void AddUndo(std::function<void()> undo);
 
     void Commit() noexcept { m_undo.clear(); }
 
@@ -43,6 +53,7 @@ private:
         DeleteValue,
         CreateKey,
         DeleteKey,
+        Call,
     };
     struct Step
     {
@@ -51,9 +62,13 @@ private:
         std::wstring name;
         DWORD type = REG_NONE;
         std::vector<BYTE> data;
+        std::function<void()> call = {};
     };
 
     void createKeys(const std::wstring& path);
+    /// @param write into the open key.
+    template <typename Write>
+    void set(const std::wstring& path, const std::wstring& name, Write write);
     [[nodiscard]] static DWORD undoStep(const Step& step) noexcept;
 
     std::vector<Step> m_undo;

@@ -3,20 +3,25 @@
 #include <windows.h>
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
+#include <map>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "base/Owned.h"
+#include "base/Text.h"
 #include "txsvcctl/common/ToolError.h"
 #include "txsvcctl/common/Utf8.h"
 #include "txsvcctl/common/ViewLink.h"
+#include "txsvcctl/service/EntryWords.h"
 #include "txsvcctl/service/GroupStore.h"
 #include "txsvcctl/service/ServiceInstaller.h"
 #include "txsvcctl/service/ServiceList.h"
 #include "txsvcctl/service/ServiceManager.h"
+
+using nlohmann::ordered_json;
 
 namespace TxCtl
 {
@@ -30,9 +35,6 @@ constexpr DWORD kLongestTimeoutSeconds = 3600;
 constexpr char kAutoStart[] = "auto";
 constexpr char kManualStart[] = "manual";
 constexpr char kDelayedStart[] = "delayed";
-
-/// In the order of the SERVICE_SID_TYPE_... numbers; the last one is 3.
-constexpr const char* kSidTypes[] = {"none", "unrestricted", "restricted"};
 
 /// What the command-line library fills: its texts are UTF-8. An option that was not given stays empty, which
 /// an option that was given need not be.
@@ -82,7 +84,7 @@ void AddEntryOptions(CLI::App& command, Arguments& arguments)
     command.add_option("--depends", arguments.dependencies, "A service that must run first; may be repeated")
         ->excludes(none);
     command.add_option("--sid", arguments.sidType, "Type of the service's SID")
-        ->check(CLI::IsMember(std::vector<std::string>(std::begin(kSidTypes), std::end(kSidTypes))));
+        ->check(CLI::IsMember({"none", "unrestricted", "restricted"}));
     command
         .add_option("--preshutdown", arguments.preshutdownSeconds, "Seconds that it has at the system's end")
         ->check(CLI::Range(DWORD{1}, kLongestTimeoutSeconds));
@@ -101,7 +103,10 @@ EntryOptions EntryOptionsOf(const Arguments& arguments)
     EntryOptions options;
     options.description = OptionalFromUtf8(arguments.description);
     options.account = OptionalFromUtf8(arguments.account);
-    options.preshutdownSeconds = arguments.preshutdownSeconds;
+    if (arguments.preshutdownSeconds)
+    {
+        options.preshutdownMs = *arguments.preshutdownSeconds * 1000;
+    }
     if (!arguments.dependencies.empty() || arguments.hasNoDependencies)
     {
         options.dependencies.emplace();
@@ -116,13 +121,13 @@ EntryOptions EntryOptionsOf(const Arguments& arguments)
     }
     if (arguments.sidType)
     {
-        const auto type = std::ranges::find(kSidTypes, *arguments.sidType) - std::begin(kSidTypes);
-        options.sidType = type == 2 ? DWORD{SERVICE_SID_TYPE_RESTRICTED} : static_cast<DWORD>(type);
+        options.sidType = NumberOf(kSidTypes, FromUtf8(*arguments.sidType));
     }
     if (arguments.hasRecovery || arguments.hasNoRecovery)
     {
-        options.isRestarted = arguments.hasRecovery;
-        options.isRestartAsked = true;
+        options.recovery = arguments.hasRecovery ? RestartAfterFailures() : NoRecovery();
+        options.recoversFromErrors = arguments.hasRecovery;
+        options.isRecoveryAsked = true;
     }
     return options;
 }
@@ -210,35 +215,109 @@ std::vector<std::wstring> ServicesOf(const Arguments& arguments)
     return names;
 }
 
-/// One after the other; a failure does not keep the rest from its turn.
-template <typename Operation, typename Explain>
-void ForEach(
-    const std::vector<std::wstring>& names, IConsole& console, Operation operation, const Explain& explain)
+/// What became of services one after the other; a failure does not keep the rest from its turn.
+class COutcomes
 {
-    bool hasFailed = false;
-    for (const std::wstring& name : names)
+public:
+    COutcomes(bool isJson, IConsole& console) : m_isJson(isJson), m_console(console) {}
+
+    /// @param operation returns the service's state.
+    template <typename Operation, typename Explain>
+    void Add(const std::wstring& name, const Operation& operation, const Explain& explain)
     {
         try
         {
-            console.Out(name + L": " + DescribeState(operation(name)));
+            const OnWait onWait = [&](const ServiceState& state, ULONGLONG waitedMs) {
+                showWait(name, state, waitedMs);
+            };
+            report(name, operation(name, onWait));
         }
         catch (const CToolError& error)
         {
-            ReportError(console, error);
+            m_console.Progress({});
+            ReportError(m_console, error);
             explain(name);
-            hasFailed = true;
+            m_hasFailed = true;
+            m_services[name] = {
+                {"name", ToUtf8(name)},
+                {"state", nullptr},
+                {"stateNumber", nullptr},
+                {"processId", nullptr},
+                {"error", ToUtf8(error.Text())}};
         }
     }
-    if (hasFailed)
-    {
-        throw CToolError(ExitCode::Failed, {});
-    }
-}
 
-/// @param perform from the names, the console and the timeout in milliseconds.
-template <typename Perform>
+    [[nodiscard]] bool HasFailed() const noexcept { return m_hasFailed; }
+
+    /// @throws CToolError without a text when something has failed.
+    void Finish() const
+    {
+        if (m_isJson)
+        {
+            ordered_json services = ordered_json::array();
+            for (const auto& [name, service] : m_services)
+            {
+                services.push_back(service);
+            }
+            m_console.Out(FromUtf8(ordered_json{{"version", 1}, {"services", services}}.dump(2)));
+        }
+        if (m_hasFailed)
+        {
+            throw CToolError(ExitCode::Failed, {});
+        }
+    }
+
+private:
+    void showWait(const std::wstring& name, const ServiceState& state, ULONGLONG waitedMs) const
+    {
+        constexpr ULONGLONG kShortMs = 300; // What is over at once need not flicker.
+        if (waitedMs >= kShortMs)
+        {
+            m_console.Progress(
+                name + L": " + StateName(state) +
+                Basalt::FormatText(L", %.1f s ...", static_cast<double>(waitedMs) / 1000));
+        }
+    }
+
+    void report(const std::wstring& name, const ServiceState& state)
+    {
+        m_console.Progress({});
+        m_services[name] = {
+            {"name", ToUtf8(name)},
+            {"state", ToUtf8(StateName(state))},
+            {"stateNumber", state.state},
+            {"processId", state.processId},
+            {"error", nullptr}};
+        if (!m_isJson)
+        {
+            m_console.Done(name + L": " + DescribeState(state));
+        }
+    }
+
+    bool m_isJson;
+    IConsole& m_console;
+    bool m_hasFailed = false;
+    std::map<std::wstring, ordered_json> m_services; ///< As they are last seen.
+};
+
+using Explain = std::function<void(const std::wstring& service)>;
+
+/// What start, stop and restart are told.
+struct ControlRequest
+{
+    std::vector<std::wstring> names;
+    DWORD timeoutMs;
+    Explain explain;
+};
+
+/// @param perform gets the request and takes down what becomes of each service.
 void AddControl(
-    CLI::App& app, IConsole& console, const char* name, const char* description, const Perform& perform)
+    CLI::App& app,
+    IConsole& console,
+    const Explain& explain,
+    const char* name,
+    const char* description,
+    void (*perform)(const ControlRequest& request, COutcomes& outcomes))
 {
     CLI::App* const command = app.add_subcommand(name, description);
     const auto arguments = std::make_shared<Arguments>();
@@ -246,31 +325,41 @@ void AddControl(
     command->add_option("--group", arguments->onlyGroup, "All services of this group")->excludes(services);
     command->add_option("--timeout", arguments->timeoutSeconds, "Seconds to wait for each service [30]")
         ->check(CLI::Range(DWORD{1}, kLongestTimeoutSeconds));
-    command->callback([arguments, &console, perform] {
-        perform(ServicesOf(*arguments), console, arguments->timeoutSeconds * 1000);
+    command->add_flag("--json", arguments->json, "Write JSON");
+    command->callback([arguments, &console, explain, perform] {
+        COutcomes outcomes(arguments->json, console);
+        perform({ServicesOf(*arguments), arguments->timeoutSeconds * 1000, explain}, outcomes);
+        outcomes.Finish();
     });
 }
 
-using Explain = std::function<void(const std::wstring& service)>;
-
-void StartServices(
-    const std::vector<std::wstring>& names, IConsole& console, DWORD timeoutMs, const Explain& explain)
+void StartServices(const ControlRequest& request, COutcomes& outcomes)
 {
     const CServiceManager manager(SC_MANAGER_CONNECT);
-    ForEach(
-        names, console, [&](const std::wstring& name) { return manager.Start(name, timeoutMs); }, explain);
+    for (const std::wstring& name : request.names)
+    {
+        outcomes.Add(
+            name,
+            [&](const std::wstring& service, const OnWait& onWait) {
+                return manager.Start(service, request.timeoutMs, onWait);
+            },
+            request.explain);
+    }
 }
 
 /// In reverse: what was started first may serve the others until they are gone.
-void StopServices(std::vector<std::wstring> names, IConsole& console, DWORD timeoutMs)
+void StopServices(const ControlRequest& request, COutcomes& outcomes)
 {
     const CServiceManager manager(SC_MANAGER_CONNECT);
-    std::reverse(names.begin(), names.end());
-    ForEach(
-        names,
-        console,
-        [&](const std::wstring& name) { return manager.Stop(name, timeoutMs); },
-        [](const std::wstring& /*name*/) {});
+    for (auto name = request.names.rbegin(); name != request.names.rend(); ++name)
+    {
+        outcomes.Add(
+            *name,
+            [&](const std::wstring& service, const OnWait& onWait) {
+                return manager.Stop(service, request.timeoutMs, onWait);
+            },
+            [](const std::wstring& /*service*/) {});
+    }
 }
 
 /// Open until the processes that run the services now have ended.
@@ -293,39 +382,33 @@ std::vector<Basalt::CHandle> ProcessesOf(const std::vector<std::wstring>& names)
 
 /// The old process must be gone where all of its services were stopped: a start that met it would fail. One
 /// that runs other services stays, which does no harm.
-void RestartServices(
-    const std::vector<std::wstring>& names, IConsole& console, DWORD timeoutMs, const Explain& explain)
+void RestartServices(const ControlRequest& request, COutcomes& outcomes)
 {
     constexpr DWORD kEndMs = 2000;
-    const std::vector<Basalt::CHandle> processes = ProcessesOf(names);
-    StopServices(names, console, timeoutMs);
+    const std::vector<Basalt::CHandle> processes = ProcessesOf(request.names);
+    StopServices(request, outcomes);
+    if (outcomes.HasFailed())
+    {
+        return;
+    }
     for (const Basalt::CHandle& process : processes)
     {
         static_cast<void>(::WaitForSingleObject(process.Get(), kEndMs));
     }
-    StartServices(names, console, timeoutMs, explain);
+    StartServices(request, outcomes);
 }
 
 } // namespace
 
 void AddServiceCommands(CLI::App& app, IConsole& console, const Explain& explain)
 {
-    const auto explained = [explain](auto perform) {
-        return [explain, perform](const std::vector<std::wstring>& names, IConsole& output, DWORD timeoutMs) {
-            perform(names, output, timeoutMs, explain);
-        };
-    };
     AddInstall(app, console);
     AddRemove(app, console);
     AddList(app, console);
-    AddControl(app, console, "start", "Start services and wait until they run", explained(&StartServices));
+    AddControl(app, console, explain, "start", "Start services and wait until they run", &StartServices);
     AddControl(
-        app,
-        console,
-        "restart",
-        "Stop services, wait for their end, start them",
-        explained(&RestartServices));
-    AddControl(app, console, "stop", "Stop services and wait until they are stopped", &StopServices);
+        app, console, explain, "restart", "Stop services, wait for their end, start them", &RestartServices);
+    AddControl(app, console, explain, "stop", "Stop services and wait until they are stopped", &StopServices);
 }
 
 } // namespace TxCtl

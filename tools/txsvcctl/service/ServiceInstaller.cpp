@@ -2,7 +2,6 @@
 
 #include <utility>
 
-#include "base/Owned.h"
 #include "base/Paths.h"
 #include "contract/CommandLine.h"
 #include "txsvcctl/common/Names.h"
@@ -11,15 +10,13 @@
 #include "txsvcctl/service/ImagePath.h"
 #include "txsvcctl/service/ModuleFile.h"
 #include "txsvcctl/service/ServiceManager.h"
+#include "txsvcctl/service/Transaction.h"
 
 namespace TxCtl
 {
 
 namespace
 {
-
-constexpr wchar_t kMutexName[] = L"Global\\TarvexTxSvcCtl";
-constexpr DWORD kMutexTimeoutMs = 30000;
 
 std::wstring Quoted(const GroupService& service)
 {
@@ -110,54 +107,6 @@ void CheckEntryIsOurs(const ServiceConfig& entry, const GroupService& service)
     }
 }
 
-/// Keeps other runs of this program out: both would read a group's list, and the second to write would lose
-/// the name that the first one added.
-class CExclusive
-{
-public:
-    CExclusive() : m_mutex(::CreateMutexW(nullptr, FALSE, kMutexName))
-    {
-        if (!m_mutex)
-        {
-            ThrowFailure(L"create mutex", kMutexName, ::GetLastError());
-        }
-        const DWORD result = ::WaitForSingleObject(m_mutex.Get(), kMutexTimeoutMs);
-        if (result != WAIT_OBJECT_0 && result != WAIT_ABANDONED)
-        {
-            ThrowFailed(L"another txsvcctl is changing services; try again when it has ended");
-        }
-    }
-    ~CExclusive() { ::ReleaseMutex(m_mutex.Get()); }
-    CExclusive(const CExclusive&) = delete;
-    CExclusive& operator=(const CExclusive&) = delete;
-
-private:
-    Basalt::CHandle m_mutex;
-};
-
-/// Runs steps that all record themselves in the change, and undoes them when one fails.
-template <typename Steps>
-void AllOrNothing(Steps steps)
-{
-    CRegistryChange change;
-    try
-    {
-        steps(change);
-    }
-    catch (const CToolError& error)
-    {
-        std::wstring text = error.Text();
-        const std::vector<std::wstring> leftOvers = change.Rollback();
-        text += leftOvers.empty() ? L"\nAll changes were undone." : L"\nThe changes were undone, but for:";
-        for (const std::wstring& leftOver : leftOvers)
-        {
-            text += L"\n  " + leftOver;
-        }
-        throw CToolError(error.Code(), std::move(text));
-    }
-    change.Commit();
-}
-
 /// The class goes when nobody else uses it. What is no CLSID never had a class, and must not become part of
 /// the path of a key to delete.
 void UnregisterUnusedClass(
@@ -173,36 +122,69 @@ void UnregisterUnusedClass(
     }
 }
 
-/// A new entry goes again when its options are refused.
-template <typename ApplyOptions>
-void WriteEntry(
-    const CServiceManager& manager,
-    const std::wstring& name,
-    const ServiceSettings& settings,
-    bool isThere,
-    ApplyOptions applyOptions)
+/// Puts an entry back. A password is nowhere to be read: an account that needs one does not come back.
+void RestoreEntry(
+    const std::wstring& service, const ServiceConfig& entry, EntryOptions options, IConsole& console)
 {
-    isThere ? manager.Change(name, settings) : manager.Create(name, settings);
-    try
+    const CServiceManager manager(SC_MANAGER_CONNECT);
+    manager.Change(service, {entry.imagePath, entry.displayName, entry.startType});
+    const std::wstring account = options.account.value_or(L"");
+    const bool isLost = !NeedsNoPassword(account);
+    if (isLost)
     {
-        applyOptions();
+        options.account.reset();
     }
-    catch (const CToolError&)
+    ApplyEntryOptions(service, options, {}, console);
+    const std::optional<ServiceConfig> now = manager.FindConfig(service);
+    if (isLost && now && !IsSameName(now->account, account))
     {
-        isThere ? void() : manager.Delete(name);
-        throw;
+        ThrowFailed(
+            L"cannot give service '" + service + L"' its account '" + account + L"' without a password");
     }
+}
+
+void WriteEntry(
+    const InstallPlan& plan, const std::wstring& password, CRegistryChange& change, IConsole& console)
+{
+    const InstallRequest& request = plan.request;
+    const std::wstring& service = request.service.service;
+    const CServiceManager manager(SC_MANAGER_CONNECT | SC_MANAGER_CREATE_SERVICE);
+    const ServiceSettings settings{
+        FormatImagePath(*request.host, request.service.group), request.displayName, request.startType};
+    if (plan.entry)
+    {
+        const EntryOptions options = ReadEntryOptions(service);
+        manager.Change(service, settings);
+        change.AddUndo([service, entry = *plan.entry, options, &console] {
+            RestoreEntry(service, entry, options, console);
+        });
+    }
+    else
+    {
+        manager.Create(service, settings);
+        change.AddUndo([service] { CServiceManager(SC_MANAGER_CONNECT).Delete(service); });
+    }
+    ApplyEntryOptions(service, request.options, password, console);
 }
 
 /// Asked for before anything is changed.
 std::wstring PasswordFor(const std::optional<std::wstring>& account, IConsole& console)
 {
-    return account && !NeedsNoPassword(*account) ? ReadPassword(*account, console) : std::wstring();
+    if (!account || NeedsNoPassword(*account))
+    {
+        return {};
+    }
+    const std::optional<std::wstring> password = ReadPassword(*account, console);
+    if (!password)
+    {
+        ThrowUsage(L"the account '" + *account + L"' needs a password on standard input");
+    }
+    return *password;
 }
 
 } // namespace
 
-void InstallService(const InstallRequest& request, IConsole& console)
+InstallPlan PlanInstallation(InstallRequest request)
 {
     const GroupService& service = request.service;
     CheckGroupName(service.group);
@@ -213,51 +195,66 @@ void InstallService(const InstallRequest& request, IConsole& console)
         ThrowUsage(
             L"'" + request.clsid + L"' is not a CLSID: give it as {xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx}");
     }
-    const std::wstring module = CheckedModule(request.module);
-    const std::wstring host = CheckedHost(request.host);
-    const std::wstring password = PasswordFor(request.options.account, console);
+    request.clsid = *clsid;
+    request.module = CheckedModule(request.module);
+    request.host = CheckedHost(request.host);
 
-    const CExclusive exclusive;
     const CGroupStore store;
     CheckNoOtherGroup(store, service);
     if (!request.replaceModule)
     {
-        CheckClassIsFree(store, service, *clsid, module);
+        CheckClassIsFree(store, service, request.clsid, request.module);
     }
-    const CServiceManager manager(SC_MANAGER_CONNECT | SC_MANAGER_CREATE_SERVICE);
-    const std::optional<ServiceConfig> entry = manager.FindConfig(service.service);
+    std::optional<ServiceConfig> entry = CServiceManager(SC_MANAGER_CONNECT).FindConfig(service.service);
     if (entry)
     {
         CheckEntryIsOurs(*entry, service);
     }
-    EnsureViewLink(request.replaceKey, console);
-
-    EntryOptions options = request.options;
-    if (!entry && !options.isRestarted)
+    else if (!request.options.recovery && !request.options.recoversFromErrors)
     {
-        options.isRestarted = true;
+        request.options.recovery = RestartAfterFailures();
+        request.options.recoversFromErrors = true;
     }
-    AllOrNothing([&](CRegistryChange& change) {
-        const std::optional<std::wstring> oldClsid = store.Clsid(service.group, service.service);
-        store.RegisterClass(change, *clsid, module);
-        store.AddService(change, service, *clsid);
-        if (oldClsid && !IsSameName(*oldClsid, *clsid))
-        {
-            UnregisterUnusedClass(store, change, oldClsid, service);
-        }
-        // Last, so that the registry alone ever needs undoing.
-        const ServiceSettings settings{
-            FormatImagePath(host, service.group), request.displayName, request.startType};
-        WriteEntry(manager, service.service, settings, static_cast<bool>(entry), [&] {
-            ApplyEntryOptions(service.service, options, password, console);
-        });
-    });
-    console.Out((entry ? L"Updated " : L"Installed ") + Quoted(service) + L".");
-    const std::optional<ServiceState> state = manager.FindState(service.service);
+    return {std::move(request), std::move(entry)};
+}
+
+void CarryOut(
+    const InstallPlan& plan, const std::wstring& password, CRegistryChange& change, IConsole& console)
+{
+    const InstallRequest& request = plan.request;
+    const CGroupStore store;
+    const std::optional<std::wstring> oldClsid = store.Clsid(request.service.group, request.service.service);
+    store.RegisterClass(change, request.clsid, request.module);
+    store.AddService(change, request.service, request.clsid);
+    if (oldClsid && !IsSameName(*oldClsid, request.clsid))
+    {
+        UnregisterUnusedClass(store, change, oldClsid, request.service);
+    }
+    WriteEntry(plan, password, change, console);
+}
+
+void SayWhenSettingsApply(const std::wstring& subject, const std::wstring& service, IConsole& console)
+{
+    const std::optional<ServiceState> state = CServiceManager(SC_MANAGER_CONNECT).FindState(service);
     if (state && state->state != SERVICE_STOPPED)
     {
-        console.Out(L"It is " + DescribeState(*state) + L": the new settings apply from its next start.");
+        console.Done(
+            subject + L" is " + DescribeState(*state) + L": the new settings apply from its next start.");
     }
+}
+
+void InstallService(const InstallRequest& request, IConsole& console)
+{
+    const GroupService& service = request.service;
+    // Looked at twice: nobody types a password in vain, and none keeps the others out while he types.
+    static_cast<void>(PlanInstallation(request));
+    const std::wstring password = PasswordFor(request.options.account, console);
+    const CExclusive exclusive;
+    const InstallPlan plan = PlanInstallation(request);
+    EnsureViewLink(request.replaceKey, console);
+    AllOrNothing([&](CRegistryChange& change) { CarryOut(plan, password, change, console); });
+    console.Done((plan.entry ? L"Updated " : L"Installed ") + Quoted(service) + L".");
+    SayWhenSettingsApply(L"It", service.service, console);
 }
 
 void RemoveService(const GroupService& service, IConsole& console)
@@ -289,12 +286,12 @@ void RemoveService(const GroupService& service, IConsole& console)
             manager.Delete(service.service); // Last: a deleted service cannot be brought back as it was.
         }
     });
-    console.Out(L"Removed " + Quoted(service) + L".");
+    console.Done(L"Removed " + Quoted(service) + L".");
     if (entry && !isOurs)
     {
-        console.Error(
-            L"note: the service manager's entry '" + service.service +
-            L"' stays: it does not run this group but " + entry->imagePath);
+        console.Note(
+            L"the service manager's entry '" + service.service + L"' stays: it does not run this group but " +
+            entry->imagePath);
     }
 }
 

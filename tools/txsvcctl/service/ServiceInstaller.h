@@ -8,6 +8,8 @@
 #include "txsvcctl/common/Console.h"
 #include "txsvcctl/service/EntryOptions.h"
 #include "txsvcctl/service/GroupStore.h"
+#include "txsvcctl/service/RegistryChange.h"
+#include "txsvcctl/service/ServiceManager.h"
 
 namespace TxCtl
 {
@@ -24,6 +26,27 @@ struct InstallRequest
     bool replaceKey = false;    ///< An ordinary key in the place of the registry link may go.
     bool replaceModule = false; ///< A class that is registered for another module may be redirected.
 };
+
+/// An installation of which all is checked. It holds as long as nobody else changes services.
+struct InstallPlan
+{
+    InstallRequest request;             ///< The CLSID in canonical form, the paths full.
+    std::optional<ServiceConfig> entry; ///< What the service manager has now.
+};
+
+/// Checks everything and changes nothing.
+/// @throws CToolError when something stands in the way.
+[[nodiscard]] InstallPlan PlanInstallation(InstallRequest request);
+
+/// Carries the plan out; the change then knows how to undo it.
+/// @param password for the account; empty where it needs none.
+/// @throws CToolError
+void CarryOut(
+    const InstallPlan& plan, const std::wstring& password, CRegistryChange& change, IConsole& console);
+
+/// Says when a service runs: it then has its old settings until it is started again.
+/// @param subject what the message calls it.
+void SayWhenSettingsApply(const std::wstring& subject, const std::wstring& service, IConsole& console);
 
 /// Makes a service known to the host, to COM and to the service manager, or brings what is known up to date.
 ///

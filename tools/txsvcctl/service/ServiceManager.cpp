@@ -56,25 +56,35 @@ bool IsPending(const ServiceState& state)
     }
 }
 
-/// The end of a wait, by the tick count.
+/// A wait with its end, by the tick count.
 class CDeadline
 {
 public:
-    explicit CDeadline(DWORD timeoutMs) noexcept : m_end(::GetTickCount64() + timeoutMs) {}
+    CDeadline(DWORD timeoutMs, const OnWait& onWait)
+        : m_begin(::GetTickCount64()), m_end(m_begin + timeoutMs), m_onWait(onWait)
+    {
+    }
 
     /// Sleeps a little. @return false when the time is up.
-    [[nodiscard]] bool Wait() const noexcept
+    [[nodiscard]] bool Wait(const ServiceState& state) const
     {
-        if (::GetTickCount64() >= m_end)
+        const ULONGLONG now = ::GetTickCount64();
+        if (now >= m_end)
         {
             return false;
+        }
+        if (m_onWait)
+        {
+            m_onWait(state, now - m_begin);
         }
         ::Sleep(kPollMs);
         return true;
     }
 
 private:
+    ULONGLONG m_begin;
     ULONGLONG m_end;
+    const OnWait& m_onWait;
 };
 
 [[noreturn]] void ThrowTimeout(const wchar_t* operation, const std::wstring& name, const ServiceState& state)
@@ -97,7 +107,7 @@ ServiceState WaitWhilePending(
         {
             return state;
         }
-        if (!deadline.Wait())
+        if (!deadline.Wait(state))
         {
             ThrowTimeout(operation, name, state);
         }
@@ -266,9 +276,9 @@ void CServiceManager::Delete(const std::wstring& name) const
     }
 }
 
-ServiceState CServiceManager::Start(const std::wstring& name, DWORD timeoutMs) const
+ServiceState CServiceManager::Start(const std::wstring& name, DWORD timeoutMs, const OnWait& onWait) const
 {
-    const CDeadline deadline(timeoutMs);
+    const CDeadline deadline(timeoutMs, onWait);
     const Basalt::CServiceHandle service = open(name, SERVICE_START | SERVICE_QUERY_STATUS, kStartService);
     // A service on its way down can be started only when it is down.
     ServiceState state = WaitWhilePending(service, name, deadline, kStartService);
@@ -295,9 +305,9 @@ ServiceState CServiceManager::Start(const std::wstring& name, DWORD timeoutMs) c
     return state;
 }
 
-ServiceState CServiceManager::Stop(const std::wstring& name, DWORD timeoutMs) const
+ServiceState CServiceManager::Stop(const std::wstring& name, DWORD timeoutMs, const OnWait& onWait) const
 {
-    const CDeadline deadline(timeoutMs);
+    const CDeadline deadline(timeoutMs, onWait);
     const Basalt::CServiceHandle service = open(name, SERVICE_STOP | SERVICE_QUERY_STATUS, kStopService);
     bool isRequested = false;
     for (;;)
@@ -319,7 +329,7 @@ ServiceState CServiceManager::Stop(const std::wstring& name, DWORD timeoutMs) co
             }
             isRequested = isTaken;
         }
-        if (!deadline.Wait())
+        if (!deadline.Wait(state))
         {
             ThrowTimeout(kStopService, name, state);
         }
