@@ -4,6 +4,7 @@
 #include <exception>
 
 #include "txsvcctl/check/CheckCommand.h"
+#include "txsvcctl/check/ListCommand.h"
 #include "txsvcctl/common/Utf8.h"
 #include "txsvcctl/host/HostCommands.h"
 #include "txsvcctl/host/StatusCommand.h"
@@ -46,6 +47,7 @@ ExitCode Run(const std::vector<std::wstring>& arguments, IConsole& console)
     app.set_version_flag("--version", TX_VERSION);
     AddServiceCommands(
         app, console, [&console](const std::wstring& service) { ExplainService(service, console); });
+    AddListCommand(app, console);
     AddStatusCommand(app, console);
     AddCheckCommand(app, console);
     AddHostCommands(app, console);

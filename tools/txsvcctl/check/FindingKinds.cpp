@@ -14,6 +14,12 @@ namespace
 {
 
 constexpr FindingKind kKinds[] = {
+    {FindingId::Unreadable,
+     Severity::Error,
+     L"Something cannot be read",
+     L"What depends on it was not checked. Access to it is denied, or a value has another type than the host "
+     L"reads.",
+     L"Run check as an administrator; rewrite or delete a value of a wrong type."},
     {FindingId::LinkMissing,
      Severity::Warning,
      L"The registry link is missing",
@@ -133,9 +139,9 @@ constexpr FindingKind kKinds[] = {
      L"Give all services of the group the same account (sc config SERVICE obj= ACCOUNT)."},
     {FindingId::SidTypesDiffer,
      Severity::Error,
-     L"Services of one group have different SID types",
+     L"Only some services of a group have a restricted SID",
      L"Windows refuses to run services with and without a restricted SID in one process (error 1290).",
-     L"Give all services of the group the same type (sc sidtype SERVICE TYPE)."},
+     L"Run install with --sid restricted for all of the group, or for none."},
     {FindingId::Disabled,
      Severity::Note,
      L"A service is disabled",
@@ -148,6 +154,12 @@ constexpr FindingKind kKinds[] = {
      L"runs "
      L"code with the services' rights.",
      L"Take the right away (icacls), or install below Program Files."},
+    {FindingId::StrayEntry,
+     Severity::Error,
+     L"An entry runs a group that does not list the service",
+     L"The host makes only services of the list known. The service's start fails (error 1083), or the host "
+     L"ends with error 87 when it has no list.",
+     L"Run install for the service, or sc delete if nobody needs it."},
     {FindingId::WaitsForFirstRun,
      Severity::Note,
      L"A group waits for the first-run set-up",
@@ -165,6 +177,13 @@ constexpr FindingKind kKinds[] = {
      L"The update manager is running",
      L"While it installs an update, a host that starts ends at once; the services run again afterwards.",
      L"Wait for the update's end."},
+    {FindingId::UpdateClientSilent,
+     Severity::Warning,
+     L"The update manager runs but its client does not answer",
+     L"A host that starts cannot learn whether an update is being installed, and runs its services in the "
+     L"middle of it.",
+     L"See that the update client runs and is registered (docs/update-client.md), and that TX0803 is not "
+     L"reported."},
     {FindingId::LogSettingUnusable,
      Severity::Warning,
      L"A setting of the log cannot be used",
@@ -180,6 +199,17 @@ constexpr FindingKind kKinds[] = {
      L"Ordinary users can write the log's folder",
      L"They can delete or forge log files there.",
      L"Take the right away (icacls), or unset the folder: the default one is kept from them."},
+    {FindingId::LogDiskFull,
+     Severity::Warning,
+     L"The log's disk is nearly full",
+     L"Less than 100 MiB are free. Lines that do not fit are lost, and services may fail.",
+     L"Make room, set another folder (log set folder PATH), or keep fewer files (log set old-files N)."},
+    {FindingId::LogControllerNotTrusted,
+     Severity::Warning,
+     L"A log controller library is not trusted",
+     L"The hosts do not load it: without a controller, no trace session records what they log.",
+     L"Have it signed by the product's maker, or remove it (log unset controller:WSS when it is "
+     L"configured)."},
     {FindingId::ProxyUnregistered,
      Severity::Warning,
      L"The interface of group control has no proxy",
@@ -190,6 +220,16 @@ constexpr FindingKind kKinds[] = {
      L"The proxy of group control cannot be read",
      L"An updater in another process cannot stop the group; it falls back on the service manager.",
      L"Put TxSvHostPS.dll where it is registered, or register it anew."},
+    {FindingId::ProxyNotTrusted,
+     Severity::Warning,
+     L"The proxy of group control is not trusted",
+     L"The host refuses every updater with error 5, and cannot ask the update client.",
+     L"Put the product's own TxSvHostPS.dll there, signed by its maker (docs/trust-and-start.md)."},
+    {FindingId::EventSourceUnusable,
+     Severity::Warning,
+     L"The event log has no texts for the hosts' events",
+     L"The event viewer shows the hosts' events as unknown ids.",
+     L"Let --fix register the host as the source, or run install for a service."},
 };
 
 std::wstring Text(const FindingKind& kind)

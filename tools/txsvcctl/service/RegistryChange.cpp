@@ -61,7 +61,8 @@ void CRegistryChange::createKeys(const std::wstring& path)
     }
 }
 
-void CRegistryChange::SetString(const std::wstring& path, const std::wstring& name, const std::wstring& value)
+template <typename WriteValue>
+void CRegistryChange::setValue(const std::wstring& path, const std::wstring& name, WriteValue write)
 {
     createKeys(path);
     Basalt::CRegKey key;
@@ -79,7 +80,17 @@ void CRegistryChange::SetString(const std::wstring& path, const std::wstring& na
     }
     // Recorded first: putting back a value that was not changed does no harm, the other order could lose one.
     m_undo.push_back(std::move(step));
-    CheckStatus(key.WriteString(name.c_str(), value), L"write registry value", path + L"\\" + name);
+    CheckStatus(write(key), L"write registry value", path + L"\\" + name);
+}
+
+void CRegistryChange::SetString(const std::wstring& path, const std::wstring& name, const std::wstring& value)
+{
+    setValue(path, name, [&](Basalt::CRegKey& key) { return key.WriteString(name.c_str(), value); });
+}
+
+void CRegistryChange::SetDword(const std::wstring& path, const std::wstring& name, DWORD value)
+{
+    setValue(path, name, [&](Basalt::CRegKey& key) { return key.WriteDword(name.c_str(), value); });
 }
 
 void CRegistryChange::DeleteValue(const std::wstring& path, const std::wstring& name)

@@ -26,6 +26,7 @@ public:
     /// Writes a REG_SZ, creating the missing keys of the path.
     /// @param name empty for the key's default value.
     void SetString(const std::wstring& path, const std::wstring& name, const std::wstring& value);
+    void SetDword(const std::wstring& path, const std::wstring& name, DWORD value);
     void DeleteValue(const std::wstring& path, const std::wstring& name);
     /// With everything below it.
     void DeleteKey(const std::wstring& path);
@@ -54,6 +55,8 @@ private:
     };
 
     void createKeys(const std::wstring& path);
+    template <typename WriteValue>
+    void setValue(const std::wstring& path, const std::wstring& name, WriteValue write);
     [[nodiscard]] static DWORD undoStep(const Step& step) noexcept;
 
     std::vector<Step> m_undo;

@@ -8,6 +8,7 @@
 #include "txsvcctl/common/Names.h"
 #include "txsvcctl/common/ToolError.h"
 #include "txsvcctl/common/ViewLink.h"
+#include "txsvcctl/service/EventSource.h"
 #include "txsvcctl/service/ImagePath.h"
 #include "txsvcctl/service/ModuleFile.h"
 #include "txsvcctl/service/ServiceManager.h"
@@ -241,6 +242,7 @@ void InstallService(const InstallRequest& request, IConsole& console)
         const std::optional<std::wstring> oldClsid = store.Clsid(service.group, service.service);
         store.RegisterClass(change, *clsid, module);
         store.AddService(change, service, *clsid);
+        RegisterEventSource(change, host);
         if (oldClsid && !IsSameName(*oldClsid, *clsid))
         {
             UnregisterUnusedClass(store, change, oldClsid, service);
@@ -284,6 +286,10 @@ void RemoveService(const GroupService& service, IConsole& console)
     AllOrNothing([&](CRegistryChange& change) {
         UnregisterUnusedClass(store, change, clsid, service);
         store.RemoveService(change, service);
+        if (!store.HasServices())
+        {
+            UnregisterEventSource(change);
+        }
         if (isOurs)
         {
             manager.Delete(service.service); // Last: a deleted service cannot be brought back as it was.

@@ -25,7 +25,8 @@ struct InstallRequest
     bool replaceModule = false; ///< A class that is registered for another module may be redirected.
 };
 
-/// Makes a service known to the host, to COM and to the service manager, or brings what is known up to date.
+/// Makes a service known to the host, to COM, to the service manager and to the event log, or brings what is
+/// known up to date.
 ///
 /// All is checked before the first change. A failure in the middle undoes what was done and says so; the
 /// registry link, which every start of the host would make as well, stays.
