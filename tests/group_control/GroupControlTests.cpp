@@ -265,6 +265,8 @@ TEST_F(GroupControlTest, TheSampleUpdateClientKeepsHostsDownWhileItLives)
     }
     SkipControlPipe();
     EXPECT_EQ(RunProcess(command), 0U);
+    const std::string told = RunForOutput(Quoted(L"txsvcctl.exe") + L"check TxGcSample1").out;
+    EXPECT_NE(told.find("it says that it installs: a host that starts now ends at once"), told.npos) << told;
     ::TerminateProcess(client.Handle(), ERROR_PROCESS_ABORTED);
     EXPECT_EQ(client.Wait(), DWORD{ERROR_PROCESS_ABORTED});
     EXPECT_EQ(m_log.Count(L"Information", L"Reduce restart: IsInstallingUpdate return value is 1"), 1U);

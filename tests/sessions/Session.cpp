@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "contract/Keys.h"
+#include "contract/LogSettings.h"
 #include "contract/WorkingSetEvent.h"
 #include "control/RegistryLink.h"
 #include "subsystems/TestSubsystemIds.h"
@@ -238,7 +239,8 @@ void CSession::run(const Words& words)
 {
     SkipControlPipe();
     const std::wstring arguments = m_arguments.substr(std::min(m_arguments.size(), words[0].size()));
-    print(L"exit code " + std::to_wstring(RunProcess(L"\"" + BesideTest(words[0]) + L"\"" + arguments)));
+    const std::wstring program = ETWLogging::IsAbsolutePath(words[0]) ? words[0] : BesideTest(words[0]);
+    print(L"exit code " + std::to_wstring(RunProcess(L"\"" + program + L"\"" + arguments)));
 }
 
 void CSession::host(const Words& /*words*/)
@@ -296,9 +298,14 @@ void CSession::state(const Words& words)
         (status.dwWin32ExitCode == 0 ? L"" : L", exit code " + std::to_wstring(status.dwWin32ExitCode)));
 }
 
-/// Makes the trigger of the host's working-set reduction in its place, or tells whether it was pulled.
-void CSession::listen(const Words& /*words*/)
+/// Makes the trigger of the host's working-set reduction in its place, or tells whether it was pulled. With a
+/// name, makes that event.
+void CSession::listen(const Words& words)
 {
+    if (!words.empty())
+    {
+        return m_event.Reset(::CreateEventW(nullptr, TRUE, FALSE, words[0].c_str()));
+    }
     if (m_event)
     {
         return print(::WaitForSingleObject(m_event.Get(), 0) == WAIT_OBJECT_0 ? L"signalled" : L"silence");

@@ -112,13 +112,14 @@ constexpr FindingKind kKinds[] = {
      Severity::Error,
      L"An entry is not of a share-process service",
      L"The service manager then runs it in a process of its own, beside the host of its group.",
-     L"Stop the service, then let --fix change the entry, or run install."},
+     L"Stop the service, then let --fix change the entry."},
     {FindingId::OtherGroupsEntry,
      Severity::Error,
      L"An entry runs something else",
      L"The entry's command line is not that of a host for this group, so another program or group is "
      L"started.",
-     L"Run install for the service."},
+     L"Delete the entry (sc delete SERVICE) unless another program needs it, then run install for the "
+     L"service."},
     {FindingId::ProgramMissing,
      Severity::Error,
      L"An entry's program is missing",
@@ -159,7 +160,7 @@ constexpr FindingKind kKinds[] = {
      L"An entry runs a group that does not list the service",
      L"The host makes only services of the list known. The service's start fails (error 1083), or the host "
      L"ends with error 87 when it has no list.",
-     L"Run install for the service, or sc delete if nobody needs it."},
+     L"Run remove for the service, and install if it is needed."},
     {FindingId::WaitsForFirstRun,
      Severity::Note,
      L"A group waits for the first-run set-up",
@@ -171,7 +172,7 @@ constexpr FindingKind kKinds[] = {
      Severity::Warning,
      L"The exclusion list names a service that the group does not have",
      L"Most likely the name is misspelt, and the service that was meant waits for the first-run set-up.",
-     L"Rename or delete the value in OobeExclusionList."},
+     L"Delete the value in OobeExclusionList, and run oobe exclude for the right name."},
     {FindingId::UpdateRunning,
      Severity::Note,
      L"The update manager is running",
@@ -182,8 +183,8 @@ constexpr FindingKind kKinds[] = {
      L"The update manager runs but its client does not answer",
      L"A host that starts cannot learn whether an update is being installed, and runs its services in the "
      L"middle of it.",
-     L"See that the update client runs and is registered (docs/update-client.md), and that TX0803 is not "
-     L"reported."},
+     L"Mend what is reported of the proxy (TX0801 to TX0803), and see that the update client runs "
+     L"(docs/update-client.md)."},
     {FindingId::LogSettingUnusable,
      Severity::Warning,
      L"A setting of the log cannot be used",

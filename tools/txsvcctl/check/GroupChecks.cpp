@@ -86,13 +86,9 @@ void CheckClass(Scope& scope, const ServiceReport& service)
     }
 }
 
-/// What --fix does with an entry that runs the right program for the right group, but not as it should.
+/// What --fix does with an entry that runs the group, but not as it should.
 std::function<void()> Rewrite(const std::wstring& service, const ImagePath& image, const std::wstring& group)
 {
-    if (!RunsGroup(image, group))
-    {
-        return {}; // It may be meant for something else.
-    }
     return [service, quoted = FormatImagePath(image.program, group)] {
         CServiceManager(SC_MANAGER_CONNECT).Change(service, {quoted, {}, {}});
     };
@@ -124,6 +120,7 @@ void CheckEntry(Scope& scope, const ServiceReport& service)
     if (!RunsGroup(image, group))
     {
         scope.findings.Add(FindingId::OtherGroupsEntry, subject, entry->imagePath);
+        return; // It may be another program's, and right for that.
     }
     CheckProgram(scope, image, subject);
     if (entry->type != SERVICE_WIN32_SHARE_PROCESS)
@@ -194,7 +191,8 @@ void CheckValues(const Scope& scope)
     DWORD limit = 0;
     const DWORD status = key.ReadDword(Contract::kBucketLimitValue, limit);
     const bool isMistyped = status == ERROR_DATATYPE_MISMATCH || status == ERROR_INVALID_DATA;
-    if (isMistyped || (status == ERROR_SUCCESS && !CHostStore().Band(scope.group.name)))
+    // A host that has learnt nothing stores 0.
+    if (isMistyped || (limit != 0 && !CHostStore().Band(scope.group.name)))
     {
         scope.findings.Add(
             FindingId::SettingUnusable,

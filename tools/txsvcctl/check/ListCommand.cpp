@@ -31,12 +31,6 @@ struct Arguments
     bool json = false;
 };
 
-/// "TX0404 An entry's program is missing: C:\\gone.exe"
-std::wstring ShortText(const Finding& finding)
-{
-    return FindingName(finding.kind->id) + L" " + finding.kind->title + L": " + finding.detail;
-}
-
 /// What is wrong with a group and its services; notes are left out.
 void AddProblems(GroupReport& group)
 {
@@ -44,13 +38,22 @@ void AddProblems(GroupReport& group)
     CheckGroup(group, {}, findings);
     for (const Finding& finding : findings.All())
     {
-        if (finding.kind->severity != Severity::Note)
+        if (finding.kind->severity == Severity::Note)
         {
-            const auto service = std::ranges::find_if(group.services, [&](const ServiceReport& one) {
-                return ServiceSubject(group.name, one.name) == finding.subject;
-            });
-            auto& problems = service == group.services.end() ? group.problems : service->problems;
-            problems.push_back(ShortText(finding));
+            continue;
+        }
+        const std::wstring title = FindingName(finding.kind->id) + L" " + finding.kind->title + L": ";
+        const auto service = std::ranges::find_if(group.services, [&](const ServiceReport& one) {
+            return ServiceSubject(group.name, one.name) == finding.subject;
+        });
+        if (service != group.services.end())
+        {
+            service->problems.push_back(title + finding.detail);
+        }
+        else
+        {
+            const bool isGroup = finding.subject == group.name;
+            group.problems.push_back(title + (isGroup ? L"" : finding.subject + L": ") + finding.detail);
         }
     }
 }

@@ -66,6 +66,12 @@ void CheckLink(CFindings& findings)
     }
 }
 
+/// What the trusted-module check or COM said, with the number that the documents have.
+std::wstring DescribeVerdict(DWORD verdict)
+{
+    return verdict <= MAXWORD ? DescribeError(verdict) : Basalt::FormatText(L"0x%08X", verdict);
+}
+
 /// Values that nobody reads.
 void CheckNames(const std::wstring& path, const std::vector<std::wstring>& known, CFindings& findings)
 {
@@ -105,12 +111,12 @@ void CheckSettings(CFindings& findings)
 }
 
 /// As a host asks it that starts now.
-/// @return the client's, or why there is no answer.
-HRESULT AskUpdateClient(bool isProxyTrusted, DWORD& installing)
+/// @return the client's answer, or why there is none.
+HRESULT AskUpdateClient(DWORD& installing)
 {
     const CComApartment com(COINIT_APARTMENTTHREADED);
     Basalt::CForeignReference<ITxUpdateClientRot> client;
-    HRESULT result = isProxyTrusted ? com.Result() : E_ACCESSDENIED;
+    HRESULT result = com.Result();
     if (SUCCEEDED(result))
     {
         result = CreateTrustedObject(
@@ -119,35 +125,34 @@ HRESULT AskUpdateClient(bool isProxyTrusted, DWORD& installing)
             IID_ITxUpdateClientRot,
             reinterpret_cast<void**>(client.Put()));
     }
-    if (SUCCEEDED(result))
-    {
-        result = Basalt::CallForeign(
-            client.Get(), kIsInstallingSlot, [&] { return client.Get()->IsInstalling(&installing); });
-    }
-    return result;
+    return FAILED(result) ? result : Basalt::CallForeign(client.Get(), kIsInstallingSlot, [&] {
+        return client.Get()->IsInstalling(&installing);
+    });
 }
 
-void CheckUpdate(bool isProxyTrusted, CFindings& findings)
+void CheckUpdate(bool isProxyGood, CFindings& findings)
 {
+    constexpr wchar_t kSubject[] = L"the update client";
     if (!IsUpdateRunning())
     {
         return;
     }
     DWORD installing = 0;
-    const HRESULT result = AskUpdateClient(isProxyTrusted, installing);
+    const HRESULT result = isProxyGood ? AskUpdateClient(installing) : E_ACCESSDENIED;
     if (FAILED(result))
     {
         findings.Add(
             FindingId::UpdateClientSilent,
-            {},
-            DescribeError(static_cast<DWORD>(result)) + L" A host that starts now runs its services");
+            kSubject,
+            (isProxyGood ? DescribeVerdict(static_cast<DWORD>(result)) : L"it needs the proxy") +
+                L": a host that starts now runs its services");
         return;
     }
     findings.Add(
         FindingId::UpdateRunning,
-        {},
-        installing != 0 ? L"its client says that it installs: a host that starts now ends at once"
-                        : L"its client says that it does not install: hosts start");
+        kSubject,
+        installing != 0 ? L"it says that it installs: a host that starts now ends at once"
+                        : L"it says that it does not install: hosts start");
 }
 
 /// A library that is there, or is configured, but that no host will load.
@@ -170,7 +175,7 @@ void CheckLogController(CFindings& findings)
         const bool isMissing = verdict == ERROR_FILE_NOT_FOUND || verdict == ERROR_PATH_NOT_FOUND;
         if (verdict != ERROR_SUCCESS && (!isMissing || (isConfigured && &path == &paths[1])))
         {
-            findings.Add(FindingId::LogControllerNotTrusted, path, DescribeError(verdict));
+            findings.Add(FindingId::LogControllerNotTrusted, path, DescribeVerdict(verdict));
         }
     }
 }
@@ -270,7 +275,7 @@ bool CheckProxy(const IID& interfaceId, CFindings& findings)
     const DWORD verdict = Basalt::CheckTrustedModule(*module);
     if (verdict != ERROR_SUCCESS)
     {
-        findings.Add(FindingId::ProxyNotTrusted, subject, *module + L": " + DescribeError(verdict));
+        findings.Add(FindingId::ProxyNotTrusted, subject, *module + L": " + DescribeVerdict(verdict));
     }
     return verdict == ERROR_SUCCESS;
 }
