@@ -14,7 +14,8 @@ constexpr ULONG kStackReserveBytes = 16 * 1024;
 
 /// The inner layer: C++ exceptions. In a function of its own, since one function cannot hold both kinds of
 /// handlers, and not noexcept, which would end the process before the outer layer sees a hardware fault.
-__declspec(noinline) bool CallCatchingCpp(void (*function)(void* context), void* context)
+__declspec(noinline) bool CallCatchingCpp(
+    void (*function)(void* context), void* context, DWORD& exceptionCode)
 {
     try
     {
@@ -23,6 +24,7 @@ __declspec(noinline) bool CallCatchingCpp(void (*function)(void* context), void*
     }
     catch (...)
     {
+        exceptionCode = kCppExceptionCode;
         return false;
     }
 }
@@ -37,19 +39,18 @@ int KeepCode(DWORD code, DWORD& kept)
 
 /// The outer layer: everything else. It lets nothing out, yet must not be noexcept: clang would then unwind
 /// with the C++ rules only and end the process on a hardware fault.
-bool CallCatchingAll(void (*function)(void* context), void* context)
+bool CallCatchingAll(void (*function)(void* context), void* context, DWORD& exceptionCode)
 {
     bool returned = false;
-    DWORD code = 0;
     __try
     {
-        returned = CallCatchingCpp(function, context);
+        returned = CallCatchingCpp(function, context, exceptionCode);
     }
-    __except (KeepCode(GetExceptionCode(), code))
+    __except (KeepCode(GetExceptionCode(), exceptionCode))
     {
         returned = false;
     }
-    if (code == EXCEPTION_STACK_OVERFLOW)
+    if (exceptionCode == EXCEPTION_STACK_OVERFLOW)
     {
         // Puts the guard page back; without it the next overflow on this thread ends the process.
         static_cast<void>(::_resetstkoflw());
@@ -61,15 +62,21 @@ bool CallCatchingAll(void (*function)(void* context), void* context)
 
 } // namespace
 
-bool CallGuarded(void (*function)(void* context), void* context) noexcept
+bool CallGuarded(void (*function)(void* context), void* context, DWORD* exceptionCode) noexcept
 {
     ULONG reserve = kStackReserveBytes;
     ::SetThreadStackGuarantee(&reserve); // Lasts for the thread; asking again changes nothing.
+    DWORD code = 0;
 #if defined(__clang__) || defined(_MSC_VER)
-    return CallCatchingAll(function, context);
+    const bool returned = CallCatchingAll(function, context, code);
 #else
-    return CallCatchingCpp(function, context);
+    const bool returned = CallCatchingCpp(function, context, code);
 #endif
+    if (exceptionCode != nullptr)
+    {
+        *exceptionCode = code;
+    }
+    return returned;
 }
 
 } // namespace Basalt

@@ -30,6 +30,8 @@ public:
     bool DeInit() noexcept;
 
     [[nodiscard]] bool GetGroupName(std::wstring& groupName) const;
+    /// Empty while not initialised.
+    [[nodiscard]] const wchar_t* GroupName() const noexcept { return m_groupName.c_str(); }
     /// True when the group's services load one after another; false also while not initialised.
     [[nodiscard]] bool IsSerialLoad() const noexcept { return m_bInitialized && m_bSerialLoad; }
     [[nodiscard]] bool GetWorkingSetRecord(WorkingSetRecord& record) const noexcept;

@@ -44,6 +44,13 @@ inline constexpr wchar_t kBucketLimitValue[] = L"WSSOptimalBucketUpperLimit";
 /// Below a group's key; its values' names are the services that first-run gating lets pass.
 inline constexpr wchar_t kOobeExclusionKey[] = L"OobeExclusionList";
 
+/// What the hosts' events come from in the Windows event log, and the key that says where their texts are.
+inline constexpr wchar_t kEventSource[] = L"TxSvHost";
+inline constexpr wchar_t kEventSourceKey[] =
+    L"SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\TxSvHost";
+inline constexpr wchar_t kEventMessageFileValue[] = L"EventMessageFile";
+inline constexpr wchar_t kEventTypesValue[] = L"TypesSupported";
+
 /// The key that names a class's module, below HKEY_CLASSES_ROOT.
 /// @throws std::bad_alloc
 [[nodiscard]] inline std::wstring ServerKey(const std::wstring& clsid)

@@ -14,6 +14,8 @@ namespace ETWLogging
 inline constexpr wchar_t kHostLogGroup[] = L"PLATFORM";
 /// What the host calls itself to the log controller.
 inline constexpr wchar_t kHostApplication[] = L"WSS";
+/// The log controller library's file name.
+inline constexpr wchar_t kControllerLibrary[] = L"LogCntrl.dll";
 
 /// @throws std::bad_alloc, as the next ones.
 [[nodiscard]] std::wstring DefaultLogFileName(const std::wstring& group);

@@ -4,7 +4,7 @@
 #include <objbase.h>
 
 #include "base/ClassObject.h"
-#include "base/ModuleFinder.h"
+#include "control/CodeTrust.h"
 
 HRESULT CreateTrustedObject(
     REFCLSID clsid, DWORD context, REFIID iid, void** object, CreationTrust trust) noexcept
@@ -25,7 +25,7 @@ HRESULT CreateTrustedObject(
         return result;
     }
     const void* const firstMethod = Basalt::MethodOf(classObject.Get(), 0);
-    if (firstMethod == nullptr || Basalt::CheckTrustedCode(firstMethod) != ERROR_SUCCESS)
+    if (firstMethod == nullptr || !IsTrustedCode(firstMethod))
     {
         return E_ACCESSDENIED;
     }

@@ -1,7 +1,9 @@
 #include "control/TxSvcSubsystemControlManager.h"
 
+#include "config/TxSvcHostConfig.h"
 #include "control/GroupServices.h"
 #include "control/ProcessEnd.h"
+#include "eventlog/EventLog.h"
 
 HRESULT STDMETHODCALLTYPE CTxSvcSubsystemControlManager::QueryInterface(REFIID iid, void** object) noexcept
 {
@@ -47,6 +49,7 @@ CTxSvcSubsystemControlManager::TxStopSvcSubsystem(DWORD /*reserved*/, DWORD* pro
     if (FAILED(result))
     {
         BeginForcedStop(kFunction);
+        EventLog::GroupStoppedForUpdate(CTxSvcHostConfig::GetInstance().GroupName());
     }
     return result;
 }

@@ -1,9 +1,10 @@
 #include "control/TxSvcSubsystemControlManagerClassFactory.h"
 
+#include <atomic>
 #include <new>
 
-#include "base/ModuleFinder.h"
 #include "base/ReturnAddress.h"
+#include "control/CodeTrust.h"
 #include "control/ProcessEnd.h"
 #include "control/TxSvcSubsystemControlManager.h"
 #include "logging/Log.h"
@@ -14,6 +15,9 @@ namespace
 {
 
 constexpr wchar_t kLogSource[] = L"TxSvcSubsystemControlManager";
+
+/// Whether a refused caller has gone to the event log: anybody may call again and again.
+std::atomic<bool> g_isRefusalSaid = false;
 
 } // namespace
 
@@ -30,7 +34,7 @@ CGuardedClassObject<Number>::CreateObject(REFIID iid, void** object) noexcept
         }
         return CO_E_SERVER_STOPPING;
     }
-    if (Basalt::CheckTrustedCode(TX_RETURN_ADDRESS()) != ERROR_SUCCESS)
+    if (!IsTrustedCode(TX_RETURN_ADDRESS(), &g_isRefusalSaid))
     {
         return E_ACCESSDENIED;
     }

@@ -23,10 +23,11 @@ void CSubsystemHolder::SetModule(HMODULE module) noexcept
     }
 }
 
-void CSubsystemHolder::ReleaseInterface() noexcept
+DWORD CSubsystemHolder::ReleaseInterface() noexcept
 {
+    DWORD exceptionCode = 0;
     ITxSvcSubsystem* const subsystem = std::exchange(m_interface, nullptr);
-    if (subsystem != nullptr && !Basalt::CallGuarded([subsystem] { subsystem->Release(); }))
+    if (subsystem != nullptr && !Basalt::CallGuarded([subsystem] { subsystem->Release(); }, &exceptionCode))
     {
         TX_LOG(
             LogError,
@@ -34,6 +35,7 @@ void CSubsystemHolder::ReleaseInterface() noexcept
             L"Exception found & suppressed in service, returning 0x%08X",
             ERROR_INVALID_OPERATION);
     }
+    return exceptionCode;
 }
 
 void CSubsystemHolder::UnloadModule() noexcept

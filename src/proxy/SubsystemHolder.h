@@ -26,7 +26,8 @@ public:
     void SetModule(HMODULE module) noexcept;
 
     /// Releases the interface, if any; an exception out of it is swallowed and logged.
-    void ReleaseInterface() noexcept;
+    /// @return the exception's code, else 0.
+    DWORD ReleaseInterface() noexcept;
     void UnloadModule() noexcept;
 
 private:

@@ -15,6 +15,7 @@
 #include "config/TxSvcHostConfig.h"
 #include "contract/Keys.h"
 #include "contract/WorkingSetEvent.h"
+#include "eventlog/EventLog.h"
 #include "logging/Log.h"
 #include "process/ComApartment.h"
 #include "process/ReduceRestart.h"
@@ -37,21 +38,25 @@ constexpr DWORD kThreadEndMs = 1000;
 
 /// DllGetClassObject, with an exception turned into a status.
 HRESULT AskForClassObject(
-    LPFNGETCLASSOBJECT getClassObject, const CLSID& clsid, ITxSvcClassObject** object) noexcept
+    LPFNGETCLASSOBJECT getClassObject,
+    const CLSID& clsid,
+    ITxSvcClassObject** object,
+    DWORD& exceptionCode) noexcept
 {
     void* found = nullptr;
-    const HRESULT result =
-        Basalt::GuardedResult([&] { return getClassObject(clsid, IID_ITxSvcClassObject, &found); });
+    const HRESULT result = Basalt::GuardedResult(
+        [&] { return getClassObject(clsid, IID_ITxSvcClassObject, &found); }, &exceptionCode);
     *object = static_cast<ITxSvcClassObject*>(found);
     return SUCCEEDED(result) && found == nullptr ? E_POINTER : result;
 }
 
 /// CreateObject, with an exception turned into a status. Releases the class object in any case.
-HRESULT CreateSubsystem(ITxSvcClassObject* classObject, CSubsystemHolder& holder) noexcept
+HRESULT CreateSubsystem(
+    ITxSvcClassObject* classObject, CSubsystemHolder& holder, DWORD& exceptionCode) noexcept
 {
     void* created = nullptr;
-    const HRESULT result =
-        Basalt::GuardedResult([&] { return classObject->CreateObject(IID_ITxSvcSubsystem, &created); });
+    const HRESULT result = Basalt::GuardedResult(
+        [&] { return classObject->CreateObject(IID_ITxSvcSubsystem, &created); }, &exceptionCode);
     if (SUCCEEDED(result))
     {
         holder.SetInterface(static_cast<ITxSvcSubsystem*>(created));
@@ -172,6 +177,7 @@ void WINAPI CTxSvcHostProxy::GenericServiceMain(DWORD argc, LPWSTR* argv) noexce
         // Out of memory in our own code. The other services of the group may still have enough.
         TX_LOG(LogError, kFunction, L"Out of memory, stopping service '%s'", name);
         SetServiceStoppedStatus(name);
+        EventLog::ServiceFailed(name, {ERROR_OUTOFMEMORY});
     }
 }
 
@@ -187,6 +193,7 @@ void CTxSvcHostProxy::ProxyServiceMain(Instance& instance, const std::wstring& n
     {
         // Without COM nothing of the service exists yet; no status is reported.
         TX_LOG(LogError, kFunction, L"Failed to initialize COM (0x%08X)", com.Result());
+        EventLog::ServiceFailed(start.Name(), {static_cast<DWORD>(com.Result())});
         return;
     }
     TX_LOG(LogNormal, kFunction, L"ServiceMain for '%s' starting (%0.04fs)", name, sinceStart.Seconds());
@@ -206,6 +213,7 @@ void CTxSvcHostProxy::runLoaded(
     LPWSTR* argv) noexcept
 {
     constexpr wchar_t kFunction[] = L"CTxSvcHostProxy::ProxyServiceMain";
+    EventLog::GroupRuns(CTxSvcHostConfig::GetInstance().GroupName());
     const RunResult result = SafeExecuteServiceMain(holder, argc, argv);
     TX_LOG(
         LogNormal,
@@ -216,10 +224,14 @@ void CTxSvcHostProxy::runLoaded(
     if (result.failed)
     {
         reportFailed(start);
+        EventLog::ServiceFailed(start.Name(), result.failure);
     }
 
     const bool unload = result.code == kTxSvcUnloadModule;
-    holder.ReleaseInterface();
+    if (const DWORD exceptionCode = holder.ReleaseInterface())
+    {
+        EventLog::ServiceFailed(start.Name(), {.exceptionCode = exceptionCode});
+    }
     if (unload)
     {
         ::Sleep(kUnloadDelayMs);
@@ -285,10 +297,12 @@ bool CTxSvcHostProxy::loadOrReportStopped(
     CSubsystemHolder& holder)
 {
     constexpr wchar_t kFunction[] = L"CTxSvcHostProxy::ProxyServiceMain";
-    if (!GetSubsystem(name, holder) || holder.Interface() == nullptr)
+    EventLog::Failure failure;
+    if (!GetSubsystem(name, holder, failure) || holder.Interface() == nullptr)
     {
         TX_LOG(LogError, kFunction, L"Failed to get the subsystem interface for '%s'", name);
         SetServiceStoppedStatus(name.c_str());
+        EventLog::ServiceFailed(name.c_str(), failure);
         holder.ReleaseInterface();
         return false;
     }
@@ -302,10 +316,12 @@ bool CTxSvcHostProxy::loadOrReportStopped(
     return true;
 }
 
-bool CTxSvcHostProxy::GetSubsystem(const std::wstring& name, CSubsystemHolder& holder)
+bool CTxSvcHostProxy::GetSubsystem(
+    const std::wstring& name, CSubsystemHolder& holder, EventLog::Failure& failure)
 {
     constexpr wchar_t kFunction[] = L"CTxSvcHostProxy::GetSubsystem";
     holder.ReleaseInterface();
+    failure.code = static_cast<DWORD>(REGDB_E_CLASSNOTREG); // Until it is known where to load from.
 
     std::wstring clsidText;
     if (!CTxSvcHostConfig::GetInstance().GetSvcCLSID(name, clsidText))
@@ -326,6 +342,7 @@ bool CTxSvcHostProxy::GetSubsystem(const std::wstring& name, CSubsystemHolder& h
     holder.SetModule(::LoadLibraryW(path.c_str()));
     if (holder.Module() == nullptr)
     {
+        failure.code = ::GetLastError();
         TX_LOG(LogError, kFunction, L"Unable to load module '%s'", path);
         return false;
     }
@@ -333,6 +350,7 @@ bool CTxSvcHostProxy::GetSubsystem(const std::wstring& name, CSubsystemHolder& h
         Basalt::FindExport<std::remove_pointer_t<LPFNGETCLASSOBJECT>>(holder.Module(), "DllGetClassObject"));
     if (getClassObject == nullptr)
     {
+        failure.code = ERROR_PROC_NOT_FOUND;
         TX_LOG(LogError, kFunction, L"Module '%s' does not contain correct entry point", path);
         holder.UnloadModule();
         return false;
@@ -342,13 +360,15 @@ bool CTxSvcHostProxy::GetSubsystem(const std::wstring& name, CSubsystemHolder& h
     // From here on the module stays loaded, also on failure: it has run code of its own.
     const Basalt::CStopwatch sinceCreate;
     ITxSvcClassObject* classObject = nullptr;
-    HRESULT result = AskForClassObject(getClassObject, clsid, &classObject);
+    HRESULT result = AskForClassObject(getClassObject, clsid, &classObject, failure.exceptionCode);
+    failure.code = static_cast<DWORD>(result);
     if (FAILED(result))
     {
         TX_LOG(LogError, kFunction, L"DllGetClassObject failed (0x%08X)", result);
         return false;
     }
-    result = CreateSubsystem(classObject, holder);
+    result = CreateSubsystem(classObject, holder, failure.exceptionCode);
+    failure.code = static_cast<DWORD>(FAILED(result) ? result : E_NOINTERFACE); // It may have made none.
     if (FAILED(result))
     {
         TX_LOG(LogError, kFunction, L"CreateObject failed (0x%08X)", result);
@@ -410,21 +430,24 @@ CTxSvcHostProxy::RunResult CTxSvcHostProxy::SafeExecuteServiceMain(
     constexpr wchar_t kFunction[] = L"CTxSvcHostProxy::SafeExecuteServiceMain";
     HRESULT status = S_OK;
     DWORD result = 0;
-    if (!Basalt::CallGuarded([&] { status = holder.Interface()->TxServiceMain(argc, argv, &result); }))
+    EventLog::Failure failure;
+    if (!Basalt::CallGuarded(
+            [&] { status = holder.Interface()->TxServiceMain(argc, argv, &result); }, &failure.exceptionCode))
     {
         TX_LOG(
             LogError,
             kFunction,
             L"Exception found & suppressed in service, returning 0x%08X",
             kExceptionCode);
-        return {kExceptionCode, true};
+        return {kExceptionCode, true, failure};
     }
     if (FAILED(status))
     {
         TX_LOG(LogError, kFunction, L"Failed to start sub-service (hr=0x%08X)", status);
-        return {ERROR_FUNCTION_FAILED, true};
+        failure.code = static_cast<DWORD>(status);
+        return {ERROR_FUNCTION_FAILED, true, failure};
     }
-    return {result, false};
+    return {result, false, failure};
 }
 
 bool CTxSvcHostProxy::SetServiceStoppedStatus(const wchar_t* name) noexcept

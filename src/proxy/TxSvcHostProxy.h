@@ -7,6 +7,7 @@
 
 #include "base/Lock.h"
 #include "base/Stopwatch.h"
+#include "eventlog/EventLog.h"
 #include "proxy/FirstRunGate.h"
 #include "proxy/ServiceStart.h"
 #include "proxy/SubsystemHolder.h"
@@ -35,7 +36,9 @@ public:
     static void WINAPI GenericServiceMain(DWORD argc, LPWSTR* argv) noexcept;
 
     /// Loads the module that is configured for the service and creates its subsystem.
-    [[nodiscard]] static bool GetSubsystem(const std::wstring& name, CSubsystemHolder& holder);
+    /// @param failure receives why there is none.
+    [[nodiscard]] static bool GetSubsystem(
+        const std::wstring& name, CSubsystemHolder& holder, EventLog::Failure& failure);
 
     /// An empty text and "{}" are refused without a log line: that is how a service without a subsystem is
     /// written.
@@ -49,6 +52,7 @@ public:
     {
         DWORD code;  ///< what the subsystem set, or ERROR_FUNCTION_FAILED or ERROR_INVALID_OPERATION
         bool failed; ///< by a failed HRESULT or an exception
+        EventLog::Failure failure;
     };
     [[nodiscard]] static RunResult SafeExecuteServiceMain(
         const CSubsystemHolder& holder, DWORD argc, LPWSTR* argv) noexcept;

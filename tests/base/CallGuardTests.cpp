@@ -39,14 +39,16 @@ DWORD WINAPI OverflowTwice(void* /*context*/)
 TEST(CallGuard, SwallowsExceptionsHardwareFaultsAndEachStackOverflow)
 {
     int calls = 0;
-    EXPECT_TRUE(CallGuarded([&calls] { ++calls; }));
-    EXPECT_EQ(calls, 1);
-    EXPECT_FALSE(CallGuarded([] { throw std::runtime_error("hosted code"); }));
+    DWORD code = 1;
+    EXPECT_TRUE(CallGuarded([&calls] { ++calls; }, &code));
+    EXPECT_TRUE(calls == 1 && code == 0);
+    EXPECT_FALSE(CallGuarded([] { throw std::runtime_error("hosted code"); }, &code));
+    EXPECT_EQ(code, Basalt::kCppExceptionCode);
 #if defined(__clang__)
-    constexpr DWORD kExceptionOfAnotherCppRuntime = 0xE06D7363;
-    EXPECT_FALSE(CallGuarded([] { *g_nowhere = 1; }));
+    EXPECT_FALSE(CallGuarded([] { *g_nowhere = 1; }, &code));
+    EXPECT_EQ(code, EXCEPTION_ACCESS_VIOLATION);
     EXPECT_FALSE(CallGuarded(
-        [] { ::RaiseException(kExceptionOfAnotherCppRuntime, EXCEPTION_NONCONTINUABLE, 0, nullptr); }));
+        [] { ::RaiseException(Basalt::kCppExceptionCode, EXCEPTION_NONCONTINUABLE, 0, nullptr); }));
 
     const Basalt::CHandle thread(::CreateThread(
         nullptr, SIZE_T{1} << 18, &OverflowTwice, nullptr, STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr));

@@ -37,8 +37,11 @@ Service Pending(std::size_t looks, DWORD queryError = 0)
     return service;
 }
 
+std::wstring g_events; ///< The numbers of those that went to the event log.
+
 struct ControlManagerTest : ::testing::Test
 {
+    ControlManagerTest() { g_events.clear(); }
     void TearDown() override
     {
         CTxSvcHostConfig::ReleaseInstance();
@@ -66,6 +69,10 @@ struct ControlManagerTest : ::testing::Test
     CTestKey m_root{HKEY_LOCAL_MACHINE, Contract::kHostKey};
     CFakeScm m_scm;
     CLogCapture m_log;
+    CImportPatch m_events{"ReportEventW", +[](HANDLE, WORD, WORD, DWORD id) {
+                              g_events += std::to_wstring(id & 0xFFFF) + L" ";
+                              return TRUE;
+                          }};
 };
 
 TEST_F(ControlManagerTest, StopServiceHasAResultAndALineForEachOutcome)
@@ -161,6 +168,7 @@ TEST_F(ControlManagerTest, TheClassObjectIsNeverCountedAndItsManagersNeverFreed)
         EXPECT_EQ(object, first) << "this test program is not signed, and nothing else is done";
     }
     EXPECT_TRUE(m_log.Lines().empty());
+    EXPECT_EQ(g_events, L"4 ") << "not for each caller";
     EXPECT_EQ(first->QueryInterface(IID_ITxSvcSubsystemControlManager, &object), E_NOINTERFACE);
     EXPECT_EQ(object, nullptr);
 
@@ -201,6 +209,7 @@ TEST_F(ControlManagerTest, WhatTheSystemRefusesIsLogged)
         Log(L"CTxSvcSubsystemControlManager::TxStopSvcSubsystem"),
         L"3 Reduce restart: StopServices failed, starts a thread to force stop TxSvHost;4 Failed to start "
         L"the thread that ends the process, error code 8;");
+    EXPECT_EQ(g_events, L"5 ");
 
     CTestKey core(HKEY_LOCAL_MACHINE, m_root.Path() + L"\\TxCoreSvc");
     ASSERT_EQ(core.Key().WriteString(L"", L"a"), 0U);

@@ -40,6 +40,9 @@ struct AutoLogControllerTest : LoggingTest
 
 TEST_F(AutoLogControllerTest, TheLibraryBesideTheProgramComesFirstThenTheConfiguredOneThenTheInstalledOne)
 {
+    static int s_refused = 0;
+    const CImportPatch events(
+        "ReportEventW", +[](HANDLE, WORD type) { return s_refused += type == EVENTLOG_WARNING_TYPE, TRUE; });
     const std::wstring all = L":DllAddRef;Start WSS;Stop 0 WSS;DllRelease;unloaded;", none = L":";
     // Beside; configured; installed; mode.
     const std::tuple<Text, Text, Text, Text, DWORD, std::wstring> rows[] = {
@@ -67,6 +70,7 @@ TEST_F(AutoLogControllerTest, TheLibraryBesideTheProgramComesFirstThenTheConfigu
         EXPECT_EQ(called, calls);
     }
     EXPECT_EQ(m_trace.Take(), ""); // It stands outside of all logging.
+    EXPECT_EQ(s_refused, 0) << "a library that is not trusted, whether another one is or not";
 }
 
 TEST_F(AutoLogControllerTest, TheInstalledPathComesFromTheRegistryOrTheShell)

@@ -13,6 +13,7 @@
 #include "config/TxSvcHostConfig.h"
 #include "contract/Keys.h"
 #include "logging/logger/LoggingIf.h"
+#include "process/ReduceRestart.h"
 #include "support/FakeTrace.h"
 #include "support/ImportPatch.h"
 #include "support/NoMemory.h"
@@ -104,7 +105,11 @@ struct TxSvcHostProxyTest : ::testing::Test
     CTestKey m_class{HKEY_CLASSES_ROOT, std::wstring(L"CLSID\\") + kClsid};
     CTxSvcHostProxy m_proxy;
     CFakeTrace m_log;
-    CImportPatch m_patches[6] = {
+    CImportPatch m_patches[7] = {
+        {"ReportEventW",
+         +[](HANDLE, WORD type) {
+             return type == EVENTLOG_ERROR_TYPE ? Note("event") : void(), TRUE; // Of others the time differs.
+         }},
         {"LoadLibraryW", +[](const wchar_t*) { return reinterpret_cast<HMODULE>(0x7E570000); }},
         {"GetProcAddress", +[](HMODULE, const char*) { return &FakeDllGetClassObject; }},
         {"FreeLibrary", +[](HMODULE) { return Note("free"), TRUE; }},
@@ -136,14 +141,14 @@ TEST_F(TxSvcHostProxyTest, AFailedServiceIsReportedBeforeItsReleaseAndWhatTheSys
         const char* events;
         const wchar_t* line;
     } rows[] = {
-        {"RegOpenKeyExW", nullptr, runFails, "release run ignore stopped release ", L"sub-service"},
+        {"RegOpenKeyExW", nullptr, runFails, "release run ignore stopped event release ", L"sub-service"},
         {"", nullptr, runUnloads, "release run release sleep free ", L""},
-        {"RegisterServiceCtrlHandlerW", fail, runFails, "release run release ", L"CtrlHandler failed"},
-        {"SetServiceStatus", fail, runFails, "release run ignore release ", L"service status, error 5"},
+        {"RegisterServiceCtrlHandlerW", fail, runFails, "release run event release ", L"CtrlHandler failed"},
+        {"SetServiceStatus", fail, runFails, "release run ignore event release ", L"service status, error 5"},
         {"CoInitializeEx",
          +[] { return static_cast<std::uintptr_t>(E_OUTOFMEMORY); },
          runFails,
-         "",
+         "event ",
          L"Failed to initialize COM (0x8007000E)"},
     };
     for (const auto& row : rows)
@@ -182,6 +187,16 @@ TEST_F(TxSvcHostProxyTest, WithoutMemoryAtAnyPointTheServiceRunsOrIsReportedStop
     }
     EXPECT_EQ(g_events, "release run release ");
     EXPECT_GT(allowed, 2);
+}
+
+// The last: nothing takes the flag back.
+TEST_F(TxSvcHostProxyTest, NothingStartsAfterTheStopForAnUpdate)
+{
+    SetReduceRestartStopping();
+    EXPECT_EQ(RunService(+[](DWORD*) { return S_OK; }), "");
+    EXPECT_EQ(
+        m_log.Take(),
+        "4 CTxSvcHostProxy::GenericServiceMain: GenericServiceMain is called when shutdown, argv[0] = svc\n");
 }
 
 } // namespace

@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "contract/Keys.h"
+#include "contract/LogSettings.h"
 #include "contract/WorkingSetEvent.h"
 #include "control/RegistryLink.h"
 #include "subsystems/TestSubsystemIds.h"
@@ -244,7 +245,8 @@ void CSession::run(const Words& words)
 {
     SkipControlPipe();
     const std::wstring arguments = m_arguments.substr(std::min(m_arguments.size(), words[0].size()));
-    print(L"exit code " + std::to_wstring(RunProcess(L"\"" + BesideTest(words[0]) + L"\"" + arguments)));
+    const std::wstring program = ETWLogging::IsAbsolutePath(words[0]) ? words[0] : BesideTest(words[0]);
+    print(L"exit code " + std::to_wstring(RunProcess(L"\"" + program + L"\"" + arguments)));
 }
 
 void CSession::host(const Words& /*words*/)
@@ -302,9 +304,14 @@ void CSession::state(const Words& words)
         (status.dwWin32ExitCode == 0 ? L"" : L", exit code " + std::to_wstring(status.dwWin32ExitCode)));
 }
 
-/// Makes the trigger of the host's working-set reduction in its place, or tells whether it was pulled.
-void CSession::listen(const Words& /*words*/)
+/// Makes the trigger of the host's working-set reduction in its place, or tells whether it was pulled. With a
+/// name, makes that event.
+void CSession::listen(const Words& words)
 {
+    if (!words.empty())
+    {
+        return m_event.Reset(::CreateEventW(nullptr, TRUE, FALSE, words[0].c_str()));
+    }
     if (m_event)
     {
         return print(::WaitForSingleObject(m_event.Get(), 0) == WAIT_OBJECT_0 ? L"signalled" : L"silence");
@@ -421,5 +428,9 @@ std::string CSession::normalise(std::string text) const
     const std::regex figures(
         "(: )[\\d.]+( MiB p.*, )[\\d.]+( MiB w.*, )\\d+( t.*, )\\d+( h.* CPU )[\\d.]+( s, up ).*");
     text = std::regex_replace(text, figures, "$1#$2#$3#$4#$5#$6#");
+    // A table is as wide as its longest path, which stands for one of any length.
+    text = std::regex_replace(text, std::regex(" +(  \\((registry|default|log\\.ini)[;)])"), "$1");
+    // Wine's manager misses the answer of a process that ends at once.
+    text = std::regex_replace(text, std::regex("error 1053: .* It is stopped (?=with)"), "it ended at once ");
     return std::regex_replace(text, std::regex("process \\d+"), "process #");
 }

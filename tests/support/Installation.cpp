@@ -53,6 +53,7 @@ void RemoveRegistered()
 void RemoveLeftovers() noexcept
 try
 {
+    RemoveTree(Contract::kEventSourceKey);
     RemoveRegistered();
 }
 catch (const TxCtl::CToolError&) // NOLINT(bugprone-empty-catch): a session made the keys unreadable.

@@ -71,7 +71,8 @@ protected:
         for (const std::wstring path :
              {Contract::kProductKey32,
               L"System\\CurrentControlSet\\Services\\txctl-a",
-              L"System\\CurrentControlSet\\Services\\txctl-b"})
+              L"System\\CurrentControlSet\\Services\\txctl-b",
+              Contract::kEventSourceKey})
         {
             addKey(path, text);
         }
@@ -106,6 +107,7 @@ private:
     CTestKey m_product{HKEY_LOCAL_MACHINE, Contract::kProductKey32};
     CTestKey m_one{HKEY_LOCAL_MACHINE, kClasses + kOneClass, false};
     CTestKey m_other{HKEY_LOCAL_MACHINE, kClasses + kOtherClass, false};
+    CTestKey m_source{HKEY_LOCAL_MACHINE, Contract::kEventSourceKey, false};
 };
 
 int s_untilFailure; ///< Calls that go well before some fail, and how many fail then.
@@ -193,6 +195,33 @@ TEST_F(InstallTest, WhatCannotBeUndoneIsNamed)
     const std::wstring stays = L"The changes were undone, but for:\n  cannot put back '" + path + end;
 
     EXPECT_EQ(Narrow(Install(L"G", L"txctl-a", kOneClass).error), Narrow(failed + stays));
+}
+
+TEST_F(InstallTest, CheckFindsARestrictedSidAmongOthersAndADiskThatIsNearlyFull)
+{
+    const CTestFolder folder;
+    Install(L"G", L"txctl-a", kOneClass);
+    Install(L"G", L"txctl-b", kOtherClass);
+    RunCtl({L"log", L"set", L"folder", folder.Path()});
+    RunCtl({L"log", L"set", L"mechanism", L"file"});
+    const CImportPatch patches[] = {
+        {"QueryServiceConfig2W",
+         +[](SC_HANDLE, DWORD level, BYTE* data, DWORD, DWORD*) {
+             static DWORD s_type = SERVICE_SID_TYPE_RESTRICTED; // Of every other service that is asked for.
+             reinterpret_cast<SERVICE_SID_INFO*>(data)->dwServiceSidType = s_type;
+             s_type = SERVICE_SID_TYPE_RESTRICTED - s_type;
+             return BOOL{level == SERVICE_CONFIG_SERVICE_SID_INFO};
+         }},
+        {"GetDiskFreeSpaceExW", +[](const wchar_t*, ULARGE_INTEGER* available, ULARGE_INTEGER*) {
+             available->QuadPart = 5 * 1024 * 1024;
+             return TRUE;
+         }}};
+
+    const std::string out = Narrow(RunCtl({L"check", L"G"}).out);
+
+    EXPECT_NE(out.find("\n  G/txctl-b: not restricted, as the group's first one is\n"), out.npos) << out;
+    EXPECT_NE(out.find("TX0704 warning: The log's disk is nearly full\n"), out.npos) << out;
+    EXPECT_NE(out.find(": 5.0 MiB are free\n"), out.npos) << out;
 }
 
 DWORD s_waitResult;

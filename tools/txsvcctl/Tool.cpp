@@ -4,6 +4,7 @@
 #include <exception>
 
 #include "txsvcctl/check/CheckCommand.h"
+#include "txsvcctl/check/ListCommand.h"
 #include "txsvcctl/common/Help.h"
 #include "txsvcctl/common/Utf8.h"
 #include "txsvcctl/host/HostCommands.h"
@@ -84,6 +85,7 @@ ExitCode Run(const std::vector<std::wstring>& arguments, IConsole& output)
     app.footer("Exit codes: 0 done, 1 findings, 2 wrong usage, 3 denied or another error.");
     AddServiceCommands(
         app, console, [&console](const std::wstring& service) { ExplainService(service, console); });
+    AddListCommand(app, console);
     AddTransferCommands(app, console);
     AddStatusCommand(app, console);
     AddCheckCommand(app, console);

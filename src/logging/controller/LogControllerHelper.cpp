@@ -7,6 +7,8 @@
 
 #include "base/Paths.h"
 #include "base/Text.h"
+#include "contract/LogNames.h"
+#include "eventlog/EventLog.h"
 #include "logging/settings/LogSettingsReader.h"
 
 namespace ETWLogging
@@ -15,7 +17,6 @@ namespace ETWLogging
 namespace
 {
 
-constexpr wchar_t kLibrary[] = L"LogCntrl.dll";
 constexpr wchar_t kFolder[] = L"TxSvcHost";
 constexpr wchar_t kFolderBelowCommonFiles[] = L"\\Tarvex\\Platform\\TxSvcHost";
 
@@ -60,7 +61,7 @@ try
     {
         return false;
     }
-    path = Basalt::FormatText(L"%s%s\\%s", folder.c_str(), below, kLibrary);
+    path = Basalt::FormatText(L"%s%s\\%s", folder.c_str(), below, kControllerLibrary);
     return true;
 }
 catch (const std::exception&)
@@ -70,7 +71,12 @@ catch (const std::exception&)
 
 bool LogControllerHelper::IsTrusted(const std::wstring& path) noexcept
 {
-    return m_trusted.Open(path) == ERROR_SUCCESS;
+    const DWORD verdict = m_trusted.Open(path);
+    if (verdict != ERROR_SUCCESS && verdict != ERROR_FILE_NOT_FOUND && verdict != ERROR_PATH_NOT_FOUND)
+    {
+        EventLog::NotTrusted(path.c_str(), verdict);
+    }
+    return verdict == ERROR_SUCCESS;
 }
 
 bool LogControllerHelper::FindBesideModule(std::wstring& path) noexcept
@@ -81,7 +87,7 @@ try
     {
         return false;
     }
-    path += kLibrary;
+    path += kControllerLibrary;
     return true;
 }
 catch (const std::exception&)

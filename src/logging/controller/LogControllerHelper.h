@@ -14,7 +14,8 @@ namespace ETWLogging
 /// Finds a trusted copy of the log controller library and keeps the copy that it found open, so that the file
 /// stays the one that was checked until it is loaded.
 ///
-/// Nothing is logged and nothing thrown; false is the only way to fail.
+/// Nothing is logged and nothing thrown; false is the only way to fail. The event log is told of a library
+/// that is there but not trusted.
 /// Threads: one.
 class LogControllerHelper
 {

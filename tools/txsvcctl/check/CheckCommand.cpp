@@ -11,7 +11,7 @@
 #include "txsvcctl/common/Names.h"
 #include "txsvcctl/common/ToolError.h"
 #include "txsvcctl/common/Utf8.h"
-#include "txsvcctl/service/GroupStore.h"
+#include "txsvcctl/service/ImagePath.h"
 
 using nlohmann::ordered_json;
 
@@ -29,26 +29,52 @@ struct Arguments
     bool json = false;
 };
 
+/// The host that a service of the groups runs in; empty when none has an entry for its group.
+std::wstring HostOf(const std::vector<GroupReport>& groups)
+{
+    for (const GroupReport& group : groups)
+    {
+        for (const ServiceReport& service : group.services)
+        {
+            const ImagePath image = ParseImagePath(service.entry ? service.entry->imagePath : L"");
+            if (RunsGroup(image, group.name))
+            {
+                return image.program;
+            }
+        }
+    }
+    return {};
+}
+
 /// @param name of a group or a service; empty for everything.
 CFindings Check(const std::wstring& name)
 {
     CFindings findings;
     bool isFound = name.empty();
+    const std::vector<GroupReport> groups = ReportGroups(std::nullopt);
     CheckMachine(findings);
-    const CGroupStore store;
-    for (const std::wstring& group : store.Groups())
+    for (const GroupReport& group : groups)
     {
-        const bool isGroup = name.empty() || IsSameName(group, name);
-        if (isGroup || store.FindService(group, name))
+        const bool isGroup = name.empty() || IsSameName(group.name, name);
+        if (isGroup || group.Find(name) != nullptr)
         {
             CheckGroup(group, isGroup ? L"" : name, findings);
             isFound = true;
+        }
+        if (isGroup && !name.empty())
+        {
+            CheckStrayEntries(groups, group.name, findings);
         }
     }
     if (!isFound)
     {
         ThrowUsage(L"there is no group or service '" + name + L"'");
     }
+    if (name.empty())
+    {
+        CheckStrayEntries(groups, {}, findings);
+    }
+    CheckEventSource(HostOf(groups), findings);
     return findings;
 }
 
@@ -89,10 +115,19 @@ void Fix(const CFindings& findings, IConsole& console)
     }
 }
 
-bool IsClean(const CFindings& findings)
+/// Notes do not count; what could not be read counts most.
+ExitCode CodeFor(const CFindings& findings)
 {
-    return std::ranges::none_of(
-        findings.All(), [](const Finding& finding) { return finding.kind->severity != Severity::Note; });
+    auto code = ExitCode::Success;
+    for (const Finding& finding : findings.All())
+    {
+        if (finding.kind->id == FindingId::Unreadable)
+        {
+            return ExitCode::Failed;
+        }
+        code = finding.kind->severity == Severity::Note ? code : ExitCode::Findings;
+    }
+    return code;
 }
 
 void Run(const Arguments& arguments, IConsole& console)
@@ -125,9 +160,9 @@ void Run(const Arguments& arguments, IConsole& console)
             console.Out(L"Nothing is wrong.");
         }
     }
-    if (!IsClean(findings))
+    if (const ExitCode code = CodeFor(findings); code != ExitCode::Success)
     {
-        throw CToolError(ExitCode::Findings, {}); // Said already.
+        throw CToolError(code, {}); // Said already.
     }
 }
 
@@ -137,10 +172,9 @@ void ExplainService(const std::wstring& service, IConsole& console)
 try
 {
     CFindings findings;
-    const CGroupStore store;
-    for (const std::wstring& group : store.Groups())
+    for (const GroupReport& group : ReportGroups(std::nullopt))
     {
-        if (store.FindService(group, service))
+        if (group.Find(service) != nullptr)
         {
             CheckGroup(group, service, findings);
         }
@@ -178,7 +212,7 @@ void AddCheckCommand(CLI::App& app, IConsole& console)
         {
             if (error.Code() == ExitCode::Failed && !error.Text().empty())
             {
-                throw CToolError(ExitCode::SystemError, error.Text());
+                throw CToolError(ExitCode::Failed, error.Text());
             }
             throw;
         }

@@ -49,11 +49,36 @@ std::wstring DidYouMean(const std::wstring& name, const std::vector<std::wstring
                                                                       : std::wstring();
 }
 
-bool CanUsersWrite(const std::wstring& path)
+std::wstring ServiceSubject(const std::wstring& group, const std::wstring& service)
 {
-    const TxSdk::Detail::COpenFolder object(path.c_str());
-    const DWORD status = TxSdk::Detail::CheckSecurity(object.Get(), SE_FILE_OBJECT);
-    return status == ERROR_INVALID_OWNER || status == ERROR_INVALID_ACL;
+    return group + L"/" + service;
+}
+
+std::wstring FolderOf(const std::wstring& path)
+{
+    return path.substr(0, path.find_last_of(L"\\/") + 1);
+}
+
+const ModuleCheck& CFileChecks::Module(const std::wstring& path)
+{
+    const auto [check, isNew] = m_modules.try_emplace(path);
+    if (isNew)
+    {
+        check->second = CheckModuleFile(path);
+    }
+    return check->second;
+}
+
+bool CFileChecks::CanUsersWrite(const std::wstring& path)
+{
+    const auto [answer, isNew] = m_writable.try_emplace(path);
+    if (isNew)
+    {
+        const TxSdk::Detail::COpenFolder object(path.c_str());
+        const DWORD status = TxSdk::Detail::CheckSecurity(object.Get(), SE_FILE_OBJECT);
+        answer->second = status == ERROR_INVALID_OWNER || status == ERROR_INVALID_ACL;
+    }
+    return answer->second;
 }
 
 } // namespace TxCtl

@@ -10,6 +10,7 @@ namespace TxCtl
 /// The number in a finding's id, which never changes its meaning.
 enum class FindingId : std::uint16_t
 {
+    Unreadable = 1,
     LinkMissing = 101,
     LinkBlocked = 102,
     LinkElsewhere = 103,
@@ -33,14 +34,20 @@ enum class FindingId : std::uint16_t
     SidTypesDiffer = 407,
     Disabled = 408,
     ProgramWritable = 409,
+    StrayEntry = 410,
     WaitsForFirstRun = 501,
     ExclusionUnknown = 502,
     UpdateRunning = 601,
+    UpdateClientSilent = 602,
     LogSettingUnusable = 701,
     LogFolderUnusable = 702,
     LogFolderWritable = 703,
+    LogDiskFull = 704,
+    LogControllerNotTrusted = 705,
     ProxyUnregistered = 801,
     ProxyUnreadable = 802,
+    ProxyNotTrusted = 803,
+    EventSourceUnusable = 901,
 };
 
 enum class Severity : std::uint8_t

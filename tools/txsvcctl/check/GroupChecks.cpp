@@ -1,10 +1,14 @@
 #include <windows.h>
 
+#include <algorithm>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "base/RegKey.h"
+#include "base/Text.h"
+#include "contract/CommandLine.h"
 #include "contract/Keys.h"
 #include "txsvcctl/check/CheckTools.h"
 #include "txsvcctl/check/Findings.h"
@@ -23,115 +27,111 @@ namespace TxCtl
 namespace
 {
 
-std::wstring FolderOf(const std::wstring& path)
-{
-    return path.substr(0, path.find_last_of(L"\\/") + 1);
-}
-
 /// What is checked, with what is known of it.
 struct Scope
 {
-    const std::wstring& group;
-    std::vector<std::wstring> services;
+    const GroupReport& group;
+    std::vector<std::wstring> services;                       ///< Their names.
+    std::map<std::wstring, std::vector<std::wstring>> others; ///< The lists of the other groups.
     CFindings& findings;
+    CFileChecks files;
 };
 
 std::wstring Subject(const Scope& scope, const std::wstring& service)
 {
-    return scope.group + L"/" + service;
+    return ServiceSubject(scope.group.name, service);
 }
 
-void CheckModule(const std::wstring& module, const std::wstring& subject, CFindings& findings)
+void CheckModule(Scope& scope, const std::wstring& module, const std::wstring& subject)
 {
-    const ModuleCheck check = CheckModuleFile(module);
+    const ModuleCheck& check = scope.files.Module(module);
     if (check.fault != ModuleFault::None)
     {
-        findings.Add(
+        scope.findings.Add(
             check.fault == ModuleFault::Unreadable ? FindingId::ModuleUnreadable : FindingId::ModuleUnusable,
             subject,
             module + L" " + DescribeModuleFault(check));
     }
-    else if (CanUsersWrite(module) || CanUsersWrite(FolderOf(module)))
+    else if (scope.files.CanUsersWriteOrReplace(module))
     {
-        findings.Add(FindingId::ModuleWritable, subject, module);
+        scope.findings.Add(FindingId::ModuleWritable, subject, module);
     }
 }
 
-void CheckClass(const Scope& scope, const std::wstring& service)
+void CheckClass(Scope& scope, const ServiceReport& service)
 {
-    const CGroupStore store;
-    const std::wstring subject = Subject(scope, service);
-    const std::optional<std::wstring> clsid = store.Clsid(scope.group, service);
-    if (!clsid)
+    const std::wstring subject = Subject(scope, service.name);
+    if (!service.clsid)
     {
         scope.findings.Add(FindingId::NoClsid, subject, L"the group's key has no value of its name");
     }
-    else if (!CanonicalClsid(*clsid))
+    else if (!CanonicalClsid(*service.clsid))
     {
-        scope.findings.Add(FindingId::BadClsid, subject, L"'" + *clsid + L"'");
+        scope.findings.Add(FindingId::BadClsid, subject, L"'" + *service.clsid + L"'");
     }
-    else if (const std::optional<std::wstring> module = store.Module(*clsid))
+    else if (service.module)
     {
-        CheckModule(*module, subject, scope.findings);
+        CheckModule(scope, *service.module, subject);
     }
     else
     {
-        scope.findings.Add(FindingId::ClassUnknown, subject, *clsid);
+        scope.findings.Add(FindingId::ClassUnknown, subject, *service.clsid);
     }
-    for (const std::wstring& other : store.OtherGroupsOf({scope.group, service}))
+    for (const auto& [group, services] : scope.others)
     {
-        scope.findings.Add(FindingId::InOtherGroup, subject, L"also in group '" + other + L"'");
+        if (HoldsName(services, service.name))
+        {
+            scope.findings.Add(FindingId::InOtherGroup, subject, L"also in group '" + group + L"'");
+        }
     }
 }
 
-/// What --fix does with an entry that runs the right program for the right group, but not as it should.
+/// What --fix does with an entry that runs the group, but not as it should.
 std::function<void()> Rewrite(const std::wstring& service, const ImagePath& image, const std::wstring& group)
 {
-    if (!RunsGroup(image, group))
-    {
-        return {}; // It may be meant for something else.
-    }
     return [service, quoted = FormatImagePath(image.program, group)] {
         CServiceManager(SC_MANAGER_CONNECT).Change(service, {quoted, {}, {}});
     };
 }
 
-void CheckProgram(const ImagePath& image, const std::wstring& subject, CFindings& findings)
+void CheckProgram(Scope& scope, const ImagePath& image, const std::wstring& subject)
 {
     if (::GetFileAttributesW(image.program.c_str()) == INVALID_FILE_ATTRIBUTES)
     {
-        findings.Add(FindingId::ProgramMissing, subject, image.program);
+        scope.findings.Add(FindingId::ProgramMissing, subject, image.program);
     }
-    else if (CanUsersWrite(image.program) || CanUsersWrite(FolderOf(image.program)))
+    else if (scope.files.CanUsersWriteOrReplace(image.program))
     {
-        findings.Add(FindingId::ProgramWritable, subject, image.program);
+        scope.findings.Add(FindingId::ProgramWritable, subject, image.program);
     }
 }
 
-void CheckEntry(const Scope& scope, const std::wstring& service, const CServiceManager& manager)
+void CheckEntry(Scope& scope, const ServiceReport& service)
 {
-    const std::wstring subject = Subject(scope, service);
-    const std::optional<ServiceConfig> entry = manager.FindConfig(service);
+    const std::wstring subject = Subject(scope, service.name);
+    const std::wstring& group = scope.group.name;
+    const std::optional<ServiceConfig>& entry = service.entry;
     if (!entry)
     {
         scope.findings.Add(FindingId::NoEntry, subject, L"the service manager does not know it");
         return;
     }
     const ImagePath image = ParseImagePath(entry->imagePath);
-    if (!RunsGroup(image, scope.group))
+    if (!RunsGroup(image, group))
     {
         scope.findings.Add(FindingId::OtherGroupsEntry, subject, entry->imagePath);
+        return; // It may be another program's, and right for that.
     }
-    CheckProgram(image, subject, scope.findings);
+    CheckProgram(scope, image, subject);
     if (entry->type != SERVICE_WIN32_SHARE_PROCESS)
     {
         scope.findings.Add(
-            FindingId::NotShared, subject, L"it is of another type", Rewrite(service, image, scope.group));
+            FindingId::NotShared, subject, L"it is of another type", Rewrite(service.name, image, group));
     }
     if (!entry->imagePath.starts_with(L'"'))
     {
         scope.findings.Add(
-            FindingId::PathUnquoted, subject, entry->imagePath, Rewrite(service, image, scope.group));
+            FindingId::PathUnquoted, subject, entry->imagePath, Rewrite(service.name, image, group));
     }
     if (entry->startType == SERVICE_DISABLED)
     {
@@ -140,27 +140,33 @@ void CheckEntry(const Scope& scope, const std::wstring& service, const CServiceM
 }
 
 /// All services of the group, beside the first one.
-void CheckCommon(const Scope& scope, const CServiceManager& manager)
+void CheckCommon(const Scope& scope)
 {
-    std::optional<ServiceConfig> first;
-    for (const std::wstring& service : scope.services)
+    const auto isRestricted = [](const ServiceConfig& entry) {
+        return entry.sidType == DWORD{SERVICE_SID_TYPE_RESTRICTED};
+    };
+    const ServiceConfig* first = nullptr;
+    for (const ServiceReport& service : scope.group.services)
     {
-        std::optional<ServiceConfig> entry = manager.FindConfig(service);
-        if (first && entry && !IsSameName(first->account, entry->account))
+        if (!service.entry)
+        {
+            continue;
+        }
+        const ServiceConfig& entry = *service.entry;
+        const std::wstring subject = Subject(scope, service.name);
+        first = first == nullptr ? &entry : first;
+        if (!IsSameName(first->account, entry.account))
         {
             scope.findings.Add(
-                FindingId::AccountsDiffer,
-                Subject(scope, service),
-                entry->account + L", the first one has " + first->account);
+                FindingId::AccountsDiffer, subject, entry.account + L", the first one has " + first->account);
         }
-        if (first && entry && first->sidType != entry->sidType)
+        if (isRestricted(*first) != isRestricted(entry))
         {
             scope.findings.Add(
-                FindingId::SidTypesDiffer, Subject(scope, service), L"not as the group's first service");
-        }
-        if (!first)
-        {
-            first = std::move(entry);
+                FindingId::SidTypesDiffer,
+                subject,
+                isRestricted(entry) ? L"restricted, the group's first one is not"
+                                    : L"not restricted, as the group's first one is");
         }
     }
 }
@@ -168,7 +174,7 @@ void CheckCommon(const Scope& scope, const CServiceManager& manager)
 /// Values of the group's key that belong to no service of its list.
 void CheckValues(const Scope& scope)
 {
-    const std::wstring path = GroupPath(scope.group);
+    const std::wstring path = GroupPath(scope.group.name);
     Basalt::CRegKey key;
     CheckStatus(key.Open(HKEY_LOCAL_MACHINE, path.c_str(), KEY_READ), L"open registry key", path);
     for (const std::wstring& name : ValueNames(key, path))
@@ -184,13 +190,16 @@ void CheckValues(const Scope& scope)
     }
     DWORD limit = 0;
     const DWORD status = key.ReadDword(Contract::kBucketLimitValue, limit);
-    if (status == ERROR_DATATYPE_MISMATCH || status == ERROR_INVALID_DATA)
+    const bool isMistyped = status == ERROR_DATATYPE_MISMATCH || status == ERROR_INVALID_DATA;
+    // A host that has learnt nothing stores 0.
+    if (isMistyped || (limit != 0 && !CHostStore().Band(scope.group.name)))
     {
         scope.findings.Add(
             FindingId::SettingUnusable,
             Subject(scope, Contract::kBucketLimitValue),
-            L"no REG_DWORD of 4 bytes: the group learns anew",
-            [group = scope.group] { CHostStore().ResetBand(group); });
+            isMistyped ? L"no REG_DWORD of 4 bytes: the group learns anew"
+                       : L"less than one bucket: the group learns anew",
+            [group = scope.group.name] { CHostStore().ResetBand(group); });
     }
 }
 
@@ -198,55 +207,134 @@ void CheckValues(const Scope& scope)
 void CheckFirstRun(const Scope& scope)
 {
     const CHostStore store;
-    if (store.Get(Contract::kOobeCheckValue).value == 0)
+    const std::wstring& group = scope.group.name;
+    const DWORD isAsked = store.Get(Contract::kOobeCheckValue).value;
+    if (isAsked == 0)
     {
         return;
     }
     std::wstring waiting;
-    for (const std::wstring& service : store.WaitForFirstRun(scope.group, scope.services))
+    for (const std::wstring& service : store.WaitForFirstRun(group, scope.services))
     {
         waiting += (waiting.empty() ? L"" : L", ") + service;
     }
     if (!waiting.empty())
     {
-        scope.findings.Add(FindingId::WaitsForFirstRun, scope.group, waiting);
+        scope.findings.Add(
+            FindingId::WaitsForFirstRun,
+            group,
+            waiting + Basalt::FormatText(
+                          L" (%s is %u, %s does not have them)",
+                          Contract::kOobeCheckValue,
+                          isAsked,
+                          Contract::kOobeExclusionKey));
     }
-    for (const std::wstring& name : store.Excluded(scope.group))
+    for (const std::wstring& name : store.Excluded(group))
     {
         if (!HoldsName(scope.services, name))
         {
             scope.findings.Add(
-                FindingId::ExclusionUnknown,
-                scope.group,
-                L"'" + name + L"'" + DidYouMean(name, scope.services));
+                FindingId::ExclusionUnknown, group, L"'" + name + L"'" + DidYouMean(name, scope.services));
         }
     }
 }
 
-} // namespace
-
-void CheckGroup(const std::wstring& group, const std::wstring& service, CFindings& findings)
+/// A list that cannot be read is its own group's finding.
+std::map<std::wstring, std::vector<std::wstring>> OtherLists(const std::wstring& group)
 {
-    const CServiceManager manager(SC_MANAGER_CONNECT);
-    const Scope scope{group, CGroupStore().Services(group), findings};
-    if (scope.services.empty())
+    const CGroupStore store;
+    std::map<std::wstring, std::vector<std::wstring>> lists;
+    for (const std::wstring& other : store.Groups())
     {
-        findings.Add(FindingId::NoServices, group, L"its list is empty or missing");
+        CFindings ignored;
+        ignored.Attempt(other, [&] {
+            if (!IsSameName(other, group))
+            {
+                lists[other] = store.Services(other);
+            }
+        });
     }
-    for (const std::wstring& name : scope.services)
+    return lists;
+}
+
+void CheckServices(Scope& scope, const std::wstring& only)
+{
+    for (const ServiceReport& service : scope.group.services)
     {
-        if (service.empty() || IsSameName(service, name))
+        if (!only.empty() && !IsSameName(only, service.name))
         {
-            CheckClass(scope, name);
-            CheckEntry(scope, name, manager);
+            continue;
+        }
+        if (service.failures.empty())
+        {
+            CheckClass(scope, service);
+            CheckEntry(scope, service);
+        }
+        for (const std::wstring& failure : service.failures)
+        {
+            scope.findings.Add(FindingId::Unreadable, Subject(scope, service.name), failure);
         }
     }
+}
+
+/// Of a host, by its program's name; nothing for any other program.
+std::optional<std::wstring> GroupOf(const ServiceConfig& entry)
+{
+    const ImagePath image = ParseImagePath(entry.imagePath);
+    const bool isHost =
+        IsSameName(image.program.substr(FolderOf(image.program).size()), Contract::kHostProgram) &&
+        image.argument.starts_with(Contract::kGroupDelimiter);
+    return isHost ? std::optional(image.argument.substr(std::size(Contract::kGroupDelimiter) - 1))
+                  : std::nullopt;
+}
+
+} // namespace
+
+void CheckGroup(const GroupReport& group, const std::wstring& service, CFindings& findings)
+{
+    for (const std::wstring& failure : group.failures)
+    {
+        findings.Add(FindingId::Unreadable, group.name, failure);
+    }
+    if (!group.failures.empty())
+    {
+        return;
+    }
+    Scope scope{group, {}, {}, findings, {}};
+    for (const ServiceReport& one : group.services)
+    {
+        scope.services.push_back(one.name);
+    }
+    if (group.services.empty())
+    {
+        findings.Add(FindingId::NoServices, group.name, L"its list is empty or missing");
+    }
+    findings.Attempt(group.name, [&] { scope.others = OtherLists(group.name); });
+    CheckServices(scope, service);
     if (service.empty())
     {
-        CheckCommon(scope, manager);
-        CheckValues(scope);
-        CheckFirstRun(scope);
+        CheckCommon(scope);
+        findings.Attempt(group.name, [&scope] { CheckValues(scope); });
+        findings.Attempt(group.name, [&scope] { CheckFirstRun(scope); });
     }
+}
+
+void CheckStrayEntries(const std::vector<GroupReport>& groups, const std::wstring& only, CFindings& findings)
+{
+    findings.Attempt({}, [&] {
+        const CServiceManager manager(SC_MANAGER_CONNECT | SC_MANAGER_ENUMERATE_SERVICE);
+        for (const std::wstring& name : manager.Names())
+        {
+            const bool isListed = std::ranges::any_of(
+                groups, [&name](const GroupReport& group) { return group.Find(name) != nullptr; });
+            const std::optional<ServiceConfig> entry = isListed ? std::nullopt : manager.FindConfig(name);
+            const std::optional<std::wstring> runs = entry ? GroupOf(*entry) : std::nullopt;
+            if (runs && (only.empty() || IsSameName(only, *runs)))
+            {
+                findings.Add(FindingId::StrayEntry, ServiceSubject(*runs, name), entry->imagePath);
+            }
+        }
+    });
 }
 
 } // namespace TxCtl

@@ -1,13 +1,25 @@
 #include <windows.h>
+#include <objbase.h>
 
+#include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "TxLogSecurity.h"
 #include "TxSvcGroupControl.h"
+#include "base/ClassObject.h"
+#include "base/Paths.h"
 #include "base/RegKey.h"
 #include "base/Text.h"
+#include "base/TrustedModule.h"
 #include "contract/Keys.h"
+#include "contract/LogNames.h"
+#include "contract/LogSettings.h"
+#include "control/TrustedCreation.h"
+#include "control/UpdateManager.h"
+#include "logging/controller/LogControllerHelper.h"
+#include "process/ComApartment.h"
 #include "txsvcctl/check/CheckTools.h"
 #include "txsvcctl/check/Findings.h"
 #include "txsvcctl/common/Names.h"
@@ -15,6 +27,7 @@
 #include "txsvcctl/common/ViewLink.h"
 #include "txsvcctl/host/HostStore.h"
 #include "txsvcctl/log/LogStore.h"
+#include "txsvcctl/service/EventSource.h"
 #include "txsvcctl/service/GroupStore.h"
 #include "txsvcctl/service/RegistryNames.h"
 
@@ -53,6 +66,29 @@ void CheckLink(CFindings& findings)
     }
 }
 
+/// What the trusted-module check or COM said, with the number that the documents have.
+std::wstring DescribeVerdict(DWORD verdict)
+{
+    return verdict <= MAXWORD ? DescribeError(verdict) : Basalt::FormatText(L"0x%08X", verdict);
+}
+
+/// Values that nobody reads.
+void CheckNames(const std::wstring& path, const std::vector<std::wstring>& known, CFindings& findings)
+{
+    Basalt::CRegKey key;
+    if (key.Open(HKEY_LOCAL_MACHINE, path.c_str(), KEY_READ) != ERROR_SUCCESS)
+    {
+        return; // Nothing is set.
+    }
+    for (const std::wstring& name : ValueNames(key, path))
+    {
+        if (!name.empty() && !HoldsName(known, name))
+        {
+            findings.Add(FindingId::UnknownValue, name, L"nobody reads it" + DidYouMean(name, known));
+        }
+    }
+}
+
 void CheckSettings(CFindings& findings)
 {
     const CHostStore store;
@@ -71,41 +107,92 @@ void CheckSettings(CFindings& findings)
                 [name] { CHostStore().Unset(name); });
         }
     }
-    const std::wstring path = HostPath();
-    Basalt::CRegKey key;
-    if (key.Open(HKEY_LOCAL_MACHINE, path.c_str(), KEY_READ) != ERROR_SUCCESS)
+    CheckNames(HostPath(), names, findings);
+}
+
+/// As a host asks it that starts now.
+/// @return the client's answer, or why there is none.
+HRESULT AskUpdateClient(DWORD& installing)
+{
+    const CComApartment com(COINIT_APARTMENTTHREADED);
+    Basalt::CForeignReference<ITxUpdateClientRot> client;
+    HRESULT result = com.Result();
+    if (SUCCEEDED(result))
     {
-        return; // Nothing is set.
+        result = CreateTrustedObject(
+            CLSID_TxUpdateClient,
+            CLSCTX_LOCAL_SERVER,
+            IID_ITxUpdateClientRot,
+            reinterpret_cast<void**>(client.Put()));
     }
-    for (const std::wstring& name : ValueNames(key, path))
+    return FAILED(result) ? result : Basalt::CallForeign(client.Get(), kIsInstallingSlot, [&] {
+        return client.Get()->IsInstalling(&installing);
+    });
+}
+
+void CheckUpdate(bool isProxyGood, CFindings& findings)
+{
+    constexpr wchar_t kSubject[] = L"the update client";
+    if (!IsUpdateRunning())
     {
-        if (!name.empty() && !HoldsName(names, name))
+        return;
+    }
+    DWORD installing = 0;
+    const HRESULT result = isProxyGood ? AskUpdateClient(installing) : E_ACCESSDENIED;
+    if (FAILED(result))
+    {
+        findings.Add(
+            FindingId::UpdateClientSilent,
+            kSubject,
+            (isProxyGood ? DescribeVerdict(static_cast<DWORD>(result)) : L"it needs the proxy") +
+                L": a host that starts now runs its services");
+        return;
+    }
+    findings.Add(
+        FindingId::UpdateRunning,
+        kSubject,
+        installing != 0 ? L"it says that it installs: a host that starts now ends at once"
+                        : L"it says that it does not install: hosts start");
+}
+
+/// A library that is there, or is configured, but that no host will load.
+void CheckLogController(CFindings& findings)
+{
+    std::wstring paths[2] = {Basalt::ProgramFolder() + ETWLogging::kControllerLibrary, {}};
+    const ETWLogging::LogProperties properties;
+    const bool isConfigured = properties.GetControllerPath(ETWLogging::kHostApplication, paths[1]);
+    if (!isConfigured)
+    {
+        ETWLogging::LogControllerHelper helper(
+            std::make_unique<Basalt::ShlObjAPI>(),
+            std::make_unique<Basalt::CRegKey>(),
+            std::make_unique<ETWLogging::LogProperties>());
+        static_cast<void>(helper.FindInstalledPath(paths[1]));
+    }
+    for (const std::wstring& path : paths)
+    {
+        const DWORD verdict = Basalt::CheckTrustedModule(path);
+        const bool isMissing = verdict == ERROR_FILE_NOT_FOUND || verdict == ERROR_PATH_NOT_FOUND;
+        if (verdict != ERROR_SUCCESS && (!isMissing || (isConfigured && &path == &paths[1])))
         {
-            findings.Add(FindingId::UnknownValue, name, L"nobody reads it" + DidYouMean(name, names));
+            findings.Add(FindingId::LogControllerNotTrusted, path, DescribeVerdict(verdict));
         }
     }
 }
 
-void CheckUpdate(CFindings& findings)
+void CheckLogRoom(const std::wstring& folder, CFindings& findings)
 {
-    if (IsUpdateRunning())
+    constexpr ULONGLONG kEnough = 100ULL * 1024 * 1024; // More than a log of the default size comes to.
+    ULARGE_INTEGER available{};
+    if (::GetDiskFreeSpaceExW(folder.c_str(), &available, nullptr, nullptr) && available.QuadPart < kEnough)
     {
-        findings.Add(FindingId::UpdateRunning, {}, L"it may be installing");
+        findings.Add(
+            FindingId::LogDiskFull, folder, InMiB(static_cast<double>(available.QuadPart)) + L" are free");
     }
 }
 
-void CheckLog(CFindings& findings)
+void CheckLogFolder(const std::wstring& folder, CFindings& findings)
 {
-    const ETWLogging::LogSettings settings = CLogStore().Settings();
-    if (!settings.problems.empty())
-    {
-        findings.Add(FindingId::LogSettingUnusable, {}, settings.problems);
-    }
-    if (settings.mechanism != ETWLogging::kFileMechanism)
-    {
-        return;
-    }
-    const std::wstring folder = settings.folder.empty() ? TxSdk::DefaultLogFolder() : settings.folder;
     const DWORD attributes = ::GetFileAttributesW(folder.c_str());
     const DWORD error = ::GetLastError();
     if (attributes == INVALID_FILE_ATTRIBUTES)
@@ -114,31 +201,67 @@ void CheckLog(CFindings& findings)
         {
             findings.Add(FindingId::LogFolderUnusable, folder, DescribeError(error));
         }
+        return;
     }
-    else if (
-        (attributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT)) != FILE_ATTRIBUTE_DIRECTORY)
+    if ((attributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT)) != FILE_ATTRIBUTE_DIRECTORY)
     {
         findings.Add(FindingId::LogFolderUnusable, folder, L"it is a link or no folder");
+        return;
     }
-    else if (CanUsersWrite(folder))
+    if (CFileChecks().CanUsersWrite(folder))
     {
         findings.Add(FindingId::LogFolderWritable, folder, L"others than administrators may write there");
     }
+    CheckLogRoom(folder, findings);
 }
 
-void CheckProxy(CFindings& findings)
+void CheckLog(CFindings& findings)
 {
-    wchar_t interfaceId[39] = {};
-    ::StringFromGUID2(
-        IID_ITxSvcSubsystemControlManager, interfaceId, static_cast<int>(std::size(interfaceId)));
-    const std::wstring subject = std::wstring(L"Interface\\") + interfaceId;
+    const std::wstring path = Contract::In32BitView(Contract::kLoggingKey);
+    std::vector<std::wstring> names = {
+        ETWLogging::kControllerPathPrefix + std::wstring(ETWLogging::kHostApplication)};
+    for (const auto& setting :
+         {ETWLogging::kMechanismSetting,
+          ETWLogging::kLevelSetting,
+          ETWLogging::kOptionsSetting,
+          ETWLogging::kEntriesSetting,
+          ETWLogging::kOldFilesSetting,
+          ETWLogging::kMutexSetting})
+    {
+        names.emplace_back(setting.name);
+    }
+    for (const auto& setting :
+         {ETWLogging::kTagSetting, ETWLogging::kFolderSetting, ETWLogging::kFileSetting})
+    {
+        names.emplace_back(setting.name);
+    }
+    CheckNames(path, names, findings);
+    const ETWLogging::LogSettings settings = CLogStore().Settings();
+    if (!settings.problems.empty())
+    {
+        findings.Add(FindingId::LogSettingUnusable, {}, settings.problems);
+    }
+    if (settings.mechanism == ETWLogging::kFileMechanism)
+    {
+        CheckLogFolder(settings.folder.empty() ? TxSdk::DefaultLogFolder() : settings.folder, findings);
+    }
+    CheckLogController(findings);
+}
+
+/// The DLL that carries the calls between processes is the one that the host checks.
+/// @return false when something is wrong with it for the interface.
+bool CheckProxy(const IID& interfaceId, CFindings& findings)
+{
+    wchar_t text[39] = {};
+    ::StringFromGUID2(interfaceId, text, static_cast<int>(std::size(text)));
+    const std::wstring subject = std::wstring(L"Interface\\") + text;
     Basalt::CRegKey key;
     std::wstring clsid;
     if (key.Open(HKEY_CLASSES_ROOT, (subject + L"\\ProxyStubClsid32").c_str(), KEY_READ) != ERROR_SUCCESS ||
         key.ReadString(L"", clsid) != ERROR_SUCCESS)
     {
         findings.Add(FindingId::ProxyUnregistered, subject, L"it is not registered");
-        return;
+        return false;
     }
     const std::optional<std::wstring> module = CGroupStore().Module(clsid);
     if (!module || ::GetFileAttributesW(module->c_str()) == INVALID_FILE_ATTRIBUTES)
@@ -147,18 +270,48 @@ void CheckProxy(CFindings& findings)
             FindingId::ProxyUnreadable,
             subject,
             module ? *module + L" is missing" : clsid + L" has no module");
+        return false;
     }
+    const DWORD verdict = Basalt::CheckTrustedModule(*module);
+    if (verdict != ERROR_SUCCESS)
+    {
+        findings.Add(FindingId::ProxyNotTrusted, subject, *module + L": " + DescribeVerdict(verdict));
+    }
+    return verdict == ERROR_SUCCESS;
+}
+
+/// One finding is enough: one DLL serves them all.
+bool CheckProxies(CFindings& findings)
+{
+    return CheckProxy(IID_ITxSvcSubsystemControlManager, findings) &&
+           CheckProxy(IID_ITxSvcClassObject, findings) && CheckProxy(IID_ITxUpdateClientRot, findings);
 }
 
 } // namespace
 
 void CheckMachine(CFindings& findings)
 {
-    CheckLink(findings);
-    CheckSettings(findings);
-    CheckUpdate(findings);
-    CheckLog(findings);
-    CheckProxy(findings);
+    findings.Attempt(Contract::kProductKey, [&findings] { CheckLink(findings); });
+    findings.Attempt(HostPath(), [&findings] { CheckSettings(findings); });
+    findings.Attempt({}, [&findings] { CheckLog(findings); });
+    findings.Attempt({}, [&findings] { CheckUpdate(CheckProxies(findings), findings); });
+}
+
+void CheckEventSource(const std::wstring& program, CFindings& findings)
+{
+    if (program.empty())
+    {
+        return; // No host writes events.
+    }
+    const std::wstring problem = EventSourceProblem();
+    if (!problem.empty())
+    {
+        findings.Add(FindingId::EventSourceUnusable, Contract::kEventSource, problem, [program] {
+            CRegistryChange change;
+            RegisterEventSource(change, program);
+            change.Commit();
+        });
+    }
 }
 
 } // namespace TxCtl

@@ -243,7 +243,7 @@ ordered_json ServiceAsJson(const std::wstring& group, const ServiceReport& servi
         {"reason", ToUtf8(ReasonOf(group, service))},
         {"clsid", text(service.clsid)},
         {"module", text(service.module)},
-        {"moduleVersion", text(service.moduleVersion)}};
+        {"moduleVersion", text(ModuleVersion(service))}};
     if (service.state)
     {
         json["state"] = ToUtf8(StateName(*service.state));

@@ -86,6 +86,12 @@ std::vector<std::wstring> CGroupStore::Services(const std::wstring& group) const
     return Contract::SplitServiceList(ReadString(GroupPath(group), {}).value_or(L""));
 }
 
+bool CGroupStore::HasServices() const
+{
+    return std::ranges::any_of(
+        Groups(), [this](const std::wstring& group) { return !Services(group).empty(); });
+}
+
 std::optional<std::wstring> CGroupStore::FindService(
     const std::wstring& group, const std::wstring& service) const
 {

@@ -27,6 +27,8 @@ public:
     [[nodiscard]] std::vector<std::wstring> Groups() const;
     /// The group's list in its order; empty for a missing group or list.
     [[nodiscard]] std::vector<std::wstring> Services(const std::wstring& group) const;
+    /// Whether any group lists any service.
+    [[nodiscard]] bool HasServices() const;
     /// The name as the group's list has it, which may differ in case; nothing when the list lacks it.
     [[nodiscard]] std::optional<std::wstring> FindService(
         const std::wstring& group, const std::wstring& service) const;

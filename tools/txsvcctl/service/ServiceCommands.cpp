@@ -176,20 +176,6 @@ void AddRemove(CLI::App& app, IConsole& console)
     command->callback([arguments, &console] { RemoveService(ServiceOf(*arguments), console); });
 }
 
-void AddList(CLI::App& app, IConsole& console)
-{
-    CLI::App* const command =
-        app.add_subcommand("list", "Show groups and services, and what is wrong with them");
-    const auto arguments = std::make_shared<Arguments>();
-    command->add_option("group", arguments->onlyGroup, "Show this group only");
-    command->add_flag("--json", arguments->json, "Write JSON");
-    command->callback([arguments, &console] {
-        WarnAboutViewLink(console);
-        const std::vector<GroupReport> groups = ReportGroups(OptionalFromUtf8(arguments->onlyGroup));
-        console.Out(arguments->json ? FromUtf8(ReportAsJson(groups).dump(2)) : FormatReport(groups));
-    });
-}
-
 /// The services that start or stop was asked for, in the order of their list.
 std::vector<std::wstring> ServicesOf(const Arguments& arguments)
 {
@@ -404,7 +390,6 @@ void AddServiceCommands(CLI::App& app, IConsole& console, const Explain& explain
 {
     AddInstall(app, console);
     AddRemove(app, console);
-    AddList(app, console);
     AddControl(app, console, explain, "start", "Start services and wait until they run", &StartServices);
     AddControl(
         app, console, explain, "restart", "Stop services, wait for their end, start them", &RestartServices);

@@ -13,7 +13,7 @@ class App; // NOLINT(readability-identifier-naming): the library's own name.
 namespace TxCtl
 {
 
-/// Adds install, remove, list, start, restart and stop. The command that the command line names runs when it
+/// Adds install, remove, start, restart and stop. The command that the command line names runs when it
 /// is parsed.
 /// @param console borrowed; must outlive the parsing.
 /// @param explain called with a service whose start failed, to say why.

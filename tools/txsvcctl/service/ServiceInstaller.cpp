@@ -7,6 +7,7 @@
 #include "txsvcctl/common/Names.h"
 #include "txsvcctl/common/ToolError.h"
 #include "txsvcctl/common/ViewLink.h"
+#include "txsvcctl/service/EventSource.h"
 #include "txsvcctl/service/ImagePath.h"
 #include "txsvcctl/service/ModuleFile.h"
 #include "txsvcctl/service/ServiceManager.h"
@@ -226,6 +227,7 @@ void CarryOut(
     const std::optional<std::wstring> oldClsid = store.Clsid(request.service.group, request.service.service);
     store.RegisterClass(change, request.clsid, request.module);
     store.AddService(change, request.service, request.clsid);
+    RegisterEventSource(change, *request.host);
     if (oldClsid && !IsSameName(*oldClsid, request.clsid))
     {
         UnregisterUnusedClass(store, change, oldClsid, request.service);
@@ -281,6 +283,10 @@ void RemoveService(const GroupService& service, IConsole& console)
     AllOrNothing([&](CRegistryChange& change) {
         UnregisterUnusedClass(store, change, clsid, service);
         store.RemoveService(change, service);
+        if (!store.HasServices())
+        {
+            UnregisterEventSource(change);
+        }
         if (isOurs)
         {
             manager.Delete(service.service); // Last: a deleted service cannot be brought back as it was.

@@ -48,7 +48,8 @@ void CarryOut(
 /// @param subject what the message calls it.
 void SayWhenSettingsApply(const std::wstring& subject, const std::wstring& service, IConsole& console);
 
-/// Makes a service known to the host, to COM and to the service manager, or brings what is known up to date.
+/// Makes a service known to the host, to COM, to the service manager and to the event log, or brings what is
+/// known up to date.
 ///
 /// All is checked before the first change. A failure in the middle undoes what was done and says so; the
 /// registry link, which every start of the host would make as well, stays.

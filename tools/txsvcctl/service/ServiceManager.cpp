@@ -1,6 +1,7 @@
 #include "txsvcctl/service/ServiceManager.h"
 
-#include <vector>
+#include <algorithm>
+#include <iterator>
 
 #include "txsvcctl/common/ToolError.h"
 
@@ -192,16 +193,56 @@ Basalt::CServiceHandle CServiceManager::find(const std::wstring& name, DWORD acc
     return service;
 }
 
-std::optional<ServiceConfig> CServiceManager::FindConfig(const std::wstring& name) const
+std::vector<std::wstring> CServiceManager::Names() const
 {
-    const Basalt::CServiceHandle service = find(name, SERVICE_QUERY_CONFIG);
+    std::vector<std::wstring> names;
+    DWORD resume = 0;
+    for (BOOL isDone = FALSE; !isDone;)
+    {
+        std::vector<ENUM_SERVICE_STATUS_PROCESSW> buffer(1024);
+        DWORD needed = 0;
+        DWORD count = 0;
+        isDone = ::EnumServicesStatusExW(
+            m_manager.Get(),
+            SC_ENUM_PROCESS_INFO,
+            SERVICE_WIN32,
+            SERVICE_STATE_ALL,
+            reinterpret_cast<BYTE*>(buffer.data()),
+            static_cast<DWORD>(buffer.size() * sizeof(ENUM_SERVICE_STATUS_PROCESSW)),
+            &needed,
+            &count,
+            &resume,
+            nullptr);
+        const DWORD error = isDone ? ERROR_SUCCESS : ::GetLastError();
+        if (!isDone && (error != ERROR_MORE_DATA || count == 0))
+        {
+            ThrowFailure(L"list the entries of", L"the service control manager", error);
+        }
+        std::transform(
+            buffer.begin(),
+            buffer.begin() + static_cast<std::ptrdiff_t>(count),
+            std::back_inserter(names),
+            [](const ENUM_SERVICE_STATUS_PROCESSW& entry) { return entry.lpServiceName; });
+    }
+    return names;
+}
+
+std::optional<ServiceConfig> CServiceManager::FindConfig(
+    const std::wstring& name, std::optional<ServiceState>* state) const
+{
+    constexpr std::size_t kMostBytes = 8192; // By the call's own rule.
+    const Basalt::CServiceHandle service =
+        find(name, SERVICE_QUERY_CONFIG | (state != nullptr ? SERVICE_QUERY_STATUS : 0));
     if (!service)
     {
         return std::nullopt;
     }
+    if (state != nullptr)
+    {
+        *state = QueryState(service, name);
+    }
     DWORD needed = 0;
-    ::QueryServiceConfigW(service.Get(), nullptr, 0, &needed);
-    std::vector<QUERY_SERVICE_CONFIGW> buffer(needed / sizeof(QUERY_SERVICE_CONFIGW) + 1);
+    std::vector<QUERY_SERVICE_CONFIGW> buffer(kMostBytes / sizeof(QUERY_SERVICE_CONFIGW));
     const auto size = static_cast<DWORD>(buffer.size() * sizeof(QUERY_SERVICE_CONFIGW));
     if (!::QueryServiceConfigW(service.Get(), buffer.data(), size, &needed))
     {

@@ -5,6 +5,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "base/Owned.h"
 
@@ -56,8 +57,13 @@ public:
     /// @param access SC_MANAGER_CONNECT for looking, with SC_MANAGER_CREATE_SERVICE for making entries.
     explicit CServiceManager(DWORD access);
 
+    /// The names of all entries but drivers'. It needs SC_MANAGER_ENUMERATE_SERVICE.
+    [[nodiscard]] std::vector<std::wstring> Names() const;
+
     /// Nothing when there is no such entry.
-    [[nodiscard]] std::optional<ServiceConfig> FindConfig(const std::wstring& name) const;
+    /// @param state receives the state too.
+    [[nodiscard]] std::optional<ServiceConfig> FindConfig(
+        const std::wstring& name, std::optional<ServiceState>* state = nullptr) const;
     [[nodiscard]] std::optional<ServiceState> FindState(const std::wstring& name) const;
 
     /// Makes or changes the entry of a share-process service.
