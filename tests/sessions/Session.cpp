@@ -421,5 +421,5 @@ std::string CSession::normalise(std::string text) const
     const std::regex figures(
         "(: )[\\d.]+( MiB p.*, )[\\d.]+( MiB w.*, )\\d+( t.*, )\\d+( h.* CPU )[\\d.]+( s, up ).*");
     text = std::regex_replace(text, figures, "$1#$2#$3#$4#$5#$6#");
-    return std::regex_replace(text, std::regex("process \\d+"), "process #");
+    return std::regex_replace(text, std::regex("(process |processId\": )[1-9]\\d*"), "$1#");
 }

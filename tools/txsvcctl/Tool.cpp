@@ -8,6 +8,7 @@
 #include "txsvcctl/common/Utf8.h"
 #include "txsvcctl/host/HostCommands.h"
 #include "txsvcctl/host/StatusCommand.h"
+#include "txsvcctl/host/VersionCommand.h"
 #include "txsvcctl/log/LogCommands.h"
 #include "txsvcctl/service/ServiceCommands.h"
 #include "txsvcctl/transfer/TransferCommands.h"
@@ -86,6 +87,7 @@ ExitCode Run(const std::vector<std::wstring>& arguments, IConsole& output)
         app, console, [&console](const std::wstring& service) { ExplainService(service, console); });
     AddTransferCommands(app, console);
     AddStatusCommand(app, console);
+    AddVersionCommand(app, console);
     AddCheckCommand(app, console);
     AddHostCommands(app, console);
     AddLogCommands(app, console);
