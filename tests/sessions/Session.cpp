@@ -432,5 +432,5 @@ std::string CSession::normalise(std::string text) const
     text = std::regex_replace(text, std::regex(" +(  \\((registry|default|log\\.ini)[;)])"), "$1");
     // Wine's manager misses the answer of a process that ends at once.
     text = std::regex_replace(text, std::regex("error 1053: .* It is stopped (?=with)"), "it ended at once ");
-    return std::regex_replace(text, std::regex("process \\d+"), "process #");
+    return std::regex_replace(text, std::regex("(process |processId\": )[1-9]\\d*"), "$1#");
 }

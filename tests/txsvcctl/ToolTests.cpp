@@ -119,7 +119,7 @@ TEST(Program, HandsOnItsArgumentsAndResultsAsUtf8)
     const CTestKey none(HKEY_LOCAL_MACHINE, Contract::kProductKey, false); // What other programs left.
     const std::wstring program = L"\"" + BesideTest(L"txsvcctl.exe") + L"\" ";
     ProcessOutput output = RunForOutput(program + L"log get \"controller: \u4e2d\"");
-    EXPECT_EQ(output.out, "controller: \xE4\xB8\xAD  (searched for)  (default)\r\n");
+    EXPECT_EQ(output.out, "controller: \xE4\xB8\xAD  (searched for) (default)\r\n");
     EXPECT_EQ(output.error, "");
     EXPECT_EQ(output.exitCode, 0U);
     output = RunForOutput(program + L"remove a \"\"");

@@ -9,6 +9,7 @@
 #include "txsvcctl/common/Utf8.h"
 #include "txsvcctl/host/HostCommands.h"
 #include "txsvcctl/host/StatusCommand.h"
+#include "txsvcctl/host/VersionCommand.h"
 #include "txsvcctl/log/LogCommands.h"
 #include "txsvcctl/service/ServiceCommands.h"
 #include "txsvcctl/transfer/TransferCommands.h"
@@ -88,6 +89,7 @@ ExitCode Run(const std::vector<std::wstring>& arguments, IConsole& output)
     AddListCommand(app, console);
     AddTransferCommands(app, console);
     AddStatusCommand(app, console);
+    AddVersionCommand(app, console);
     AddCheckCommand(app, console);
     AddHostCommands(app, console);
     AddLogCommands(app, console);

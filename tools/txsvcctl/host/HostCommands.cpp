@@ -209,7 +209,7 @@ void AddTrim(CLI::App& app, IConsole& console)
     });
 }
 
-void ShowGating(bool isJson, IConsole& console)
+std::wstring DescribeGating(bool isJson)
 {
     const CHostStore store;
     const bool isRequired = store.Get(Contract::kOobeCheckValue).value != 0;
@@ -225,7 +225,7 @@ void ShowGating(bool isJson, IConsole& console)
         }
     }
     const ordered_json json = {{"version", 1}, {"isRequired", isRequired}, {"excluded", excluded}};
-    console.Out(isJson ? FromUtf8(json.dump(2)) : text);
+    return isJson ? FromUtf8(json.dump(2)) : text;
 }
 
 /// The groups that have the service.
@@ -256,7 +256,7 @@ void AddOobe(CLI::App& app, IConsole& console)
                 (CHostStore().*change)(registry, group, arguments->Name());
                 registry.Commit();
             }
-            ShowGating(false, console);
+            console.Done(DescribeGating(false));
         });
     };
     add("exclude", "Let a service run before the set-up", &CHostStore::Exclude);
@@ -265,7 +265,7 @@ void AddOobe(CLI::App& app, IConsole& console)
     command->callback([command, arguments, &console] {
         if (command->get_subcommands().empty())
         {
-            ShowGating(arguments->json, console);
+            console.Out(DescribeGating(arguments->json));
         }
     });
 }

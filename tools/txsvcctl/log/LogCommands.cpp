@@ -87,9 +87,8 @@ std::vector<Cell> SettingRow(const LogSettingReport& report)
     const bool isUsable = report.unusable.empty();
     return {
         {report.name},
-        {report.value},
-        {L"(" + OriginName(report.origin) +
-             (isUsable ? L")" : L"; cannot be used: " + report.unusable + L")"),
+        {report.value + L" (" + OriginName(report.origin) +
+             (isUsable ? L"" : L"; cannot be used: " + report.unusable) + L")",
          isUsable ? Tone::Plain : Tone::Bad}};
 }
 

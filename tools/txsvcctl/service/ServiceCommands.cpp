@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "base/Owned.h"
-#include "base/Text.h"
+#include "txsvcctl/common/Progress.h"
 #include "txsvcctl/common/ToolError.h"
 #include "txsvcctl/common/Utf8.h"
 #include "txsvcctl/common/ViewLink.h"
@@ -207,20 +207,20 @@ class COutcomes
 public:
     COutcomes(bool isJson, IConsole& console) : m_isJson(isJson), m_console(console) {}
 
+    /// @param what is done with it, for whoever looks on.
     /// @param operation returns the service's state.
     template <typename Operation, typename Explain>
-    void Add(const std::wstring& name, const Operation& operation, const Explain& explain)
+    void Add(
+        const std::wstring& name, const wchar_t* what, const Operation& operation, const Explain& explain)
     {
         try
         {
-            const OnWait onWait = [&](const ServiceState& state, ULONGLONG waitedMs) {
-                showWait(name, state, waitedMs);
-            };
-            report(name, operation(name, onWait));
+            ServiceState state;
+            RunWithProgress(m_console, name + L": " + what, [&] { state = operation(); });
+            report(name, state);
         }
         catch (const CToolError& error)
         {
-            m_console.Progress({});
             ReportError(m_console, error);
             explain(name);
             m_hasFailed = true;
@@ -254,20 +254,8 @@ public:
     }
 
 private:
-    void showWait(const std::wstring& name, const ServiceState& state, ULONGLONG waitedMs) const
-    {
-        constexpr ULONGLONG kShortMs = 300; // What is over at once need not flicker.
-        if (waitedMs >= kShortMs)
-        {
-            m_console.Progress(
-                name + L": " + StateName(state) +
-                Basalt::FormatText(L", %.1f s ...", static_cast<double>(waitedMs) / 1000));
-        }
-    }
-
     void report(const std::wstring& name, const ServiceState& state)
     {
-        m_console.Progress({});
         m_services[name] = {
             {"name", ToUtf8(name)},
             {"state", ToUtf8(StateName(state))},
@@ -325,11 +313,7 @@ void StartServices(const ControlRequest& request, COutcomes& outcomes)
     for (const std::wstring& name : request.names)
     {
         outcomes.Add(
-            name,
-            [&](const std::wstring& service, const OnWait& onWait) {
-                return manager.Start(service, request.timeoutMs, onWait);
-            },
-            request.explain);
+            name, L"starting", [&] { return manager.Start(name, request.timeoutMs); }, request.explain);
     }
 }
 
@@ -341,9 +325,8 @@ void StopServices(const ControlRequest& request, COutcomes& outcomes)
     {
         outcomes.Add(
             *name,
-            [&](const std::wstring& service, const OnWait& onWait) {
-                return manager.Stop(service, request.timeoutMs, onWait);
-            },
+            L"stopping",
+            [&] { return manager.Stop(*name, request.timeoutMs); },
             [](const std::wstring& /*service*/) {});
     }
 }

@@ -57,35 +57,25 @@ bool IsPending(const ServiceState& state)
     }
 }
 
-/// A wait with its end, by the tick count.
+/// The end of a wait, by the tick count.
 class CDeadline
 {
 public:
-    CDeadline(DWORD timeoutMs, const OnWait& onWait)
-        : m_begin(::GetTickCount64()), m_end(m_begin + timeoutMs), m_onWait(onWait)
-    {
-    }
+    explicit CDeadline(DWORD timeoutMs) noexcept : m_end(::GetTickCount64() + timeoutMs) {}
 
     /// Sleeps a little. @return false when the time is up.
-    [[nodiscard]] bool Wait(const ServiceState& state) const
+    [[nodiscard]] bool Wait() const noexcept
     {
-        const ULONGLONG now = ::GetTickCount64();
-        if (now >= m_end)
+        if (::GetTickCount64() >= m_end)
         {
             return false;
-        }
-        if (m_onWait)
-        {
-            m_onWait(state, now - m_begin);
         }
         ::Sleep(kPollMs);
         return true;
     }
 
 private:
-    ULONGLONG m_begin;
     ULONGLONG m_end;
-    const OnWait& m_onWait;
 };
 
 [[noreturn]] void ThrowTimeout(const wchar_t* operation, const std::wstring& name, const ServiceState& state)
@@ -108,7 +98,7 @@ ServiceState WaitWhilePending(
         {
             return state;
         }
-        if (!deadline.Wait(state))
+        if (!deadline.Wait())
         {
             ThrowTimeout(operation, name, state);
         }
@@ -317,9 +307,9 @@ void CServiceManager::Delete(const std::wstring& name) const
     }
 }
 
-ServiceState CServiceManager::Start(const std::wstring& name, DWORD timeoutMs, const OnWait& onWait) const
+ServiceState CServiceManager::Start(const std::wstring& name, DWORD timeoutMs) const
 {
-    const CDeadline deadline(timeoutMs, onWait);
+    const CDeadline deadline(timeoutMs);
     const Basalt::CServiceHandle service = open(name, SERVICE_START | SERVICE_QUERY_STATUS, kStartService);
     // A service on its way down can be started only when it is down.
     ServiceState state = WaitWhilePending(service, name, deadline, kStartService);
@@ -346,9 +336,9 @@ ServiceState CServiceManager::Start(const std::wstring& name, DWORD timeoutMs, c
     return state;
 }
 
-ServiceState CServiceManager::Stop(const std::wstring& name, DWORD timeoutMs, const OnWait& onWait) const
+ServiceState CServiceManager::Stop(const std::wstring& name, DWORD timeoutMs) const
 {
-    const CDeadline deadline(timeoutMs, onWait);
+    const CDeadline deadline(timeoutMs);
     const Basalt::CServiceHandle service = open(name, SERVICE_STOP | SERVICE_QUERY_STATUS, kStopService);
     bool isRequested = false;
     for (;;)
@@ -370,7 +360,7 @@ ServiceState CServiceManager::Stop(const std::wstring& name, DWORD timeoutMs, co
             }
             isRequested = isTaken;
         }
-        if (!deadline.Wait(state))
+        if (!deadline.Wait())
         {
             ThrowTimeout(kStopService, name, state);
         }

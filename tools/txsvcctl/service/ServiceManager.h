@@ -2,7 +2,6 @@
 
 #include <windows.h>
 
-#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -39,9 +38,6 @@ struct ServiceState
     DWORD serviceExitCode = 0;
 };
 
-/// Told again and again while a service is waited for.
-using OnWait = std::function<void(const ServiceState& state, ULONGLONG waitedMs)>;
-
 /// "running"
 [[nodiscard]] std::wstring StateName(const ServiceState& state);
 /// "exit code 5 (error 5: Access is denied.)"
@@ -73,11 +69,9 @@ public:
 
     /// Starts the service, unless it runs, and waits until it runs. A service that ends before that has
     /// failed.
-    [[nodiscard]] ServiceState Start(
-        const std::wstring& name, DWORD timeoutMs, const OnWait& onWait = {}) const;
+    [[nodiscard]] ServiceState Start(const std::wstring& name, DWORD timeoutMs) const;
     /// Stops the service, unless it is stopped, and waits until it is.
-    [[nodiscard]] ServiceState Stop(
-        const std::wstring& name, DWORD timeoutMs, const OnWait& onWait = {}) const;
+    [[nodiscard]] ServiceState Stop(const std::wstring& name, DWORD timeoutMs) const;
 
 private:
     [[nodiscard]] Basalt::CServiceHandle open(

@@ -187,10 +187,6 @@ void Show(const Changes& changes, const ImportRequest& request, IConsole& consol
     {
         request.isDryRun ? console.Out(LineOf(change)) : console.Done(LineOf(change));
     }
-    if (changes.empty())
-    {
-        console.Done(L"Everything is as the document has it.");
-    }
 }
 
 /// The account whose password an import has to know; empty for none.
@@ -304,6 +300,10 @@ void Import(const ImportRequest& request, IConsole& console)
     if (isPart)
     {
         throw CToolError(ExitCode::Findings, {});
+    }
+    if (changes.empty() && !request.isJson)
+    {
+        console.Done(L"Everything is as the document has it.");
     }
 }
 
