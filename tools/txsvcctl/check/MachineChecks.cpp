@@ -191,7 +191,8 @@ void CheckLogRoom(const std::wstring& folder, CFindings& findings)
     }
 }
 
-void CheckLogFolder(const std::wstring& folder, CFindings& findings)
+/// @return whether it is there and can be used.
+bool CheckLogPlace(const std::wstring& folder, CFindings& findings)
 {
     const DWORD attributes = ::GetFileAttributesW(folder.c_str());
     const DWORD error = ::GetLastError();
@@ -201,11 +202,26 @@ void CheckLogFolder(const std::wstring& folder, CFindings& findings)
         {
             findings.Add(FindingId::LogFolderUnusable, folder, DescribeError(error));
         }
-        return;
+        return false;
     }
     if ((attributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT)) != FILE_ATTRIBUTE_DIRECTORY)
     {
         findings.Add(FindingId::LogFolderUnusable, folder, L"it is a link or no folder");
+        return false;
+    }
+    return true;
+}
+
+/// @param configured empty for the default folder, whose parent must be in its place too.
+void CheckLogFolder(const std::wstring& configured, CFindings& findings)
+{
+    const std::wstring folder = configured.empty() ? TxSdk::DefaultLogFolder() : configured;
+    if (configured.empty())
+    {
+        static_cast<void>(CheckLogPlace(folder.substr(0, folder.rfind(L'\\')), findings));
+    }
+    if (!CheckLogPlace(folder, findings))
+    {
         return;
     }
     if (CFileChecks().CanUsersWrite(folder))
@@ -243,7 +259,7 @@ void CheckLog(CFindings& findings)
     }
     if (settings.mechanism == ETWLogging::kFileMechanism)
     {
-        CheckLogFolder(settings.folder.empty() ? TxSdk::DefaultLogFolder() : settings.folder, findings);
+        CheckLogFolder(settings.folder, findings);
     }
     CheckLogController(findings);
 }
