@@ -73,7 +73,9 @@ std::wstring DescribeVerdict(DWORD verdict)
 }
 
 /// Values that nobody reads.
-void CheckNames(const std::wstring& path, const std::vector<std::wstring>& known, CFindings& findings)
+/// @param isShared other programs' values may stand there: what resembles no known name is theirs.
+void CheckNames(
+    const std::wstring& path, const std::vector<std::wstring>& known, bool isShared, CFindings& findings)
 {
     Basalt::CRegKey key;
     if (key.Open(HKEY_LOCAL_MACHINE, path.c_str(), KEY_READ) != ERROR_SUCCESS)
@@ -82,9 +84,10 @@ void CheckNames(const std::wstring& path, const std::vector<std::wstring>& known
     }
     for (const std::wstring& name : ValueNames(key, path))
     {
-        if (!name.empty() && !HoldsName(known, name))
+        const std::wstring meant = DidYouMean(name, known);
+        if (!name.empty() && !HoldsName(known, name) && !(isShared && meant.empty()))
         {
-            findings.Add(FindingId::UnknownValue, name, L"nobody reads it" + DidYouMean(name, known));
+            findings.Add(FindingId::UnknownValue, name, L"nobody reads it" + meant);
         }
     }
 }
@@ -107,7 +110,7 @@ void CheckSettings(CFindings& findings)
                 [name] { CHostStore().Unset(name); });
         }
     }
-    CheckNames(HostPath(), names, findings);
+    CheckNames(HostPath(), names, false, findings);
 }
 
 /// As a host asks it that starts now.
@@ -234,8 +237,7 @@ void CheckLogFolder(const std::wstring& configured, CFindings& findings)
 void CheckLog(CFindings& findings)
 {
     const std::wstring path = Contract::In32BitView(Contract::kLoggingKey);
-    std::vector<std::wstring> names = {
-        ETWLogging::kControllerPathPrefix + std::wstring(ETWLogging::kHostApplication)};
+    std::vector<std::wstring> names;
     for (const auto& setting :
          {ETWLogging::kMechanismSetting,
           ETWLogging::kLevelSetting,
@@ -251,7 +253,7 @@ void CheckLog(CFindings& findings)
     {
         names.emplace_back(setting.name);
     }
-    CheckNames(path, names, findings);
+    CheckNames(path, names, true, findings);
     const ETWLogging::LogSettings settings = CLogStore().Settings();
     if (!settings.problems.empty())
     {
