@@ -136,10 +136,6 @@ std::wstring FormatReport(const std::vector<GroupReport>& groups)
     for (const GroupReport& group : groups)
     {
         text += (text.empty() ? L"Group " : L"\nGroup ") + group.name;
-        if (group.services.empty() && group.problems.empty())
-        {
-            text += L"\n  no services";
-        }
         AppendProblems(text, L"  ", group.problems);
         for (const ServiceReport& service : group.services)
         {

@@ -73,7 +73,9 @@ std::wstring DescribeVerdict(DWORD verdict)
 }
 
 /// Values that nobody reads.
-void CheckNames(const std::wstring& path, const std::vector<std::wstring>& known, CFindings& findings)
+/// @param isShared other programs' values may stand there: what resembles no known name is theirs.
+void CheckNames(
+    const std::wstring& path, const std::vector<std::wstring>& known, bool isShared, CFindings& findings)
 {
     Basalt::CRegKey key;
     if (key.Open(HKEY_LOCAL_MACHINE, path.c_str(), KEY_READ) != ERROR_SUCCESS)
@@ -82,9 +84,10 @@ void CheckNames(const std::wstring& path, const std::vector<std::wstring>& known
     }
     for (const std::wstring& name : ValueNames(key, path))
     {
-        if (!name.empty() && !HoldsName(known, name))
+        const std::wstring meant = DidYouMean(name, known);
+        if (!name.empty() && !HoldsName(known, name) && !(isShared && meant.empty()))
         {
-            findings.Add(FindingId::UnknownValue, name, L"nobody reads it" + DidYouMean(name, known));
+            findings.Add(FindingId::UnknownValue, name, L"nobody reads it" + meant);
         }
     }
 }
@@ -107,7 +110,7 @@ void CheckSettings(CFindings& findings)
                 [name] { CHostStore().Unset(name); });
         }
     }
-    CheckNames(HostPath(), names, findings);
+    CheckNames(HostPath(), names, false, findings);
 }
 
 /// As a host asks it that starts now.
@@ -191,7 +194,8 @@ void CheckLogRoom(const std::wstring& folder, CFindings& findings)
     }
 }
 
-void CheckLogFolder(const std::wstring& folder, CFindings& findings)
+/// @return whether it is there and can be used.
+bool CheckLogPlace(const std::wstring& folder, CFindings& findings)
 {
     const DWORD attributes = ::GetFileAttributesW(folder.c_str());
     const DWORD error = ::GetLastError();
@@ -201,11 +205,26 @@ void CheckLogFolder(const std::wstring& folder, CFindings& findings)
         {
             findings.Add(FindingId::LogFolderUnusable, folder, DescribeError(error));
         }
-        return;
+        return false;
     }
     if ((attributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT)) != FILE_ATTRIBUTE_DIRECTORY)
     {
         findings.Add(FindingId::LogFolderUnusable, folder, L"it is a link or no folder");
+        return false;
+    }
+    return true;
+}
+
+/// @param configured empty for the default folder, whose parent must be in its place too.
+void CheckLogFolder(const std::wstring& configured, CFindings& findings)
+{
+    const std::wstring folder = configured.empty() ? TxSdk::DefaultLogFolder() : configured;
+    if (configured.empty())
+    {
+        static_cast<void>(CheckLogPlace(folder.substr(0, folder.rfind(L'\\')), findings));
+    }
+    if (!CheckLogPlace(folder, findings))
+    {
         return;
     }
     if (CFileChecks().CanUsersWrite(folder))
@@ -218,8 +237,7 @@ void CheckLogFolder(const std::wstring& folder, CFindings& findings)
 void CheckLog(CFindings& findings)
 {
     const std::wstring path = Contract::In32BitView(Contract::kLoggingKey);
-    std::vector<std::wstring> names = {
-        ETWLogging::kControllerPathPrefix + std::wstring(ETWLogging::kHostApplication)};
+    std::vector<std::wstring> names;
     for (const auto& setting :
          {ETWLogging::kMechanismSetting,
           ETWLogging::kLevelSetting,
@@ -235,7 +253,7 @@ void CheckLog(CFindings& findings)
     {
         names.emplace_back(setting.name);
     }
-    CheckNames(path, names, findings);
+    CheckNames(path, names, true, findings);
     const ETWLogging::LogSettings settings = CLogStore().Settings();
     if (!settings.problems.empty())
     {
@@ -243,7 +261,7 @@ void CheckLog(CFindings& findings)
     }
     if (settings.mechanism == ETWLogging::kFileMechanism)
     {
-        CheckLogFolder(settings.folder.empty() ? TxSdk::DefaultLogFolder() : settings.folder, findings);
+        CheckLogFolder(settings.folder, findings);
     }
     CheckLogController(findings);
 }
