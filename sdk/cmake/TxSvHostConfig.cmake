@@ -1,8 +1,8 @@
 # The kit of the Tarvex Shared Service Host. find_package(TxSvHost) brings
 #
 #   txsvhost_add_service(NAME SOURCES FILE... [DESCRIPTION TEXT] [COMPANY TEXT] [VERSION N.N.N.N] [LIBRARIES NAME...])
-#     A hosted service: a DLL with the export that the host looks for. Without one (TX_SUBSYSTEM_MODULE forgotten) it
-#     does not link.
+#     A hosted service: a DLL with the export that the host looks for. Without one (TX_SUBSYSTEM_MODULE forgotten) the
+#     build fails.
 #   txsvhost_add_module(...)  another DLL, such as a log controller
 #   txsvhost_add_program(...) a program with wmain, such as an updater
 #
@@ -25,8 +25,6 @@ endif()
 if(NOT CMAKE_RC_COMPILER_LOADED)
   enable_language(RC) # For the version resource.
 endif()
-
-set(TxSvHost_RESOURCE ${CMAKE_CURRENT_LIST_DIR}/version.rc.in)
 
 add_library(TxSvHost::sdk INTERFACE IMPORTED GLOBAL)
 target_include_directories(TxSvHost::sdk INTERFACE ${CMAKE_CURRENT_LIST_DIR}/../../../include)
@@ -62,32 +60,40 @@ if(MINGW AND CMAKE_CXX_COMPILER_ID STREQUAL Clang)
 endif()
 
 function(txsvhost_add_service name)
-  txsvhost_add_module(${name} ${ARGN})
-  if(MINGW)
-    target_link_options(${name} PRIVATE -Wl,-u,DllGetClassObject)
-  else()
-    target_link_options(${name} PRIVATE /INCLUDE:DllGetClassObject)
-  endif()
+  TxSvHost_parse()
+  add_library(${name} MODULE)
+  TxSvHost_finish(${name} .dll VFT_DLL)
+  add_custom_command(TARGET ${name} POST_BUILD VERBATIM
+    COMMAND ${CMAKE_COMMAND} -D module=$<TARGET_FILE:${name}> -P ${TxSvHost_DIR}/CheckExport.cmake)
 endfunction()
 
 function(txsvhost_add_module name)
+  TxSvHost_parse()
   add_library(${name} MODULE)
-  TxSvHost_finish(${name} .dll VFT_DLL ${ARGN})
+  TxSvHost_finish(${name} .dll VFT_DLL)
 endfunction()
 
 function(txsvhost_add_program name)
+  TxSvHost_parse()
   add_executable(${name})
-  TxSvHost_finish(${name} .exe VFT_APP ${ARGN})
+  TxSvHost_finish(${name} .exe VFT_APP)
   if(MINGW)
     target_link_options(${name} PRIVATE -municode)
   endif()
 endfunction()
 
-function(TxSvHost_finish name suffix file_type)
-  cmake_parse_arguments(PARSE_ARGV 3 arg "" "DESCRIPTION;COMPANY;VERSION" "SOURCES;LIBRARIES")
-  if(arg_UNPARSED_ARGUMENTS OR NOT arg_SOURCES)
-    message(FATAL_ERROR "TxSvHost: ${name} needs SOURCES FILE..., and knows no '${arg_UNPARSED_ARGUMENTS}'.")
+# What the caller's caller gave, as arg_SOURCES and so on.
+macro(TxSvHost_parse)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "DESCRIPTION;COMPANY;VERSION" "SOURCES;LIBRARIES")
+  if(arg_UNPARSED_ARGUMENTS)
+    message(FATAL_ERROR "TxSvHost: ${name}: no such argument: ${arg_UNPARSED_ARGUMENTS}")
   endif()
+  if(NOT arg_SOURCES)
+    message(FATAL_ERROR "TxSvHost: ${name} needs SOURCES FILE...")
+  endif()
+endmacro()
+
+function(TxSvHost_finish name suffix file_type)
   target_sources(${name} PRIVATE ${arg_SOURCES})
   target_link_libraries(${name} PRIVATE TxSvHost::sdk ${arg_LIBRARIES})
   set_target_properties(${name} PROPERTIES
@@ -103,21 +109,23 @@ function(TxSvHost_finish name suffix file_type)
       target_link_options(${name} PRIVATE -Wl,--pdb=$<TARGET_FILE_DIR:${name}>/${name}.pdb)
     endif()
   endif()
-  TxSvHost_add_resource(${name} ${name}${suffix} ${file_type} "${arg_DESCRIPTION}" "${arg_COMPANY}" "${arg_VERSION}")
+  TxSvHost_add_resource()
 endfunction()
 
-function(TxSvHost_add_resource name file_name file_type description company version)
+function(TxSvHost_add_resource)
   foreach(other ${PROJECT_VERSION} 0)
-    if("${version}" STREQUAL "")
-      set(version ${other})
+    if("${arg_VERSION}" STREQUAL "")
+      set(arg_VERSION ${other})
     endif()
   endforeach()
-  if("${description}" STREQUAL "")
-    set(description ${name})
+  if("${arg_DESCRIPTION}" STREQUAL "")
+    set(arg_DESCRIPTION ${name})
   endif()
-  string(REPLACE . , version_numbers ${version})
-  string(REPLACE "\"" "\"\"" description "${description}")
-  string(REPLACE "\"" "\"\"" company "${company}")
-  configure_file(${TxSvHost_RESOURCE} ${CMAKE_CURRENT_BINARY_DIR}/${name}.rc @ONLY)
+  string(REPLACE . , version_numbers ${arg_VERSION})
+  foreach(text DESCRIPTION COMPANY)
+    string(REPLACE "\\" "\\\\" arg_${text} "${arg_${text}}")
+    string(REPLACE "\"" "\"\"" arg_${text} "${arg_${text}}")
+  endforeach()
+  configure_file(${TxSvHost_DIR}/version.rc.in ${CMAKE_CURRENT_BINARY_DIR}/${name}.rc @ONLY)
   target_sources(${name} PRIVATE ${CMAKE_CURRENT_BINARY_DIR}/${name}.rc)
 endfunction()
