@@ -8,6 +8,7 @@
 #include "txsvcctl/host/HostCommands.h"
 #include "txsvcctl/host/StatusCommand.h"
 #include "txsvcctl/log/LogCommands.h"
+#include "txsvcctl/project/NewCommand.h"
 #include "txsvcctl/service/ServiceCommands.h"
 
 namespace TxCtl
@@ -50,6 +51,7 @@ ExitCode Run(const std::vector<std::wstring>& arguments, IConsole& console)
     AddCheckCommand(app, console);
     AddHostCommands(app, console);
     AddLogCommands(app, console);
+    AddNewCommand(app, console);
     try
     {
         Parse(app, arguments);

@@ -92,6 +92,10 @@ std::wstring ExplainLoad(HRESULT result, const std::wstring& path, const std::ws
         return L"the class was not created: " + FaultWatch::LastOnThisThread() +
                L" in DllGetClassObject or the class's constructor";
     }
+    if (SUCCEEDED(result))
+    {
+        return L"the class was not created: CreateObject gave success, but no object";
+    }
     return Basalt::FormatText(
         L"the class was not created: DllGetClassObject or CreateObject returned 0x%08X", result);
 }

@@ -129,6 +129,12 @@ bool Parse(const std::vector<std::wstring>& arguments, Options& options)
     return true;
 }
 
+/// Of a service that was not loaded: Win32 errors as such.
+DWORD ExitCodeOf(HRESULT failure)
+{
+    return static_cast<DWORD>(HRESULT_FACILITY(failure) == FACILITY_WIN32 ? HRESULT_CODE(failure) : failure);
+}
+
 /// After TxServiceMain has returned.
 DWORD ExitCodeOf(const CTxSvcHostProxy::RunResult& result)
 {
@@ -174,10 +180,10 @@ DWORD RunService(Options& options)
         return ERROR_INVALID_PARAMETER;
     }
     const HRESULT loaded = CTxSvcHostProxy::LoadSubsystem(options.service, options.path, clsid, holder);
-    if (FAILED(loaded) || holder.Interface() == nullptr)
+    if (holder.Interface() == nullptr)
     {
         Tell(ExplainLoad(loaded, options.path, options.clsid));
-        return FAILED(loaded) ? static_cast<DWORD>(loaded) : ERROR_INVALID_FUNCTION;
+        return ExitCodeOf(FAILED(loaded) ? loaded : E_POINTER);
     }
     ManagerStandIn::TakeCallsOf(holder.Module());
 
