@@ -24,6 +24,7 @@ function(install_pages destination) # PAGE...
       string(REPLACE "](../samples" "](samples" text "${text}")
     elseif(destination STREQUAL kit/samples)
       string(REPLACE "[`sdk/`](../sdk)" "[`include/`](../include)" text "${text}")
+      string(REPLACE "](../sdk/README.md)" "](../README.md)" text "${text}")
       string(REPLACE ../docs/ ../../docs/ text "${text}")
     endif()
     get_filename_component(name ${page} NAME)

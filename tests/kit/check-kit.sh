@@ -60,13 +60,12 @@ commands_of() { # PAGE
 
 check_installed() {
     local page link
-    (cd "$host" && ls -d ./* bin/* kit/*) >installed
+    (cd "$host" && ls -d ./* bin/* kit/*) | grep -v symbols >installed
     diff - installed <<'LIST' || fail "something else is installed"
 ./README.md
 ./bin
 ./docs
 ./kit
-./symbols
 bin/TxSvHost.exe
 bin/TxSvHostPS.dll
 bin/txsvcctl.exe
@@ -79,6 +78,7 @@ kit/lib
 kit/samples
 kit/toolchains
 LIST
+    [ ! -f "$build/bin/TxSvHost.pdb" ] || [ -f "$host/symbols/TxSvHost.pdb" ] || fail "no symbols were installed"
     while IFS=: read -r page link; do
         case $link in
         http* | '') ;;
