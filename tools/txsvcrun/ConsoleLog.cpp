@@ -123,7 +123,7 @@ public:
 
 } // namespace
 
-void Begin(TxCtl::IConsole& console) noexcept
+void Begin(TxCtl::IConsole& console)
 {
     static CBuilder s_builder;
     g_writer = new CWriter(console);

@@ -11,7 +11,7 @@ namespace TxRun::ConsoleLog
 
 /// Threads: the main thread, before anything is logged.
 /// @param console borrowed until the end of the process.
-void Begin(TxCtl::IConsole& console) noexcept;
+void Begin(TxCtl::IConsole& console);
 
 /// A line of this program among the log's, with "State" for its level. Threads: any.
 void AddState(const std::wstring& text) noexcept;

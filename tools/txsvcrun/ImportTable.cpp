@@ -48,7 +48,7 @@ void Write(void* slot, void* value) noexcept
     DWORD protection = 0;
     if (::VirtualProtect(slot, sizeof(value), PAGE_READWRITE, &protection)) // Read-only once it is loaded.
     {
-        std::memcpy(slot, &value, sizeof(value));
+        std::memcpy(slot, static_cast<const void*>(&value), sizeof(value));
         ::VirtualProtect(slot, sizeof(value), protection, &protection);
     }
 }
