@@ -11,6 +11,7 @@
 #include "txsvcctl/host/StatusCommand.h"
 #include "txsvcctl/host/VersionCommand.h"
 #include "txsvcctl/log/LogCommands.h"
+#include "txsvcctl/project/NewCommand.h"
 #include "txsvcctl/service/ServiceCommands.h"
 #include "txsvcctl/transfer/TransferCommands.h"
 
@@ -93,6 +94,7 @@ ExitCode Run(const std::vector<std::wstring>& arguments, IConsole& output)
     AddCheckCommand(app, console);
     AddHostCommands(app, console);
     AddLogCommands(app, console);
+    AddNewCommand(app, console);
     AddQuiet(app, console.IsQuiet());
     try
     {
