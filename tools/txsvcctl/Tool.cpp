@@ -9,6 +9,7 @@
 #include "txsvcctl/host/StatusCommand.h"
 #include "txsvcctl/log/LogCommands.h"
 #include "txsvcctl/service/ServiceCommands.h"
+#include "txsvcctl/setup/SetupCommand.h"
 
 namespace TxCtl
 {
@@ -50,6 +51,7 @@ ExitCode Run(const std::vector<std::wstring>& arguments, IConsole& console)
     AddCheckCommand(app, console);
     AddHostCommands(app, console);
     AddLogCommands(app, console);
+    AddSetupCommands(app, console);
     try
     {
         Parse(app, arguments);

@@ -18,6 +18,8 @@ enum class ExitCode : int
     Failed = 1,      ///< The command line was right, the work could not be done.
     Usage = 2,       ///< The command line alone shows the mistake.
     SystemError = 3, ///< Of check, whose findings are its 1: something could not be read or changed.
+    RestartNeeded =
+        3010, ///< Of setup: done, but old files wait for the system's next start. Windows' number.
 };
 
 /// Why a command ends early. Thrown anywhere below RunTool, which prints the text and returns the code; no
