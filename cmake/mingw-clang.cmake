@@ -1,7 +1,7 @@
 # clang 19 and lld over the mingw-w64 libraries of Debian 12.
 set(CMAKE_SYSTEM_NAME Windows)
 set(CMAKE_SYSTEM_PROCESSOR AMD64)
-set(CMAKE_C_COMPILER clang-19) # Only for GoogleTest, whose project asks for C too.
+set(CMAKE_C_COMPILER clang-19) # For projects that ask for C too, as GoogleTest does.
 set(CMAKE_C_COMPILER_TARGET x86_64-w64-mingw32)
 set(CMAKE_CXX_COMPILER clang++-19)
 set(CMAKE_CXX_COMPILER_TARGET x86_64-w64-mingw32)

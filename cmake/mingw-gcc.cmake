@@ -1,7 +1,7 @@
 # g++ 12: the second compiler, and the one that measures line coverage.
 set(CMAKE_SYSTEM_NAME Windows)
 set(CMAKE_SYSTEM_PROCESSOR AMD64)
-set(CMAKE_C_COMPILER x86_64-w64-mingw32-gcc-posix) # Only for GoogleTest, whose project asks for C too.
+set(CMAKE_C_COMPILER x86_64-w64-mingw32-gcc-posix) # For projects that ask for C too, as GoogleTest does.
 set(CMAKE_CXX_COMPILER x86_64-w64-mingw32-g++-posix)
 set(CMAKE_RC_COMPILER x86_64-w64-mingw32-windres)
 

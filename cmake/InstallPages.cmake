@@ -1,0 +1,30 @@
+# Run by "cmake --install": see HostInstall.cmake.
+
+# In the tree the headers are in sdk/ and the pages' links lead around in it; installed, the same things have other
+# names, and some are not there.
+function(install_pages destination) # PAGE...
+  set(root "$ENV{DESTDIR}${CMAKE_INSTALL_PREFIX}/${destination}")
+  foreach(page ${ARGN})
+    file(READ ${page} text)
+    if(destination STREQUAL docs)
+      string(REPLACE sdk/TxSvHostEvents.mof kit/TxSvHostEvents.mof text "${text}")
+      string(REPLACE sdk/TxSvHost.idl kit/idl/TxSvHost.idl text "${text}")
+      string(REPLACE sdk/ kit/include/ text "${text}")
+      string(REPLACE samples/ kit/samples/ text "${text}")
+      string(REPLACE "[benchmarks.md](benchmarks.md)" "`docs/benchmarks.md` of the sources" text "${text}")
+    elseif(destination STREQUAL kit)
+      string(REPLACE "](Tx" "](include/Tx" text "${text}")
+      string(REPLACE "](include/TxSvHost.idl" "](idl/TxSvHost.idl" text "${text}")
+      string(REPLACE "](include/TxSvHostEvents.mof" "](TxSvHostEvents.mof" text "${text}")
+      string(REPLACE "](cmake/Tx" "](lib/cmake/TxSvHost/Tx" text "${text}")
+      string(REPLACE "](../cmake" "](toolchains" text "${text}")
+      string(REPLACE "](../samples" "](samples" text "${text}")
+    elseif(destination STREQUAL kit/samples)
+      string(REPLACE "[`sdk/`](../sdk)" "[`include/`](../include)" text "${text}")
+      string(REPLACE ../docs/ ../../docs/ text "${text}")
+    endif()
+    get_filename_component(name ${page} NAME)
+    message(STATUS "Installing: ${root}/${name}")
+    file(WRITE ${root}/${name} "${text}")
+  endforeach()
+endfunction()
