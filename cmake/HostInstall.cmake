@@ -4,7 +4,9 @@ set(shipped TxSvHost TxSvHostPS txsvcctl)
 set(user_documents docs/configuration.md docs/findings.md docs/group-control.md docs/hosting-a-service.md
   docs/logging.md docs/trust-and-start.md docs/txsvcctl.md docs/update-client.md docs/working-set.md)
 
-install(TARGETS ${shipped} RUNTIME DESTINATION bin LIBRARY DESTINATION bin COMPONENT runtime)
+install(TARGETS ${shipped}
+  RUNTIME DESTINATION bin COMPONENT runtime
+  LIBRARY DESTINATION bin COMPONENT runtime)
 foreach(target ${shipped})
   # Only clang writes them.
   install(FILES ${CMAKE_BINARY_DIR}/bin/${target}.pdb DESTINATION symbols COMPONENT symbols OPTIONAL)

@@ -134,10 +134,12 @@ void GoBack(
     services.Start(console);
 }
 
+/// Leaves COM at its end, which holds the old proxies until then.
 /// @param change what is to be undone as a whole when it fails.
 template <typename Change>
 void AllOrNothing(CFileExchange& exchange, const std::wstring& folder, IConsole& console, Change change)
 {
+    const CApartment apartment;
     CRunningServices services;
     bool hasRegistered = false;
     try
@@ -172,7 +174,6 @@ void InstallProduct(const Arguments& arguments, IConsole& console)
         ThrowUsage(
             L"'" + to + L"' is where the package itself is: unpack it elsewhere, or give another --to");
     }
-    const CApartment apartment;
     CFileExchange exchange(to);
     exchange.Stage(from);
     AllOrNothing(exchange, to, console, [&](CRunningServices& services, bool& hasRegistered) {
@@ -195,7 +196,6 @@ void RemoveProduct(const Arguments& arguments, IConsole& console)
     {
         ThrowUsage(L"a program cannot remove itself: run a copy of txsvcctl.exe from outside of " + folder);
     }
-    const CApartment apartment;
     CFileExchange exchange(folder);
     if (!exchange.IsInstalled())
     {
