@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""Writes what a package consists of: bill_of_materials.py --version VERSION RUNTIME KIT
+"""Writes what a package consists of: bill_of_materials.py --version VERSION FOLDER...
 
-Into RUNTIME go TxSvHost.spdx.json, an SPDX 2.3 document with the files of both folders, each with its checksums, and
+Into the first folder go TxSvHost.spdx.json, an SPDX 2.3 document with the files of all of them, each with its checksums, and
 with the libraries that are linked in, and licenses/, with the texts that their licences ask to be passed on. Versions
 and texts are those of the Debian packages that the build has used.
 """
@@ -135,14 +135,14 @@ def document(version, files):
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--version", required=True)
-    parser.add_argument("runtime", type=pathlib.Path)
-    parser.add_argument("kit", type=pathlib.Path)
+    parser.add_argument("folders", type=pathlib.Path, nargs="+")
     arguments = parser.parse_args()
-    copy_licenses(arguments.runtime / "licenses")
-    files = [describe_file(root, path) for root in (arguments.runtime, arguments.kit)
+    runtime = arguments.folders[0]
+    copy_licenses(runtime / "licenses")
+    files = [describe_file(root, path) for root in arguments.folders
              for path in sorted(root.rglob("*")) if path.is_file()]
     text = json.dumps(document(arguments.version, files), indent=1)
-    (arguments.runtime / "TxSvHost.spdx.json").write_text(text + "\n")
+    (runtime / "TxSvHost.spdx.json").write_text(text + "\n")
 
 
 main()

@@ -138,7 +138,10 @@ void StopByGroupControl(IConsole& console)
         }
         if (result != S_OK)
         {
-            if (!hasStopped || result != REGDB_E_CLASSNOTREG)
+            // "File not found" is Wine's word for a registered class without a server that runs.
+            const bool isNoneLeft =
+                result == REGDB_E_CLASSNOTREG || result == HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND);
+            if (!hasStopped || !isNoneLeft)
             {
                 console.Out(
                     L"Group control: " + DescribeError(static_cast<DWORD>(result)) +

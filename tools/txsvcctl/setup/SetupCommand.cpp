@@ -25,8 +25,8 @@ namespace
 {
 
 // Within the product's folder.
-constexpr wchar_t kHost[] = L"\\bin\\TxSvHost.exe";
-constexpr wchar_t kProxies[] = L"\\bin\\TxSvHostPS.dll";
+constexpr const wchar_t* kHost = L"\\bin\\TxSvHost.exe";
+constexpr const wchar_t* kProxies = L"\\bin\\TxSvHostPS.dll";
 constexpr wchar_t kLogIni[] = L"\\bin\\log.ini";
 
 constexpr wchar_t kDefaultFolder[] = L"\\Tarvex\\Shared Service Host";
@@ -167,7 +167,7 @@ void InstallProduct(const Arguments& arguments, IConsole& console)
     const std::wstring to = FolderOf(arguments.to, &DefaultFolder);
     if (!Exists(from + kHost) || !Exists(from + kProxies))
     {
-        ThrowUsage(L"'" + from + L"' is no unpacked package: it lacks" + kHost + L" or" + kProxies);
+        ThrowUsage(L"'" + from + L"' is no unpacked package: there is no " + (Exists(from + kHost) ? kProxies : kHost));
     }
     if (IsSameName(from, to) || IsBelow(from, to) || IsBelow(to, from))
     {
@@ -199,7 +199,12 @@ void RemoveProduct(const Arguments& arguments, IConsole& console)
     CFileExchange exchange(folder);
     if (!exchange.IsInstalled())
     {
-        ThrowFailed(L"nothing is installed in '" + folder + L"'");
+        if (!arguments.purge)
+        {
+            ThrowFailed(L"nothing is installed in '" + folder + L"'");
+        }
+        PurgeSettings(folder + kLogIni, console); // Of hosts that were never installed but run from a ZIP.
+        return;
     }
     AllOrNothing(exchange, folder, console, [&](CRunningServices& services, bool& /*hasRegistered*/) {
         CUpdateNotice notice(console);
@@ -212,7 +217,12 @@ void RemoveProduct(const Arguments& arguments, IConsole& console)
     {
         PurgeSettings(folder + kLogIni, console);
     }
-    ReportEnd(exchange.Commit(), L"Removed from " + folder + L".", console);
+    const bool isComplete = exchange.Commit();
+    if (IsSameName(folder, DefaultFolder()))
+    {
+        ::RemoveDirectoryW(folder.substr(0, folder.rfind(L'\\')).c_str()); // Unless something else is in it.
+    }
+    ReportEnd(isComplete, L"Removed from " + folder + L".", console);
 }
 
 } // namespace
