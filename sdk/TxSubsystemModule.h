@@ -189,8 +189,8 @@ protected:
 
     /// Gets the service ready. The SCM shows SERVICE_START_PENDING meanwhile and allows kWaitHintMs; call
     /// ReportProgress when it takes longer. No control arrives before this method has returned.
-    /// @param argc, argv the service's name, then the arguments given to StartService; valid until Run
-    /// returns.
+    /// @param argc number of strings in @p argv, at least 1.
+    /// @param argv the service's name, then the arguments given to StartService; valid until Run returns.
     /// @return 0: the service is reported running and Run is called. Otherwise a Win32 error: the service is
     ///         reported stopped with it.
     virtual DWORD OnStart(DWORD argc, LPWSTR* argv)

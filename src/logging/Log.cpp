@@ -17,6 +17,7 @@ namespace
 {
 
 constinit LoggingIdentity g_identity;
+constinit CLogBuilderIf* g_builder = nullptr; ///< Null for the default one.
 constinit INIT_ONCE g_once = INIT_ONCE_STATIC_INIT;
 
 /// Nothing in here may log: the run-once guard would wait for itself.
@@ -26,7 +27,7 @@ BOOL CALLBACK CreateLogger(INIT_ONCE* /*once*/, void* /*parameter*/, void** /*co
                                               CLoggerHolder(BasaltLogHandler(), &Detail::g_levelGate));
     if (holder != nullptr)
     {
-        holder->Create(DefaultLogBuilder(), g_identity);
+        holder->Create(g_builder != nullptr ? *g_builder : DefaultLogBuilder(), g_identity);
         ProcessLoggerSlot().Publish(std::move(holder));
     }
     return TRUE; // Also without a logger: one attempt, and after that logging is silently off.
@@ -47,6 +48,11 @@ void SetLoggingIdentity(const LoggingIdentity& identity) noexcept
 LoggingIdentity GetLoggingIdentity() noexcept
 {
     return g_identity;
+}
+
+void SetLogBuilder(CLogBuilderIf& builder) noexcept
+{
+    g_builder = &builder;
 }
 
 bool LogIsEnabled(DWORD level) noexcept

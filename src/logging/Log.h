@@ -31,10 +31,18 @@
 namespace ETWLogging
 {
 
+class CLogBuilderIf;
+
 /// Replaces the process's logging identity. Without effect once the logger exists.
 /// Threads: the main thread, before others log.
 void SetLoggingIdentity(const LoggingIdentity& identity) noexcept;
 [[nodiscard]] LoggingIdentity GetLoggingIdentity() noexcept;
+
+/// Has another builder make the process's logger: for a program that shows its log itself. Without effect
+/// once the logger exists.
+/// @param builder borrowed until the end of the process.
+/// Threads: the main thread, before others log.
+void SetLogBuilder(CLogBuilderIf& builder) noexcept;
 
 /// True when there is a logger and it wants messages of this level. Creates the logger on first use.
 [[nodiscard]] bool LogIsEnabled(DWORD level) noexcept;

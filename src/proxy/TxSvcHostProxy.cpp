@@ -194,11 +194,11 @@ void CTxSvcHostProxy::ProxyServiceMain(Instance& instance, const std::wstring& n
     CSubsystemHolder holder;
     if (admitAndLoad(instance, name, sinceStart, holder))
     {
-        runLoaded(start, sinceStart, holder, argc, argv);
+        static_cast<void>(RunSubsystem(start, sinceStart, holder, argc, argv));
     }
 }
 
-void CTxSvcHostProxy::runLoaded(
+CTxSvcHostProxy::RunResult CTxSvcHostProxy::RunSubsystem(
     const CServiceStart& start,
     const Basalt::CStopwatch& sinceStart,
     CSubsystemHolder& holder,
@@ -235,6 +235,7 @@ void CTxSvcHostProxy::runLoaded(
     {
         SignalWorkingSetEvent();
     }
+    return result;
 }
 
 /// It will not report anything any more: without this the group's process would never end. Before the
@@ -321,13 +322,21 @@ bool CTxSvcHostProxy::GetSubsystem(const std::wstring& name, CSubsystemHolder& h
         return false;
     }
     TX_LOG(LogNormal, kFunction, L"Subsystem DLL path: '%s'", path);
+    return SUCCEEDED(LoadSubsystem(name, path, clsid, holder));
+}
 
+HRESULT CTxSvcHostProxy::LoadSubsystem(
+    const std::wstring& name, const std::wstring& path, REFCLSID clsid, CSubsystemHolder& holder)
+{
+    constexpr wchar_t kFunction[] = L"CTxSvcHostProxy::GetSubsystem";
     const Basalt::CStopwatch sinceLoad;
-    holder.SetModule(::LoadLibraryW(path.c_str()));
-    if (holder.Module() == nullptr)
+    const HMODULE module = ::LoadLibraryW(path.c_str());
+    const DWORD error = ::GetLastError();
+    holder.SetModule(module);
+    if (module == nullptr)
     {
         TX_LOG(LogError, kFunction, L"Unable to load module '%s'", path);
-        return false;
+        return error == ERROR_SUCCESS ? E_FAIL : HRESULT_FROM_WIN32(error);
     }
     const auto getClassObject = reinterpret_cast<LPFNGETCLASSOBJECT>(
         Basalt::FindExport<std::remove_pointer_t<LPFNGETCLASSOBJECT>>(holder.Module(), "DllGetClassObject"));
@@ -335,7 +344,7 @@ bool CTxSvcHostProxy::GetSubsystem(const std::wstring& name, CSubsystemHolder& h
     {
         TX_LOG(LogError, kFunction, L"Module '%s' does not contain correct entry point", path);
         holder.UnloadModule();
-        return false;
+        return HRESULT_FROM_WIN32(ERROR_PROC_NOT_FOUND);
     }
     TX_LOG(LogNormal, kFunction, L"Module '%s' loaded in %0.04fs", name, sinceLoad.Seconds());
 
@@ -346,16 +355,16 @@ bool CTxSvcHostProxy::GetSubsystem(const std::wstring& name, CSubsystemHolder& h
     if (FAILED(result))
     {
         TX_LOG(LogError, kFunction, L"DllGetClassObject failed (0x%08X)", result);
-        return false;
+        return result;
     }
     result = CreateSubsystem(classObject, holder);
     if (FAILED(result))
     {
         TX_LOG(LogError, kFunction, L"CreateObject failed (0x%08X)", result);
-        return false;
+        return result;
     }
     TX_LOG(LogNormal, kFunction, L"Object '%s' created in %0.04fs", name, sinceCreate.Seconds());
-    return true;
+    return S_OK;
 }
 
 bool CTxSvcHostProxy::ConvertStringToCLSID(const std::wstring& text, CLSID& clsid) noexcept

@@ -37,6 +37,11 @@ public:
     /// Loads the module that is configured for the service and creates its subsystem.
     [[nodiscard]] static bool GetSubsystem(const std::wstring& name, CSubsystemHolder& holder);
 
+    /// The same for a given module and class.
+    /// @return S_OK, which a class object may also give without creating anything; else why not, logged.
+    [[nodiscard]] static HRESULT LoadSubsystem(
+        const std::wstring& name, const std::wstring& path, REFCLSID clsid, CSubsystemHolder& holder);
+
     /// An empty text and "{}" are refused without a log line: that is how a service without a subsystem is
     /// written.
     [[nodiscard]] static bool ConvertStringToCLSID(const std::wstring& text, CLSID& clsid) noexcept;
@@ -52,6 +57,15 @@ public:
     };
     [[nodiscard]] static RunResult SafeExecuteServiceMain(
         const CSubsystemHolder& holder, DWORD argc, LPWSTR* argv) noexcept;
+
+    /// From the call of TxServiceMain to the release and, if asked for, the unloading of the subsystem.
+    /// Nothing may throw here: the subsystem has reported its states.
+    static RunResult RunSubsystem(
+        const CServiceStart& start,
+        const Basalt::CStopwatch& sinceStart,
+        CSubsystemHolder& holder,
+        DWORD argc,
+        LPWSTR* argv) noexcept;
 
     /// Reports a service that never ran to the service control manager as stopped.
     static bool SetServiceStoppedStatus(const wchar_t* name) noexcept;
@@ -80,13 +94,6 @@ private:
         const Basalt::CStopwatch& sinceAdmission,
         CSubsystemHolder& holder);
 
-    /// From the call of TxServiceMain on. Nothing may throw here: the subsystem has reported its states.
-    static void runLoaded(
-        const CServiceStart& start,
-        const Basalt::CStopwatch& sinceStart,
-        CSubsystemHolder& holder,
-        DWORD argc,
-        LPWSTR* argv) noexcept;
     static void reportFailed(const CServiceStart& start) noexcept;
 
     /// The process's one instance and what guards it.

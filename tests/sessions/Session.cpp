@@ -48,6 +48,13 @@ std::vector<std::wstring> Split(const std::wstring& line)
     return split;
 }
 
+/// Without the last line's end.
+std::wstring LinesOf(std::string text)
+{
+    ReplaceAll<std::string>(text, "\r\n", "\n");
+    return TxCtl::FromUtf8(text.substr(0, text.find_last_not_of('\n') + 1));
+}
+
 /// The console of the tool's commands: what goes to the standard error is marked.
 class CTranscript final : public TxCtl::IConsole
 {
@@ -238,7 +245,11 @@ void CSession::run(const Words& words)
 {
     SkipControlPipe();
     const std::wstring arguments = m_arguments.substr(std::min(m_arguments.size(), words[0].size()));
-    print(L"exit code " + std::to_wstring(RunProcess(L"\"" + BesideTest(words[0]) + L"\"" + arguments)));
+    const ProcessOutput output = RunForOutput(L"\"" + BesideTest(words[0]) + L"\"" + arguments);
+    CTranscript transcript(m_out);
+    output.out.empty() ? void() : transcript.Out(LinesOf(output.out));
+    output.error.empty() ? void() : transcript.Error(LinesOf(output.error));
+    print(L"exit code " + std::to_wstring(output.exitCode));
 }
 
 void CSession::host(const Words& /*words*/)
@@ -412,6 +423,7 @@ std::string CSession::normalise(std::string text) const
     text =
         std::regex_replace(text, std::regex("SCM interface .GLE=0x.{8}"), "SCM interface (#"); // Any call's.
     text = std::regex_replace(text, std::regex("Stop-\\d+"), "Stop-#");
+    text = std::regex_replace(text, std::regex("dll.0x[0-9A-F]+"), "dll+#"); // A place in a module.
     const std::regex figures(
         "(: )[\\d.]+( MiB p.*, )[\\d.]+( MiB w.*, )\\d+( t.*, )\\d+( h.* CPU )[\\d.]+( s, up ).*");
     text = std::regex_replace(text, figures, "$1#$2#$3#$4#$5#$6#");

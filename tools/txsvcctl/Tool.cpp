@@ -8,6 +8,7 @@
 #include "txsvcctl/host/HostCommands.h"
 #include "txsvcctl/host/StatusCommand.h"
 #include "txsvcctl/log/LogCommands.h"
+#include "txsvcctl/project/NewCommand.h"
 #include "txsvcctl/service/ServiceCommands.h"
 #include "txsvcctl/setup/SetupCommand.h"
 
@@ -52,6 +53,7 @@ ExitCode Run(const std::vector<std::wstring>& arguments, IConsole& console)
     AddHostCommands(app, console);
     AddLogCommands(app, console);
     AddSetupCommands(app, console);
+    AddNewCommand(app, console);
     try
     {
         Parse(app, arguments);

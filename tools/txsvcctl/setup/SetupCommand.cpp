@@ -167,7 +167,9 @@ void InstallProduct(const Arguments& arguments, IConsole& console)
     const std::wstring to = FolderOf(arguments.to, &DefaultFolder);
     if (!Exists(from + kHost) || !Exists(from + kProxies))
     {
-        ThrowUsage(L"'" + from + L"' is no unpacked package: there is no " + (Exists(from + kHost) ? kProxies : kHost));
+        ThrowUsage(
+            L"'" + from + L"' is no unpacked package: there is no " +
+            (Exists(from + kHost) ? kProxies : kHost));
     }
     if (IsSameName(from, to) || IsBelow(from, to) || IsBelow(to, from))
     {
