@@ -2,7 +2,7 @@
 # against, symbols are for debuggers. Nothing of tests and measurements.
 set(shipped TxSvHost TxSvHostPS txsvcctl txsvcrun)
 set(user_documents docs/configuration.md docs/findings.md docs/group-control.md docs/hosting-a-service.md
-  docs/logging.md docs/trust-and-start.md docs/txsvcctl.md docs/txsvcrun.md docs/update-client.md
+  docs/logging.md docs/operations.md docs/trust-and-start.md docs/txsvcctl.md docs/txsvcrun.md docs/update-client.md
   docs/working-set.md)
 
 install(TARGETS ${shipped}

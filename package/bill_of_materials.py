@@ -14,17 +14,19 @@ import pathlib
 import shutil
 import subprocess
 
+# All but the host, which has threads of its own, and the proxies, which are in C.
+PROGRAMS = ["txsvcctl.exe", "txsvcrun.exe", "EchoSubsystem.dll", "Updater.exe"]
 # What is linked in: its Debian package, its licence, where it is from, and into what.
 LIBRARIES = {
     "libstdc++": ("g++-mingw-w64-x86-64-posix", "GPL-3.0-or-later WITH GCC-exception-3.1",
-                  "https://gcc.gnu.org/", ["TxSvHost.exe", "txsvcctl.exe"]),
+                  "https://gcc.gnu.org/", PROGRAMS + ["TxSvHost.exe"]),
     "libgcc": ("gcc-mingw-w64-x86-64-posix", "GPL-3.0-or-later WITH GCC-exception-3.1",
-               "https://gcc.gnu.org/", ["TxSvHost.exe", "TxSvHostPS.dll", "txsvcctl.exe"]),
+               "https://gcc.gnu.org/", PROGRAMS + ["TxSvHost.exe", "TxSvHostPS.dll"]),
     "mingw-w64-runtime": ("mingw-w64-x86-64-dev", "ZPL-2.1 AND MIT AND BSD-3-Clause AND LicenseRef-public-domain",
-                          "https://www.mingw-w64.org/", ["TxSvHost.exe", "TxSvHostPS.dll", "txsvcctl.exe"]),
+                          "https://www.mingw-w64.org/", PROGRAMS + ["TxSvHost.exe", "TxSvHostPS.dll"]),
     "winpthreads": ("mingw-w64-x86-64-dev", "MIT AND BSD-3-Clause",
-                    "https://www.mingw-w64.org/", ["txsvcctl.exe"]),
-    "CLI11": ("libcli11-dev", "BSD-3-Clause", "https://github.com/CLIUtils/CLI11", ["txsvcctl.exe"]),
+                    "https://www.mingw-w64.org/", PROGRAMS),
+    "CLI11": ("libcli11-dev", "BSD-3-Clause", "https://github.com/CLIUtils/CLI11", ["txsvcctl.exe", "txsvcrun.exe"]),
     "nlohmann-json": ("nlohmann-json3-dev", "MIT", "https://github.com/nlohmann/json", ["txsvcctl.exe"]),
     "NSIS": ("nsis", "Zlib AND CPL-1.0", "https://nsis.sourceforge.io/", ["uninstall.exe"]),
 }
