@@ -2,10 +2,12 @@
 # against, symbols are for debuggers. Nothing of tests and measurements.
 set(shipped TxSvHost TxSvHostPS txsvcctl txsvcrun)
 set(user_documents docs/configuration.md docs/findings.md docs/group-control.md docs/hosting-a-service.md
-  docs/logging.md docs/trust-and-start.md docs/txsvcctl.md docs/txsvcrun.md docs/update-client.md
+  docs/logging.md docs/operations.md docs/trust-and-start.md docs/txsvcctl.md docs/txsvcrun.md docs/update-client.md
   docs/working-set.md)
 
-install(TARGETS ${shipped} RUNTIME DESTINATION bin LIBRARY DESTINATION bin COMPONENT runtime)
+install(TARGETS ${shipped}
+  RUNTIME DESTINATION bin COMPONENT runtime
+  LIBRARY DESTINATION bin COMPONENT runtime)
 foreach(target ${shipped})
   # Only clang writes them.
   install(FILES ${CMAKE_BINARY_DIR}/bin/${target}.pdb DESTINATION symbols COMPONENT symbols OPTIONAL)

@@ -2,6 +2,10 @@
 option(HOST_TRAP_UNDEFINED "End the process on undefined behaviour (clang)" OFF)
 option(HOST_COVERAGE "Instrument for line coverage (g++)" OFF)
 
+# Symbols in which nothing tells of the folder or the time of the build: the same sources give the same files.
+set(HOST_SYMBOLS -g -gcodeview -gno-codeview-command-line
+  -ffile-prefix-map=${PROJECT_SOURCE_DIR}=. -fdebug-compilation-dir=.)
+
 set(is_clang $<CXX_COMPILER_ID:Clang>)
 set(is_release $<CONFIG:Release>)
 
@@ -17,7 +21,8 @@ target_compile_options(host_options INTERFACE
   $<$<COMPILE_LANGUAGE:CXX>:-Wall;-Wextra;-Wpedantic;-Wshadow;-Wconversion;-Wsuggest-override;-Werror>
   $<$<COMPILE_LANGUAGE:CXX>:-ffunction-sections;-fdata-sections>
   # -fms-extensions brings __try; the token warning would reject it again.
-  $<$<AND:$<COMPILE_LANGUAGE:CXX>,${is_clang}>:-fms-extensions;-Wno-language-extension-token;-Wthread-safety;-g;-gcodeview>)
+  $<$<AND:$<COMPILE_LANGUAGE:CXX>,${is_clang}>:-fms-extensions;-Wno-language-extension-token;-Wthread-safety>
+  $<$<AND:$<COMPILE_LANGUAGE:CXX>,${is_clang}>:${HOST_SYMBOLS}>)
 target_link_options(host_options INTERFACE
   -municode -static -Wl,-Bstatic
   -Wl,--gc-sections -Wl,--dynamicbase -Wl,--nxcompat -Wl,--high-entropy-va
@@ -35,7 +40,7 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL Clang)
     execute_process(COMMAND python3 ${repair} ${library} ${repaired} COMMAND_ERROR_IS_FATAL ANY)
     execute_process(COMMAND ${CMAKE_RANLIB} ${repaired} COMMAND_ERROR_IS_FATAL ANY)
   endif()
-  target_link_directories(host_options INTERFACE ${CMAKE_BINARY_DIR}/lib)
+  target_link_options(host_options INTERFACE -Llib) # The linker runs in the build folder.
 endif()
 
 if(HOST_TRAP_UNDEFINED)

@@ -26,8 +26,10 @@ function(host_finish_image name description)
   target_sources(${name} PRIVATE ${CMAKE_CURRENT_BINARY_DIR}/${name}.rc)
   set_target_properties(${name} PROPERTIES PREFIX "")
   if(CMAKE_CXX_COMPILER_ID STREQUAL Clang)
-    # -s drops the symbol table: what ships carries no symbols, the PDB beside it has them all.
-    target_link_options(${name} PRIVATE -Wl,--pdb=${CMAKE_BINARY_DIR}/bin/${name}.pdb -s)
+    # -s drops the symbol table: what ships carries no symbols, the PDB beside it has them all. Neither holds the
+    # folder or the time of the build.
+    target_link_options(${name} PRIVATE -s -Wl,--no-insert-timestamp
+      -Wl,--pdb=bin/${name}.pdb -Wl,-Xlink=-pdbaltpath:${name}.pdb -Wl,-Xlink=-pdbsourcepath:.)
   endif()
 endfunction()
 

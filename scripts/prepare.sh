@@ -13,7 +13,7 @@ fail() {
     exit 1
 }
 
-install_missing_packages() {
+install_missing_packages() { # [FURTHER_PACKAGE...]
     local missing=() package sudo=()
     if ! command -v dpkg-query >/dev/null || ! command -v apt-get >/dev/null; then
         # Not a Debian: fine as long as the programs are there.
@@ -23,7 +23,7 @@ install_missing_packages() {
         done
         return
     fi
-    for package in "${packages[@]}"; do
+    for package in "${packages[@]}" "$@"; do
         [ "$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null)" = installed ] || missing+=("$package")
     done
     [ ${#missing[@]} -gt 0 ] || return 0
@@ -40,13 +40,13 @@ install_missing_packages() {
         fail "apt-get could not install ${missing[*]}"
 }
 
-build() { # PRESET [TARGET...]
+build() { # PRESET [TARGET...], with the version in HOST_VERSION where it is set
     say "Building ($1)"
     local preset=$1 log=build/$1.log
     shift
     mkdir -p build
     # --fresh: a tree that an older version of the presets configured would keep its flags.
-    { cmake --fresh --preset "$preset" && cmake --build --preset "$preset" ${1:+--target "$@"}; } >"$log" 2>&1 || {
+    { cmake --fresh --preset "$preset" ${HOST_VERSION:+-D "HOST_VERSION=$HOST_VERSION"} && cmake --build --preset "$preset" ${1:+--target "$@"}; } >"$log" 2>&1 || {
         tail -n 40 "$log" >&2
         fail "the build broke; the whole log is in $log"
     }

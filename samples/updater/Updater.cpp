@@ -96,6 +96,12 @@ bool StopGroup(ITxSvcSubsystemControlManager* control)
     return WaitForEnd(processId);
 }
 
+/// "File not found" is Wine's word for a class that is registered while no server of it runs.
+bool IsNoHostLeft(HRESULT result)
+{
+    return result == REGDB_E_CLASSNOTREG || result == HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND);
+}
+
 /// What a host answers that is just ending, or COM in its place.
 bool IsEnding(HRESULT result)
 {
@@ -111,7 +117,7 @@ bool StopAllGroups()
     {
         ITxSvcSubsystemControlManager* control = nullptr;
         const HRESULT connected = ConnectToHost(control);
-        if (connected == REGDB_E_CLASSNOTREG && !isFirst)
+        if (IsNoHostLeft(connected) && !isFirst)
         {
             return true;
         }

@@ -13,6 +13,7 @@
 #include "txsvcctl/log/LogCommands.h"
 #include "txsvcctl/project/NewCommand.h"
 #include "txsvcctl/service/ServiceCommands.h"
+#include "txsvcctl/setup/SetupCommand.h"
 #include "txsvcctl/transfer/TransferCommands.h"
 
 namespace TxCtl
@@ -94,6 +95,7 @@ ExitCode Run(const std::vector<std::wstring>& arguments, IConsole& output)
     AddCheckCommand(app, console);
     AddHostCommands(app, console);
     AddLogCommands(app, console);
+    AddSetupCommands(app, console);
     AddNewCommand(app, console);
     AddQuiet(app, console.IsQuiet());
     try

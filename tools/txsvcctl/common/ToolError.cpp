@@ -8,7 +8,9 @@ namespace TxCtl
 
 std::wstring DescribeError(DWORD error)
 {
-    std::wstring text = L"error " + std::to_wstring(error);
+    // An HRESULT that is passed as it is.
+    std::wstring text =
+        L"error " + (error >= 0x80000000 ? Basalt::FormatText(L"0x%08X", error) : std::to_wstring(error));
     const std::wstring message = Basalt::SystemMessage(error);
     if (!message.empty())
     {
