@@ -26,7 +26,7 @@ struct Road
 struct FailingSection
 {
     // What is to fail.
-    LONG64 key; ///< Of the road; 0 for nothing.
+    LONG64 key;      ///< Of the road; 0 for nothing.
     LONG occurrence; ///< From 1.
     LONG isForGood;  ///< Whether all calls from the same place fail from then on.
     ULONG64 value;   ///< What the function then returns.
@@ -35,9 +35,9 @@ struct FailingSection
     LONG isQuick; ///< Long waits are cut short.
 
     // What the host says.
-    LONG failed; ///< Calls that failed.
+    LONG failed;      ///< Calls that failed.
     DWORD failedFrom; ///< The place of the first one.
-    LONG hasEnded; ///< 1: the program's main function returned; 2: it was ended by force.
+    LONG hasEnded;    ///< 1: the program's main function returned; 2: it was ended by force.
     DWORD exitCode;
     LONG hasCrashed;
     DWORD crashCode;

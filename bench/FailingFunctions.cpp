@@ -24,10 +24,10 @@ struct Kind
 const std::map<std::string_view, Kind>& Kinds()
 {
     static const Kind s_denied = {Form::Zero, {ERROR_ACCESS_DENIED, ERROR_NO_SYSTEM_RESOURCES}};
-    static const Kind s_registry = {Form::Code, {ERROR_ACCESS_DENIED, ERROR_FILE_NOT_FOUND, ERROR_KEY_DELETED}};
+    static const Kind s_registry = {
+        Form::Code, {ERROR_ACCESS_DENIED, ERROR_FILE_NOT_FOUND, ERROR_KEY_DELETED}};
     static const Kind s_com = {
-        Form::Code,
-        {static_cast<DWORD>(E_OUTOFMEMORY), static_cast<DWORD>(E_ACCESSDENIED), 0x800706BA}};
+        Form::Code, {static_cast<DWORD>(E_OUTOFMEMORY), static_cast<DWORD>(E_ACCESSDENIED), 0x800706BA}};
     static const Kind s_file = {Form::Zero, {ERROR_ACCESS_DENIED, ERROR_DISK_FULL}};
     static const Kind s_memory = {Form::Zero, {ERROR_NOT_ENOUGH_MEMORY}};
     static const std::map<std::string_view, Kind> s_kinds = {
@@ -35,20 +35,24 @@ const std::map<std::string_view, Kind>& Kinds()
         {"AddAce", {Form::Zero, {ERROR_ALLOTTED_SPACE_EXCEEDED}}},
         {"AdjustTokenPrivileges", s_denied},
         {"CheckTokenMembership", s_denied},
-        {"CLSIDFromString", {Form::Code, {static_cast<DWORD>(CO_E_CLASSSTRING), static_cast<DWORD>(E_INVALIDARG)}}},
+        {"CLSIDFromString",
+         {Form::Code, {static_cast<DWORD>(CO_E_CLASSSTRING), static_cast<DWORD>(E_INVALIDARG)}}},
         {"CloseHandle", {Form::Zero, {ERROR_INVALID_HANDLE}}},
         {"CloseServiceHandle", {Form::Zero, {ERROR_INVALID_HANDLE}}},
         {"CoCreateInstance", s_com},
         {"CoGetClassObject", s_com},
-        {"CoInitializeEx", {Form::Code, {static_cast<DWORD>(E_OUTOFMEMORY), static_cast<DWORD>(RPC_E_CHANGED_MODE)}}},
-        {"CoInitializeSecurity", {Form::Code, {static_cast<DWORD>(RPC_E_TOO_LATE), static_cast<DWORD>(E_OUTOFMEMORY)}}},
+        {"CoInitializeEx",
+         {Form::Code, {static_cast<DWORD>(E_OUTOFMEMORY), static_cast<DWORD>(RPC_E_CHANGED_MODE)}}},
+        {"CoInitializeSecurity",
+         {Form::Code, {static_cast<DWORD>(RPC_E_TOO_LATE), static_cast<DWORD>(E_OUTOFMEMORY)}}},
         {"CoRegisterClassObject", s_com},
         {"CoRevokeClassObject", {Form::Code, {static_cast<DWORD>(E_FAIL)}}},
         {"ControlService", {Form::Zero, {ERROR_SERVICE_CANNOT_ACCEPT_CTRL, ERROR_SERVICE_REQUEST_TIMEOUT}}},
         {"ConvertStringSecurityDescriptorToSecurityDescriptorA", {Form::Zero, {ERROR_NOT_ENOUGH_MEMORY}}},
         {"CreateDirectoryW", s_file},
         {"CreateEventW", s_denied},
-        {"CreateFileW", {Form::Invalid, {ERROR_ACCESS_DENIED, ERROR_SHARING_VIOLATION, ERROR_PATH_NOT_FOUND}}},
+        {"CreateFileW",
+         {Form::Invalid, {ERROR_ACCESS_DENIED, ERROR_SHARING_VIOLATION, ERROR_PATH_NOT_FOUND}}},
         {"CreateMutexExW", s_denied},
         {"CreateThread", s_memory},
         {"CreateThreadpoolWait", s_memory},
@@ -139,7 +143,8 @@ const std::map<std::string_view, Kind>& Kinds()
         {"SetServiceStatus", {Form::Zero, {ERROR_INVALID_HANDLE}}},
         {"SetThreadPriority", s_denied},
         {"SetThreadStackGuarantee", s_memory},
-        {"StartServiceCtrlDispatcherW", {Form::Zero, {ERROR_FAILED_SERVICE_CONTROLLER_CONNECT, ERROR_ACCESS_DENIED}}},
+        {"StartServiceCtrlDispatcherW",
+         {Form::Zero, {ERROR_FAILED_SERVICE_CONTROLLER_CONNECT, ERROR_ACCESS_DENIED}}},
         {"StartServiceW", {Form::Zero, {ERROR_ACCESS_DENIED, ERROR_SERVICE_DISABLED}}},
         {"TraceEvent", {Form::Code, {ERROR_NOT_ENOUGH_MEMORY, ERROR_INVALID_HANDLE}}},
         {"TryAcquireSRWLockShared", {Form::Zero, {ERROR_SUCCESS}}},
@@ -152,7 +157,8 @@ const std::map<std::string_view, Kind>& Kinds()
         {"WTHelperGetProvSignerFromChain", s_memory},
         {"WTHelperProvDataFromStateData", s_memory},
         {"WideCharToMultiByte", {Form::Zero, {ERROR_INSUFFICIENT_BUFFER}}},
-        {"WinVerifyTrust", {Form::Code, {static_cast<DWORD>(TRUST_E_NOSIGNATURE), static_cast<DWORD>(E_OUTOFMEMORY)}}},
+        {"WinVerifyTrust",
+         {Form::Code, {static_cast<DWORD>(TRUST_E_NOSIGNATURE), static_cast<DWORD>(E_OUTOFMEMORY)}}},
         {"WriteFile", s_file},
         {"calloc", s_memory},
         {"malloc", s_memory},
@@ -195,14 +201,40 @@ bool CannotFail(const std::string& function)
 {
     // Also those that work on memory of the caller alone, and those of which nothing could come.
     static constexpr std::string_view kNever[] = {
-        "CloseThreadpoolWait",   "CoTaskMemFree",        "CoUninitialize",           "CompareStringOrdinal",
-        "DeleteCriticalSection", "EqualSid",             "FlsFree",                  "GetCommandLineW",
-        "GetCurrentProcess",     "GetCurrentProcessId",  "GetCurrentThread",         "GetCurrentThreadId",
-        "GetLengthSid",          "GetLocalTime",         "GetStartupInfoW",          "GetSystemInfo",
-        "GetTickCount64",        "GetTraceEnableFlags",  "GetTraceEnableLevel",      "GetSystemTimeAsFileTime",
-        "InitializeCriticalSection", "LocalFree",        "OutputDebugStringW",       "ReleaseSRWLockShared",
-        "SetErrorMode",          "SetThreadpoolWait",    "Sleep",                    "WaitForThreadpoolWaitCallbacks",
-        "WakeAllConditionVariable", "SleepConditionVariableSRW", "exit", "free", "abort",
-        "SetUnhandledExceptionFilter", "RaiseFailFastException"};
+        "CloseThreadpoolWait",
+        "CoTaskMemFree",
+        "CoUninitialize",
+        "CompareStringOrdinal",
+        "DeleteCriticalSection",
+        "EqualSid",
+        "FlsFree",
+        "GetCommandLineW",
+        "GetCurrentProcess",
+        "GetCurrentProcessId",
+        "GetCurrentThread",
+        "GetCurrentThreadId",
+        "GetLengthSid",
+        "GetLocalTime",
+        "GetStartupInfoW",
+        "GetSystemInfo",
+        "GetTickCount64",
+        "GetTraceEnableFlags",
+        "GetTraceEnableLevel",
+        "GetSystemTimeAsFileTime",
+        "InitializeCriticalSection",
+        "LocalFree",
+        "OutputDebugStringW",
+        "ReleaseSRWLockShared",
+        "SetErrorMode",
+        "SetThreadpoolWait",
+        "Sleep",
+        "WaitForThreadpoolWaitCallbacks",
+        "WakeAllConditionVariable",
+        "SleepConditionVariableSRW",
+        "exit",
+        "free",
+        "abort",
+        "SetUnhandledExceptionFilter",
+        "RaiseFailFastException"};
     return std::ranges::find(kNever, function) != std::end(kNever);
 }

@@ -41,6 +41,22 @@ public:
     /// Something that is known not to be the product's.
     void AddOdd(const std::string& kind);
     void SetFigure(const std::string& name, double value);
+    /// Bounds what is done in its scope, in case this very program is stuck (in a wait of the system's that
+    /// knows no end): after some minutes that is a fault, and the program ends with what it has found.
+    class CLimit
+    {
+    public:
+        CLimit(CProof& proof, std::string what);
+        ~CLimit();
+        CLimit(const CLimit&) = delete;
+        CLimit& operator=(const CLimit&) = delete;
+
+    private:
+        HANDLE m_timer = nullptr;
+        CProof& m_proof;
+        std::string m_what;
+    };
+
     /// A line of progress, at most one in some seconds.
     void Progress(const std::string& text);
 

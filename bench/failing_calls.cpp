@@ -5,10 +5,10 @@
 ///     failing_calls --places FILE --designed FILE [--length POINTS] [--seed N] [--json FILE]
 ///                   [--only FILE:LINE] [--scenario NAME] [--verbose]
 ///
-/// bench/failing_calls is the command that does both. A point is a road to a call (FailingCalls.h), which of the
-/// calls on it, what the call then says, and whether the later ones from the same place fail as well. For each, the
-/// host may not crash, hang or leak; must serve and end as if nothing had been, and name the failure in its log, unless
-/// the file of designed consequences (bench/failing_calls.txt) says otherwise.
+/// bench/failing_calls is the command that does both. A point is a road to a call (FailingCalls.h), which of
+/// the calls on it, what the call then says, and whether the later ones from the same place fail as well. For
+/// each, the host may not crash, hang or leak; must serve and end as if nothing had been, and name the
+/// failure in its log, unless the file of designed consequences (bench/failing_calls.txt) says otherwise.
 #include <windows.h>
 #include <objbase.h>
 
@@ -153,7 +153,8 @@ std::map<std::string, int> LinesOf(const FailingSection& section)
     for (std::string line; std::getline(text, line);)
     {
         // Times, numbers and paths of a run.
-        ++lines[std::regex_replace(line, std::regex("[0-9]+\\.[0-9]+s|WS=-?[0-9]+|(first|second)=-?[0-9]+"), "#")];
+        ++lines[std::regex_replace(
+            line, std::regex("[0-9]+\\.[0-9]+s|WS=-?[0-9]+|(first|second)=-?[0-9]+"), "#")];
     }
     return lines;
 }
@@ -197,8 +198,8 @@ public:
         {
             subsystems.push_back({kServices[1], TestClsidText(L"UnloadAfterStop"), BesideTest(kTestModule)});
         }
-        m_commandLine = m_installation.AddGroup(
-            scenario == Scenario::Core ? L"TxCoreSvc" : kGroup, subsystems, host);
+        m_commandLine =
+            m_installation.AddGroup(scenario == Scenario::Core ? L"TxCoreSvc" : kGroup, subsystems, host);
         if (scenario == Scenario::Core)
         {
             m_commandLine = L"\"" + host + L"\" /startservices";
@@ -231,7 +232,8 @@ public:
             if (m_scenario == Scenario::First)
             {
                 Basalt::CRegKey link;
-                if (link.Open(HKEY_LOCAL_MACHINE, Contract::kProductKey, KEY_ALL_ACCESS, REG_OPTION_OPEN_LINK) ==
+                if (link.Open(
+                        HKEY_LOCAL_MACHINE, Contract::kProductKey, KEY_ALL_ACCESS, REG_OPTION_OPEN_LINK) ==
                     ERROR_SUCCESS)
                 {
                     static_cast<void>(DeleteKeyByHandle(link.Get()));
@@ -333,7 +335,8 @@ private:
         catch (const std::exception&)
         {
             SERVICE_STATUS status{};
-            ::ControlService(OpenServiceByName(kServices[0], SERVICE_STOP).Get(), SERVICE_CONTROL_STOP, &status);
+            ::ControlService(
+                OpenServiceByName(kServices[0], SERVICE_STOP).Get(), SERVICE_CONTROL_STOP, &status);
         }
     }
 
@@ -378,7 +381,8 @@ public:
             std::getline(fields, offset, '\t');
             Place place;
             for (std::string product; std::getline(fields, place.symbol, '\t') &&
-                                      std::getline(fields, place.line, '\t') && std::getline(fields, product, '\t');)
+                                      std::getline(fields, place.line, '\t') &&
+                                      std::getline(fields, product, '\t');)
             {
                 place.isProduct = product == "product";
                 m_places[std::stoul(offset, nullptr, 16)].push_back(place);
@@ -485,7 +489,8 @@ constexpr LONG kMoreHandles = 6; ///< Threads of Wine's pool come and go.
 constexpr LONG kMoreBlocks = 8;
 
 /// What is wrong with it; empty when it is as designed.
-std::string Judge(const Outcome& outcome, const Outcome& reference, const std::set<std::string>& words, CProof& proof)
+std::string Judge(
+    const Outcome& outcome, const Outcome& reference, const std::set<std::string>& words, CProof& proof)
 {
     if (outcome.hasCrashed)
     {
@@ -527,11 +532,13 @@ std::string Judge(const Outcome& outcome, const Outcome& reference, const std::s
     }
     if (outcome.hasEnded && outcome.handles > reference.handles + kMoreHandles)
     {
-        return "handles " + std::to_string(outcome.handles) + " instead of " + std::to_string(reference.handles);
+        return "handles " + std::to_string(outcome.handles) + " instead of " +
+               std::to_string(reference.handles);
     }
     if (outcome.hasEnded && outcome.blocks > reference.blocks + kMoreBlocks && !words.contains("keeps"))
     {
-        return "memory blocks " + std::to_string(outcome.blocks) + " instead of " + std::to_string(reference.blocks);
+        return "memory blocks " + std::to_string(outcome.blocks) + " instead of " +
+               std::to_string(reference.blocks);
     }
     if (!words.contains("silent") && !HasNewLine(outcome, reference))
     {
@@ -561,7 +568,8 @@ std::vector<Call> CallsOf(const FailingSection& section, Scenario scenario)
 /// Whether it is the product that calls, and not the runtime for itself.
 bool IsOfProduct(const Call& call, const std::vector<Place>& road)
 {
-    const bool isMemory = call.function == "malloc" || call.function == "calloc" || call.function == "realloc";
+    const bool isMemory =
+        call.function == "malloc" || call.function == "calloc" || call.function == "realloc";
     if (isMemory)
     {
         return std::ranges::any_of(road, &Place::isProduct);
@@ -656,7 +664,8 @@ private:
                 reference.lines[line] = std::max(reference.lines[line], count);
             }
         }
-        if (reference.hasCrashed || !reference.isGone || reference.exitCode != 0 || !reference.trouble.empty())
+        if (reference.hasCrashed || !reference.isGone || reference.exitCode != 0 ||
+            !reference.trouble.empty())
         {
             m_proof.AddFault("without a failure, " + NameOf(scenario) + ": " + reference.trouble);
         }
@@ -745,6 +754,7 @@ private:
                    place.symbol.find("onTimerOrEvent") != std::string::npos;
         });
         const Outcome& reference = m_references[point.call->scenario];
+        const CProof::CLimit limit(m_proof, text(point));
         std::string verdict;
         Outcome outcome;
         // What is wrong once by chance is not wrong again.

@@ -1,7 +1,7 @@
 /// @file
-/// The host, in which one call of the system fails: what the product links, behind an import table in which each
-/// entry leads through a gate. Run by failing_calls, which says what is to fail; see FailingCalls.h. Without
-/// that it is the host as it ships.
+/// The host, in which one call of the system fails: what the product links, behind an import table in which
+/// each entry leads through a gate. Run by failing_calls, which says what is to fail; see FailingCalls.h.
+/// Without that it is the host as it ships.
 #include <windows.h>
 #include <evntrace.h>
 #include <wmistr.h>
@@ -31,7 +31,8 @@ auto* const g_setLastError = Real<decltype(::SetLastError)>("SetLastError");
 auto* const g_getLastError = Real<decltype(::GetLastError)>("GetLastError");
 auto* const g_getProcAddress = Real<decltype(::GetProcAddress)>("GetProcAddress");
 auto* const g_getModuleFileName = Real<decltype(::GetModuleFileNameW)>("GetModuleFileNameW");
-auto* const g_backTrace = Real<USHORT NTAPI(ULONG, ULONG, void**, ULONG*)>("RtlCaptureStackBackTrace", L"ntdll.dll");
+auto* const g_backTrace =
+    Real<USHORT NTAPI(ULONG, ULONG, void**, ULONG*)>("RtlCaptureStackBackTrace", L"ntdll.dll");
 auto* const g_malloc = Real<void*(std::size_t)>("malloc", L"msvcrt.dll");
 auto* const g_calloc = Real<void*(std::size_t, std::size_t)>("calloc", L"msvcrt.dll");
 auto* const g_realloc = Real<void*(void*, std::size_t)>("realloc", L"msvcrt.dll");
@@ -160,7 +161,8 @@ void* WatchFound(void* found, HMODULE module, const char* name) noexcept
     const DWORD error = g_getLastError();
     g_getModuleFileName(module, path, MAX_PATH);
     g_setLastError(error);
-    const bool isSystem = std::wcsstr(path, L"\\windows\\") != nullptr || std::wcsstr(path, L"\\Windows\\") != nullptr;
+    const bool isSystem =
+        std::wcsstr(path, L"\\windows\\") != nullptr || std::wcsstr(path, L"\\Windows\\") != nullptr;
     return found == nullptr || !isSystem ? found : MakeGate(found, name, Kind::Plain);
 }
 
@@ -197,7 +199,8 @@ extern "C" void* PassGate(Gate* gate, Call* call)
     {
         return gate->target;
     }
-    if (gate->kind != Kind::Free && gate->kind != Kind::Exit && gate->kind != Kind::Abort && Fails(*gate, *call))
+    if (gate->kind != Kind::Free && gate->kind != Kind::Exit && gate->kind != Kind::Abort &&
+        Fails(*gate, *call))
     {
         call->value = g_section->value;
         if (g_section->hasCode != 0)
@@ -225,7 +228,8 @@ extern "C" void* PassGate(Gate* gate, Call* call)
         ::InterlockedExchangeAdd(&g_section->blocks, call->value != 0 ? 1 : 0);
         return nullptr;
     case Kind::Realloc:
-        call->value = reinterpret_cast<ULONG64>(g_realloc(reinterpret_cast<void*>(arguments[0]), arguments[1]));
+        call->value =
+            reinterpret_cast<ULONG64>(g_realloc(reinterpret_cast<void*>(arguments[0]), arguments[1]));
         ::InterlockedExchangeAdd(&g_section->blocks, arguments[0] == 0 && call->value != 0 ? 1 : 0);
         return nullptr;
     case Kind::Free:
@@ -315,9 +319,9 @@ void* MakeGate(void* target, const char* name, Kind kind) noexcept
         code[at + 1] = second;
         std::memcpy(code + at + 2, &value, sizeof(value));
     };
-    put(0, 0x49, 0xBB, &gate);                                  // mov r11, gate
-    put(10, 0x49, 0xBA, reinterpret_cast<void*>(&GateEntry));   // mov r10, GateEntry
-    code[20] = 0x41;                                            // jmp r10
+    put(0, 0x49, 0xBB, &gate);                                // mov r11, gate
+    put(10, 0x49, 0xBA, reinterpret_cast<void*>(&GateEntry)); // mov r10, GateEntry
+    code[20] = 0x41;                                          // jmp r10
     code[21] = 0xFF;
     code[22] = 0xE2;
     return code;
@@ -403,9 +407,20 @@ const Special kSpecials[] = {
 bool IsLeftAlone(const char* dll, const char* name) noexcept
 {
     for (const char* const other :
-         {"RtlCaptureContext", "RtlLookupFunctionEntry", "RtlUnwindEx", "RtlVirtualUnwind", "RaiseException",
-          "__C_specific_handler", "SetLastError", "GetLastError", "EnterCriticalSection", "LeaveCriticalSection",
-          "AcquireSRWLockExclusive", "ReleaseSRWLockExclusive", "FlsGetValue", "TlsGetValue"})
+         {"RtlCaptureContext",
+          "RtlLookupFunctionEntry",
+          "RtlUnwindEx",
+          "RtlVirtualUnwind",
+          "RaiseException",
+          "__C_specific_handler",
+          "SetLastError",
+          "GetLastError",
+          "EnterCriticalSection",
+          "LeaveCriticalSection",
+          "AcquireSRWLockExclusive",
+          "ReleaseSRWLockExclusive",
+          "FlsGetValue",
+          "TlsGetValue"})
     {
         if (std::strcmp(other, name) == 0)
         {
@@ -445,7 +460,8 @@ void PatchImports() noexcept
     std::memcpy(&dos, g_base, sizeof(dos));
     std::memcpy(&headers, g_base + dos.e_lfanew, sizeof(headers));
     g_imageSize = headers.OptionalHeader.SizeOfImage;
-    const BYTE* at = g_base + headers.OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT].VirtualAddress;
+    const BYTE* at =
+        g_base + headers.OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT].VirtualAddress;
     IMAGE_IMPORT_DESCRIPTOR descriptor;
     for (std::memcpy(&descriptor, at, sizeof(descriptor)); descriptor.Name != 0;
          std::memcpy(&descriptor, at += sizeof(descriptor), sizeof(descriptor)))
@@ -471,8 +487,8 @@ LONG WINAPI NoteCrash(EXCEPTION_POINTERS* pointers)
 {
     g_isWatching = 0;
     g_section->crashCode = pointers->ExceptionRecord->ExceptionCode;
-    g_section->failedFrom = static_cast<DWORD>(
-        static_cast<BYTE*>(pointers->ExceptionRecord->ExceptionAddress) - g_base);
+    g_section->failedFrom =
+        static_cast<DWORD>(static_cast<BYTE*>(pointers->ExceptionRecord->ExceptionAddress) - g_base);
     ::InterlockedExchange(&g_section->hasCrashed, 1);
     g_terminate(reinterpret_cast<HANDLE>(-1), pointers->ExceptionRecord->ExceptionCode);
     return EXCEPTION_EXECUTE_HANDLER;
