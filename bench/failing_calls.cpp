@@ -424,7 +424,8 @@ std::string Describe(const Call& call, const CPlaces& places, std::size_t most =
 }
 
 /// What the design says of a failure: a line is FUNCTION, SYMBOL, WORDS, and after "#" why. The first line
-/// whose function is the call's and whose symbol is in a function of its road counts; "*" is any.
+/// whose function (or function/code) is the call's and whose symbol is in a function of its road counts; "*"
+/// is any.
 class CDesign
 {
 public:
@@ -453,11 +454,15 @@ public:
         }
     }
 
-    [[nodiscard]] std::set<std::string> Of(const Call& call, const std::vector<Place>& road) const
+    [[nodiscard]] std::set<std::string> Of(const Point& point, const std::vector<Place>& road) const
     {
+        const Call& call = *point.call;
+        const auto code =
+            point.failure.hasCode ? point.failure.code : static_cast<DWORD>(point.failure.value);
         for (const Rule& rule : m_rules)
         {
-            const bool isFunction = rule.function == "*" || rule.function == call.function;
+            const bool isFunction = rule.function == "*" || rule.function == call.function ||
+                                    rule.function == call.function + "/" + std::to_string(code);
             const bool isPlace = rule.symbol == "*" || rule.symbol == NameOf(call.scenario) + ":" ||
                                  std::ranges::any_of(road, [&rule](const Place& place) {
                                      return place.symbol.find(rule.symbol) != std::string::npos;
@@ -477,7 +482,7 @@ private:
 /// Whether the log has a line that the run without a failure does not have and that is about a failure.
 bool HasNewLine(const Outcome& outcome, const Outcome& reference)
 {
-    static const std::regex s_about("^[2-6]|[Ff]ail|[Cc]an.?t|[Uu]nable|0x[0-9A-F]*[1-9A-F]|n/a");
+    static const std::regex s_about("^[2-6]|[Ff]ail|[Cc]an.?t|[Uu]nable|0x[0-9A-F]*[1-9A-F]|n/a|-#");
     return std::ranges::any_of(outcome.lines, [&reference](const auto& line) {
         const auto there = reference.lines.find(line.first);
         return (there == reference.lines.end() || there->second < line.second) &&
@@ -748,7 +753,7 @@ private:
     void playPoint(CStage& stage, const Point& point)
     {
         const std::vector<Place> road = m_places.Of(*point.call);
-        const std::set<std::string> words = m_design.Of(*point.call, road);
+        const std::set<std::string> words = m_design.Of(point, road);
         const bool isTrimmed = std::ranges::any_of(road, [](const Place& place) {
             return place.symbol.find("WorkingSet") != std::string::npos ||
                    place.symbol.find("onTimerOrEvent") != std::string::npos;

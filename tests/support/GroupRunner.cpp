@@ -1,6 +1,5 @@
 #include "support/GroupRunner.h"
 
-#include <psapi.h>
 #include <tlhelp32.h>
 #include <winternl.h>
 
@@ -221,12 +220,12 @@ bool CGroupRunner::isServiceThread(DWORD thread) const
     const Basalt::CHandle handle(::OpenThread(THREAD_QUERY_INFORMATION, FALSE, thread));
     void* address = nullptr;
     s_query(handle.Get(), kStartAddress, &address, sizeof(address), nullptr);
+    // Wine's own DLLs are at the same place everywhere. Asking for the other process's memory would wait for
+    // an answer of its threads, for ever when it ends meanwhile.
     MEMORY_BASIC_INFORMATION memory{};
-    ::VirtualQueryEx(Process(), address, &memory, sizeof(memory));
-    wchar_t name[MAX_PATH] = {};
-    ::GetModuleBaseNameW(Process(), static_cast<HMODULE>(memory.AllocationBase), name, MAX_PATH);
+    ::VirtualQuery(address, &memory, sizeof(memory));
     return handle && ::GetProcessIdOfThread(handle.Get()) == ProcessId() &&
-           ::lstrcmpiW(name, L"sechost.dll") == 0;
+           memory.AllocationBase == ::GetModuleHandleW(L"sechost.dll");
 }
 
 DWORD SkipControlPipe()
