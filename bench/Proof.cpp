@@ -37,6 +37,10 @@ std::optional<ProofOptions> ProofOptions::Parse(
         {
             options.length = std::wcstoull(argv[i], nullptr, 10);
         }
+        else if (word == L"--minutes")
+        {
+            options.minutes = std::wcstoul(argv[i], nullptr, 10);
+        }
         else if (word == L"--seed")
         {
             options.seed = std::wcstoul(argv[i], nullptr, 10);
@@ -65,8 +69,14 @@ std::wstring ProofOptions::Get(const std::wstring& word) const
 
 CProof::CProof(std::string driver, const ProofOptions& options, unsigned long long length)
     : m_driver(std::move(driver)), m_json(options.json),
-      m_length(options.length != 0 ? options.length : length), m_seed(options.seed)
+      m_length(options.length != 0 ? options.length : length), m_minutes(options.minutes),
+      m_seed(options.seed)
 {
+}
+
+bool CProof::IsOver() const noexcept
+{
+    return m_minutes != 0 && ::GetTickCount64() - m_start >= m_minutes * 60000ULL;
 }
 
 void CProof::AddPoint()

@@ -8,10 +8,11 @@
 #include <string>
 #include <vector>
 
-/// What every driver of ./prove is told: --length N --seed N --json FILE, and words of its own.
+/// What every driver of ./prove is told: --length N --minutes N --seed N --json FILE, and words of its own.
 struct ProofOptions
 {
     unsigned long long length = 0; ///< In the driver's own units; 0 when it was not given.
+    unsigned minutes = 0;          ///< After which it is enough, whatever the length; 0 for no end.
     unsigned seed = 1;
     std::wstring json;
     std::map<std::wstring, std::wstring> own; ///< The driver's other words, each with its value.
@@ -35,6 +36,8 @@ public:
     CProof(std::string driver, const ProofOptions& options, unsigned long long length);
 
     [[nodiscard]] unsigned long long Length() const noexcept { return m_length; }
+    /// Whether the time is up that was given.
+    [[nodiscard]] bool IsOver() const noexcept;
     void AddPoint();
     /// Something that should not be, and how to try it again. Printed at once.
     void AddFault(const std::string& text);
@@ -67,6 +70,7 @@ private:
     std::string m_driver;
     std::wstring m_json;
     unsigned long long m_length;
+    unsigned m_minutes;
     unsigned m_seed;
     ULONGLONG m_start = ::GetTickCount64();
     ULONGLONG m_lastProgress = m_start;

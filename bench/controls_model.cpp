@@ -57,21 +57,21 @@ enum class Order
 };
 struct OrderKind
 {
-    Order order;
     const char* name;
+    Order order;
     int weight;
 };
 constexpr OrderKind kOrders[] = {
-    {Order::Start, "start", 300},
-    {Order::StartAndEnd, "start-and-end", 60},
-    {Order::Stop, "stop", 190},
-    {Order::Shutdown, "shutdown", 40},
-    {Order::Restart, "restart", 60},
-    {Order::Interrogate, "interrogate", 200},
-    {Order::Unknown, "unknown", 60},
-    {Order::Trim, "trim", 60},
-    {Order::Settings, "settings", 30},
-    {Order::UpdateStop, "update-stop", 1}};
+    {"start", Order::Start, 300},
+    {"start-and-end", Order::StartAndEnd, 60},
+    {"stop", Order::Stop, 190},
+    {"shutdown", Order::Shutdown, 40},
+    {"restart", Order::Restart, 60},
+    {"interrogate", Order::Interrogate, 200},
+    {"unknown", Order::Unknown, 60},
+    {"trim", Order::Trim, 60},
+    {"settings", Order::Settings, 30},
+    {"update-stop", Order::UpdateStop, 1}};
 
 struct Step
 {
@@ -406,6 +406,7 @@ public:
         : m_proof("controls_model", options, 300), m_dice(options.seed), m_proxies(SignedProxies(L"tarvex"))
     {
         std::vector<TestSubsystem> services;
+        services.reserve(kMostServices);
         for (int i = 0; i < kMostServices; ++i)
         {
             services.push_back({NameOf(i), TestClsidText(L"WellBehaved"), BesideTest(kTestModule)});
@@ -421,7 +422,7 @@ public:
     int Run()
     {
         unsigned long long done = 0;
-        while (done < m_proof.Length())
+        while (done < m_proof.Length() && !m_proof.IsOver())
         {
             const auto most = std::min<unsigned long long>(kEpisodeSteps, m_proof.Length() - done);
             const Episode episode = throwDice(static_cast<std::size_t>(most));

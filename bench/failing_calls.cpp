@@ -599,7 +599,7 @@ bool IsOfProduct(const Call& call, const std::vector<Place>& road)
 class CDriver
 {
 public:
-    CDriver(const ProofOptions& options)
+    explicit CDriver(const ProofOptions& options)
         : m_options(options), m_proof("failing_calls", options, 30), m_places(options.Get(L"--places")),
           m_design(options.Get(L"--designed"))
     {
@@ -761,7 +761,7 @@ private:
         std::unique_ptr<CStage> stage;
         for (const Point& point : m_points)
         {
-            if (point.call->scenario == scenario)
+            if (point.call->scenario == scenario && !m_proof.IsOver())
             {
                 stage = stage != nullptr ? std::move(stage) : std::make_unique<CStage>(scenario);
                 playPoint(*stage, point);

@@ -6,9 +6,11 @@
 #include <evntrace.h>
 #include <wmistr.h>
 
+#include <algorithm>
 #include <cstddef>
-#include <cstdlib>
 #include <cstring>
+#include <cwchar>
+#include <string_view>
 
 #include "FailingCalls.h"
 #include "HandleCount.h"
@@ -317,7 +319,7 @@ void* MakeGate(void* target, const char* name, Kind kind) noexcept
     const auto put = [code](std::size_t at, BYTE first, BYTE second, const void* value) {
         code[at] = first;
         code[at + 1] = second;
-        std::memcpy(code + at + 2, &value, sizeof(value));
+        std::memcpy(code + at + 2, static_cast<const void*>(&value), sizeof(value));
     };
     put(0, 0x49, 0xBB, &gate);                                // mov r11, gate
     put(10, 0x49, 0xBA, reinterpret_cast<void*>(&GateEntry)); // mov r10, GateEntry
@@ -344,15 +346,14 @@ ULONG WINAPI TakeEvent(TRACEHANDLE /*session*/, EVENT_TRACE_HEADER* header)
         ::InterlockedIncrement(&g_section->logDropped);
         return ERROR_SUCCESS;
     }
+    const std::wstring_view pieces[] = {function, L": ", message, L"\n"};
     wchar_t* to = g_section->log + at;
     *to++ = static_cast<wchar_t>(L'0' + number);
     *to++ = L' ';
-    std::wmemcpy(to, function, std::wcslen(function));
-    to += std::wcslen(function);
-    *to++ = L':';
-    *to++ = L' ';
-    std::wmemcpy(to, message, std::wcslen(message));
-    to[std::wcslen(message)] = L'\n';
+    for (const std::wstring_view piece : pieces)
+    {
+        to = std::ranges::copy(piece, to).out;
+    }
     return ERROR_SUCCESS;
 }
 
@@ -449,8 +450,8 @@ void PatchSlot(void** slot, const char* name) noexcept
     }
     void* const gate = MakeGate(target, name, kind);
     DWORD protection = 0;
-    ::VirtualProtect(slot, sizeof(*slot), PAGE_READWRITE, &protection);
-    std::memcpy(static_cast<void*>(slot), &gate, sizeof(gate));
+    ::VirtualProtect(static_cast<void*>(slot), sizeof(*slot), PAGE_READWRITE, &protection);
+    std::memcpy(static_cast<void*>(slot), static_cast<const void*>(&gate), sizeof(gate));
 }
 
 void PatchImports() noexcept

@@ -394,7 +394,8 @@ public:
         std::ranges::partition(
             cells, [](const Cell& cell) { return cell.phase == "run" && cell.kind->name == "thread-exit"; });
         cells.resize(std::min<std::size_t>(cells.size(), only.empty() ? m_proof.Length() : 1));
-        for (std::size_t i = 0; i < (only.empty() ? m_proof.Length() : cells.size()); ++i)
+        for (std::size_t i = 0; i < (only.empty() ? m_proof.Length() : cells.size()) && !m_proof.IsOver();
+             ++i)
         {
             play(cells[i % cells.size()]);
             m_proof.Progress(std::to_string(i + 1));
