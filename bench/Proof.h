@@ -35,12 +35,19 @@ public:
     CProof(std::string driver, const ProofOptions& options, unsigned long long length);
 
     [[nodiscard]] unsigned long long Length() const noexcept { return m_length; }
-    void AddPoint();
+    [[nodiscard]] unsigned Seed() const noexcept { return m_seed; }
+    void AddPoint(unsigned long long count = 1);
     /// Something that should not be, and how to try it again. Printed at once.
     void AddFault(const std::string& text);
     /// Something that is known not to be the product's.
     void AddOdd(const std::string& kind);
     void SetFigure(const std::string& name, double value);
+    /// Printed at once; in the file, not in the summary of ./prove.
+    /// @param rows each as long as the columns.
+    void AddTable(
+        const std::string& name,
+        const std::vector<std::string>& columns,
+        const std::vector<std::vector<double>>& rows);
     /// A line of progress, at most one in some seconds.
     void Progress(const std::string& text);
 
@@ -59,4 +66,12 @@ private:
     std::vector<std::string> m_faults;
     std::map<std::string, unsigned> m_odd;
     std::vector<std::pair<std::string, double>> m_figures;
+
+    struct Table
+    {
+        std::string name;
+        std::vector<std::string> columns;
+        std::vector<std::vector<double>> rows;
+    };
+    std::vector<Table> m_tables;
 };
