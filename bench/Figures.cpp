@@ -5,13 +5,16 @@
 #include <algorithm>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <sstream>
 
 #include "HandleCount.h"
 #include "StartMark.h"
 #include "base/Owned.h"
 #include "base/RegKey.h"
+#include "base/Stopwatch.h"
 #include "support/Errors.h"
+#include "support/GroupRunner.h"
 #include "support/Narrow.h"
 #include "txsvcctl/service/ProcessFigures.h"
 #include "txsvcctl/service/ServiceManager.h"
@@ -23,6 +26,15 @@ constexpr wchar_t kSubsystem[] = L"{5C9E2A61-94B7-4E0F-A2D8-3F6B1C7E8D42}";
 constexpr DWORD kTimeoutMs = 30000;
 const Basalt::CHandle s_running(
     ::CreateEventW(nullptr, FALSE, FALSE, kRunningEvent)); ///< Signalled by services.
+
+void EndAll(std::vector<std::unique_ptr<CGroupRunner>>& hosts, const std::vector<std::wstring>& names)
+{
+    for (std::size_t i = 0; i < names.size(); ++i)
+    {
+        hosts[std::min(i, hosts.size() - 1)]->Stop(names[i]);
+    }
+    hosts.clear();
+}
 
 } // namespace
 
@@ -120,4 +132,34 @@ std::vector<TestSubsystem> BenchSubsystems(int count)
         all.push_back({L"TxBench" + std::to_wstring(i), kSubsystem, BesideTest(L"BenchSubsystem.dll")});
     }
     return all;
+}
+
+Figures MeasureGroup(
+    const std::vector<std::wstring>& names,
+    const std::vector<std::wstring>& images,
+    const std::string& program)
+{
+    std::vector<std::unique_ptr<CGroupRunner>> hosts;
+    const Basalt::CStopwatch watch;
+    for (std::size_t i = 0; i < names.size(); ++i)
+    {
+        if (i < images.size())
+        {
+            hosts.push_back(std::make_unique<CGroupRunner>(images[i]));
+        }
+        if (hosts.back()->Start(names[i]) != ERROR_SUCCESS)
+        {
+            ThrowError(names[i] + L" does not start");
+        }
+        AwaitRunning(names[i]);
+    }
+    Figures figures{.milliseconds = watch.Seconds() * 1000};
+    ::Sleep(1500);
+    for (const auto& host : hosts)
+    {
+        figures.Add(host->ProcessId());
+    }
+    figures.pageFaults = PageFaultsOf(program);
+    EndAll(hosts, names);
+    return figures;
 }

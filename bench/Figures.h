@@ -51,3 +51,12 @@ void SetCommonFiles();
 
 /// TxBench1 and so on, of BenchSubsystem.dll.
 [[nodiscard]] std::vector<TestSubsystem> BenchSubsystems(int count);
+
+/// Starts services, each when the one before runs, looks at their processes and stops them.
+/// @param images one for all services, or one for each.
+/// @param program the name of the processes' program.
+/// @throws std::runtime_error
+[[nodiscard]] Figures MeasureGroup(
+    const std::vector<std::wstring>& names,
+    const std::vector<std::wstring>& images,
+    const std::string& program);

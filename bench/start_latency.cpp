@@ -170,46 +170,6 @@ ordered_json MeasureStarts(int rounds)
         {"timeRatio", Median(ratios)}};
 }
 
-void EndAll(std::vector<std::unique_ptr<CGroupRunner>>& hosts, const std::vector<std::wstring>& names)
-{
-    for (std::size_t i = 0; i < names.size(); ++i)
-    {
-        hosts[std::min(i, hosts.size() - 1)]->Stop(names[i]);
-    }
-    hosts.clear();
-}
-
-/// @param images one for all services, or one for each.
-Figures MeasureGroup(
-    const std::vector<std::wstring>& names,
-    const std::vector<std::wstring>& images,
-    const std::string& program)
-{
-    std::vector<std::unique_ptr<CGroupRunner>> hosts;
-    const Basalt::CStopwatch watch;
-    for (std::size_t i = 0; i < names.size(); ++i)
-    {
-        if (i < images.size())
-        {
-            hosts.push_back(std::make_unique<CGroupRunner>(images[i]));
-        }
-        if (hosts.back()->Start(names[i]) != ERROR_SUCCESS)
-        {
-            ThrowError(names[i] + L" does not start");
-        }
-        AwaitRunning(names[i]);
-    }
-    Figures figures{.milliseconds = watch.Seconds() * 1000};
-    ::Sleep(1500);
-    for (const auto& host : hosts)
-    {
-        figures.Add(host->ProcessId());
-    }
-    figures.pageFaults = PageFaultsOf(program);
-    EndAll(hosts, names);
-    return figures;
-}
-
 ordered_json MeasureGroups(int count, int rounds)
 {
     CInstallation installation;
