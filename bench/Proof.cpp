@@ -98,11 +98,16 @@ void CProof::SetFigure(const std::string& name, double value)
 void CProof::AddTable(
     const std::string& name,
     const std::vector<std::string>& columns,
-    const std::vector<std::vector<double>>& rows)
+    const std::vector<std::vector<double>>& rows,
+    bool isPrinted)
 {
     const int kLeastWidth = 9;
     const std::lock_guard guard(m_lock);
     m_tables.push_back({name, columns, rows});
+    if (!isPrinted)
+    {
+        return;
+    }
     std::printf("\n%s\n", name.c_str());
     const auto width = [kLeastWidth](const std::string& column) {
         return std::max(kLeastWidth, static_cast<int>(column.size()));

@@ -42,12 +42,14 @@ public:
     /// Something that is known not to be the product's.
     void AddOdd(const std::string& kind);
     void SetFigure(const std::string& name, double value);
-    /// Printed at once; in the file, not in the summary of ./prove.
+    /// In the file, not in the summary of ./prove.
     /// @param rows each as long as the columns.
+    /// @param isPrinted at once as well.
     void AddTable(
         const std::string& name,
         const std::vector<std::string>& columns,
-        const std::vector<std::vector<double>>& rows);
+        const std::vector<std::vector<double>>& rows,
+        bool isPrinted = true);
     /// A line of progress, at most one in some seconds.
     void Progress(const std::string& text);
 
