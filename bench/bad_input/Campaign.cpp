@@ -202,7 +202,8 @@ std::wstring CDecisions::Text(std::size_t most)
     for (std::size_t left = Byte() % (most + 1); left != 0; --left)
     {
         const BYTE low = Byte();
-        text += low >= 0xF0 ? static_cast<wchar_t>(low << 8 | Byte()) : static_cast<wchar_t>(low);
+        // Mostly narrow characters: they are the ones that mean something.
+        text += low >= 0xE0 ? static_cast<wchar_t>(Byte() << 8 | Byte()) : static_cast<wchar_t>(low);
     }
     return text;
 }

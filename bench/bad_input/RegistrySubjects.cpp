@@ -385,10 +385,15 @@ private:
         for (const LogNumberSetting* const setting : kNumbers)
         {
             const DWORD number = input.EdgyNumber(setting->least, setting->most);
-            wchar_t text[16] = {};
-            ::_snwprintf(text, std::size(text) - 1, input.Flag() ? L"0x%x" : L"%u", number);
+            const bool isTooLarge = input.Below(8) == 1; // By 32 bits.
+            wchar_t text[32] = {};
+            ::_snwprintf(
+                text,
+                std::size(text) - 1,
+                input.Flag() ? L"0x%I64x" : L"%I64u",
+                number + (isTooLarge ? 0x100000000ULL : 0));
             file += std::wstring(setting->name) + L"=" + text + L"\r\n";
-            numbers.push_back(setting->IsValid(number) ? number : setting->fallback);
+            numbers.push_back(setting->IsValid(number) && !isTooLarge ? number : setting->fallback);
         }
         const std::wstring tag = L"t" + input.Text(20, L"$\";") + L"t";
         file += std::wstring(kTagSetting.name) + L"=" + tag + L"\r\n";

@@ -79,7 +79,9 @@ Written SomeLine(CDecisions& input, const wchar_t* notInMessage)
     const std::wstring tag = input.Text(20, L"$");
     const std::wstring file = input.Text(30, L"\\");
     const std::wstring function = input.Text(50, L"");
-    const std::wstring message = L"m" + input.Text(60, notInMessage);
+    constexpr wchar_t kLineEndAtOddPlace[] = L"\x0A41\x0100"; // Its bytes: 41 0A 00 01.
+    const std::wstring message =
+        L"m" + input.Text(60, notInMessage) + (input.Flag() ? kLineEndAtOddPlace : L"");
     fields.tag = tag.c_str();
     fields.processId = input.Number() & kMostShown;
     fields.threadId = input.Number() & kMostShown;
@@ -409,7 +411,7 @@ public:
 private:
     void tryWritten(CDecisions& input)
     {
-        const std::wstring group = input.Text(60);
+        const std::wstring group = input.Flag() ? input.Text(60) : input.Text(60, L";:,/\\\"'");
         const std::wstring program = L"C:\\" + input.Text(60, L"\"<>|?*/") + L".exe";
         try
         {
