@@ -69,7 +69,8 @@ struct Written
     std::wstring line;
 };
 
-/// A message's own blanks, and one that looks like a field, cannot be told from fields.
+/// What looks like a field cannot be told from one: a message's own blanks, a function's name with "]$" in
+/// it.
 Written SomeLine(CDecisions& input, const wchar_t* notInMessage)
 {
     constexpr DWORD kMostShown = MAXLONG; // The line prints numbers with a sign.
@@ -77,8 +78,8 @@ Written SomeLine(CDecisions& input, const wchar_t* notInMessage)
     fields.time = SomeTime(input);
     fields.options = input.Byte() & (LogOptionProcess | LogOptionSource | LogOptionTag | LogOptionFunction);
     const std::wstring tag = input.Text(20, L"$");
-    const std::wstring file = input.Text(30, L"\\");
-    const std::wstring function = input.Text(50, L"");
+    const std::wstring file = input.Text(30, L"\\$");
+    const std::wstring function = input.Text(50, L"$");
     constexpr wchar_t kLineEndAtOddPlace[] = L"\x0A41\x0100"; // Its bytes: 41 0A 00 01.
     const std::wstring message =
         L"m" + input.Text(60, notInMessage) + (input.Flag() ? kLineEndAtOddPlace : L"");
@@ -199,35 +200,46 @@ public:
     void Try(CDecisions input) override
     {
         const bool isRaw = input.Flag();
-        const std::string pieces(8, static_cast<char>(0));
         std::string cuts;
         for (int i = 0; i < 6; ++i)
         {
             cuts += static_cast<char>(input.Byte());
         }
-        std::size_t written = 0;
+        std::vector<LogEntry> written;
         const std::string file = isRaw ? std::string(input.Rest()) : someFile(input, written);
         CEntries whole;
         TxCtl::CLogText text;
         text.Feed(file.data(), file.size(), whole);
         text.Finish(whole);
-        Require(isRaw || whole.all.size() == written, "the entries of a file are not all found");
+        Require(isRaw || std::ranges::equal(whole.all, written, &IsSame), "a file is read as something else");
         checkPieces(file, cuts, whole.all);
         checkJson(whole.all);
     }
 
 private:
-    static std::string someFile(CDecisions& input, std::size_t& entries)
+    static std::string someFile(CDecisions& input, std::vector<LogEntry>& entries)
     {
         const bool isWide = input.Flag();
         const bool isMarked = input.Flag();
+        // Half a surrogate pair has no form in UTF-8.
+        const auto kept = [isWide](std::wstring& text) {
+            text = isWide ? text : TxCtl::FromUtf8(TxCtl::ToUtf8(text));
+        };
         std::string file = !isMarked ? "" : isWide ? "\xFF\xFE" : "\xEF\xBB\xBF";
         for (std::size_t left = 1 + input.Below(4); left != 0; --left)
         {
-            const Written written = SomeLine(input, L"");
-            const std::wstring further = input.Flag() ? L"x" + input.Text(10, L"") + L"\n" : L"";
-            file += isWide ? BytesOf(written.line + further) : TxCtl::ToUtf8(written.line + further);
-            ++entries;
+            Written written = SomeLine(input, L"");
+            const std::wstring further = input.Flag() ? L"x" + input.Text(10, L"") : L"";
+            written.entry.message += further.empty() ? L"" : L"\n" + further;
+            const std::wstring lines = written.line + (further.empty() ? L"" : further + L"\n");
+            file += isWide ? BytesOf(lines) : TxCtl::ToUtf8(lines);
+            for (std::optional<std::wstring>* const text :
+                 {&written.entry.tag, &written.entry.source, &written.entry.function})
+            {
+                *text ? kept(**text) : void();
+            }
+            kept(written.entry.message);
+            entries.push_back(std::move(written.entry));
         }
         return file;
     }
