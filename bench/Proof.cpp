@@ -15,6 +15,7 @@ namespace
 {
 
 constexpr ULONGLONG kProgressMs = 10000;
+constexpr DWORD kLimitMs = 180000; ///< More than every wait of the drivers' together.
 
 } // namespace
 
@@ -127,6 +128,21 @@ void CProof::AddTable(
     }
     std::printf("\n");
     std::fflush(stdout);
+}
+
+CProof::CLimit::CLimit(CProof& proof, std::string what) : m_proof(proof), m_what(std::move(what))
+{
+    const WAITORTIMERCALLBACK end = [](void* context, BOOLEAN) {
+        auto* const limit = static_cast<CLimit*>(context);
+        limit->m_proof.AddFault("the driver is stuck: " + limit->m_what);
+        ::TerminateProcess(::GetCurrentProcess(), static_cast<UINT>(limit->m_proof.Finish()));
+    };
+    ::CreateTimerQueueTimer(&m_timer, nullptr, end, this, kLimitMs, 0, WT_EXECUTEDEFAULT);
+}
+
+CProof::CLimit::~CLimit()
+{
+    ::DeleteTimerQueueTimer(nullptr, m_timer, INVALID_HANDLE_VALUE);
 }
 
 void CProof::Progress(const std::string& text)

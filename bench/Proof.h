@@ -50,6 +50,22 @@ public:
         const std::vector<std::string>& columns,
         const std::vector<std::vector<double>>& rows,
         bool isPrinted = true);
+    /// Bounds what is done in its scope, in case this very program is stuck (in a wait of the system's that
+    /// knows no end): after some minutes that is a fault, and the program ends with what it has found.
+    class CLimit
+    {
+    public:
+        CLimit(CProof& proof, std::string what);
+        ~CLimit();
+        CLimit(const CLimit&) = delete;
+        CLimit& operator=(const CLimit&) = delete;
+
+    private:
+        HANDLE m_timer = nullptr;
+        CProof& m_proof;
+        std::string m_what;
+    };
+
     /// A line of progress, at most one in some seconds.
     void Progress(const std::string& text);
 

@@ -248,7 +248,8 @@ public:
     }
 
 private:
-    static constexpr int kServices = 8; ///< Beside the one that keeps the process.
+    static constexpr DWORD kSettleMs = 300; ///< For threads of the pool.
+    static constexpr int kServices = 8;     ///< Beside the one that keeps the process.
     static constexpr wchar_t kSubsystem[] = L"{5C9E2A61-94B7-4E0F-A2D8-3F6B1C7E8D43}";
 
     static std::wstring ServiceName(int number) { return L"TxSoak" + std::to_wstring(number); }
@@ -289,7 +290,7 @@ private:
         {
             stop(i);
         }
-        ::Sleep(1500);
+        ::Sleep(kSettleMs);
     }
 
     CProof& m_proof;

@@ -2,7 +2,7 @@
 
 # Everything that the build, the tests and the demo need from Debian 12.
 packages=(wine64 wine g++-mingw-w64-x86-64-posix mingw-w64-tools clang-19 lld-19 clang-tidy-19 clang-format-19
-    cmake ninja-build python3 googletest osslsigncode openssl libcli11-dev nlohmann-json3-dev)
+    llvm cmake ninja-build python3 googletest osslsigncode openssl libcli11-dev nlohmann-json3-dev)
 
 say() {
     if [ -t 1 ]; then printf '\n\033[1m== %s\033[0m\n' "$*"; else printf '\n== %s\n' "$*"; fi

@@ -1,28 +1,24 @@
 #include "proxy/ServiceStart.h"
 
 #include <cwchar>
+#include <iterator>
 
-CServiceStart::CServiceStart(CList& list, const wchar_t* name) noexcept : m_list(list), m_name(name)
+CServiceStart::CServiceStart(CList& list, const std::wstring& name) : m_list(list)
 {
     const Basalt::CLockGuard guard(m_list.m_lock);
-    for (CServiceStart* earlier = m_list.m_first; earlier != nullptr; earlier = earlier->m_next)
+    m_entry =
+        m_list.m_entries.insert(m_list.m_entries.begin(), {name}); // First: without memory nothing changes.
+    for (auto earlier = std::next(m_entry); earlier != m_list.m_entries.end(); ++earlier)
     {
-        if (::_wcsicmp(earlier->m_name, m_name) == 0)
+        if (::_wcsicmp(earlier->name.c_str(), name.c_str()) == 0)
         {
-            earlier->m_isLast = false;
+            earlier->isLast = false;
         }
     }
-    m_next = m_list.m_first;
-    m_list.m_first = this;
 }
 
 CServiceStart::~CServiceStart()
 {
     const Basalt::CLockGuard guard(m_list.m_lock);
-    CServiceStart** place = &m_list.m_first;
-    while (*place != this)
-    {
-        place = &(*place)->m_next;
-    }
-    *place = m_next;
+    m_list.m_entries.erase(m_entry);
 }

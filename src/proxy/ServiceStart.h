@@ -2,6 +2,9 @@
 
 #include <windows.h>
 
+#include <list>
+#include <string>
+
 #include "base/Lock.h"
 
 /// One start of a service, from its thread's entry to the end of that thread.
@@ -12,30 +15,37 @@
 /// Threads: an object belongs to the service's thread; it stands on its stack.
 class CServiceStart
 {
+    struct Entry
+    {
+        std::wstring name;
+        bool isLast = true;
+    };
+
 public:
-    /// The starts of a process that have not ended. Threads: any.
+    /// The starts of a process that have not ended. The entries stand by themselves: a hosted service that
+    /// ends its thread takes the stack with it, and its entry stays here for good.
+    /// Threads: any.
     class CList
     {
     public:
         [[nodiscard]] bool IsEmpty() noexcept TX_EXCLUDES(m_lock)
         {
             const Basalt::CLockGuard guard(m_lock);
-            return m_first == nullptr;
+            return m_entries.empty();
         }
 
     private:
         friend class CServiceStart;
         Basalt::CLock m_lock;
-        CServiceStart* m_first TX_GUARDED_BY(m_lock) = nullptr;
+        std::list<Entry> m_entries TX_GUARDED_BY(m_lock);
     };
 
-    /// @param name borrowed: must outlive the object.
-    CServiceStart(CList& list, const wchar_t* name) noexcept;
+    CServiceStart(CList& list, const std::wstring& name);
     ~CServiceStart();
     CServiceStart(const CServiceStart&) = delete;
     CServiceStart& operator=(const CServiceStart&) = delete;
 
-    [[nodiscard]] const wchar_t* Name() const noexcept { return m_name; }
+    [[nodiscard]] const wchar_t* Name() const noexcept { return m_entry->name.c_str(); }
 
     /// Runs the action unless the service has been started again; a further start of any service waits for
     /// its end.
@@ -43,7 +53,7 @@ public:
     void IfLast(Action&& action) const noexcept TX_EXCLUDES(m_list.m_lock)
     {
         const Basalt::CLockGuard guard(m_list.m_lock);
-        if (m_isLast)
+        if (m_entry->isLast)
         {
             action();
         }
@@ -51,7 +61,5 @@ public:
 
 private:
     CList& m_list;
-    const wchar_t* m_name;
-    bool m_isLast TX_GUARDED_BY(m_list.m_lock) = true;
-    CServiceStart* m_next TX_GUARDED_BY(m_list.m_lock) = nullptr;
+    std::list<Entry>::iterator m_entry; ///< Its isLast is guarded by the list's lock.
 };

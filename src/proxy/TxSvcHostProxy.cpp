@@ -178,7 +178,7 @@ void WINAPI CTxSvcHostProxy::GenericServiceMain(DWORD argc, LPWSTR* argv) noexce
 void CTxSvcHostProxy::ProxyServiceMain(Instance& instance, const std::wstring& name, DWORD argc, LPWSTR* argv)
 {
     constexpr wchar_t kFunction[] = L"CTxSvcHostProxy::ProxyServiceMain";
-    const CServiceStart start(instance.starts, name.c_str());
+    const CServiceStart start(instance.starts, name);
     TX_LOG(LogNormal, kFunction, L"Entering ServiceMain for '%s'", name);
     const Basalt::CStopwatch sinceStart;
 

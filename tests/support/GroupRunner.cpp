@@ -1,6 +1,5 @@
 #include "support/GroupRunner.h"
 
-#include <psapi.h>
 #include <winternl.h>
 
 #include <algorithm>
@@ -70,7 +69,7 @@ CGroupRunner::CGroupRunner(const std::wstring& commandLine)
             L"the host ended with " + std::to_wstring(m_process->Wait()) + L" before its services came");
     }
     // A service that it does not know is refused by the dispatcher's own thread, which is there from then on.
-    static_cast<void>(request(L"", SERVICE_CONTROL_INTERROGATE, {}));
+    static_cast<void>(Request(L"", SERVICE_CONTROL_INTERROGATE, {}));
 }
 
 CGroupRunner::~CGroupRunner()
@@ -97,7 +96,7 @@ DWORD CGroupRunner::Start(const std::wstring& name, const std::vector<std::wstri
     }
     m_threads[name].clear(); // From here on the manager is told of its end, whatever happens.
     const std::set<DWORD> before = threads();
-    const DWORD answer = request(name, kControlStart, text + L'\0');
+    const DWORD answer = Request(name, kControlStart, text + L'\0');
     if (answer != ERROR_SUCCESS)
     {
         MarkState(name, SERVICE_STOPPED);
@@ -119,7 +118,7 @@ void CGroupRunner::StartAndWait(const std::wstring& name, const std::vector<std:
 
 void CGroupRunner::Stop(const std::wstring& name)
 {
-    const DWORD answer = request(name, SERVICE_CONTROL_STOP, {});
+    const DWORD answer = Request(name, SERVICE_CONTROL_STOP, {});
     // The last service's end may end the process before its answer is out.
     if (answer != ERROR_PROCESS_ABORTED)
     {
@@ -156,7 +155,7 @@ bool CGroupRunner::WaitForThreadEnd(const std::wstring& name) const
 /// @param arguments the strings behind the service's name, each with its terminator, and one more; or
 /// nothing.
 /// @return the answer, or ERROR_PROCESS_ABORTED when the process ended before it came.
-DWORD CGroupRunner::request(const std::wstring& name, DWORD control, const std::wstring& arguments)
+DWORD CGroupRunner::Request(const std::wstring& name, DWORD control, const std::wstring& arguments)
 {
     const std::wstring text = name + L'\0' + arguments;
     const auto textBytes = static_cast<DWORD>(text.size() * sizeof(wchar_t));
@@ -221,12 +220,12 @@ bool CGroupRunner::isServiceThread(DWORD thread) const
     const Basalt::CHandle handle(::OpenThread(THREAD_QUERY_INFORMATION, FALSE, thread));
     void* address = nullptr;
     s_query(handle.Get(), kStartAddress, &address, sizeof(address), nullptr);
+    // Wine's own DLLs are at the same place everywhere. Asking for the other process's memory would wait for
+    // an answer of its threads, for ever when it ends meanwhile.
     MEMORY_BASIC_INFORMATION memory{};
-    ::VirtualQueryEx(Process(), address, &memory, sizeof(memory));
-    wchar_t name[MAX_PATH] = {};
-    ::GetModuleBaseNameW(Process(), static_cast<HMODULE>(memory.AllocationBase), name, MAX_PATH);
+    ::VirtualQuery(address, &memory, sizeof(memory));
     return handle && ::GetProcessIdOfThread(handle.Get()) == ProcessId() &&
-           ::lstrcmpiW(name, L"sechost.dll") == 0;
+           memory.AllocationBase == ::GetModuleHandleW(L"sechost.dll");
 }
 
 DWORD SkipControlPipe()

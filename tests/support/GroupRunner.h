@@ -69,11 +69,13 @@ public:
     /// @return the exit code; throws when the time is over.
     [[nodiscard]] DWORD WaitForExit() { return m_process.value().Wait(); }
 
+    /// Any control for a service of the dispatcher's; see the implementation.
+    DWORD Request(const std::wstring& name, DWORD control, const std::wstring& arguments = {});
+
     [[nodiscard]] HANDLE Process() const noexcept { return m_process.value().Handle(); } ///< Borrowed.
     [[nodiscard]] DWORD ProcessId() const noexcept { return m_process.value().Id(); }
 
 private:
-    DWORD request(const std::wstring& name, DWORD control, const std::wstring& arguments);
     [[nodiscard]] bool awaitHost(DWORD bytes) const;
     [[nodiscard]] std::set<DWORD> threads() const;
     [[nodiscard]] bool isServiceThread(DWORD thread) const;
