@@ -1,6 +1,7 @@
 #include "Proof.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cwchar>
 #include <filesystem>
@@ -79,10 +80,10 @@ bool CProof::IsOver() const noexcept
     return m_minutes != 0 && ::GetTickCount64() - m_start >= m_minutes * 60000ULL;
 }
 
-void CProof::AddPoint()
+void CProof::AddPoint(unsigned long long count)
 {
     const std::lock_guard guard(m_lock);
-    ++m_points;
+    m_points += count;
 }
 
 void CProof::AddFault(const std::string& text)
@@ -103,6 +104,40 @@ void CProof::SetFigure(const std::string& name, double value)
 {
     const std::lock_guard guard(m_lock);
     m_figures.emplace_back(name, value);
+}
+
+void CProof::AddTable(
+    const std::string& name,
+    const std::vector<std::string>& columns,
+    const std::vector<std::vector<double>>& rows,
+    bool isPrinted)
+{
+    const int kLeastWidth = 9;
+    const std::lock_guard guard(m_lock);
+    m_tables.push_back({name, columns, rows});
+    if (!isPrinted)
+    {
+        return;
+    }
+    std::printf("\n%s\n", name.c_str());
+    const auto width = [kLeastWidth](const std::string& column) {
+        return std::max(kLeastWidth, static_cast<int>(column.size()));
+    };
+    for (const std::string& column : columns)
+    {
+        std::printf("  %*s", width(column), column.c_str());
+    }
+    std::printf("\n");
+    for (const std::vector<double>& row : rows)
+    {
+        for (std::size_t i = 0; i < row.size(); ++i)
+        {
+            std::printf("  %*.*f", width(columns[i]), row[i] == std::floor(row[i]) ? 0 : 2, row[i]);
+        }
+        std::printf("\n");
+    }
+    std::printf("\n");
+    std::fflush(stdout);
 }
 
 CProof::CLimit::CLimit(CProof& proof, std::string what) : m_proof(proof), m_what(std::move(what))
@@ -149,6 +184,10 @@ int CProof::Finish()
     {
         report["figures"][name] = value;
         std::printf("  %-40s %12.4g\n", name.c_str(), value);
+    }
+    for (const Table& table : m_tables)
+    {
+        report["tables"][table.name] = {{"columns", table.columns}, {"rows", table.rows}};
     }
     for (const auto& [kind, count] : m_odd)
     {

@@ -38,12 +38,21 @@ public:
     [[nodiscard]] unsigned long long Length() const noexcept { return m_length; }
     /// Whether the time is up that was given.
     [[nodiscard]] bool IsOver() const noexcept;
-    void AddPoint();
+    [[nodiscard]] unsigned Seed() const noexcept { return m_seed; }
+    void AddPoint(unsigned long long count = 1);
     /// Something that should not be, and how to try it again. Printed at once.
     void AddFault(const std::string& text);
     /// Something that is known not to be the product's.
     void AddOdd(const std::string& kind);
     void SetFigure(const std::string& name, double value);
+    /// In the file, not in the summary of ./prove.
+    /// @param rows each as long as the columns.
+    /// @param isPrinted at once as well.
+    void AddTable(
+        const std::string& name,
+        const std::vector<std::string>& columns,
+        const std::vector<std::vector<double>>& rows,
+        bool isPrinted = true);
     /// Bounds what is done in its scope, in case this very program is stuck (in a wait of the system's that
     /// knows no end): after some minutes that is a fault, and the program ends with what it has found.
     class CLimit
@@ -79,4 +88,12 @@ private:
     std::vector<std::string> m_faults;
     std::map<std::string, unsigned> m_odd;
     std::vector<std::pair<std::string, double>> m_figures;
+
+    struct Table
+    {
+        std::string name;
+        std::vector<std::string> columns;
+        std::vector<std::vector<double>> rows;
+    };
+    std::vector<Table> m_tables;
 };

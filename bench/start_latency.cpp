@@ -10,7 +10,6 @@
 /// is a group of N services in one host beside N processes of BareService /com, each started by a stand-in
 /// for the manager: from the first process on until all run. bench/run pins all of it to one processor.
 #include <windows.h>
-#include <psapi.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -25,30 +24,19 @@
 #include <string>
 #include <vector>
 
-#include "HandleCount.h"
-#include "StartMark.h"
+#include "Figures.h"
 #include "base/Owned.h"
-#include "base/RegKey.h"
 #include "base/Stopwatch.h"
 #include "support/Errors.h"
 #include "support/GroupRunner.h"
 #include "support/Installation.h"
-#include "support/Narrow.h"
-#include "support/TestFolder.h"
-#include "txsvcctl/service/ProcessFigures.h"
-#include "txsvcctl/service/ServiceManager.h"
 
 using nlohmann::ordered_json;
 
 namespace
 {
 
-constexpr wchar_t kSubsystem[] = L"{5C9E2A61-94B7-4E0F-A2D8-3F6B1C7E8D42}";
 constexpr DWORD kTimeoutMs = 30000;
-const Basalt::CHandle s_running(
-    ::CreateEventW(nullptr, FALSE, FALSE, kRunningEvent)); ///< Signalled by services.
-/// What Wine commits for a thread, which Windows does not.
-constexpr double kThreadKiB = 984;
 
 struct Options
 {
@@ -58,25 +46,6 @@ struct Options
     bool check = false;
     std::wstring once;
 };
-
-/// Of one process, or of several together.
-struct Figures
-{
-    double milliseconds = 0;
-    double privateKiB = 0;
-    double pageFaults = 0;
-    double threads = 0;
-    double handles = 0;
-    double dlls = 0;
-};
-using Member = double Figures::*;
-constexpr std::pair<const char*, Member> kMembers[] = {
-    {"milliseconds", &Figures::milliseconds},
-    {"privateKiB", &Figures::privateKiB},
-    {"pageFaults", &Figures::pageFaults},
-    {"threads", &Figures::threads},
-    {"handles", &Figures::handles},
-    {"dlls", &Figures::dlls}};
 
 std::vector<int> ParseCounts(const std::wstring& text)
 {
@@ -124,85 +93,6 @@ std::optional<Options> ParseOptions(int argc, wchar_t** argv)
     return options;
 }
 
-double Median(std::vector<double> values)
-{
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
-
-Figures Median(const std::vector<Figures>& all)
-{
-    Figures median;
-    for (const auto& [name, member] : kMembers)
-    {
-        std::vector<double> values;
-        std::ranges::transform(
-            all, std::back_inserter(values), [member](const Figures& one) { return one.*member; });
-        median.*member = Median(std::move(values));
-    }
-    return median;
-}
-
-std::wstring HostImage(const std::wstring& group)
-{
-    return L"\"" + BesideTest(L"TxSvHost.exe") + L"\" /" + group;
-}
-
-std::wstring BareImage(bool hasCom)
-{
-    return L"\"" + BesideTest(L"BareService.exe") + L"\"" + (hasCom ? L" /com" : L"");
-}
-
-/// Waits until the service says so itself: asking the manager again and again would slow it down.
-void AwaitRunning(const std::wstring& name)
-{
-    if (::WaitForSingleObject(s_running.Get(), kTimeoutMs) != WAIT_OBJECT_0)
-    {
-        ThrowError(name + L" should run but is " + TxCtl::StateName({QueryService(name).dwCurrentState}));
-    }
-}
-
-/// Linux's count for the processes with this program: Wine has none.
-double PageFaultsOf(const std::string& program)
-{
-    double faults = 0;
-    WIN32_FIND_DATAW entry{};
-    const HANDLE search = ::FindFirstFileW(L"Z:\\proc\\*", &entry);
-    for (BOOL isThere = search != INVALID_HANDLE_VALUE; isThere; isThere = ::FindNextFileW(search, &entry))
-    {
-        const std::string folder = "Z:\\proc\\" + Narrow(entry.cFileName);
-        std::string command, stat;
-        std::getline(std::ifstream(folder + "\\cmdline"), command, '\0');
-        if (command.find(program) != std::string::npos)
-        {
-            std::getline(std::ifstream(folder + "\\stat"), stat);
-            std::istringstream fields(
-                stat.substr(stat.rfind(')') + 2)); // From the third on; it is the tenth.
-            std::string field;
-            for (int i = 3; i <= 10 && fields >> field; ++i)
-            {
-            }
-            faults += std::stod(field);
-        }
-    }
-    ::FindClose(search);
-    return faults;
-}
-
-void AddProcess(Figures& figures, DWORD processId)
-{
-    const Basalt::CHandle process(
-        ::OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, processId));
-    HMODULE modules[256];
-    DWORD bytes = 0;
-    ::K32EnumProcessModules(process.Get(), modules, sizeof(modules), &bytes);
-    figures.dlls += static_cast<int>(bytes / sizeof(HMODULE)) - 1;
-    figures.handles += static_cast<double>(CountHandles(processId));
-    const TxCtl::ProcessFigures held = TxCtl::FiguresOf(processId).value_or(TxCtl::ProcessFigures{});
-    figures.privateKiB += static_cast<double>(held.privateBytes) / 1024;
-    figures.threads += held.threads;
-}
-
 /// Starts and stops the service once under the manager.
 Figures MeasureStart(const std::wstring& name, const std::string& program)
 {
@@ -218,7 +108,7 @@ Figures MeasureStart(const std::wstring& name, const std::string& program)
 
     const DWORD processId = QueryService(name).dwProcessId;
     ::Sleep(1500); // What a start leaves for later is held too.
-    AddProcess(figures, processId);
+    figures.Add(processId);
     figures.pageFaults = PageFaultsOf(program);
     const Basalt::CHandle process(::OpenProcess(SYNCHRONIZE, FALSE, processId));
     SERVICE_STATUS status{};
@@ -231,33 +121,13 @@ Figures MeasureStart(const std::wstring& name, const std::string& program)
     return figures;
 }
 
-/// As an installed product has it: the host need not load the shell for it.
-void SetCommonFiles()
-{
-    Basalt::CRegKey key;
-    ThrowIfFailed(
-        key.Create(HKEY_LOCAL_MACHINE, L"Software\\Wow6432Node\\Tarvex\\KSC", KEY_ALL_ACCESS),
-        L"creating the product's key");
-    ThrowIfFailed(key.WriteString(L"CommonFiles Dir64", L"C:\\"), L"writing to it");
-}
-
-std::vector<TestSubsystem> Subsystems(int count)
-{
-    std::vector<TestSubsystem> all;
-    for (int i = 1; i <= count; ++i)
-    {
-        all.push_back({L"TxBench" + std::to_wstring(i), kSubsystem, BesideTest(L"BenchSubsystem.dll")});
-    }
-    return all;
-}
-
 constexpr wchar_t kBare[] = L"TxBenchBare";
 constexpr wchar_t kCom[] = L"TxBenchCom";
 
 ordered_json ToJson(const Figures& figures)
 {
     ordered_json json;
-    for (const auto& [name, member] : kMembers)
+    for (const auto& [name, member] : kFigures)
     {
         json[name] = figures.*member;
     }
@@ -267,7 +137,7 @@ ordered_json ToJson(const Figures& figures)
 void InstallSingle(CInstallation& installation)
 {
     SetCommonFiles();
-    installation.AddGroup(L"TxBench", Subsystems(1));
+    installation.AddGroup(L"TxBench", BenchSubsystems(1));
     installation.AddService(kBare, BareImage(false));
     installation.AddService(kCom, BareImage(true));
 }
@@ -300,51 +170,11 @@ ordered_json MeasureStarts(int rounds)
         {"timeRatio", Median(ratios)}};
 }
 
-void EndAll(std::vector<std::unique_ptr<CGroupRunner>>& hosts, const std::vector<std::wstring>& names)
-{
-    for (std::size_t i = 0; i < names.size(); ++i)
-    {
-        hosts[std::min(i, hosts.size() - 1)]->Stop(names[i]);
-    }
-    hosts.clear();
-}
-
-/// @param images one for all services, or one for each.
-Figures MeasureGroup(
-    const std::vector<std::wstring>& names,
-    const std::vector<std::wstring>& images,
-    const std::string& program)
-{
-    std::vector<std::unique_ptr<CGroupRunner>> hosts;
-    const Basalt::CStopwatch watch;
-    for (std::size_t i = 0; i < names.size(); ++i)
-    {
-        if (i < images.size())
-        {
-            hosts.push_back(std::make_unique<CGroupRunner>(images[i]));
-        }
-        if (hosts.back()->Start(names[i]) != ERROR_SUCCESS)
-        {
-            ThrowError(names[i] + L" does not start");
-        }
-        AwaitRunning(names[i]);
-    }
-    Figures figures{.milliseconds = watch.Seconds() * 1000};
-    ::Sleep(1500);
-    for (const auto& host : hosts)
-    {
-        AddProcess(figures, host->ProcessId());
-    }
-    figures.pageFaults = PageFaultsOf(program);
-    EndAll(hosts, names);
-    return figures;
-}
-
 ordered_json MeasureGroups(int count, int rounds)
 {
     CInstallation installation;
     SetCommonFiles();
-    installation.AddGroup(L"TxBench", Subsystems(count));
+    installation.AddGroup(L"TxBench", BenchSubsystems(count));
     std::vector<std::wstring> hosted, own;
     for (int i = 1; i <= count; ++i)
     {
@@ -380,9 +210,9 @@ ordered_json MeasureGroups(int count, int rounds)
 void PrintRow(const std::string& name, const ordered_json& figures)
 {
     std::printf("  %-28s", name.c_str());
-    for (const auto& [key, member] : kMembers)
+    for (const auto& [key, member] : kFigures)
     {
-        std::printf(key == kMembers[0].first ? " %10.2f" : " %10.0f", figures[key].get<double>());
+        std::printf(key == kFigures[0].first ? " %10.2f" : " %10.0f", figures[key].get<double>());
     }
     std::printf("\n");
 }

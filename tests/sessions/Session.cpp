@@ -437,6 +437,8 @@ std::string CSession::normalise(std::string text) const
         std::regex_replace(text, std::regex("SCM interface .GLE=0x.{8}"), "SCM interface (#"); // Any call's.
     text = std::regex_replace(text, std::regex("Stop-\\d+"), "Stop-#");
     text = std::regex_replace(text, std::regex("dll.0x[0-9A-F]+"), "dll+#"); // A place in a module.
+    // Wine 10 keeps it, Wine 8 does not.
+    text = std::regex_replace(text, std::regex("! note: .* keep delayed starts\n|DelayedAutoStart.*\n"), "");
     const std::regex figures(
         "(: )[\\d.]+( MiB p.*, )[\\d.]+( MiB w.*, )\\d+( t.*, )\\d+( h.* CPU )[\\d.]+( s, up ).*");
     text = std::regex_replace(text, figures, "$1#$2#$3#$4#$5#$6#");

@@ -1,6 +1,5 @@
 #include "support/GroupRunner.h"
 
-#include <tlhelp32.h>
 #include <winternl.h>
 
 #include <algorithm>
@@ -193,19 +192,20 @@ bool CGroupRunner::awaitHost(DWORD bytes) const
     ThrowError(L"the host does not answer, or another service was started before it was there");
 }
 
+/// By the system's call: a snapshot looks at every process there is, which takes longer than all else of a
+/// start.
 std::set<DWORD> CGroupRunner::threads() const
 {
+    static auto* const s_next =
+        Basalt::FindExport<LONG NTAPI(HANDLE, HANDLE, ACCESS_MASK, ULONG, ULONG, HANDLE*)>(
+            ::GetModuleHandleW(L"ntdll.dll"), "NtGetNextThread");
     std::set<DWORD> found;
-    const Basalt::CFile snapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0));
-    THREADENTRY32 entry{};
-    entry.dwSize = sizeof(entry);
-    for (BOOL more = ::Thread32First(snapshot.Get(), &entry); more;
-         more = ::Thread32Next(snapshot.Get(), &entry))
+    Basalt::CHandle thread;
+    HANDLE next = nullptr;
+    while (s_next(Process(), thread.Get(), THREAD_QUERY_INFORMATION, 0, 0, &next) == 0)
     {
-        if (entry.th32OwnerProcessID == ProcessId())
-        {
-            found.insert(entry.th32ThreadID);
-        }
+        thread.Reset(next);
+        found.insert(::GetThreadId(next));
     }
     return found;
 }
@@ -224,8 +224,6 @@ bool CGroupRunner::isServiceThread(DWORD thread) const
     const Basalt::CHandle handle(::OpenThread(THREAD_QUERY_INFORMATION, FALSE, thread));
     void* address = nullptr;
     s_query(handle.Get(), kStartAddress, &address, sizeof(address), nullptr);
-    // Wine's own DLLs are at the same place everywhere. Asking for the other process's memory would wait for
-    // an answer of its threads, for ever when it ends meanwhile.
     MEMORY_BASIC_INFORMATION memory{};
     ::VirtualQuery(address, &memory, sizeof(memory));
     return handle && ::GetProcessIdOfThread(handle.Get()) == ProcessId() &&
