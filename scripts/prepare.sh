@@ -1,7 +1,7 @@
 # Sourced by the commands at the root of the tree: the set-up that they share. The current folder is the root.
 
 # Everything that the build, the tests and the demo need from Debian 12.
-packages=(wine64 wine g++-mingw-w64-x86-64-posix mingw-w64-tools clang-19 lld-19 clang-tidy-19 clang-format-19
+packages=(wine64 wine g++-mingw-w64-x86-64-posix mingw-w64-tools clang-19 lld-19 clang-tidy-19 clang-format-19 cppcheck
     llvm cmake ninja-build python3 googletest osslsigncode openssl libcli11-dev nlohmann-json3-dev)
 
 say() {

@@ -13,7 +13,7 @@
 namespace __gnu_cxx
 {
 
-void __verbose_terminate_handler(); // NOLINT(bugprone-reserved-identifier): the runtime's own name.
+void __verbose_terminate_handler(); // NOLINT(clang-diagnostic-reserved-identifier): the runtime's own name.
 
 void __verbose_terminate_handler()
 {

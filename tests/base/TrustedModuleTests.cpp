@@ -95,30 +95,35 @@ TEST_F(TrustedFileTest, TheFileStaysAsItWasUntilItIsLetGo)
 
 TEST_F(TrustedFileTest, NothingIsTrustedWithoutTheSystemsCheck)
 {
+    static DWORD s_error;
     const CImportPatch patch(
         "LoadLibraryExW", +[](const wchar_t*, HANDLE, DWORD flags) -> HMODULE {
-            ::SetLastError(flags == LOAD_LIBRARY_SEARCH_SYSTEM32 ? ERROR_MOD_NOT_FOUND : ERROR_SUCCESS);
+            ::SetLastError(flags == LOAD_LIBRARY_SEARCH_SYSTEM32 ? s_error : ERROR_ACCESS_DENIED);
             return nullptr;
         });
-    EXPECT_EQ(CheckTrustedModule(m_path), DWORD{ERROR_MOD_NOT_FOUND});
+    for (s_error = 0; s_error <= ERROR_MOD_NOT_FOUND; s_error += ERROR_MOD_NOT_FOUND)
+    {
+        EXPECT_EQ(CheckTrustedModule(m_path), s_error == 0 ? DWORD{ERROR_PROC_NOT_FOUND} : s_error);
+    }
 }
 
 using GetExport = void* WINAPI(HMODULE, const char*);
-using Verify = LONG WINAPI(HWND, GUID*, WINTRUST_DATA*);
+using Verify = decltype(::WinVerifyTrust);
 GetExport* const g_getExport = RealFunction<GetExport>("GetProcAddress");
 Verify* g_verify;
 std::wstring_view g_name;
 std::wstring g_states;
 
 /// What may be asked of the system at boot, when nobody can answer.
-LONG WINAPI VerifyOffline(HWND window, GUID* action, WINTRUST_DATA* data)
+LONG WINAPI VerifyOffline(HWND window, GUID* action, void* argument)
 {
+    const auto* const data = static_cast<WINTRUST_DATA*>(argument);
     EXPECT_TRUE(window == static_cast<HWND>(INVALID_HANDLE_VALUE) && data->dwUIChoice == WTD_UI_NONE);
     EXPECT_EQ(data->fdwRevocationChecks, DWORD{WTD_REVOKE_WHOLECHAIN});
     EXPECT_EQ(data->dwProvFlags, DWORD{WTD_REVOCATION_CHECK_CHAIN | WTD_CACHE_ONLY_URL_RETRIEVAL});
     EXPECT_EQ(::GetFileType(data->pFile->hFile), DWORD{FILE_TYPE_DISK}) << "what is held, not the path";
     g_states += std::to_wstring(data->dwStateAction);
-    return g_verify(window, action, data);
+    return g_verify(window, action, argument);
 }
 
 TEST_F(TrustedFileTest, TheCheckAsksNobodyAndComparesTheWholeName)

@@ -32,7 +32,7 @@ CTxSvcHostWorkingSetHandler* s_handler;
 std::string s_calls;   ///< In their order; those that wait for callbacks end with "!".
 std::string s_failing; ///< This one fails.
 DWORD s_due;
-char* s_timer; ///< The newest one.
+UINT_PTR s_timer; ///< The newest one.
 int s_random;
 void (*s_whileDrawing)();
 
@@ -66,13 +66,13 @@ struct WorkingSetHandlerTest : ::testing::Test
     }
     static BOOL WINAPI Arm(HANDLE* timer, HANDLE queue, WAITORTIMERCALLBACK, void*, DWORD due, DWORD, ULONG)
     {
-        *timer = ++s_timer;
+        *timer = reinterpret_cast<HANDLE>(++s_timer);
         s_due = due;
         return Note("timer", queue == kQueue);
     }
     static BOOL WINAPI EndTimer(HANDLE queue, HANDLE timer, HANDLE done)
     {
-        return Note("-timer", queue == kQueue && timer == s_timer, done);
+        return Note("-timer", queue == kQueue && timer == reinterpret_cast<HANDLE>(s_timer), done);
     }
     /// Whoever waits for them has told them to stop and lets them have the lock: one here cancels the timer.
     static bool MayCallbacksEnd()
