@@ -338,11 +338,15 @@ bool CTxSvcHostProxy::GetSubsystem(
         return false;
     }
     TX_LOG(LogNormal, kFunction, L"Subsystem DLL path: '%s'", path);
-    return SUCCEEDED(LoadSubsystem(name, path, clsid, holder));
+    return SUCCEEDED(LoadSubsystem(name, path, clsid, holder, failure));
 }
 
 HRESULT CTxSvcHostProxy::LoadSubsystem(
-    const std::wstring& name, const std::wstring& path, REFCLSID clsid, CSubsystemHolder& holder)
+    const std::wstring& name,
+    const std::wstring& path,
+    REFCLSID clsid,
+    CSubsystemHolder& holder,
+    EventLog::Failure& failure)
 {
     constexpr wchar_t kFunction[] = L"CTxSvcHostProxy::GetSubsystem";
     const Basalt::CStopwatch sinceLoad;
@@ -351,7 +355,7 @@ HRESULT CTxSvcHostProxy::LoadSubsystem(
     holder.SetModule(module);
     if (module == nullptr)
     {
-        failure.code = ::GetLastError();
+        failure.code = error;
         TX_LOG(LogError, kFunction, L"Unable to load module '%s'", path);
         return error == ERROR_SUCCESS ? E_FAIL : HRESULT_FROM_WIN32(error);
     }

@@ -43,7 +43,11 @@ public:
     /// The same for a given module and class.
     /// @return S_OK, which a class object may also give without creating anything; else why not, logged.
     [[nodiscard]] static HRESULT LoadSubsystem(
-        const std::wstring& name, const std::wstring& path, REFCLSID clsid, CSubsystemHolder& holder);
+        const std::wstring& name,
+        const std::wstring& path,
+        REFCLSID clsid,
+        CSubsystemHolder& holder,
+        EventLog::Failure& failure);
 
     /// An empty text and "{}" are refused without a log line: that is how a service without a subsystem is
     /// written.

@@ -179,7 +179,9 @@ DWORD RunService(Options& options)
     {
         return ERROR_INVALID_PARAMETER;
     }
-    const HRESULT loaded = CTxSvcHostProxy::LoadSubsystem(options.service, options.path, clsid, holder);
+    EventLog::Failure failure;
+    const HRESULT loaded =
+        CTxSvcHostProxy::LoadSubsystem(options.service, options.path, clsid, holder, failure);
     if (holder.Interface() == nullptr)
     {
         Tell(ExplainLoad(loaded, options.path, options.clsid));
