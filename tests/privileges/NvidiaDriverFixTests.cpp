@@ -28,7 +28,8 @@ std::vector<BYTE> Privileges()
     return block;
 }
 
-int g_callsLeft; ///< Until one fails.
+int g_callsLeft;               ///< Until one fails.
+constexpr int kSucceeds = -10; ///< The first one does, whatever it was asked.
 
 /// Fails at one of its calls.
 template <typename Function>
@@ -40,7 +41,8 @@ struct Failing<BOOL WINAPI(Arguments...)>
     static BOOL WINAPI Call(Arguments... arguments)
     {
         ::SetLastError(ERROR_NO_SUCH_PRIVILEGE);
-        return --g_callsLeft == 0 ? FALSE : s_real(arguments...);
+        const int left = --g_callsLeft;
+        return left == 0 || left == kSucceeds - 1 ? left != 0 : s_real(arguments...);
     }
 };
 
@@ -68,6 +70,7 @@ TEST(NvidiaDriverFix, TheFourAreEnabledForTheScopeAndAFailureAtAnyStepLeavesTheO
         {"OpenProcessToken", Fake("OpenProcessToken", &::OpenProcessToken), 1, 0, 0, L"OpenProcessToken"},
         {"GetTokenInformation", get, 1, 0, 0, L"(1)"},
         {"GetTokenInformation", get, 2, 0, 0, L"(2)"},
+        {"GetTokenInformation", get, kSucceeds, 0, 0, L"should have failed"},
         {"LookupPrivilegeValueW", lookUp, 1, 3, 0, L"Lookup"},
         {"AdjustTokenPrivileges", adjust, 1, 3, 0, L"1313"},
         {"AdjustTokenPrivileges", adjust, 0, 4, 0, L""},
