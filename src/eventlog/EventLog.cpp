@@ -26,7 +26,7 @@ struct EventSourceTraits
     static void Close(Type value) noexcept { ::DeregisterEventSource(value); }
 };
 
-void Write(DWORD id, const wchar_t* first, const wchar_t* second = L"") noexcept
+void Write(DWORD id, const wchar_t* first, const wchar_t* second) noexcept
 {
     constexpr WORD kTypes[] = {
         EVENTLOG_SUCCESS, EVENTLOG_INFORMATION_TYPE, EVENTLOG_WARNING_TYPE, EVENTLOG_ERROR_TYPE};
@@ -54,26 +54,28 @@ private:
     std::array<wchar_t, 16> m_text{};
 };
 
-/// The wait for the moment in which the group is said to have started. It deletes itself.
-class CGroupStart
+/// An event of a group that is written later, by a thread of the process's pool. It deletes itself.
+class CGroupEvent
 {
 public:
-    static void Begin(const wchar_t* group) noexcept
+    static void Begin(DWORD id, const wchar_t* group, DWORD delayMs) noexcept
     {
-        std::unique_ptr<CGroupStart> start(new (std::nothrow) CGroupStart);
-        if (start == nullptr || !start->prepare(group))
+        std::unique_ptr<CGroupEvent> event(new (std::nothrow) CGroupEvent(id));
+        if (event == nullptr || !event->prepare(group))
         {
             return;
         }
         constexpr LONGLONG kUnitsPerMillisecond = 10000;
         ULARGE_INTEGER relative{};
-        relative.QuadPart = static_cast<ULONGLONG>(-kUnitsPerMillisecond * kGroupDelayMs);
+        relative.QuadPart = static_cast<ULONGLONG>(-kUnitsPerMillisecond * delayMs);
         FILETIME due = {relative.LowPart, relative.HighPart};
-        CGroupStart& waiting = *start.release();
+        CGroupEvent& waiting = *event.release();
         ::SetThreadpoolWait(waiting.m_wait.Get(), waiting.m_never.Get(), &due);
     }
 
 private:
+    explicit CGroupEvent(DWORD id) noexcept : m_id(id) {}
+
     bool prepare(const wchar_t* group) noexcept
     {
         const std::size_t size = std::wcslen(group) + 1;
@@ -91,10 +93,11 @@ private:
     static void CALLBACK
     onTime(TP_CALLBACK_INSTANCE* /*instance*/, void* context, TP_WAIT* /*wait*/, TP_WAIT_RESULT /*result*/)
     {
-        const std::unique_ptr<CGroupStart> start(static_cast<CGroupStart*>(context));
-        Write(TX_EVENT_GROUP_STARTED, start->m_group.get(), CNumber(L"%u", ::GetCurrentProcessId()).Text());
+        const std::unique_ptr<CGroupEvent> event(static_cast<CGroupEvent*>(context));
+        Write(event->m_id, event->m_group.get(), CNumber(L"%u", ::GetCurrentProcessId()).Text());
     }
 
+    DWORD m_id;
     std::unique_ptr<wchar_t[]> m_group;
     Basalt::CHandle m_never;
     /// A wait, not a timer: the pool has a thread for waits already, and would need one more for timers.
@@ -121,13 +124,13 @@ void GroupRuns(const wchar_t* group) noexcept
     static std::atomic<bool> s_isSaid = false;
     if (!s_isSaid.exchange(true))
     {
-        CGroupStart::Begin(group);
+        CGroupEvent::Begin(TX_EVENT_GROUP_STARTED, group, kGroupDelayMs);
     }
 }
 
 void GroupStoppedForUpdate(const wchar_t* group) noexcept
 {
-    Write(TX_EVENT_GROUP_STOPPED, group);
+    CGroupEvent::Begin(TX_EVENT_GROUP_STOPPED, group, 0);
 }
 
 } // namespace EventLog

@@ -63,13 +63,15 @@ TEST(EventLog, WhatHappensHasItsTypeIdAndText)
          L"2 4 The module 'C:\\x.dll' is not used: it has no valid signature of the product's maker (code "
          L"0x800B0100)."},
         {[] { EventLog::GroupStoppedForUpdate(L"CORE"); },
-         L"4 5 The service group 'CORE' has been stopped for an update. Its process ends."},
+         Basalt::FormatText(
+             L"4 5 The service group 'CORE' has been stopped for an update. Process %u ends.",
+             ::GetCurrentProcessId())},
     };
     for (const auto& [happen, event] : rows)
     {
         g_event.clear();
         happen();
-        ::WaitForSingleObject(g_shown.Get(), event.empty() ? 0 : 30000); // The first has its own thread.
+        ::WaitForSingleObject(g_shown.Get(), event.empty() ? 0 : 30000); // Some come from the pool.
         EXPECT_EQ(g_event, event.empty() ? event : event + L"\r\n");
     }
 }

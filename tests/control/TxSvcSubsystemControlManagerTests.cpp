@@ -38,10 +38,15 @@ Service Pending(std::size_t looks, DWORD queryError = 0)
 }
 
 std::wstring g_events; ///< The numbers of those that went to the event log.
+const Basalt::CHandle g_isWritten(::CreateEventW(nullptr, FALSE, FALSE, nullptr));
 
 struct ControlManagerTest : ::testing::Test
 {
-    ControlManagerTest() { g_events.clear(); }
+    ControlManagerTest()
+    {
+        g_events.clear();
+        ::ResetEvent(g_isWritten.Get());
+    }
     void TearDown() override
     {
         CTxSvcHostConfig::ReleaseInstance();
@@ -71,7 +76,7 @@ struct ControlManagerTest : ::testing::Test
     CLogCapture m_log;
     CImportPatch m_events{"ReportEventW", +[](HANDLE, WORD, WORD, DWORD id) {
                               g_events += std::to_wstring(id & 0xFFFF) + L" ";
-                              return TRUE;
+                              return ::SetEvent(g_isWritten.Get());
                           }};
 };
 
@@ -209,6 +214,7 @@ TEST_F(ControlManagerTest, WhatTheSystemRefusesIsLogged)
         Log(L"CTxSvcSubsystemControlManager::TxStopSvcSubsystem"),
         L"3 Reduce restart: StopServices failed, starts a thread to force stop TxSvHost;4 Failed to start "
         L"the thread that ends the process, error code 8;");
+    EXPECT_EQ(::WaitForSingleObject(g_isWritten.Get(), 30000), DWORD{WAIT_OBJECT_0});
     EXPECT_EQ(g_events, L"5 ");
 
     CTestKey core(HKEY_LOCAL_MACHINE, m_root.Path() + L"\\TxCoreSvc");

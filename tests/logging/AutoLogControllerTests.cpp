@@ -70,7 +70,7 @@ TEST_F(AutoLogControllerTest, TheLibraryBesideTheProgramComesFirstThenTheConfigu
         EXPECT_EQ(called, calls);
     }
     EXPECT_EQ(m_trace.Take(), ""); // It stands outside of all logging.
-    EXPECT_EQ(s_refused, 0) << "a library that is not trusted, whether another one is or not";
+    EXPECT_EQ(s_refused, 3) << "a library that is not trusted, whether another one is or not";
 }
 
 TEST_F(AutoLogControllerTest, TheInstalledPathComesFromTheRegistryOrTheShell)
