@@ -61,7 +61,7 @@ C
 in_cpp() { # COMPILER...
     local file
     for file in Tx*.cpp; do
-        compile "$file" "$@"
+        compile "$file" "$@" -DWIN32_LEAN_AND_MEAN # So it brings least of what they might only find by luck.
     done
     compile orders.cpp "$@"
     compile reverse.cpp "$@" -DNOMINMAX -DSTRICT -DUNICODE -D_UNICODE -DWIN32_LEAN_AND_MEAN
