@@ -32,9 +32,11 @@ for %%f in (bin\TxSvHost.exe bin\TxSvHostPS.dll bin\txsvcctl.exe MinimalSubsyste
 
 rem Wine has no shared processes, no traces, no accounts: what fails there tells nothing.
 set wine=
-reg query "HKCU\Software\Wine" >nul 2>&1 && set wine=1
+reg query "HKCU\Software\Wine" >nul 2>&1
+if not errorlevel 1 set wine=1
 set was_there=
-reg query "HKLM\SOFTWARE\Wow6432Node\Tarvex" >nul 2>&1 && set was_there=1
+reg query "HKLM\SOFTWARE\Wow6432Node\Tarvex" >nul 2>&1
+if not errorlevel 1 set was_there=1
 set others=
 %tool% status >%out% 2>nul
 find "running, process" %out% >nul 2>&1
@@ -150,7 +152,8 @@ echo An updater in another session than the hosts
 call :step "it reaches the hosts and ends them"
 set why=
 if defined others set why=other hosted services run here, which it would stop
-reg query "HKLM\SOFTWARE\Classes\AppID\{050813AE-50A9-44C9-8498-14DE61E60D23}" >nul 2>&1 || set why=the product is not installed, so its classes are not registered
+reg query "HKLM\SOFTWARE\Classes\AppID\{050813AE-50A9-44C9-8498-14DE61E60D23}" >nul 2>&1
+if errorlevel 1 set why=the product is not installed, so its classes are not registered
 if defined why (
     call :untold "%why%"
 ) else (
@@ -173,10 +176,11 @@ call :step "services, settings and files are gone"
 for %%c in (TxSvHostMessage_Type TxSvHostMessage TxSvHostLog) do >>"%work%\remove.mof" echo #pragma deleteclass("%%c", NOFAIL)
 mofcomp "%work%\remove.mof" >nul 2>&1
 if not defined was_there %tool% setup remove --purge >>%out% 2>&1
-sc query %one% >nul 2>&1
-set code=1
-if errorlevel 1 set code=0
-reg query "HKLM\SOFTWARE\Wow6432Node\Tarvex\Platform\TxSvcHost\%group%" >nul 2>&1 && set code=1
+set code=0
+for %%k in (SYSTEM\CurrentControlSet\Services\%one% SOFTWARE\Wow6432Node\Tarvex\Platform\TxSvcHost\%group%) do (
+    reg query "HKLM\%%k" >nul 2>&1
+    if not errorlevel 1 set code=1
+)
 rem The process may take a moment to end, and to let its files go.
 if %code%==0 call :pause 3
 if %code%==0 rmdir /s /q "%work%" >nul 2>&1
