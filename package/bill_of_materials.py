@@ -15,7 +15,7 @@ import shutil
 import subprocess
 
 # All but the host, which has threads of its own, and the proxies, which are in C.
-PROGRAMS = ["txsvcctl.exe", "txsvcrun.exe", "EchoSubsystem.dll", "Updater.exe"]
+PROGRAMS = ["txsvcctl.exe", "txsvcrun.exe", "MinimalSubsystem.dll", "Updater.exe"]
 # What is linked in: its Debian package, its licence, where it is from, and into what.
 LIBRARIES = {
     "libstdc++": ("g++-mingw-w64-x86-64-posix", "GPL-3.0-or-later WITH GCC-exception-3.1",
