@@ -280,7 +280,8 @@ private:
             static_cast<void>(host.Request(name, SERVICE_CONTROL_STOP));
         }
         static_cast<void>(WaitForServiceState(name, SERVICE_STOPPED, kAnswerMs, host.Process()));
-        outcome.ends.push_back(QueryService(name).dwCurrentState);
+        outcome.ends.insert(
+            outcome.ends.begin(), QueryService(name).dwCurrentState); // The last one comes first.
         static_cast<void>(host.WaitForThreadEnd(name));
     }
 
