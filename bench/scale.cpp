@@ -1,7 +1,7 @@
 /// @file
 /// Groups of 1 to 512 services in one process, loaded one after another and side by side, with modules that
-/// take no time and 50 ms; what they hold, beside as many processes of BareService /com; what the host's road
-/// to a service's object takes, beside the bare calls.
+/// take no time and 50 ms; what they hold, beside as many processes of BareService /com up to 200; what the
+/// host's road to a service's object takes, beside the bare calls.
 ///
 ///     scale [--length LARGEST GROUP] [--json FILE]
 ///
@@ -40,6 +40,8 @@ constexpr wchar_t kGroup[] = L"TxScale";
 constexpr DWORD kTimeoutMs = 300000;
 constexpr int kSizes[] = {1, 8, 64, 256, 512};
 constexpr double kUnitsPerMs = 10000; ///< Of a FILETIME.
+/// Wine's manager talks to 255 processes at most.
+constexpr int kMostProcesses = 200;
 
 const std::vector<std::string> kColumns = {
     "services",
@@ -211,19 +213,23 @@ void MeasureGroups(int largest, CProof& proof)
             }
         }
         std::vector<std::wstring> names;
-        for (int i = 1; i <= count; ++i)
+        for (int i = 1; i <= count && count <= kMostProcesses; ++i)
         {
             names.push_back(L"TxScaleOwn" + std::to_wstring(i));
             installation.AddService(names.back(), BareImage(true));
         }
-        const Figures bare = MeasureGroup(names, std::vector(names.size(), BareImage(true)), "BareService");
-        processes.push_back(
-            {static_cast<double>(count),
-             bare.milliseconds,
-             bare.privateKiB - bare.threads * kThreadKiB,
-             bare.threads,
-             bare.handles,
-             bare.dlls});
+        if (!names.empty())
+        {
+            const Figures bare =
+                MeasureGroup(names, std::vector(names.size(), BareImage(true)), "BareService");
+            processes.push_back(
+                {static_cast<double>(count),
+                 bare.milliseconds,
+                 bare.privateKiB - bare.threads * kThreadKiB,
+                 bare.threads,
+                 bare.handles,
+                 bare.dlls});
+        }
     }
     proof.AddTable("groups", kColumns, rows);
     proof.AddTable(

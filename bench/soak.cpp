@@ -65,7 +65,7 @@ struct RegistrySize
              ++i)
         {
             ++values;
-            bytes += size + length * sizeof(wchar_t);
+            bytes += static_cast<double>(size + length * sizeof(wchar_t));
             length = static_cast<DWORD>(std::size(name));
         }
         length = static_cast<DWORD>(std::size(name));
@@ -73,7 +73,7 @@ struct RegistrySize
              ::RegEnumKeyExW(key, i, name, &length, nullptr, nullptr, nullptr, nullptr) == ERROR_SUCCESS;
              ++i)
         {
-            bytes += length * sizeof(wchar_t);
+            bytes += static_cast<double>(length * sizeof(wchar_t));
             Add(key, name);
             length = static_cast<DWORD>(std::size(name));
         }

@@ -239,7 +239,7 @@ Outcome RunDays(CModel& model, unsigned days, unsigned seed)
 /// Two days of it, for the picture.
 void AddPicture(const Load& load, const CModel& model, const Outcome& outcome, CProof& proof)
 {
-    constexpr std::size_t kShown = 2 * kMinutesPerDay;
+    constexpr std::size_t kShown = std::size_t{2} * kMinutesPerDay;
     std::vector<std::vector<double>> minutes, trims;
     for (std::size_t i = 0; i < std::min(kShown, model.Minutes().size()); ++i)
     {
