@@ -1,3 +1,8 @@
+# GNU ar and ranlib take a minute for the many sections of the tool's objects; lld's archiver serves both compilers.
+find_program(HOST_ARCHIVER lld-link-19 REQUIRED)
+set(CMAKE_CXX_ARCHIVE_CREATE "${HOST_ARCHIVER} /lib /out:<TARGET> <OBJECTS>")
+set(CMAKE_CXX_ARCHIVE_FINISH "")
+
 # Each folder's CMakeLists.txt is a call of one of these, so that it shows what the folder may use.
 
 # One static library per folder of src/; DEPENDS names lower layers only, SYSTEM the import libraries.
