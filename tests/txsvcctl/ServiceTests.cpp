@@ -213,7 +213,7 @@ TEST_F(InstallTest, CheckFindsARestrictedSidAmongOthersAndADiskThatIsNearlyFull)
              return BOOL{level == SERVICE_CONFIG_SERVICE_SID_INFO};
          }},
         {"GetDiskFreeSpaceExW", +[](const wchar_t*, ULARGE_INTEGER* available, ULARGE_INTEGER*) {
-             available->QuadPart = 5 * 1024 * 1024;
+             available->QuadPart = 5ULL * 1024 * 1024;
              return TRUE;
          }}};
 
