@@ -43,7 +43,7 @@ if(MINGW AND CMAKE_CXX_COMPILER_ID STREQUAL Clang)
   execute_process(
     COMMAND ${CMAKE_CXX_COMPILER} ${TxSvHost_target} -print-file-name=libstdc++.a
     OUTPUT_VARIABLE TxSvHost_library OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
-  if(IS_ABSOLUTE ${TxSvHost_library}) # Else there is none: another C++ library is used.
+  if(IS_ABSOLUTE "${TxSvHost_library}") # Else there is none: another C++ library is used.
     set(TxSvHost_lib_dir ${CMAKE_BINARY_DIR}/TxSvHost)
     set(TxSvHost_repaired ${TxSvHost_lib_dir}/libstdc++.a)
     if(${TxSvHost_library} IS_NEWER_THAN ${TxSvHost_repaired})
