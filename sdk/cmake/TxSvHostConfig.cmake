@@ -15,7 +15,8 @@ if(NOT WIN32)
   message(FATAL_ERROR "TxSvHost: services are built for Windows. Configure with a toolchain file for it; "
     "${CMAKE_CURRENT_LIST_DIR}/../../../toolchains has two for cross compilers.")
 endif()
-if(NOT CMAKE_SIZEOF_VOID_P EQUAL 8 OR CMAKE_SYSTEM_PROCESSOR MATCHES "^([Aa][Rr][Mm]|aarch64)")
+if(NOT CMAKE_SIZEOF_VOID_P EQUAL 8 OR
+    "${CMAKE_SYSTEM_PROCESSOR} ${CMAKE_CXX_COMPILER_ARCHITECTURE_ID}" MATCHES "[Aa][Rr][Mm]|aarch64")
   message(FATAL_ERROR "TxSvHost: the host is a 64-bit (x64) program and loads only DLLs of its own kind. "
     "Configure for x64: with Visual C++ by -A x64, with other compilers by those for x86_64.")
 endif()
@@ -35,10 +36,14 @@ target_link_libraries(TxSvHost::sdk INTERFACE advapi32)
 # lld drops the unwind data of much of Debian's C++ library: an exception that passes through it would end the process,
 # with all services of the group. A copy with that data repaired is linked instead.
 if(MINGW AND CMAKE_CXX_COMPILER_ID STREQUAL Clang)
+  set(TxSvHost_target "")
+  if(CMAKE_CXX_COMPILER_TARGET)
+    set(TxSvHost_target --target=${CMAKE_CXX_COMPILER_TARGET})
+  endif()
   execute_process(
-    COMMAND ${CMAKE_CXX_COMPILER} --target=${CMAKE_CXX_COMPILER_TARGET} -print-file-name=libstdc++.a
+    COMMAND ${CMAKE_CXX_COMPILER} ${TxSvHost_target} -print-file-name=libstdc++.a
     OUTPUT_VARIABLE TxSvHost_library OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
-  if(IS_ABSOLUTE ${TxSvHost_library}) # Else there is none: another C++ library is used.
+  if(IS_ABSOLUTE "${TxSvHost_library}") # Else there is none: another C++ library is used.
     set(TxSvHost_lib_dir ${CMAKE_BINARY_DIR}/TxSvHost)
     set(TxSvHost_repaired ${TxSvHost_lib_dir}/libstdc++.a)
     if(${TxSvHost_library} IS_NEWER_THAN ${TxSvHost_repaired})

@@ -63,9 +63,8 @@ in_cpp() { # COMPILER...
     for file in Tx*.cpp; do
         compile "$file" "$@" -DWIN32_LEAN_AND_MEAN # So it brings least of what they might only find by luck.
     done
-    compile orders.cpp "$@"
+    compile orders.cpp "$@" -DNO_STRICT
     compile reverse.cpp "$@" -DNOMINMAX -DSTRICT -DUNICODE -D_UNICODE -DWIN32_LEAN_AND_MEAN
-    compile reverse.cpp "$@" -DNO_STRICT
 }
 
 in_cpp "${clang[@]}" &

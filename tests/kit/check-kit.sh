@@ -43,6 +43,10 @@ run_until_ctrl_c() { # FILE once|twice COMMAND...
     wait $pid || code=$?
 }
 
+ended_with() { # EXIT_CODE, of which eight bits arrive here
+    [ $code -eq $(($1 % 256)) ] || fail "exit code $code instead of $1"
+}
+
 configure() { # SOURCES BUILD COMPILER [ARGUMENT...]
     local from=$1 to=$2 compiler=$3
     shift 3
@@ -98,7 +102,7 @@ play_readme() {
         *'until Ctrl+C')
             eval "run_until_ctrl_c $out/run.log once ${line%%#*}"
             tr -d '\r' <run.log
-            [ $code -eq 0 ] || fail "exit code $code"
+            ended_with 0
             ;;
         cmake\ --install*) (cd "$sources" && eval "${line/build\/mingw-release/$build}") >install.log ;;
         *) eval "$line" >line.log 2>&1 || { cat line.log; fail "$line"; } && tr -d '\r' <line.log | tail -n 5 ;;
@@ -141,9 +145,9 @@ run_group() {
     done
 }
 
-# A service that never stops and whose exception comes out of the C++ library, which lld must be helped with, and one without the export.
+# A service that does all wrong: it never stops, a thread of it crashes, its exception comes out of the C++ library,
+# which lld must be helped with. And one without the export.
 throw() {
-    local code=0
     mkdir throwing
     cat >throwing/CMakeLists.txt <<'CMAKE'
 cmake_minimum_required(VERSION 3.25)
@@ -159,9 +163,17 @@ CPP
     cat >throwing/Throwing.cpp <<'CPP'
 #include "TxSubsystemModule.h"
 #include <string>
+DWORD WINAPI Crash(void* address) { return *static_cast<volatile DWORD*>(address); }
 class CThrowing : public TxSdk::CSubsystem
 {
-    DWORD OnStart(DWORD argc, LPWSTR* argv) override { return std::stoul(argv[argc - 1]); }
+    DWORD OnStart(DWORD argc, LPWSTR* argv) override
+    {
+        if (argc > 2)
+        {
+            ::CloseHandle(::CreateThread(nullptr, 0, &Crash, nullptr, 0, nullptr));
+        }
+        return std::stoul(argv[argc - 1]);
+    }
     void Run(HANDLE) override { ::Sleep(INFINITE); }
 };
 TX_SUBSYSTEM_MODULE(CThrowing, {0x0E0C3F5B, 0x6D52, 0x4E0B, {0x9B, 0x57, 0x2D, 0x4F, 0x9C, 0x7A, 0x1E, 0x77}})
@@ -170,16 +182,21 @@ CPP
         fail "$(tail -n 30 throwing.log)"
     ! cmake --build throwing/build --target Forgetful >forgetful.log 2>&1 || fail "Forgetful was built"
     wants forgetful.log 'write TX_SUBSYSTEM_MODULE(class, CLSID)'
-    wine "$host/bin/txsvcrun.exe" --module throwing/build/Throwing.dll \
-        --clsid '{0E0C3F5B-6D52-4E0B-9B57-2D4F9C7A1E77}' 'no number' >throw.log 2>&1 || code=$?
+    local run=(wine "$host/bin/txsvcrun.exe" --module throwing/build/Throwing.dll
+        --clsid '{0E0C3F5B-6D52-4E0B-9B57-2D4F9C7A1E77}')
+    code=0
+    "${run[@]}" 'no number' >throw.log 2>&1 || code=$?
     wants throw.log 'stopped, exit code 1064' 'an exception left OnStart, Run or OnStop'
-    [ $code -eq $((1064 % 256)) ] || fail "exit code $code"
+    ended_with 1064
 
-    # It does not stop either.
-    run_until_ctrl_c twice.log twice wine "$host/bin/txsvcrun.exe" --module throwing/build/Throwing.dll \
-        --clsid '{0E0C3F5B-6D52-4E0B-9B57-2D4F9C7A1E77}' 0
+    code=0
+    "${run[@]}" thread 0 >thread.log 2>&1 || code=$?
+    wants thread.log 'access violation (0xC0000005) at Throwing.dll+0x' 'which nobody caught'
+    ended_with 0xC0000005
+
+    run_until_ctrl_c twice.log twice "${run[@]}" 0
     wants twice.log 'STOP is sent' 'ended by force'
-    [ $code -eq $((0xC000013A % 256)) ] || fail "exit code $code"
+    ended_with 0xC000013A
 }
 
 # What is no module for the host, in words.

@@ -96,7 +96,9 @@ public:
     {
         const wchar_t* const name = ETWLogging::LogLevelName(level);
         g_writer->Write(
-            ColourOf(level), name != nullptr ? name : L"", std::wstring(function) + L": " + message);
+            ColourOf(level),
+            name != nullptr ? name : L"",
+            (function != nullptr ? function + std::wstring(L": ") : L"") + message);
         return ERROR_SUCCESS;
     }
     catch (const std::exception&)
