@@ -101,6 +101,7 @@ struct Outcome
     DWORD crashCode = 0;
     bool isGone = true;   ///< The process has ended by itself.
     bool hasEnded = true; ///< Its main function returned, or it was told to exit.
+    bool isTidy = true;   ///< Its main function returned: nothing may be left.
     DWORD exitCode = 0;
     std::vector<DWORD> states = {}; ///< Of the services after their start, 0 for none.
     std::vector<DWORD> ends = {};   ///< At the end.
@@ -258,6 +259,7 @@ public:
         outcome.hasCrashed = section->hasCrashed != 0;
         outcome.crashCode = section->crashCode;
         outcome.hasEnded = section->hasEnded != 0;
+        outcome.isTidy = section->hasEnded == 1;
         outcome.exitCode = section->exitCode;
         outcome.handles = section->handles;
         outcome.blocks = section->blocks;
@@ -332,7 +334,8 @@ private:
             ::TerminateProcess(process.Get(), ERROR_TIMEOUT);
         }
         static_cast<void>(WaitForServiceState(name, SERVICE_STOPPED, kAnswerMs));
-        outcome.ends = {QueryService(name).dwCurrentState};
+        // With the process gone it is the manager's business.
+        outcome.ends = {outcome.isGone ? DWORD{SERVICE_STOPPED} : QueryService(name).dwCurrentState};
     }
 
     /// As an updater does: through the service manager when the host cannot be asked.
@@ -550,12 +553,12 @@ std::string Judge(
             return "service " + std::to_string(i) + " ends in state " + std::to_string(end);
         }
     }
-    if (outcome.hasEnded && outcome.handles > reference.handles + kMoreHandles && !words.contains("unclosed"))
+    if (outcome.isTidy && outcome.handles > reference.handles + kMoreHandles && !words.contains("unclosed"))
     {
         return "handles " + std::to_string(outcome.handles) + " instead of " +
                std::to_string(reference.handles);
     }
-    if (outcome.hasEnded && outcome.blocks > reference.blocks + kMoreBlocks && !words.contains("keeps"))
+    if (outcome.isTidy && outcome.blocks > reference.blocks + kMoreBlocks && !words.contains("keeps"))
     {
         return "memory blocks " + std::to_string(outcome.blocks) + " instead of " +
                std::to_string(reference.blocks);

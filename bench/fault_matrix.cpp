@@ -209,6 +209,10 @@ public:
             awaitStopped(kFaulty);
         }
         ::Sleep(m_cell.kind->name == "late-report" || m_cell.phase == "unload" ? 300 : 30);
+        if (m_cell.kind->name == "late-report")
+        {
+            awaitStopped(kFaulty); // Its last word.
+        }
         return judge(isRun, isHeard);
     }
 
@@ -437,6 +441,7 @@ private:
         if (seen.isOdd)
         {
             m_proof.AddOdd("process that never ends after its end");
+            std::printf("  odd: %s\n", cell.Name().c_str());
         }
         const Fate designed = Designed(cell);
         m_seen[cell.Name()] =
