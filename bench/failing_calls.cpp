@@ -127,10 +127,10 @@ public:
     CSection(const CSection&) = delete;
     CSection& operator=(const CSection&) = delete;
 
-    void Arm(const Point* point) noexcept
+    void Arm(const Point* point, bool isQuick) noexcept
     {
         ::ZeroMemory(m_view, sizeof(*m_view));
-        m_view->isQuick = 1;
+        m_view->isQuick = isQuick ? 1 : 0;
         if (point != nullptr)
         {
             m_view->key = point->call->key;
@@ -233,7 +233,7 @@ public:
 
     Outcome Play(CSection& section, const Point* point, bool isTrimmed)
     {
-        section.Arm(point);
+        section.Arm(point, m_scenario != Scenario::Update); // The forced stop gives others their time.
         Outcome outcome;
         try
         {
@@ -318,7 +318,9 @@ private:
         const Basalt::CServiceHandle service = OpenServiceByName(name, SERVICE_START);
         if (!::StartServiceW(service.Get(), 0, nullptr))
         {
-            outcome.states = {0};
+            // Wine's manager says so as well when the service stops at once.
+            outcome.states = {QueryService(name).dwCurrentState};
+            outcome.ends = outcome.states;
             return;
         }
         const DWORD processId = QueryService(name).dwProcessId;
