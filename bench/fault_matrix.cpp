@@ -253,8 +253,7 @@ private:
                 {
                     static_cast<void>(m_host.Request(name, code));
                 }
-                catch (
-                    const std::exception&) // NOLINT(bugprone-empty-catch): the process was ended meanwhile.
+                catch (...) // NOLINT(bugprone-empty-catch): the process was ended meanwhile.
                 {
                 }
                 ::SetEvent(answered.Get());
