@@ -209,6 +209,10 @@ public:
             awaitStopped(kFaulty);
         }
         ::Sleep(m_cell.kind->name == "late-report" || m_cell.phase == "unload" ? 300 : 30);
+        if (m_cell.kind->name == "late-report")
+        {
+            awaitStopped(kFaulty); // Its last word.
+        }
         return judge(isRun, isHeard);
     }
 
@@ -249,8 +253,7 @@ private:
                 {
                     static_cast<void>(m_host.Request(name, code));
                 }
-                catch (
-                    const std::exception&) // NOLINT(bugprone-empty-catch): the process was ended meanwhile.
+                catch (...) // NOLINT(bugprone-empty-catch): the process was ended meanwhile.
                 {
                 }
                 ::SetEvent(answered.Get());
@@ -437,6 +440,7 @@ private:
         if (seen.isOdd)
         {
             m_proof.AddOdd("process that never ends after its end");
+            std::printf("  odd: %s\n", cell.Name().c_str());
         }
         const Fate designed = Designed(cell);
         m_seen[cell.Name()] =
