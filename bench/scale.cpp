@@ -320,7 +320,7 @@ int wmain(int argc, wchar_t** argv)
     CProof proof("scale", *options, kLong);
     try
     {
-        MeasureLoad(proof.Length() < kLong ? 10 : 100, proof);
+        MeasureLoad(proof.Length() < kLong ? 40 : 100, proof);
         MeasureGroups(static_cast<int>(proof.Length()), proof);
     }
     catch (const std::exception& failure)
