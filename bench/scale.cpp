@@ -265,12 +265,14 @@ void MeasureLoad(int pairs, CProof& proof)
     const CTestFolder folder;
     std::vector<TestSubsystem> group;
     std::vector<std::wstring> bare;
+    const std::wstring module = BesideTest(L"RecordedSubsystem.dll");
+    constexpr auto kReplace = std::filesystem::copy_options::overwrite_existing;
     for (int i = 0; i <= pairs; ++i)
     {
         const std::wstring hosted = folder.File(L"h" + std::to_wstring(i) + L".dll");
         bare.push_back(folder.File(L"b" + std::to_wstring(i) + L".dll"));
-        std::filesystem::copy(BesideTest(L"RecordedSubsystem.dll"), hosted);
-        std::filesystem::copy(BesideTest(L"RecordedSubsystem.dll"), bare.back());
+        std::filesystem::copy_file(module, hosted, kReplace);
+        std::filesystem::copy_file(module, bare.back(), kReplace);
         group.push_back({ServiceName(i), ClsidText(i), hosted});
     }
     installation.AddGroup(kGroup, group);
@@ -320,7 +322,7 @@ int wmain(int argc, wchar_t** argv)
     CProof proof("scale", *options, kLong);
     try
     {
-        MeasureLoad(proof.Length() < kLong ? 10 : 100, proof);
+        MeasureLoad(proof.Length() < kLong ? 40 : 100, proof);
         MeasureGroups(static_cast<int>(proof.Length()), proof);
     }
     catch (const std::exception& failure)

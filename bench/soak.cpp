@@ -39,6 +39,8 @@ namespace
 
 constexpr DWORD kTimeoutMs = 60000;
 constexpr int kParts = 10;
+constexpr unsigned long long kLongCycles = 1000;
+constexpr unsigned long long kForOneUnderTheManager = 100;
 const std::vector<std::string> kColumns = {
     "cycle", "handles", "private KiB", "threads", "modules", "registry values", "registry bytes"};
 /// In the order of the columns. A mebibyte: what the heap of a process moves by on its own.
@@ -81,10 +83,11 @@ struct RegistrySize
     }
 };
 
-RegistrySize SizeOfRegistry()
+/// @param isWhole with all classes, which takes long.
+RegistrySize SizeOfRegistry(bool isWhole)
 {
     RegistrySize size;
-    size.Add(HKEY_LOCAL_MACHINE, L"Software");
+    size.Add(HKEY_LOCAL_MACHINE, isWhole ? L"Software" : L"Software\\Wow6432Node");
     size.Add(HKEY_LOCAL_MACHINE, L"System\\CurrentControlSet\\Services");
     size.Add(HKEY_CURRENT_USER, L"Software");
     return size;
@@ -94,11 +97,13 @@ RegistrySize SizeOfRegistry()
 class CCurve
 {
 public:
+    explicit CCurve(unsigned long long cycles) : m_isWhole(cycles >= kLongCycles) {}
+
     void Add(unsigned long long cycle, DWORD processId)
     {
         Figures figures;
         figures.Add(processId);
-        const RegistrySize registry = SizeOfRegistry();
+        const RegistrySize registry = SizeOfRegistry(m_isWhole);
         m_rows.push_back(
             {static_cast<double>(cycle),
              figures.handles,
@@ -159,6 +164,7 @@ private:
         return {slope * span, xx == 0 ? 0 : std::sqrt(scatter / (count - 2) / xx) * span};
     }
 
+    bool m_isWhole;
     std::vector<std::vector<double>> m_rows;
 };
 
@@ -181,7 +187,7 @@ void SoakManager(unsigned long long cycles, CProof& proof)
     const std::wstring name = L"TxBench1";
     const Basalt::CServiceHandle service =
         OpenServiceByName(name, SERVICE_START | SERVICE_STOP | SERVICE_QUERY_STATUS);
-    CCurve curve;
+    CCurve curve(cycles);
     constexpr unsigned long long kWarmUp = 3;
     for (unsigned long long i = 0; i <= cycles + kWarmUp; ++i)
     {
@@ -229,7 +235,7 @@ public:
     void Run(unsigned long long cycles)
     {
         constexpr unsigned long long kWarmUp = 200;
-        CCurve curve;
+        CCurve curve(cycles);
         for (unsigned long long i = 0; i <= cycles + kWarmUp; ++i)
         {
             if (i >= kWarmUp && (i - kWarmUp) % std::max(cycles / kParts, 1ULL) == 0)
@@ -306,7 +312,6 @@ private:
 int wmain(int argc, wchar_t** argv)
 {
     constexpr unsigned long long kLong = 100'000;
-    constexpr unsigned long long kForOneUnderTheManager = 100;
     const auto options = ProofOptions::Parse(argc, argv, {L"--only"});
     if (!options)
     {
