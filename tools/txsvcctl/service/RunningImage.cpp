@@ -33,7 +33,7 @@ public:
         HMODULE module = nullptr;
         DWORD needed = 0;
         if (::K32EnumProcessModules(
-                process, &module, sizeof(module), &needed)) // The program is the first one.
+                process, &module, sizeof(HMODULE), &needed)) // The program is the first one.
         {
             m_base = reinterpret_cast<const BYTE*>(module);
         }
