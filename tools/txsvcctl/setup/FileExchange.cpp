@@ -282,9 +282,8 @@ CFileExchange::~CFileExchange()
         static_cast<void>(DeleteFolder(m_work));
         removeEmptyFolders();
     }
-    catch (const std::exception&)
+    catch (const std::exception&) // NOLINT(bugprone-empty-catch): the next run deletes what stays.
     {
-        // A work folder that stays does no harm: the next run deletes it.
     }
 }
 
