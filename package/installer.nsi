@@ -91,7 +91,7 @@ Section "Kit for authors of services"
 SectionEnd
 
 Section -install
-    SetOutPath "$PLUGINSDIR" ; The package's folder is deleted at the end: nobody may be in it.
+    SetOutPath "$TEMP" ; The unpacked files are deleted at the end: nobody may be in their folder.
     !insertmacro Setup "$PLUGINSDIR\package\bin\txsvcctl.exe" 'install --to "$INSTDIR"'
     ${If} $0 != 0
     ${AndIf} $0 != ${RESTART}
@@ -122,7 +122,7 @@ Section /o "un.Groups, settings and logs too" Purge
 SectionEnd
 
 Section -un.remove
-    SetOutPath "$PLUGINSDIR"
+    SetOutPath "$TEMP"
     CopyFiles /SILENT "$INSTDIR\bin\txsvcctl.exe" "$PLUGINSDIR\txsvcctl.exe"
     StrCpy $3 ""
     ${If} ${SectionIsSelected} ${Purge}
