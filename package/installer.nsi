@@ -91,7 +91,7 @@ Section "Kit for authors of services"
 SectionEnd
 
 Section -install
-    SetOutPath "$PLUGINSDIR" ; The package's folder is deleted at the end: nobody may be in it.
+    SetOutPath "$TEMP" ; The unpacked files are deleted at the end: nobody may be in their folder.
     !insertmacro Setup "$PLUGINSDIR\package\bin\txsvcctl.exe" 'install --to "$INSTDIR"'
     ${If} $0 != 0
     ${AndIf} $0 != ${RESTART}
@@ -104,8 +104,10 @@ Section -install
     WriteRegStr HKLM "${ENTRY}" InstallLocation "$INSTDIR"
     WriteRegStr HKLM "${ENTRY}" DisplayIcon "$INSTDIR\uninstall.exe"
     WriteRegStr HKLM "${ENTRY}" UninstallString '"$INSTDIR\uninstall.exe"'
-    ; "_?=" keeps it from going on in a copy of itself: whoever starts it can wait for its end.
-    WriteRegStr HKLM "${ENTRY}" QuietUninstallString '"$INSTDIR\uninstall.exe" /S _?=$INSTDIR'
+    ; An uninstaller goes on in a copy of itself and cannot be waited for. "_?=" keeps it from that, but then nobody can
+    ; delete its file: so a copy is made first.
+    WriteRegStr HKLM "${ENTRY}" QuietUninstallString \
+        'cmd.exe /c copy /y "$INSTDIR\uninstall.exe" "%TEMP%\TxSvHost-uninstall.exe" >nul && "%TEMP%\TxSvHost-uninstall.exe" /S _?=$INSTDIR'
     WriteRegDWORD HKLM "${ENTRY}" NoModify 1
     WriteRegDWORD HKLM "${ENTRY}" NoRepair 1
     ${GetSize} "$INSTDIR" "/S=0K" $3 $4 $5
@@ -120,10 +122,8 @@ Section /o "un.Groups, settings and logs too" Purge
 SectionEnd
 
 Section -un.remove
-    SetOutPath "$PLUGINSDIR"
+    SetOutPath "$TEMP"
     CopyFiles /SILENT "$INSTDIR\bin\txsvcctl.exe" "$PLUGINSDIR\txsvcctl.exe"
-    ; A program that runs can be renamed, but not deleted.
-    Rename "$INSTDIR\uninstall.exe" "$TEMP\TxSvHost-uninstall.exe"
     StrCpy $3 ""
     ${If} ${SectionIsSelected} ${Purge}
         StrCpy $3 "--purge"
@@ -131,11 +131,9 @@ Section -un.remove
     !insertmacro Setup "$PLUGINSDIR\txsvcctl.exe" 'remove --from "$INSTDIR" $3'
     ${If} $0 != 0
     ${AndIf} $0 != ${RESTART}
-        Rename "$TEMP\TxSvHost-uninstall.exe" "$INSTDIR\uninstall.exe"
         MessageBox MB_ICONSTOP "$1" /SD IDOK
         Abort
     ${EndIf}
-    Delete /REBOOTOK "$TEMP\TxSvHost-uninstall.exe"
     DeleteRegKey HKLM "${ENTRY}"
 SectionEnd
 

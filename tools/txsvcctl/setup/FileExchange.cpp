@@ -18,6 +18,7 @@ namespace
 {
 
 constexpr wchar_t kListName[] = L"installed-files.txt";
+constexpr wchar_t kUninstaller[] = L"uninstall.exe";
 constexpr wchar_t kWorkFolder[] = L"\\.setup";
 
 // In a work folder.
@@ -114,6 +115,15 @@ void MakeFolder(const std::wstring& path)
 void MakeFolderOf(const std::wstring& file)
 {
     MakeFolder(file.substr(0, file.rfind(L'\\')));
+}
+
+void Copy(const std::wstring& from, const std::wstring& to)
+{
+    MakeFolderOf(to);
+    if (!::CopyFileW(from.c_str(), to.c_str(), TRUE))
+    {
+        ThrowFailure(L"copy file", from, ::GetLastError());
+    }
 }
 
 void Move(const std::wstring& from, const std::wstring& to)
@@ -282,9 +292,8 @@ CFileExchange::~CFileExchange()
         static_cast<void>(DeleteFolder(m_work));
         removeEmptyFolders();
     }
-    catch (const std::exception&)
+    catch (const std::exception&) // NOLINT(bugprone-empty-catch): the next run deletes what stays.
     {
-        // A work folder that stays does no harm: the next run deletes it.
     }
 }
 
@@ -293,12 +302,13 @@ void CFileExchange::Stage(const std::wstring& source)
     m_newFiles = FilesBelow(source);
     for (const std::wstring& file : m_newFiles)
     {
-        const std::wstring target = m_work + kNew + L"\\" + file;
-        MakeFolderOf(target);
-        if (!::CopyFileW((source + L"\\").append(file).c_str(), target.c_str(), TRUE))
-        {
-            ThrowFailure(L"copy file", file, ::GetLastError());
-        }
+        Copy((source + L"\\").append(file), m_work + kNew + L"\\" + file);
+    }
+    // An installer's, which serves what a ZIP has put in the place of its files as well.
+    if (HasName(m_oldFiles, kUninstaller) && !HasName(m_newFiles, kUninstaller))
+    {
+        Copy(m_folder + L"\\" + kUninstaller, m_work + kNew + L"\\" + kUninstaller);
+        m_newFiles.emplace_back(kUninstaller);
     }
     m_newFiles.emplace_back(kListName);
     WriteFileList(m_work + kNew + L"\\" + kListName, m_newFiles);
