@@ -288,8 +288,9 @@ void MeasureLoad(int pairs, CProof& proof)
         LoadBare(bare[static_cast<std::size_t>(i)]);
         const double bareTime = bareWatch.Seconds() * 1000;
         CSubsystemHolder holder;
+        EventLog::Failure failure;
         const Basalt::CStopwatch hostWatch;
-        if (!CTxSvcHostProxy::GetSubsystem(ServiceName(i), holder))
+        if (!CTxSvcHostProxy::GetSubsystem(ServiceName(i), holder, failure))
         {
             ThrowError(L"the host cannot load a module");
         }
