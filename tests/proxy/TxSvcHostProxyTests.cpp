@@ -193,6 +193,7 @@ TEST_F(TxSvcHostProxyTest, WithoutMemoryAtAnyPointTheServiceRunsOrIsReportedStop
 TEST_F(TxSvcHostProxyTest, NothingStartsAfterTheStopForAnUpdate)
 {
     SetReduceRestartStopping();
+    m_log.Clear(); // What the set-up missed.
     EXPECT_EQ(RunService(+[](DWORD*) { return S_OK; }), "");
     EXPECT_EQ(
         m_log.Take(),

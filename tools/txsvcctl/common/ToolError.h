@@ -18,7 +18,8 @@ enum class ExitCode : int
     Findings = 1, ///< All was looked at, and something is wrong with it.
     Usage = 2,    ///< The command line, or a file that it names, is wrong in itself.
     Failed = 3,   ///< Denied, or an error of the system: the work could not be done.
-    RestartNeeded = 3010, ///< Of setup: done, but old files wait for the system's next start. Windows' number.
+    RestartNeeded =
+        3010, ///< Of setup: done, but old files wait for the system's next start. Windows' number.
 };
 
 /// Why a command ends early. Thrown anywhere below RunTool, which prints the text and returns the code; no
