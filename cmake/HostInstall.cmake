@@ -22,6 +22,7 @@ function(install_pages destination component) # PAGE...
     install_pages(\"${destination}\" \"${pages}\")" COMPONENT ${component})
 endfunction()
 install_pages(docs runtime ${user_documents})
+install(FILES bench/plots/trimming.svg DESTINATION docs COMPONENT runtime)
 install_pages(. runtime docs/installed/README.md)
 install_pages(kit kit sdk/README.md)
 install_pages(kit/samples kit samples/README.md)

@@ -14,6 +14,7 @@ function(install_pages destination) # PAGE...
       string(REPLACE "-I sdk" "-I kit/include" text "${text}")
       string(REPLACE "/I sdk" "/I kit\\include" text "${text}")
       string(REPLACE samples/ kit/samples/ text "${text}")
+      string(REPLACE ../bench/plots/ "" text "${text}")
       string(REPLACE "[benchmarks.md](benchmarks.md)" "`docs/benchmarks.md` of the sources" text "${text}")
     elseif(destination STREQUAL kit)
       string(REPLACE "](Tx" "](include/Tx" text "${text}")
