@@ -203,20 +203,7 @@ void AddCheckCommand(CLI::App& app, IConsole& console)
     command->add_option("--explain", arguments->explained, "Explain a finding (TX0101), or all of them");
     command->footer(
         "Exit codes: 0 nothing to do, 1 findings, 2 wrong usage, 3 something could not be read or mended.");
-    command->callback([arguments, &console] {
-        try
-        {
-            Run(*arguments, console);
-        }
-        catch (const CToolError& error)
-        {
-            if (error.Code() == ExitCode::Failed && !error.Text().empty())
-            {
-                throw CToolError(ExitCode::Failed, error.Text());
-            }
-            throw;
-        }
-    });
+    command->callback([arguments, &console] { Run(*arguments, console); });
 }
 
 } // namespace TxCtl
