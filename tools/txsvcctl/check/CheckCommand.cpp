@@ -95,9 +95,13 @@ ordered_json AsJson(const CFindings& findings)
     return {{"version", 1}, {"findings", std::move(array)}};
 }
 
-std::wstring Line(const Finding& finding)
+std::wstring Line(const Finding& finding, IConsole& console)
 {
-    return FindingName(finding.kind->id) + L" " + SeverityName(finding.kind->severity) + L": " +
+    const Severity severity = finding.kind->severity;
+    const Tone tone = severity == Severity::Error     ? Tone::Bad
+                      : severity == Severity::Warning ? Tone::Doubtful
+                                                      : Tone::Plain;
+    return FindingName(finding.kind->id) + L" " + console.Toned(SeverityName(severity), tone) + L": " +
            finding.kind->title + (finding.subject.empty() ? L"" : L"\n  " + finding.subject) + L": " +
            finding.detail + L"\n  to do: " + finding.kind->remedy;
 }
@@ -153,7 +157,7 @@ void Run(const Arguments& arguments, IConsole& console)
     {
         for (const Finding& finding : findings.All())
         {
-            console.Out(Line(finding));
+            console.Out(Line(finding, console));
         }
         if (findings.All().empty())
         {
@@ -183,7 +187,7 @@ try
     {
         if (finding.kind->severity == Severity::Error)
         {
-            console.Error(Line(finding));
+            console.Error(Line(finding, console));
         }
     }
 }

@@ -12,6 +12,7 @@
 
 #include "txsvcctl/check/CheckTools.h"
 #include "txsvcctl/check/Findings.h"
+#include "txsvcctl/common/Console.h"
 #include "txsvcctl/common/ToolError.h"
 #include "txsvcctl/common/Utf8.h"
 #include "txsvcctl/common/ViewLink.h"
@@ -59,15 +60,16 @@ void AddProblems(GroupReport& group)
     }
 }
 
-void AppendProblems(std::wstring& text, const wchar_t* indent, const std::vector<std::wstring>& problems)
+void AppendProblems(
+    std::wstring& text, const wchar_t* indent, const std::vector<std::wstring>& problems, IConsole& console)
 {
     for (const std::wstring& problem : problems)
     {
-        text += L"\n" + (indent + (L"problem  " + problem));
+        text += L"\n" + (indent + console.Toned(L"problem", Tone::Bad) + L"  " + problem);
     }
 }
 
-void AppendService(std::wstring& text, const ServiceReport& service)
+void AppendService(std::wstring& text, const ServiceReport& service, IConsole& console)
 {
     text += L"\n  " + service.name;
     if (service.state)
@@ -90,7 +92,7 @@ void AppendService(std::wstring& text, const ServiceReport& service)
     {
         text += L"\n    version  " + *version;
     }
-    AppendProblems(text, L"    ", service.problems);
+    AppendProblems(text, L"    ", service.problems, console);
 }
 
 ordered_json TextOrNull(const std::optional<std::wstring>& text)
@@ -126,7 +128,7 @@ ordered_json ServiceAsJson(const ServiceReport& service)
     return json;
 }
 
-std::wstring FormatReport(const std::vector<GroupReport>& groups)
+std::wstring FormatReport(const std::vector<GroupReport>& groups, IConsole& console)
 {
     if (groups.empty())
     {
@@ -136,10 +138,10 @@ std::wstring FormatReport(const std::vector<GroupReport>& groups)
     for (const GroupReport& group : groups)
     {
         text += (text.empty() ? L"Group " : L"\nGroup ") + group.name;
-        AppendProblems(text, L"  ", group.problems);
+        AppendProblems(text, L"  ", group.problems, console);
         for (const ServiceReport& service : group.services)
         {
-            AppendService(text, service);
+            AppendService(text, service, console);
         }
     }
     return text;
@@ -177,7 +179,7 @@ void AddListCommand(CLI::App& app, IConsole& console)
         WarnAboutViewLink(console);
         std::vector<GroupReport> groups = ReportGroups(OptionalFromUtf8(arguments->group));
         std::ranges::for_each(groups, AddProblems);
-        console.Out(arguments->json ? FromUtf8(ReportAsJson(groups).dump(2)) : FormatReport(groups));
+        console.Out(arguments->json ? FromUtf8(ReportAsJson(groups).dump(2)) : FormatReport(groups, console));
     });
 }
 
