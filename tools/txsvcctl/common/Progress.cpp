@@ -13,7 +13,7 @@ namespace TxCtl
 
 void RunWithProgress(IConsole& console, const std::wstring& what, const std::function<void()>& operation)
 {
-    using namespace std::chrono_literals;
+    using Milliseconds = std::chrono::milliseconds;
     std::mutex lock;
     std::condition_variable ended;
     bool isOver = false;
@@ -34,7 +34,8 @@ void RunWithProgress(IConsole& console, const std::wstring& what, const std::fun
     const auto begin = std::chrono::steady_clock::now();
     std::unique_lock hold(lock);
     // What is over at once need not flicker.
-    for (auto step = 300ms; !ended.wait_for(hold, step, [&isOver] { return isOver; }); step = 100ms)
+    for (Milliseconds step(300); !ended.wait_for(hold, step, [&isOver] { return isOver; });
+         step = Milliseconds(100))
     {
         const std::chrono::duration<double> waited = std::chrono::steady_clock::now() - begin;
         console.Progress(what + Basalt::FormatText(L", %.1f s ...", waited.count()));
