@@ -94,7 +94,7 @@ private:
     onTime(TP_CALLBACK_INSTANCE* /*instance*/, void* context, TP_WAIT* /*wait*/, TP_WAIT_RESULT /*result*/)
     {
         const std::unique_ptr<CGroupEvent> event(static_cast<CGroupEvent*>(context));
-        Write(event->m_id, event->m_group.get(), CNumber(L"%u", ::GetCurrentProcessId()).Text());
+        Write(event->m_id, event->m_group.get(), CNumber(L"%lu", ::GetCurrentProcessId()).Text());
     }
 
     DWORD m_id;
@@ -109,14 +109,14 @@ private:
 void ServiceFailed(const wchar_t* service, const Failure& failure) noexcept
 {
     const bool hasCrashed = failure.exceptionCode != 0;
-    const CNumber code(L"0x%08X", hasCrashed ? failure.exceptionCode : failure.code);
+    const CNumber code(L"0x%08lX", hasCrashed ? failure.exceptionCode : failure.code);
     Write(hasCrashed ? TX_EVENT_SERVICE_CRASHED : TX_EVENT_SERVICE_FAILED, service, code.Text());
 }
 
 void NotTrusted(const wchar_t* path, DWORD verdict) noexcept
 {
     const bool isKnown = path != nullptr && *path != L'\0';
-    Write(TX_EVENT_NOT_TRUSTED, isKnown ? path : L"?", CNumber(L"0x%08X", verdict).Text());
+    Write(TX_EVENT_NOT_TRUSTED, isKnown ? path : L"?", CNumber(L"0x%08lX", verdict).Text());
 }
 
 void GroupRuns(const wchar_t* group) noexcept
