@@ -30,9 +30,9 @@ inline constexpr wchar_t kLoggingKey[] = L"SOFTWARE\\Tarvex\\Logging";
 }
 
 /// @throws std::bad_alloc
-[[nodiscard]] inline std::wstring GroupKey(std::wstring hostKey, const std::wstring& group)
+[[nodiscard]] inline std::wstring GroupKey(const std::wstring& hostKey, const std::wstring& group)
 {
-    return std::move(hostKey) + L"\\" + group;
+    return hostKey + L"\\" + group;
 }
 
 // Values of the host's key; those of working-set reduction are in HostSettings.h.
