@@ -151,7 +151,7 @@ void WriteEntry(
     const std::wstring& service = request.service.service;
     const CServiceManager manager(SC_MANAGER_CONNECT | SC_MANAGER_CREATE_SERVICE);
     const ServiceSettings settings{
-        FormatImagePath(*request.host, request.service.group), request.displayName, request.startType};
+        FormatImagePath(request.host.value(), request.service.group), request.displayName, request.startType};
     if (plan.entry)
     {
         const EntryOptions options = ReadEntryOptions(service);
@@ -227,7 +227,7 @@ void CarryOut(
     const std::optional<std::wstring> oldClsid = store.Clsid(request.service.group, request.service.service);
     store.RegisterClass(change, request.clsid, request.module);
     store.AddService(change, request.service, request.clsid);
-    RegisterEventSource(change, *request.host);
+    RegisterEventSource(change, request.host.value());
     if (oldClsid && !IsSameName(*oldClsid, request.clsid))
     {
         UnregisterUnusedClass(store, change, oldClsid, request.service);
