@@ -39,11 +39,6 @@ struct FindTraits
 };
 using CFind = Basalt::COwned<FindTraits>;
 
-bool Exists(const std::wstring& path) noexcept
-{
-    return ::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
-}
-
 /// Calls back with name and attributes of what is in a folder; a missing one is empty.
 template <typename Callback>
 void ForEachEntry(const std::wstring& folder, Callback callback)
@@ -273,6 +268,11 @@ std::wstring FreeWorkFolder(const std::wstring& folder)
 }
 
 } // namespace
+
+bool Exists(const std::wstring& path) noexcept
+{
+    return ::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+}
 
 CFileExchange::CFileExchange(std::wstring folder) : m_folder(std::move(folder))
 {

@@ -8,6 +8,9 @@
 namespace TxCtl
 {
 
+/// A file or a folder.
+[[nodiscard]] bool Exists(const std::wstring& path) noexcept;
+
 /// Puts the files of one version in the place of another's, or takes them away: all of them or none.
 ///
 /// Everything happens by renaming within the product's folder, which also works for programs and libraries

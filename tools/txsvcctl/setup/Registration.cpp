@@ -77,7 +77,7 @@ void Try(IConsole& console, Step step)
     }
     catch (const CToolError& error)
     {
-        console.Error(L"note: " + error.Text());
+        console.Note(error.Text());
     }
 }
 

@@ -1,7 +1,6 @@
 #include "txsvcctl/setup/SetupCommand.h"
 
 #include <windows.h>
-#include <objbase.h>
 
 #include <CLI/CLI.hpp>
 #include <memory>
@@ -9,6 +8,7 @@
 #include <string>
 
 #include "base/Paths.h"
+#include "process/ComApartment.h"
 #include "txsvcctl/common/Names.h"
 #include "txsvcctl/common/ToolError.h"
 #include "txsvcctl/common/Utf8.h"
@@ -37,30 +37,6 @@ struct Arguments
     std::optional<std::string> to;
     bool purge = false;
 };
-
-/// The main thread's, for group control and for hosts that ask.
-class CApartment
-{
-public:
-    CApartment() : m_result(::CoInitializeEx(nullptr, COINIT_MULTITHREADED))
-    {
-        if (FAILED(m_result))
-        {
-            ThrowFailure(L"start", L"COM", static_cast<DWORD>(m_result));
-        }
-    }
-    ~CApartment() { ::CoUninitialize(); }
-    CApartment(const CApartment&) = delete;
-    CApartment& operator=(const CApartment&) = delete;
-
-private:
-    HRESULT m_result;
-};
-
-bool Exists(const std::wstring& path)
-{
-    return ::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
-}
 
 std::wstring WithoutEnd(std::wstring path)
 {
@@ -104,7 +80,7 @@ void ReportEnd(bool isComplete, const std::wstring& what, IConsole& console)
     console.Out(what);
     if (!isComplete)
     {
-        console.Error(L"note: old files are in use; the system deletes them when it starts next");
+        console.Note(L"old files are in use; the system deletes them when it starts next");
         throw CToolError(ExitCode::RestartNeeded, {});
     }
 }
@@ -139,7 +115,11 @@ void GoBack(
 template <typename Change>
 void AllOrNothing(CFileExchange& exchange, const std::wstring& folder, IConsole& console, Change change)
 {
-    const CApartment apartment;
+    const CComApartment com; // For group control and for hosts that ask.
+    if (FAILED(com.Result()))
+    {
+        ThrowFailure(L"start", L"COM", static_cast<DWORD>(com.Result()));
+    }
     CRunningServices services;
     bool hasRegistered = false;
     try

@@ -59,8 +59,7 @@ CUpdateNotice::CUpdateNotice(IConsole& console)
         CLSID_TxUpdateClient, &g_class, CLSCTX_LOCAL_SERVER, REGCLS_MULTIPLEUSE, &m_cookie);
     if (FAILED(result)) // With the event alone each host would log an error.
     {
-        console.Error(
-            L"note: hosts cannot be told of the update: " + DescribeError(static_cast<DWORD>(result)));
+        console.Note(L"hosts cannot be told of the update: " + DescribeError(static_cast<DWORD>(result)));
         return;
     }
     // Made last and closed first: whoever finds the event must find the class object too.
