@@ -54,7 +54,7 @@ CGroupRunner::CGroupRunner(const std::wstring& commandLine)
 {
     m_pipe.Reset(::CreateNamedPipeW(
         (kPipeName + std::to_wstring(SkipControlPipe())).c_str(),
-        PIPE_ACCESS_DUPLEX | FILE_FLAG_FIRST_PIPE_INSTANCE,
+        PIPE_ACCESS_DUPLEX | FILE_FLAG_FIRST_PIPE_INSTANCE | FILE_FLAG_OVERLAPPED,
         PIPE_TYPE_BYTE,
         1,
         kPipeBufferBytes,
@@ -63,7 +63,10 @@ CGroupRunner::CGroupRunner(const std::wstring& commandLine)
         nullptr));
     ThrowIfFailed(m_pipe ? ERROR_SUCCESS : ::GetLastError(), L"creating the control pipe");
     m_process.emplace(commandLine);
-    if (!awaitHost(0))
+    DWORD transferred = 0;
+    if (!awaitHost(
+            [this](OVERLAPPED& operation) { return ::ConnectNamedPipe(m_pipe.Get(), &operation); },
+            transferred))
     {
         ThrowError(
             L"the host ended with " + std::to_wstring(m_process->Wait()) + L" before its services came");
@@ -166,30 +169,49 @@ DWORD CGroupRunner::Request(const std::wstring& name, DWORD control, const std::
 
     DWORD answer = ERROR_SUCCESS;
     DWORD transferred = 0;
-    const bool hasAnswer = ::WriteFile(m_pipe.Get(), bytes.data(), head.totalBytes, &transferred, nullptr) &&
-                           awaitHost(sizeof(answer)) &&
-                           ::ReadFile(m_pipe.Get(), &answer, sizeof(answer), &transferred, nullptr);
+    const auto write = [&](OVERLAPPED& operation) {
+        return ::WriteFile(m_pipe.Get(), bytes.data(), head.totalBytes, nullptr, &operation);
+    };
+    const auto read = [&](OVERLAPPED& operation) {
+        return ::ReadFile(m_pipe.Get(), &answer, sizeof(answer), nullptr, &operation);
+    };
+    const bool hasAnswer =
+        awaitHost(write, transferred) && awaitHost(read, transferred) && transferred == sizeof(answer);
     return hasAnswer ? answer : ERROR_PROCESS_ABORTED;
 }
 
-/// Waits until the host has connected and written so many bytes.
+/// Begins something on the pipe and waits until the host has done its part.
 /// @return false when it has ended.
-bool CGroupRunner::awaitHost(DWORD bytes) const
+bool CGroupRunner::awaitHost(const std::function<BOOL(OVERLAPPED&)>& begin, DWORD& transferred) const
 {
-    for (const ULONGLONG end = ::GetTickCount64() + kTimeoutMs; ::GetTickCount64() < end;)
+    const Basalt::CHandle done(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    OVERLAPPED operation{};
+    operation.hEvent = done.Get();
+    if (!begin(operation))
     {
-        DWORD available = 0;
-        if (::PeekNamedPipe(m_pipe.Get(), nullptr, 0, nullptr, &available, nullptr) && available >= bytes)
+        switch (::GetLastError())
         {
+        case ERROR_IO_PENDING:
+            break;
+        case ERROR_PIPE_CONNECTED:
             return true;
-        }
-        if (::WaitForSingleObject(Process(), kPollMs) == WAIT_OBJECT_0)
-        {
+        default:
             return false;
         }
     }
-    ::TerminateProcess(Process(), ERROR_TIMEOUT);
-    ThrowError(L"the host does not answer, or another service was started before it was there");
+    const HANDLE either[] = {done.Get(), Process()};
+    const DWORD waited = ::WaitForMultipleObjects(ARRAYSIZE(either), either, FALSE, kTimeoutMs);
+    if (waited != WAIT_OBJECT_0)
+    {
+        ::CancelIo(m_pipe.Get());
+    }
+    const bool isDone = ::GetOverlappedResult(m_pipe.Get(), &operation, &transferred, TRUE);
+    if (waited == WAIT_TIMEOUT)
+    {
+        ::TerminateProcess(Process(), ERROR_TIMEOUT);
+        ThrowError(L"the host does not answer, or another service was started before it was there");
+    }
+    return isDone;
 }
 
 /// By the system's call: a snapshot looks at every process there is, which takes longer than all else of a

@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include <functional>
 #include <map>
 #include <optional>
 #include <set>
@@ -76,7 +77,7 @@ public:
     [[nodiscard]] DWORD ProcessId() const noexcept { return m_process.value().Id(); }
 
 private:
-    [[nodiscard]] bool awaitHost(DWORD bytes) const;
+    [[nodiscard]] bool awaitHost(const std::function<BOOL(OVERLAPPED&)>& begin, DWORD& transferred) const;
     [[nodiscard]] std::set<DWORD> threads() const;
     [[nodiscard]] bool isServiceThread(DWORD thread) const;
 
