@@ -45,16 +45,24 @@ TEST_F(LogSettingsTest, AFileThatIsNoTextCountsAsAbsentAndIsReported)
         {wide + "x", 4, L"no text (log.ini)"},
         {good + '\0', 4, L"no text (log.ini)"},
         {"\xEF\xBB\xBF" + good, 4, L"no text (log.ini)"},
-        {"held", 4, L"error 32 (log.ini)"}};
+        {"held", 4, L"error 32 (log.ini)"},
+        {good + "; an editor has it open", 5, L""}};
     EXPECT_EQ(m_settings.WriteDword(kLevelSetting.name, 4), 0U);
     for (const auto& [bytes, expected, problems] : rows)
     {
         SCOPED_TRACE(bytes);
         WriteBytes(m_ini, bytes);
+        const bool isOpen = bytes.ends_with("open");
         const Basalt::CFile held(
-            bytes == "held"
-                ? ::CreateFileW(m_ini.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr)
-                : INVALID_HANDLE_VALUE);
+            bytes == "held" || isOpen ? ::CreateFileW(
+                                            m_ini.c_str(),
+                                            isOpen ? GENERIC_WRITE : GENERIC_READ,
+                                            isOpen ? FILE_SHARE_READ | FILE_SHARE_WRITE : 0,
+                                            nullptr,
+                                            OPEN_EXISTING,
+                                            0,
+                                            nullptr)
+                                      : INVALID_HANDLE_VALUE);
         EXPECT_EQ(ReadLogSettings().threshold, expected);
         EXPECT_EQ(ReadLogSettings().problems, problems);
     }

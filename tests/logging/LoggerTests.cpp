@@ -194,10 +194,10 @@ std::wstring s_lines;
 struct Recorder final : Basalt::ILoggingHandler
 {
     explicit Recorder(Text given) : name(given) {}
-    void Handle(DWORD, Text, Text, DWORD line, Text text) noexcept override
+    void Handle(DWORD level, Text file, Text function, DWORD line, Text text) noexcept override
     {
         const CNoMemory::CExempt exempt;
-        s_lines += Basalt::FormatText(L"%s %u %s\n", name, line, text);
+        s_lines += Basalt::FormatText(L"%s %u %s %s:%u %s\n", name, level, function, file, line, text);
     }
     Text name;
 };
@@ -214,6 +214,8 @@ TEST_F(LoggerTest, OneBasaltHandlerAtATimeIsRegisteredAndItsOwnersLearnOfMistake
     EXPECT_EQ(CLogger::RegisterHandler(&a) + CLogger::RegisterHandler(&a), 0U);
     EXPECT_EQ(CLogger::RegisterHandler(&b), DWORD{ERROR_INVALID_STATE});
     EXPECT_EQ(CLogger::UnregisterHandler(&b), DWORD{ERROR_INVALID_STATE});
+    EXPECT_EQ(CLogger::RegisterHandler(nullptr), DWORD{ERROR_INVALID_PARAMETER});
+    EXPECT_EQ(CLogger::UnregisterHandler(nullptr), DWORD{ERROR_INVALID_PARAMETER});
     {
         const CNoMemory noMemory;
         CLogger::Log(1, L"file", L"f", 3, L"text");
@@ -221,12 +223,15 @@ TEST_F(LoggerTest, OneBasaltHandlerAtATimeIsRegisteredAndItsOwnersLearnOfMistake
     EXPECT_EQ(CLogger::UnregisterHandler(&a), 0U);
     EXPECT_EQ(CLogger::UnregisterHandler(&a), DWORD{ERROR_INVALID_STATE});
     EXPECT_EQ(
-        std::regex_replace(Narrow(s_lines), std::regex("(\\d+ ).*: (?=[RF])| 0x[0-9A-F]{8}"), "$1"),
-        R"(a 67 Registered Logging Handler cannot be replaced with
-a 110 Failed to Unregister Logging handler (requested handler != registered handler)
-b 115 Failed to Unregister Logging handler (requested handler != registered handler)
-a 3 General memory-allocation failure in Basalt logger.
-a 102 Request to Unregister Logging handler, but none are registered
+        std::regex_replace(
+            Narrow(s_lines), std::regex("(:\\d+ ).*: (?=[A-Z])| 0x[0-9A-F]{8}|Basalt::CLogger::"), "$1"),
+        R"(a 2 RegisterHandler Logging\internal_logging:67 Registered Logging Handler cannot be replaced with
+a 2 UnregisterHandler Logging\internal_logging:110 Failed to Unregister Logging handler (requested handler != registered handler)
+b 2 UnregisterHandler Logging\internal_logging:115 Failed to Unregister Logging handler (requested handler != registered handler)
+a 2 RegisterHandler Logging\internal_logging:57 Cannot Register (NULL) handler
+a 2 UnregisterHandler Logging\internal_logging:92 Cannot Unregister (NULL) handler
+a 2 f file:3 General memory-allocation failure in Basalt logger.
+a 2 UnregisterHandler Logging\internal_logging:102 Request to Unregister Logging handler, but none are registered
 )");
 }
 
