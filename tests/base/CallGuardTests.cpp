@@ -2,9 +2,12 @@
 
 #include <windows.h>
 
+#include <cstdint>
 #include <gtest/gtest.h>
+#include <iterator>
 #include <stdexcept>
 
+#include "base/ClassObject.h"
 #include "base/Owned.h"
 
 namespace
@@ -57,6 +60,29 @@ TEST(CallGuard, SwallowsExceptionsHardwareFaultsAndEachStackOverflow)
     EXPECT_TRUE(::GetExitCodeThread(thread.Get(), &rounds));
     EXPECT_EQ(rounds, 2U) << "the thread did not live to its end";
 #endif
+}
+
+/// What stands where an object should be may be anything.
+TEST(ClassObject, AMethodIsFoundOnlyWhereCodeCanBeRun)
+{
+    static const int s_data = 1;
+    const auto nowhere = reinterpret_cast<const void*>(std::uintptr_t{0x10});
+    const auto code = reinterpret_cast<const void*>(&::GetTickCount);
+    const void* const table[] = {code, &s_data, nullptr, nowhere};
+    struct
+    {
+        const void* table;
+    } const object{table}, dead{nullptr}, damaged{nowhere};
+    EXPECT_EQ(Basalt::MethodOf(&object, 0), code);
+    for (std::size_t slot = 1; slot < std::size(table); ++slot)
+    {
+        EXPECT_EQ(Basalt::MethodOf(&object, slot), nullptr) << slot;
+    }
+    const void* const objects[] = {&dead, &damaged, nowhere, nullptr};
+    for (const void* const none : objects)
+    {
+        EXPECT_EQ(Basalt::MethodOf(none, 0), nullptr) << none;
+    }
 }
 
 } // namespace

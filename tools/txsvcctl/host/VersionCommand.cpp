@@ -236,6 +236,7 @@ std::wstring Format(
     const std::vector<Part>& parts, const std::map<DWORD, RunningHost>& hosts, IConsole& console)
 {
     std::vector<std::vector<Cell>> rows;
+    rows.reserve(parts.size() + hosts.size());
     for (const Part& part : parts)
     {
         rows.push_back(

@@ -151,7 +151,7 @@ void WriteEntry(
     const std::wstring& service = request.service.service;
     const CServiceManager manager(SC_MANAGER_CONNECT | SC_MANAGER_CREATE_SERVICE);
     const ServiceSettings settings{
-        FormatImagePath(request.host.value(), request.service.group), request.displayName, request.startType};
+        FormatImagePath(plan.host, request.service.group), request.displayName, request.startType};
     if (plan.entry)
     {
         const EntryOptions options = ReadEntryOptions(service);
@@ -198,7 +198,7 @@ InstallPlan PlanInstallation(InstallRequest request)
     }
     request.clsid = *clsid;
     request.module = CheckedModule(request.module);
-    request.host = CheckedHost(request.host);
+    std::wstring host = CheckedHost(request.host);
 
     const CGroupStore store;
     CheckNoOtherGroup(store, service);
@@ -216,7 +216,7 @@ InstallPlan PlanInstallation(InstallRequest request)
         request.options.recovery = RestartAfterFailures();
         request.options.recoversFromErrors = true;
     }
-    return {std::move(request), std::move(entry)};
+    return {std::move(request), std::move(host), std::move(entry)};
 }
 
 void CarryOut(
@@ -227,7 +227,7 @@ void CarryOut(
     const std::optional<std::wstring> oldClsid = store.Clsid(request.service.group, request.service.service);
     store.RegisterClass(change, request.clsid, request.module);
     store.AddService(change, request.service, request.clsid);
-    RegisterEventSource(change, request.host.value());
+    RegisterEventSource(change, plan.host);
     if (oldClsid && !IsSameName(*oldClsid, request.clsid))
     {
         UnregisterUnusedClass(store, change, oldClsid, request.service);

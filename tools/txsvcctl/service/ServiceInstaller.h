@@ -30,7 +30,8 @@ struct InstallRequest
 /// An installation of which all is checked. It holds as long as nobody else changes services.
 struct InstallPlan
 {
-    InstallRequest request;             ///< The CLSID in canonical form, the paths full.
+    InstallRequest request;             ///< The CLSID in canonical form, the module's path full.
+    std::wstring host;                  ///< The program's full path.
     std::optional<ServiceConfig> entry; ///< What the service manager has now.
 };
 

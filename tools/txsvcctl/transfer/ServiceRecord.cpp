@@ -192,7 +192,7 @@ ordered_json RecordAsJson(const ServiceRecord& record)
 {
     const EntryOptions& options = record.options;
     ordered_json dependencies = ordered_json::array();
-    for (const std::wstring& name : options.dependencies.value())
+    for (const std::wstring& name : options.dependencies.value_or(std::vector<std::wstring>{}))
     {
         dependencies.push_back(ToUtf8(name));
     }
@@ -205,7 +205,7 @@ ordered_json RecordAsJson(const ServiceRecord& record)
         {"description", ToUtf8(options.description.value_or(L""))},
         {"start", ToUtf8(WordOf(kStartTypes, record.startType))},
         {"delayedStart", OrNull(options.isDelayed)},
-        {"account", ToUtf8(options.account.value())},
+        {"account", ToUtf8(options.account.value_or(L""))},
         {"dependencies", std::move(dependencies)},
         {"sidType", options.sidType ? ordered_json(ToUtf8(WordOf(kSidTypes, *options.sidType))) : nullptr},
         {"preshutdownMs", OrNull(options.preshutdownMs)},
