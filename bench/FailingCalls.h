@@ -43,6 +43,7 @@ struct FailingSection
     DWORD crashCode;
     LONG handles; ///< At the end, as the next.
     LONG blocks;
+    LONG threads;
     LONG logUsed;
     LONG logDropped;
     char functions[kMostFunctions][48];

@@ -1,10 +1,12 @@
 #include "HandleCount.h"
 
 #include <windows.h>
+#include <tlhelp32.h>
 
 #include <algorithm>
 #include <vector>
 
+#include "base/Owned.h"
 #include "base/SystemLibrary.h"
 
 namespace
@@ -58,4 +60,17 @@ std::size_t CountHandles(DWORD processId)
 std::size_t CountOwnHandles()
 {
     return CountHandles(::GetCurrentProcessId());
+}
+
+std::size_t CountOwnThreads()
+{
+    const Basalt::CFile snapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0));
+    THREADENTRY32 entry{};
+    entry.dwSize = sizeof(entry);
+    std::size_t count = 0;
+    for (BOOL is = ::Thread32First(snapshot.Get(), &entry); is; is = ::Thread32Next(snapshot.Get(), &entry))
+    {
+        count += entry.th32OwnerProcessID == ::GetCurrentProcessId() ? 1 : 0;
+    }
+    return count;
 }

@@ -9,3 +9,6 @@
 /// count.
 [[nodiscard]] std::size_t CountHandles(DWORD processId);
 [[nodiscard]] std::size_t CountOwnHandles();
+
+/// Of this process.
+[[nodiscard]] std::size_t CountOwnThreads();

@@ -76,6 +76,36 @@ std::string NameOf(Scenario scenario)
     return std::ranges::find(kScenarios, scenario, &std::pair<Scenario, const char*>::first)->second;
 }
 
+/// Below HKEY_LOCAL_MACHINE; the first may be a link to the second.
+constexpr const wchar_t* kRegistryRoots[] = {Contract::kProductKey, Contract::kProductKey32};
+
+/// Adds a key, its values and what is below it; nothing when it is not there.
+void AddKey(const std::wstring& path, std::set<std::wstring>& entries)
+{
+    Basalt::CRegKey key;
+    if (key.Open(HKEY_LOCAL_MACHINE, path.c_str(), KEY_READ) != ERROR_SUCCESS)
+    {
+        return;
+    }
+    entries.insert(path);
+    wchar_t name[256];
+    DWORD length = ARRAYSIZE(name);
+    for (DWORD index = 0;
+         ::RegEnumValueW(key.Get(), index, name, &length, nullptr, nullptr, nullptr, nullptr) ==
+         ERROR_SUCCESS;
+         ++index, length = ARRAYSIZE(name))
+    {
+        entries.insert(path + L" " + name);
+    }
+    for (DWORD index = 0;
+         ::RegEnumKeyExW(key.Get(), index, name, &length, nullptr, nullptr, nullptr, nullptr) ==
+         ERROR_SUCCESS;
+         ++index, length = ARRAYSIZE(name))
+    {
+        AddKey(path + L"\\" + name, entries);
+    }
+}
+
 /// What of a road the reference run tells.
 struct Call
 {
@@ -108,7 +138,9 @@ struct Outcome
     std::map<std::string, int> lines = {};
     LONG handles = 0;
     LONG blocks = 0;
-    std::string trouble = {}; ///< What kept the driver from its work.
+    LONG threads = 0;
+    std::set<std::wstring> registry = {}; ///< What the product then has there: keys and names of values.
+    std::string trouble = {};             ///< What kept the driver from its work.
 };
 
 /// The section, which the host that is started next opens.
@@ -263,6 +295,11 @@ public:
         outcome.exitCode = section->exitCode;
         outcome.handles = section->handles;
         outcome.blocks = section->blocks;
+        outcome.threads = section->threads;
+        for (const wchar_t* const root : kRegistryRoots)
+        {
+            AddKey(root, outcome.registry);
+        }
         outcome.lines = LinesOf(*section);
         return outcome;
     }
@@ -509,6 +546,7 @@ bool HasNewLine(const Outcome& outcome, const Outcome& reference)
 
 constexpr LONG kMoreHandles = 6; ///< Threads of Wine's pool come and go.
 constexpr LONG kMoreBlocks = 8;
+constexpr LONG kMoreThreads = 2; ///< Of Wine's pool.
 
 /// What is wrong with it; empty when it is as designed.
 std::string Judge(
@@ -564,6 +602,18 @@ std::string Judge(
     {
         return "memory blocks " + std::to_string(outcome.blocks) + " instead of " +
                std::to_string(reference.blocks);
+    }
+    if (outcome.isTidy && outcome.threads > reference.threads + kMoreThreads)
+    {
+        return "threads " + std::to_string(outcome.threads) + " instead of " +
+               std::to_string(reference.threads);
+    }
+    for (const std::wstring& entry : outcome.registry)
+    {
+        if (!reference.registry.contains(entry))
+        {
+            return "leaves in the registry " + Narrow(entry);
+        }
     }
     if (!words.contains("silent") && !HasNewLine(outcome, reference))
     {
@@ -689,6 +739,8 @@ private:
             const Outcome again = play(stage, nullptr, true);
             reference.handles = std::max(reference.handles, again.handles);
             reference.blocks = std::max(reference.blocks, again.blocks);
+            reference.threads = std::max(reference.threads, again.threads);
+            reference.registry.insert(again.registry.begin(), again.registry.end());
             for (const auto& [line, count] : again.lines)
             {
                 reference.lines[line] = std::max(reference.lines[line], count);

@@ -518,6 +518,7 @@ int wmain(int argc, wchar_t** argv)
     g_isWatching = 0;
     g_section->exitCode = static_cast<DWORD>(result);
     g_section->handles = static_cast<LONG>(CountOwnHandles());
+    g_section->threads = static_cast<LONG>(CountOwnThreads());
     ::InterlockedExchange(&g_section->hasEnded, 1);
     return result;
 }
