@@ -105,10 +105,15 @@ TEST_F(UpdateManagerTest, TheEventOfTheInstanceSaysWhetherItRunsAndTakesTheRemin
 
 TEST_F(UpdateManagerTest, WrongTypesAndSizesInTheRegistryAreReportedAndReadAsNothing)
 {
-    CTestKey phases(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Tarvex\\UPDMGR\\Update\\pkg_default");
-    CTestKey restarts(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Tarvex\\Volatile\\KSC");
     m_event.Reset(::CreateEventW(nullptr, TRUE, FALSE, kEvent));
     const std::wstring noPhase = L"2 Failed to read update phase from the registry - error ";
+    BOOL isRunning = 2;
+    DWORD noKeysPhase = 77;
+    EXPECT_EQ(m_helper.IsUpdateRunning2(&isRunning, &noKeysPhase), S_OK);
+    EXPECT_TRUE(noKeysPhase == 0 && Log().ends_with(noPhase + L"2;")) << "there is no key";
+
+    CTestKey phases(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Tarvex\\UPDMGR\\Update\\pkg_default");
+    CTestKey restarts(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Tarvex\\Volatile\\KSC");
     const std::wstring unread = L"2 Failed to read IsRestartPending value from registry - error ";
     const std::wstring begin = L"1 Checking if restart is pending...;";
     const std::wstring end = L"1 No restart is pending;";
