@@ -548,6 +548,34 @@ constexpr LONG kMoreHandles = 6; ///< Threads of Wine's pool come and go.
 constexpr LONG kMoreBlocks = 8;
 constexpr LONG kMoreThreads = 2; ///< Of Wine's pool.
 
+/// What the host has not taken back; empty when it has all.
+std::string WhatIsLeft(const Outcome& outcome, const Outcome& reference, const std::set<std::string>& words)
+{
+    if (outcome.isTidy && outcome.handles > reference.handles + kMoreHandles && !words.contains("unclosed"))
+    {
+        return "handles " + std::to_string(outcome.handles) + " instead of " +
+               std::to_string(reference.handles);
+    }
+    if (outcome.isTidy && outcome.blocks > reference.blocks + kMoreBlocks && !words.contains("keeps"))
+    {
+        return "memory blocks " + std::to_string(outcome.blocks) + " instead of " +
+               std::to_string(reference.blocks);
+    }
+    if (outcome.isTidy && outcome.threads > reference.threads + kMoreThreads)
+    {
+        return "threads " + std::to_string(outcome.threads) + " instead of " +
+               std::to_string(reference.threads);
+    }
+    for (const std::wstring& entry : outcome.registry)
+    {
+        if (!reference.registry.contains(entry))
+        {
+            return "leaves in the registry " + Narrow(entry);
+        }
+    }
+    return "";
+}
+
 /// What is wrong with it; empty when it is as designed.
 std::string Judge(
     const Outcome& outcome, const Outcome& reference, const std::set<std::string>& words, CProof& proof)
@@ -593,27 +621,10 @@ std::string Judge(
             return "service " + std::to_string(i) + " ends in state " + std::to_string(end);
         }
     }
-    if (outcome.isTidy && outcome.handles > reference.handles + kMoreHandles && !words.contains("unclosed"))
+    const std::string left = WhatIsLeft(outcome, reference, words);
+    if (!left.empty())
     {
-        return "handles " + std::to_string(outcome.handles) + " instead of " +
-               std::to_string(reference.handles);
-    }
-    if (outcome.isTidy && outcome.blocks > reference.blocks + kMoreBlocks && !words.contains("keeps"))
-    {
-        return "memory blocks " + std::to_string(outcome.blocks) + " instead of " +
-               std::to_string(reference.blocks);
-    }
-    if (outcome.isTidy && outcome.threads > reference.threads + kMoreThreads)
-    {
-        return "threads " + std::to_string(outcome.threads) + " instead of " +
-               std::to_string(reference.threads);
-    }
-    for (const std::wstring& entry : outcome.registry)
-    {
-        if (!reference.registry.contains(entry))
-        {
-            return "leaves in the registry " + Narrow(entry);
-        }
+        return left;
     }
     if (!words.contains("silent") && !HasNewLine(outcome, reference))
     {

@@ -83,6 +83,17 @@ TEST_F(RegKeyTest, ReadsWhatIsStoredOrSaysWhyNot)
         EXPECT_EQ(m_key.ReadDword(L"value", number), row.asNumber);
         EXPECT_TRUE(text == row.text && number == row.number) << text.size() << " characters, " << number;
     }
+    {
+        const CImportPatch noMemory(
+            "ExpandEnvironmentStringsW", +[](const wchar_t*, wchar_t*, DWORD) {
+                ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+                return DWORD{0};
+            });
+        std::wstring text = kNo;
+        Store(L"value", Wide(L"%TXV%"), REG_EXPAND_SZ);
+        EXPECT_EQ(m_key.ReadString(L"value", text), DWORD{ERROR_NOT_ENOUGH_MEMORY});
+        EXPECT_EQ(text, kNo);
+    }
     EXPECT_EQ(m_key.Open(m_key.Get(), L"none", KEY_READ), DWORD{ERROR_INVALID_HANDLE}) << "closed before";
     EXPECT_EQ(m_key.ReadDword(L"value", number), DWORD{ERROR_INVALID_HANDLE});
 }

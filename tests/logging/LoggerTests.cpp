@@ -207,8 +207,8 @@ TEST_F(LoggerTest, OneBasaltHandlerAtATimeIsRegisteredAndItsOwnersLearnOfMistake
     CLogger::UnregisterHandler(&Basalt::DefaultLoggingHandler());
     static std::wstring s_debugger; // Takes the bare message until a handler comes.
     const CImportPatch debugger("OutputDebugStringW", +[](Text text) { s_debugger += text; });
-    CLogger::Log(0, L"file", L"f", 1, L"level 0;");
     CLogger::Log(9, L"file", L"f", 1, L"level %u;", 9U);
+    CLogger::Log(0, L"file", L"f", 1, L"level 0;");
     EXPECT_EQ(s_debugger, L"level 9;");
     Recorder a(L"a"), b(L"b");
     EXPECT_EQ(CLogger::RegisterHandler(&a) + CLogger::RegisterHandler(&a), 0U);

@@ -79,15 +79,25 @@ TEST(NvidiaDriverFix, TheFourAreEnabledForTheScopeAndAFailureAtAnyStepLeavesTheO
         int left; ///< Behind the scope.
         const wchar_t* error;
     } rows[] = {
-        {"OpenProcessToken", Fake("OpenProcessToken", &::OpenProcessToken), 1, 0, 0, L"OpenProcessToken"},
-        {"GetTokenInformation", get, 1, 0, 0, L"(1)"},
-        {"GetTokenInformation", get, 2, 0, 0, L"(2)"},
+        {"OpenProcessToken",
+         Fake("OpenProcessToken", &::OpenProcessToken),
+         1,
+         0,
+         0,
+         L"OpenProcessToken failed (0x00000521)"},
+        {"GetTokenInformation", get, 1, 0, 0, L"GetTokenInformation(1) failed (0x00000521)"},
+        {"GetTokenInformation", get, 2, 0, 0, L"GetTokenInformation(2) failed (0x00000521)"},
         {"GetTokenInformation", get, kSucceeds, 0, 0, L"should have failed"},
-        {"LookupPrivilegeValueW", lookUp, 1, 3, 0, L"Lookup"},
-        {"AdjustTokenPrivileges", adjust, 1, 3, 0, L"1313"},
+        {"LookupPrivilegeValueW", lookUp, 1, 3, 0, L"LookupPrivilegeValue failed (0x00000521)"},
+        {"AdjustTokenPrivileges", adjust, 1, 3, 0, L"AdjustTokenPrivileges failed with error: 1313"},
         {"AdjustTokenPrivileges", adjust, 0, 4, 0, L""},
         // Last, since nothing puts them back.
-        {"AdjustTokenPrivileges", adjust, 5, 4, 4, L"RestoreSavedPrivileges: Adjust"},
+        {"AdjustTokenPrivileges",
+         adjust,
+         5,
+         4,
+         4,
+         L"RestoreSavedPrivileges: AdjustTokenPrivileges failed (0x00000521)"},
     };
     const std::vector<BYTE> before = Privileges();
     const auto enabled = [&before] {
@@ -109,14 +119,14 @@ TEST(NvidiaDriverFix, TheFourAreEnabledForTheScopeAndAFailureAtAnyStepLeavesTheO
         fix.reset();
         g_callsLeft = 0;
         EXPECT_EQ(enabled(), row.left) << row.import;
-        EXPECT_EQ(
-            std::ranges::count_if(
-                log.Lines(),
-                [&row](const LogLine& line) {
-                    return line.level == ETWLogging::LogError &&
-                           (line.function + L": " + line.message).find(row.error) != std::wstring::npos;
-                }),
-            row.failingCall != 0 ? 1 : 0);
+        std::wstring errors;
+        for (const LogLine& line : log.Lines())
+        {
+            errors += line.level == ETWLogging::LogError ? line.function + L": " + line.message + L";" : L"";
+        }
+        EXPECT_TRUE(row.failingCall == 0 ? errors.empty() : errors.ends_with(row.error + std::wstring(L";")))
+            << errors;
+        EXPECT_LE(std::ranges::count(errors, L';'), 1) << errors;
     }
 }
 

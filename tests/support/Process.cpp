@@ -33,9 +33,11 @@ CProcess::CProcess(std::wstring commandLine, HANDLE out, HANDLE error) : m_comma
     startup.hStdOutput = out;
     startup.hStdError = error;
     PROCESS_INFORMATION information{};
-    if (::CreateProcessW(
+    // CreateProcessW writes into the command line.
+    const auto create = [&] {
+        return ::CreateProcessW(
             nullptr,
-            commandLine.data(), // CreateProcessW writes into it.
+            commandLine.data(),
             nullptr,
             nullptr,
             startup.dwFlags != 0,
@@ -43,7 +45,17 @@ CProcess::CProcess(std::wstring commandLine, HANDLE out, HANDLE error) : m_comma
             nullptr,
             nullptr,
             &startup,
-            &information) == FALSE)
+            &information);
+    };
+    // On a busy machine a process of Wine's now and then ends before its program has begun.
+    constexpr int kAttempts = 3;
+    bool isCreated = create();
+    for (int attempt = 1; !isCreated && ::GetLastError() == ERROR_INTERNAL_ERROR && attempt < kAttempts;
+         ++attempt)
+    {
+        isCreated = create();
+    }
+    if (!isCreated)
     {
         ThrowError(L"starting " + m_commandLine.substr(0, MAX_PATH), ::GetLastError());
     }
