@@ -1,6 +1,7 @@
 #include "support/FakeScm.h"
 
 #include <cstring>
+#include <mutex>
 
 namespace
 {
@@ -65,10 +66,16 @@ BOOL WINAPI FakeControl(SC_HANDLE handle, DWORD, SERVICE_STATUS* status)
     return Call(handle);
 }
 
+/// The runtime's threads give way by it, beside the thread that waits for a service.
 void WINAPI FakeSleep(DWORD milliseconds)
 {
-    g_scm->sleeps.push_back(milliseconds);
-    g_scm->now += milliseconds;
+    if (milliseconds != 0)
+    {
+        static std::mutex s_lock;
+        const std::lock_guard guard(s_lock);
+        g_scm->sleeps.push_back(milliseconds);
+        g_scm->now += milliseconds;
+    }
 }
 
 } // namespace
