@@ -27,6 +27,8 @@
 #include "Figures.h"
 #include "base/Owned.h"
 #include "base/Stopwatch.h"
+#include "contract/Keys.h"
+#include "control/RegistryLink.h"
 #include "support/Errors.h"
 #include "support/GroupRunner.h"
 #include "support/Installation.h"
@@ -134,10 +136,17 @@ ordered_json ToJson(const Figures& figures)
     return json;
 }
 
-void InstallSingle(CInstallation& installation)
+/// Also what the product's first start has made.
+void InstallGroup(CInstallation& installation, int count)
 {
     SetCommonFiles();
-    installation.AddGroup(L"TxBench", BenchSubsystems(1));
+    installation.AddGroup(L"TxBench", BenchSubsystems(count));
+    CreateRegistryLink(Contract::kProductKey, Contract::kProductKey32, true, true);
+}
+
+void InstallSingle(CInstallation& installation)
+{
+    InstallGroup(installation, 1);
     installation.AddService(kBare, BareImage(false));
     installation.AddService(kCom, BareImage(true));
 }
@@ -173,8 +182,7 @@ ordered_json MeasureStarts(int rounds)
 ordered_json MeasureGroups(int count, int rounds)
 {
     CInstallation installation;
-    SetCommonFiles();
-    installation.AddGroup(L"TxBench", BenchSubsystems(count));
+    InstallGroup(installation, count);
     std::vector<std::wstring> hosted, own;
     for (int i = 1; i <= count; ++i)
     {
