@@ -43,6 +43,7 @@
 #include "support/Installation.h"
 #include "support/Narrow.h"
 #include "support/TestFolder.h"
+#include "txsvcctl/service/RegistryNames.h"
 
 namespace
 {
@@ -88,19 +89,11 @@ void AddKey(const std::wstring& path, std::set<std::wstring>& entries)
         return;
     }
     entries.insert(path);
-    wchar_t name[256];
-    DWORD length = ARRAYSIZE(name);
-    for (DWORD index = 0;
-         ::RegEnumValueW(key.Get(), index, name, &length, nullptr, nullptr, nullptr, nullptr) ==
-         ERROR_SUCCESS;
-         ++index, length = ARRAYSIZE(name))
+    for (const std::wstring& name : TxCtl::ValueNames(key, path))
     {
         entries.insert(path + L" " + name);
     }
-    for (DWORD index = 0;
-         ::RegEnumKeyExW(key.Get(), index, name, &length, nullptr, nullptr, nullptr, nullptr) ==
-         ERROR_SUCCESS;
-         ++index, length = ARRAYSIZE(name))
+    for (const std::wstring& name : TxCtl::SubKeyNames(key, path))
     {
         AddKey(path + L"\\" + name, entries);
     }

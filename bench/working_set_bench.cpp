@@ -5,7 +5,6 @@
 ///     working_set_bench
 #include <windows.h>
 #include <psapi.h>
-#include <tlhelp32.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -36,28 +35,14 @@ SIZE_T PrivateKilobytes()
     return counters.PagefileUsage / 1024;
 }
 
-unsigned CountThreads()
-{
-    const Basalt::CFile snapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0));
-    unsigned count = 0;
-    THREADENTRY32 entry{};
-    entry.dwSize = sizeof(entry);
-    for (BOOL more = ::Thread32First(snapshot.Get(), &entry); more != FALSE;
-         more = ::Thread32Next(snapshot.Get(), &entry))
-    {
-        count += entry.th32OwnerProcessID == ::GetCurrentProcessId() ? 1U : 0U;
-    }
-    return count;
-}
-
 void PrintHoldings(const char* when)
 {
     std::printf(
-        "  %-24s %8zu handles %8zu KiB %8u threads\n",
+        "  %-24s %8zu handles %8zu KiB %8zu threads\n",
         when,
         CountOwnHandles(),
         PrivateKilobytes(),
-        CountThreads());
+        CountOwnThreads());
 }
 
 bool MeasureCycles()

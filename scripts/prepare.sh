@@ -40,6 +40,14 @@ install_missing_packages() { # [FURTHER_PACKAGE...]
         fail "apt-get could not install ${missing[*]}"
 }
 
+# ctest's fixtures stop the servers of the tests' prefixes too; this also covers an interrupted run.
+stop_wine_servers() { # PRESET
+    local prefix
+    for prefix in "$PWD/build/$1"/wineprefix*/; do
+        tests/support/wine-server.sh stop "${prefix%/}"
+    done
+}
+
 build() { # PRESET [TARGET...], with the version in HOST_VERSION where it is set
     say "Building ($1)"
     local preset=$1 log=build/$1.log
