@@ -323,7 +323,7 @@ int wmain(int argc, wchar_t** argv)
     CProof proof("scale", *options, kLong);
     try
     {
-        MeasureLoad(proof.Length() < kLong ? 40 : 100, proof);
+        MeasureLoad(proof.Length() < kLong ? 20 : 100, proof);
         MeasureGroups(static_cast<int>(proof.Length()), proof);
     }
     catch (const std::exception& failure)

@@ -108,10 +108,10 @@ TEST_F(GroupControlTest, AStopEndsTheProcessASecondLaterWhoeverStillCalls)
     CGroupRunner host(m_installation.AddGroup(L"TxGcLate", {Hosted(L"TxGcLate1")}));
     host.StartAndWait(L"TxGcLate1");
     const ClassObject classObject = ConnectToHost();
-    std::vector<std::thread> crowd(8);
-    for (std::thread& client : crowd)
+    std::vector<std::jthread> crowd(8);
+    for (std::jthread& client : crowd)
     {
-        client = std::thread([&classObject] {
+        client = std::jthread([&classObject] {
             while (SUCCEEDED(CreateManager(classObject)))
             {
             }
@@ -128,10 +128,7 @@ TEST_F(GroupControlTest, AStopEndsTheProcessASecondLaterWhoeverStillCalls)
     EXPECT_EQ(processId, host.ProcessId());
     EXPECT_EQ(host.WaitForExit(), 0U);
     EXPECT_GE(::GetTickCount64() - answered, 900U);
-    for (std::thread& client : crowd)
-    {
-        client.join();
-    }
+    crowd.clear();
     EXPECT_EQ(m_log.Count(L"Information", L"Failed to stop service:TxGcLate1, error code 1061"), 1U);
 }
 

@@ -59,7 +59,7 @@ CProcess::CProcess(std::wstring commandLine, HANDLE out, HANDLE error) : m_comma
     {
         ThrowError(L"starting " + m_commandLine.substr(0, MAX_PATH), ::GetLastError());
     }
-    ::CloseHandle(information.hThread);
+    m_mainThread.Reset(information.hThread);
     m_process.Reset(information.hProcess);
 }
 
@@ -67,8 +67,13 @@ DWORD CProcess::Wait(DWORD timeoutMs)
 {
     if (::WaitForSingleObject(Handle(), timeoutMs) != WAIT_OBJECT_0)
     {
+        // A pool thread may die with the lock of Wine's memory management in its hand; the thread that ends
+        // the process then waits for it for ever, although it is alone.
+        const bool isEnding = ::WaitForSingleObject(m_mainThread.Get(), 0) == WAIT_OBJECT_0;
         ::TerminateProcess(Handle(), ERROR_TIMEOUT);
-        ThrowError(L"waiting for " + m_commandLine.substr(0, MAX_PATH), ERROR_TIMEOUT);
+        ThrowError(
+            (isEnding ? L"Wine does not end " : L"waiting for ") + m_commandLine.substr(0, MAX_PATH),
+            ERROR_TIMEOUT);
     }
     DWORD exitCode = 0;
     ::GetExitCodeProcess(Handle(), &exitCode);

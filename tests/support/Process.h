@@ -25,6 +25,7 @@ public:
 private:
     std::wstring m_commandLine;
     Basalt::CHandle m_process;
+    Basalt::CHandle m_mainThread;
 };
 
 /// Runs a program to its end and returns its exit code. @throws std::runtime_error as CProcess does
