@@ -1,10 +1,12 @@
 #!/bin/sh
-# Starts or stops the one persistent wineserver of a private prefix: wine-server.sh start|stop PREFIX [ORIGINAL]
+# Makes a private prefix, or starts (makes it, too) or stops the one persistent wineserver of one:
+# wine-server.sh make|start|stop PREFIX [ORIGINAL]
 # A Wine process that has to start the server takes seconds, one that finds it running some milliseconds.
-# With ORIGINAL the prefix is each time made as a copy of that one; Wine's own files, which nobody writes, they share.
+# With ORIGINAL the prefix is each time made as a copy of that one, in which nothing may run; Wine's own files, which
+# nobody writes, they share.
 set -eu
 WINEPREFIX=$2
-original=${3:-$2}
+original=${3:-}
 log=$2.log
 export WINEPREFIX WINEDEBUG="${WINEDEBUG:--all}" DISPLAY= WINEDLLOVERRIDES="mscoree=;mshtml="
 
@@ -13,9 +15,9 @@ stop() {
     wineserver -w
 }
 
-make() { # PREFIX
-    export WINEPREFIX="$1"
-    mkdir -p "$1" && wineboot -i && stop
+make() {
+    stop
+    [ -f "$WINEPREFIX/system.reg" ] || { wineboot -i && stop; }
 }
 
 copy() { # FROM TO
@@ -25,9 +27,12 @@ copy() { # FROM TO
 }
 
 start() {
-    stop
-    [ -f "$original/system.reg" ] || (make "$original") || return
-    [ "$original" = "$WINEPREFIX" ] || copy "$original" "$WINEPREFIX" || return
+    if [ -n "$original" ]; then
+        stop
+        copy "$original" "$WINEPREFIX" || return
+    else
+        make || return
+    fi
     # In this order: with -p before wineboot two service managers with databases of their own answer in turn.
     wineserver -p || return
     # The first program starts the prefix's services. Here their output goes to the file; started by the first
@@ -37,10 +42,10 @@ start() {
 }
 
 case $1 in
-start)
+make | start)
     # Background processes would hold the caller's pipe open: everything goes to a file.
     mkdir -p "$WINEPREFIX"
-    start >>"$log" 2>&1 || {
+    $1 >>"$log" 2>&1 || {
         cat "$log" >&2
         exit 1
     }
@@ -49,7 +54,7 @@ stop)
     stop >/dev/null 2>&1 || true # Nothing may run.
     ;;
 *)
-    echo "usage: $0 start|stop PREFIX [ORIGINAL]" >&2
+    echo "usage: $0 make|start|stop PREFIX [ORIGINAL]" >&2
     exit 2
     ;;
 esac
