@@ -18,7 +18,7 @@ namespace
 {
 
 constexpr DWORD kTimeoutMs = 60000;
-constexpr DWORD kPollMs = 5;
+constexpr DWORD kPollMs = 2;
 constexpr wchar_t kClasses[] = L"Software\\Classes\\CLSID\\";
 
 void RemoveTree(const std::wstring& path)
@@ -67,6 +67,15 @@ struct CCollector final : TxCtl::ILogSink
 
     std::vector<ETWLogging::LogEntry> lines;
 };
+
+SERVICE_STATUS_PROCESS QueryService(const Basalt::CServiceHandle& service)
+{
+    SERVICE_STATUS_PROCESS status{};
+    DWORD needed = 0;
+    ::QueryServiceStatusEx(
+        service.Get(), SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status), sizeof(status), &needed);
+    return status;
+}
 
 } // namespace
 
@@ -151,28 +160,22 @@ void RemoveService(const std::wstring& name)
 
 Basalt::CServiceHandle OpenServiceByName(const std::wstring& name, DWORD access)
 {
-    const Basalt::CServiceHandle manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
-    return Basalt::CServiceHandle(::OpenServiceW(manager.Get(), name.c_str(), access));
+    // Kept: to connect takes longer than to ask.
+    static const Basalt::CServiceHandle s_manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
+    return Basalt::CServiceHandle(::OpenServiceW(s_manager.Get(), name.c_str(), access));
 }
 
 SERVICE_STATUS_PROCESS QueryService(const std::wstring& name)
 {
-    SERVICE_STATUS_PROCESS status{};
-    DWORD needed = 0;
-    ::QueryServiceStatusEx(
-        OpenServiceByName(name, SERVICE_QUERY_STATUS).Get(),
-        SC_STATUS_PROCESS_INFO,
-        reinterpret_cast<BYTE*>(&status),
-        sizeof(status),
-        &needed);
-    return status;
+    return QueryService(OpenServiceByName(name, SERVICE_QUERY_STATUS));
 }
 
 bool WaitForServiceState(const std::wstring& name, DWORD state, DWORD timeoutMs, HANDLE process)
 {
+    const Basalt::CServiceHandle service = OpenServiceByName(name, SERVICE_QUERY_STATUS);
     const ULONGLONG end = ::GetTickCount64() + timeoutMs;
     bool isOver = false;
-    while (QueryService(name).dwCurrentState != state)
+    while (QueryService(service).dwCurrentState != state)
     {
         if (isOver)
         {
