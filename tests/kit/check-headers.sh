@@ -25,6 +25,8 @@ for header in "${headers[@]}"; do
     echo "#include \"$name\"" >"$name.cpp"
     cat "$name.cpp" >>orders.cpp
 done
+alone=(Tx*.cpp)
+alone=("${alone[@]:1:${#alone[@]}-2}") # The first and the last one have nothing before them in orders.cpp and reverse.cpp.
 # All after each other and then all the other way round in a second file: each pair in both orders. With a service.
 { tac orders.cpp; cat; } >reverse.cpp <<'CPP'
 class CQuiet final : public TxSdk::CSubsystem
@@ -60,7 +62,7 @@ C
 
 in_cpp() { # COMPILER...
     local file
-    for file in Tx*.cpp; do
+    for file in "${alone[@]}"; do
         compile "$file" "$@" -DWIN32_LEAN_AND_MEAN # So it brings least of what they might only find by luck.
     done
     compile orders.cpp "$@" -DNO_STRICT
