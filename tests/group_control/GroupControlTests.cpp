@@ -111,8 +111,8 @@ TEST_F(GroupControlTest, AStopEndsTheProcessASecondLaterWhoeverStillCalls)
     std::vector<std::jthread> crowd(8);
     for (std::jthread& client : crowd)
     {
-        client = std::jthread([&classObject] {
-            while (SUCCEEDED(CreateManager(classObject)))
+        client = std::jthread([&classObject](const std::stop_token& stop) {
+            while (!stop.stop_requested() && SUCCEEDED(CreateManager(classObject)))
             {
             }
         });

@@ -26,7 +26,7 @@ for header in "${headers[@]}"; do
     cat "$name.cpp" >>orders.cpp
 done
 alone=(Tx*.cpp)
-alone=("${alone[@]:1:${#alone[@]}-2}") # The first and the last one have nothing before them in orders.cpp and reverse.cpp.
+alone=("${alone[@]::${#alone[@]}-1}") # The last one has nothing before it in reverse.cpp.
 # All after each other and then all the other way round in a second file: each pair in both orders. With a service.
 { tac orders.cpp; cat; } >reverse.cpp <<'CPP'
 class CQuiet final : public TxSdk::CSubsystem
