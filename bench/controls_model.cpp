@@ -13,9 +13,11 @@
 #include <tlhelp32.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdio>
 #include <exception>
 #include <iterator>
+#include <map>
 #include <memory>
 #include <optional>
 #include <random>
@@ -121,6 +123,37 @@ std::wstring NameOf(int service)
     return L"TxModel" + std::to_wstring(service + 1);
 }
 
+/// All of this machine's in one answer: to ask for each takes longer than most orders.
+std::map<std::wstring, SERVICE_STATUS_PROCESS> QueryServices()
+{
+    static const Basalt::CServiceHandle s_manager(
+        ::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ENUMERATE_SERVICE));
+    static std::vector<std::byte> s_buffer(64 * 1024);
+    DWORD missing = 0;
+    DWORD count = 0;
+    if (!::EnumServicesStatusExW(
+            s_manager.Get(),
+            SC_ENUM_PROCESS_INFO,
+            SERVICE_WIN32,
+            SERVICE_STATE_ALL,
+            reinterpret_cast<BYTE*>(s_buffer.data()),
+            static_cast<DWORD>(s_buffer.size()),
+            &missing,
+            &count,
+            nullptr,
+            nullptr))
+    {
+        ThrowError(L"asking for the states of the services", ::GetLastError());
+    }
+    std::map<std::wstring, SERVICE_STATUS_PROCESS> found;
+    const auto* const entries = reinterpret_cast<const ENUM_SERVICE_STATUS_PROCESSW*>(s_buffer.data());
+    for (DWORD i = 0; i < count; ++i)
+    {
+        found[entries[i].lpServiceName] = entries[i].ServiceStatusProcess;
+    }
+    return found;
+}
+
 std::vector<DWORD> ThreadsOf(DWORD processId)
 {
     std::vector<DWORD> found;
@@ -145,10 +178,6 @@ public:
     CPlay(const Episode& episode, const std::wstring& commandLine, CProof& proof)
         : m_episode(episode), m_commandLine(commandLine), m_proof(proof), m_codes(episode.services.size())
     {
-        for (int i = 0; i < count_(); ++i)
-        {
-            m_handles.push_back(OpenServiceByName(NameOf(i), SERVICE_QUERY_STATUS));
-        }
         install();
     }
 
@@ -367,10 +396,10 @@ private:
 
     void compare(const Step& step) const
     {
+        const std::map<std::wstring, SERVICE_STATUS_PROCESS> states = QueryServices();
         for (int i = 0; i < count_(); ++i)
         {
-            SERVICE_STATUS status{};
-            ::QueryServiceStatus(m_handles[static_cast<std::size_t>(i)].Get(), &status);
+            const SERVICE_STATUS_PROCESS& status = states.at(NameOf(i));
             const DWORD wanted = m_running[i] ? SERVICE_RUNNING : SERVICE_STOPPED;
             require(
                 status.dwCurrentState == wanted,
@@ -389,7 +418,6 @@ private:
     const Episode& m_episode;
     const std::wstring& m_commandLine;
     CProof& m_proof;
-    std::vector<Basalt::CServiceHandle> m_handles;
     std::unique_ptr<CGroupRunner> m_host;
     DWORD m_mainThread = 0;
     DWORD m_settings = 1;
