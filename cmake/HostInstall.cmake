@@ -39,6 +39,7 @@ include(CMakePackageConfigHelpers)
 write_basic_package_version_file(${CMAKE_BINARY_DIR}/TxSvHostConfigVersion.cmake
   COMPATIBILITY SameMajorVersion ARCH_INDEPENDENT)
 install(FILES
-  sdk/cmake/TxSvHostConfig.cmake sdk/cmake/CheckExport.cmake sdk/cmake/version.rc.in cmake/repair-unwind-tables.py
+  sdk/cmake/TxSvHostConfig.cmake sdk/cmake/CheckExport.cmake sdk/cmake/QuietTerminate.cpp sdk/cmake/version.rc.in
+  cmake/repair-unwind-tables.py
   ${CMAKE_BINARY_DIR}/TxSvHostConfigVersion.cmake
   DESTINATION kit/lib/cmake/TxSvHost COMPONENT kit)

@@ -47,7 +47,8 @@ endfunction()
 
 function(host_add_module name)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "DESCRIPTION" "SOURCES;DEPENDS;SYSTEM")
-  add_library(${name} MODULE ${arg_SOURCES})
+  add_library(${name} MODULE ${arg_SOURCES}
+    $<$<CONFIG:Release>:${PROJECT_SOURCE_DIR}/sdk/cmake/QuietTerminate.cpp>) # As authors' services have it.
   target_link_libraries(${name} PRIVATE host_options ${arg_DEPENDS} ${arg_SYSTEM})
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/sdk)
   host_finish_image(${name} "${arg_DESCRIPTION}")

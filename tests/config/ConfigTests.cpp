@@ -104,7 +104,7 @@ TEST(TxSvcHostConfig, EachFailingCallHasItsResultAndItsLines)
         Basalt::CRegKey group;
         ASSERT_EQ(list.Create(root.Key().Get(), L"g\\OobeExclusionList", KEY_ALL_ACCESS), 0U);
         ASSERT_EQ(list.WriteString(L"TxLong", std::wstring(511, L'x')), 0U);
-        ASSERT_EQ(list.WriteString(L"TxFits", std::wstring(510, L'x')), 0U);
+        ASSERT_EQ(list.WriteString(std::wstring(255, L'y').c_str(), std::wstring(510, L'x')), 0U);
         ASSERT_EQ(group.Open(root.Key().Get(), L"g", KEY_ALL_ACCESS), 0U);
         ASSERT_EQ(group.WriteDword(L"WSSOptimalBucketUpperLimit", 8), 0U);
         ASSERT_EQ(group.WriteString(L"svc", L"{}"), 0U);

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <utility>
 
 #include "base/RegKey.h"
 #include "base/SystemLibrary.h"
@@ -36,15 +37,14 @@ struct RequestHead
 };
 
 /// Reports a state in the manager's place.
-void MarkState(const std::wstring& name, DWORD state)
+void MarkState(const Basalt::CServiceHandle& service, DWORD state)
 {
-    const Basalt::CServiceHandle service = OpenServiceByName(name, kSetStatusAccess);
     SERVICE_STATUS status{};
     status.dwServiceType = SERVICE_WIN32_SHARE_PROCESS;
     status.dwCurrentState = state;
     if (!::SetServiceStatus(reinterpret_cast<SERVICE_STATUS_HANDLE>(service.Get()), &status))
     {
-        ThrowError(L"cannot mark the state of " + name);
+        ThrowError(L"cannot mark the state of a service", ::GetLastError());
     }
 }
 
@@ -73,6 +73,7 @@ CGroupRunner::CGroupRunner(const std::wstring& commandLine)
     }
     // A service that it does not know is refused by the dispatcher's own thread, which is there from then on.
     static_cast<void>(Request(L"", SERVICE_CONTROL_INTERROGATE, {}));
+    m_seen = threads();
 }
 
 CGroupRunner::~CGroupRunner()
@@ -80,33 +81,39 @@ CGroupRunner::~CGroupRunner()
     ::TerminateProcess(Process(), ERROR_PROCESS_ABORTED);
     ::WaitForSingleObject(Process(), kTimeoutMs);
     // The manager does not watch this process: without a word from here the services would run for ever.
-    for (const auto& [name, threads] : m_threads)
+    for (const auto& [name, service] : m_services)
     {
         if (QueryService(name).dwCurrentState > SERVICE_STOPPED)
         {
-            MarkState(name, SERVICE_STOPPED);
+            MarkState(service.entry, SERVICE_STOPPED);
         }
     }
 }
 
 DWORD CGroupRunner::Start(const std::wstring& name, const std::vector<std::wstring>& arguments)
 {
-    MarkState(name, SERVICE_START_PENDING);
+    Service& service = m_services[name]; // From here on the manager is told of its end, whatever happens.
+    if (!service.entry)
+    {
+        service.entry = OpenServiceByName(name, kSetStatusAccess);
+    }
+    MarkState(service.entry, SERVICE_START_PENDING);
     std::wstring text = name + L'\0';
     for (const std::wstring& argument : arguments)
     {
         text += argument + L'\0';
     }
-    m_threads[name].clear(); // From here on the manager is told of its end, whatever happens.
-    const std::set<DWORD> before = threads();
     const DWORD answer = Request(name, kControlStart, text + L'\0');
     if (answer != ERROR_SUCCESS)
     {
-        MarkState(name, SERVICE_STOPPED);
+        MarkState(service.entry, SERVICE_STOPPED);
     }
     // The dispatcher has made the service's thread before it answers. Others may be new too: which one it is
     // shows when it has run.
-    std::ranges::set_difference(threads(), before, std::inserter(m_threads[name], m_threads[name].end()));
+    std::set<DWORD> now = threads();
+    service.threads.clear();
+    std::ranges::set_difference(now, m_seen, std::inserter(service.threads, service.threads.end()));
+    m_seen = std::move(now);
     return answer;
 }
 
@@ -140,10 +147,11 @@ bool CGroupRunner::WaitForState(const std::wstring& name, DWORD state) const
 
 bool CGroupRunner::WaitForThreadEnd(const std::wstring& name) const
 {
-    const auto found = m_threads.find(name);
+    const auto found = m_services.find(name);
     const ULONGLONG end = ::GetTickCount64() + kTimeoutMs;
-    while (found != m_threads.end() &&
-           std::ranges::any_of(found->second, [this](DWORD thread) { return isServiceThread(thread); }))
+    while (found != m_services.end() && std::ranges::any_of(found->second.threads, [this](DWORD thread) {
+               return isServiceThread(thread);
+           }))
     {
         if (::GetTickCount64() >= end)
         {

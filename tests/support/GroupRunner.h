@@ -81,9 +81,16 @@ private:
     [[nodiscard]] std::set<DWORD> threads() const;
     [[nodiscard]] bool isServiceThread(DWORD thread) const;
 
+    struct Service
+    {
+        Basalt::CServiceHandle entry; ///< The manager's, kept: to open it takes longer than to report.
+        std::set<DWORD> threads;      ///< New ones at its last start.
+    };
+
     Basalt::CFile m_pipe;
     std::optional<CProcess> m_process;
-    std::map<std::wstring, std::set<DWORD>> m_threads; ///< New ones at the last start of each service.
+    std::map<std::wstring, Service> m_services;
+    std::set<DWORD> m_seen; ///< Threads after the last start.
 };
 
 /// Takes the number of Wine's next control pipe, as the manager does for a start of its own. A service

@@ -1,26 +1,12 @@
 /// @file
-/// Parts of the C++ runtime that a service has no use for but would carry along, more than a third of this
-/// program: libstdc++'s own terminate handler prints the exception's demangled name to a console that is not
-/// there, and its thrower functions bring every standard exception with all its texts. Visual C++'s library
-/// has neither.
+/// What libstdc++'s own code calls to throw. Its own functions bring every standard exception with all its
+/// texts into a program that needs one. Visual C++'s library has none of them.
 
 #include <cstdlib>
 #include <new>
 #include <string>
 
 #if defined(__GLIBCXX__) && defined(__clang__)
-
-namespace __gnu_cxx
-{
-
-void __verbose_terminate_handler(); // NOLINT(clang-diagnostic-reserved-identifier): the runtime's own name.
-
-void __verbose_terminate_handler()
-{
-    std::abort();
-}
-
-} // namespace __gnu_cxx
 
 namespace std
 {
