@@ -297,7 +297,7 @@ private:
         const bool runs = behaviour(service).runs && arguments.empty();
         const DWORD wanted = runs ? SERVICE_RUNNING : SERVICE_STOPPED;
         require(
-            WaitForServiceState(NameOf(service), wanted, kAnswerMs, m_host->Process()),
+            m_host->WaitForState(NameOf(service), wanted),
             "the service is in state " + std::to_string(QueryService(NameOf(service)).dwCurrentState));
         m_known[service] = true;
         m_running[service] = runs;
@@ -319,7 +319,7 @@ private:
             answer == NO_ERROR || (answer == ERROR_PROCESS_ABORTED && !isAnyRunning()),
             "the control is answered with " + std::to_string(answer));
         require(
-            WaitForServiceState(NameOf(service), SERVICE_STOPPED, kAnswerMs),
+            m_host->WaitForState(NameOf(service), SERVICE_STOPPED),
             "the service is in state " + std::to_string(QueryService(NameOf(service)).dwCurrentState));
         afterEnd(service);
     }
@@ -327,9 +327,7 @@ private:
     void restart(int service)
     {
         require(m_host->Request(NameOf(service), SERVICE_CONTROL_STOP) == NO_ERROR, "the stop is refused");
-        require(
-            WaitForServiceState(NameOf(service), SERVICE_STOPPED, kAnswerMs, m_host->Process()),
-            "the service does not stop");
+        require(m_host->WaitForState(NameOf(service), SERVICE_STOPPED), "the service does not stop");
         m_running[service] = false;
         start(service, {});
     }

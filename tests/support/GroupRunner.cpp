@@ -95,7 +95,7 @@ DWORD CGroupRunner::Start(const std::wstring& name, const std::vector<std::wstri
     Service& service = m_services[name]; // From here on the manager is told of its end, whatever happens.
     if (!service.entry)
     {
-        service.entry = OpenServiceByName(name, kSetStatusAccess);
+        service.entry = OpenServiceByName(name, kSetStatusAccess | SERVICE_QUERY_STATUS);
     }
     MarkState(service.entry, SERVICE_START_PENDING);
     std::wstring text = name + L'\0';
@@ -142,7 +142,9 @@ void CGroupRunner::Stop(const std::wstring& name)
 
 bool CGroupRunner::WaitForState(const std::wstring& name, DWORD state) const
 {
-    return WaitForServiceState(name, state, kTimeoutMs, Process());
+    const auto found = m_services.find(name);
+    return found == m_services.end() ? WaitForServiceState(name, state, kTimeoutMs, Process())
+                                     : WaitForServiceState(found->second.entry, state, kTimeoutMs, Process());
 }
 
 bool CGroupRunner::WaitForThreadEnd(const std::wstring& name) const

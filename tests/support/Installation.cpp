@@ -172,7 +172,11 @@ SERVICE_STATUS_PROCESS QueryService(const std::wstring& name)
 
 bool WaitForServiceState(const std::wstring& name, DWORD state, DWORD timeoutMs, HANDLE process)
 {
-    const Basalt::CServiceHandle service = OpenServiceByName(name, SERVICE_QUERY_STATUS);
+    return WaitForServiceState(OpenServiceByName(name, SERVICE_QUERY_STATUS), state, timeoutMs, process);
+}
+
+bool WaitForServiceState(const Basalt::CServiceHandle& service, DWORD state, DWORD timeoutMs, HANDLE process)
+{
     const ULONGLONG end = ::GetTickCount64() + timeoutMs;
     bool isOver = false;
     while (QueryService(service).dwCurrentState != state)

@@ -66,6 +66,8 @@ void RemoveService(const std::wstring& name);
 /// @return whether the state was reached in time.
 [[nodiscard]] bool WaitForServiceState(
     const std::wstring& name, DWORD state, DWORD timeoutMs, HANDLE process = nullptr);
+[[nodiscard]] bool WaitForServiceState(
+    const Basalt::CServiceHandle& service, DWORD state, DWORD timeoutMs, HANDLE process);
 
 /// As the log shows it; empty for what begins no message.
 [[nodiscard]] std::wstring LevelName(const ETWLogging::LogEntry& line);
