@@ -111,9 +111,16 @@ std::string CSession::Execute(const std::string& line)
 void CSession::txsvcctl(const Words& words)
 {
     CTranscript transcript(m_out);
-    const auto redirection = std::ranges::find(words, L">");
+    const auto redirection =
+        std::ranges::find_if(words, [](const std::wstring& word) { return word == L"<" || word == L">"; });
+    const bool hasInput = redirection != words.end() && *redirection == L"<";
+    const Basalt::CFile input(
+        !hasInput
+            ? nullptr
+            : ::CreateFileW(redirection[1].c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+    ::SetStdHandle(STD_INPUT_HANDLE, input.Get());
     const TxCtl::ExitCode result = TxCtl::RunTool({words.begin(), redirection}, transcript);
-    if (redirection != words.end())
+    if (redirection != words.end() && !hasInput)
     {
         file({redirection[1], std::exchange(m_out, {})});
     }
