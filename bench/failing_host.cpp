@@ -436,10 +436,12 @@ bool IsLeftAlone(const char* dll, const char* name) noexcept
     return _stricmp(dll, "msvcrt.dll") == 0 && !isSpecial;
 }
 
-void PatchSlot(void** slot, const char* name) noexcept
+/// @param slot aligned for nothing: the linker packs the table.
+void PatchSlot(BYTE* slot, const char* name) noexcept
 {
     Kind kind = Kind::Plain;
-    void* target = *slot;
+    void* target = nullptr;
+    std::memcpy(static_cast<void*>(&target), slot, sizeof(target));
     for (const Special& special : kSpecials)
     {
         if (std::strcmp(special.name, name) == 0)
@@ -450,8 +452,8 @@ void PatchSlot(void** slot, const char* name) noexcept
     }
     void* const gate = MakeGate(target, name, kind);
     DWORD protection = 0;
-    ::VirtualProtect(static_cast<void*>(slot), sizeof(*slot), PAGE_READWRITE, &protection);
-    std::memcpy(static_cast<void*>(slot), static_cast<const void*>(&gate), sizeof(gate));
+    ::VirtualProtect(slot, sizeof(gate), PAGE_READWRITE, &protection);
+    std::memcpy(slot, static_cast<const void*>(&gate), sizeof(gate));
 }
 
 void PatchImports() noexcept
@@ -478,7 +480,7 @@ void PatchImports() noexcept
                 reinterpret_cast<const char*>(g_base + thunk + offsetof(IMAGE_IMPORT_BY_NAME, Name));
             if (!IMAGE_SNAP_BY_ORDINAL64(thunk) && !IsLeftAlone(dll, name))
             {
-                PatchSlot(reinterpret_cast<void**>(slot), name);
+                PatchSlot(slot, name);
             }
         }
     }
