@@ -271,7 +271,11 @@ private:
         }
         for (int i = 1; i <= kServices; ++i)
         {
-            m_isRunning[i] = m_host->WaitForState(ServiceName(i), SERVICE_RUNNING);
+            if (!m_host->WaitForState(ServiceName(i), SERVICE_RUNNING))
+            {
+                ThrowError(ServiceName(i) + L" does not run");
+            }
+            m_isRunning[i] = true;
         }
     }
 

@@ -108,8 +108,10 @@ function(TxSvHost_finish name suffix file_type)
     target_link_options(${name} PRIVATE -static -Wl,-Bstatic -Wl,--gc-sections
       -Wl,--dynamicbase -Wl,--nxcompat -Wl,--high-entropy-va $<$<CONFIG:Release,MinSizeRel>:-s>)
     target_link_libraries(${name} PRIVATE -lpthread)
-    # Half of a small service. Other builds keep what the library says of an exception that nobody catches.
-    target_sources(${name} PRIVATE $<$<CONFIG:Release,MinSizeRel>:${TxSvHost_DIR}/QuietTerminate.cpp>)
+    if(suffix STREQUAL .dll)
+      # Half of a small service. Other builds keep what the library says of an exception that nobody catches.
+      target_sources(${name} PRIVATE $<$<CONFIG:Release,MinSizeRel>:${TxSvHost_DIR}/QuietTerminate.cpp>)
+    endif()
     if(CMAKE_CXX_COMPILER_ID STREQUAL Clang AND CMAKE_MODULE_LINKER_FLAGS MATCHES lld)
       # Symbols for Windows' debuggers, in a PDB beside the file.
       target_compile_options(${name} PRIVATE $<$<COMPILE_LANGUAGE:CXX>:-g;-gcodeview>)
