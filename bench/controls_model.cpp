@@ -13,7 +13,6 @@
 #include <tlhelp32.h>
 
 #include <algorithm>
-#include <cstddef>
 #include <cstdio>
 #include <exception>
 #include <iterator>
@@ -35,6 +34,7 @@
 #include "support/Installation.h"
 #include "support/Narrow.h"
 #include "support/TestFolder.h"
+#include "txsvcctl/service/ServiceManager.h"
 
 namespace
 {
@@ -121,37 +121,6 @@ struct Breach : std::runtime_error
 std::wstring NameOf(int service)
 {
     return L"TxModel" + std::to_wstring(service + 1);
-}
-
-/// All of this machine's in one answer: to ask for each takes longer than most orders.
-std::map<std::wstring, SERVICE_STATUS_PROCESS> QueryServices()
-{
-    static const Basalt::CServiceHandle s_manager(
-        ::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ENUMERATE_SERVICE));
-    static std::vector<std::byte> s_buffer(64 * 1024);
-    DWORD missing = 0;
-    DWORD count = 0;
-    if (!::EnumServicesStatusExW(
-            s_manager.Get(),
-            SC_ENUM_PROCESS_INFO,
-            SERVICE_WIN32,
-            SERVICE_STATE_ALL,
-            reinterpret_cast<BYTE*>(s_buffer.data()),
-            static_cast<DWORD>(s_buffer.size()),
-            &missing,
-            &count,
-            nullptr,
-            nullptr))
-    {
-        ThrowError(L"asking for the states of the services", ::GetLastError());
-    }
-    std::map<std::wstring, SERVICE_STATUS_PROCESS> found;
-    const auto* const entries = reinterpret_cast<const ENUM_SERVICE_STATUS_PROCESSW*>(s_buffer.data());
-    for (DWORD i = 0; i < count; ++i)
-    {
-        found[entries[i].lpServiceName] = entries[i].ServiceStatusProcess;
-    }
-    return found;
 }
 
 std::vector<DWORD> ThreadsOf(DWORD processId)
@@ -394,7 +363,8 @@ private:
 
     void compare(const Step& step) const
     {
-        const std::map<std::wstring, SERVICE_STATUS_PROCESS> states = QueryServices();
+        // All in one answer: to ask for each takes longer than most orders.
+        const std::map<std::wstring, SERVICE_STATUS_PROCESS> states = m_manager.States();
         for (int i = 0; i < count_(); ++i)
         {
             const SERVICE_STATUS_PROCESS& status = states.at(NameOf(i));
@@ -416,6 +386,7 @@ private:
     const Episode& m_episode;
     const std::wstring& m_commandLine;
     CProof& m_proof;
+    const TxCtl::CServiceManager m_manager{SC_MANAGER_CONNECT | SC_MANAGER_ENUMERATE_SERVICE};
     std::unique_ptr<CGroupRunner> m_host;
     DWORD m_mainThread = 0;
     DWORD m_settings = 1;

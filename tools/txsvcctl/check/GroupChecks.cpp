@@ -323,7 +323,7 @@ void CheckStrayEntries(const std::vector<GroupReport>& groups, const std::wstrin
 {
     findings.Attempt({}, [&] {
         const CServiceManager manager(SC_MANAGER_CONNECT | SC_MANAGER_ENUMERATE_SERVICE);
-        for (const std::wstring& name : manager.Names())
+        for (const auto& [name, state] : manager.States())
         {
             const bool isListed = std::ranges::any_of(
                 groups, [&name](const GroupReport& group) { return group.Find(name) != nullptr; });

@@ -1,7 +1,6 @@
 #include "txsvcctl/service/ServiceManager.h"
 
-#include <algorithm>
-#include <iterator>
+#include <span>
 
 #include "txsvcctl/common/ToolError.h"
 
@@ -183,9 +182,9 @@ Basalt::CServiceHandle CServiceManager::find(const std::wstring& name, DWORD acc
     return service;
 }
 
-std::vector<std::wstring> CServiceManager::Names() const
+std::map<std::wstring, SERVICE_STATUS_PROCESS> CServiceManager::States() const
 {
-    std::vector<std::wstring> names;
+    std::map<std::wstring, SERVICE_STATUS_PROCESS> states;
     DWORD resume = 0;
     for (BOOL isDone = FALSE; !isDone;)
     {
@@ -208,13 +207,12 @@ std::vector<std::wstring> CServiceManager::Names() const
         {
             ThrowFailure(L"list the entries of", L"the service control manager", error);
         }
-        std::transform(
-            buffer.begin(),
-            buffer.begin() + static_cast<std::ptrdiff_t>(count),
-            std::back_inserter(names),
-            [](const ENUM_SERVICE_STATUS_PROCESSW& entry) { return entry.lpServiceName; });
+        for (const ENUM_SERVICE_STATUS_PROCESSW& entry : std::span(buffer).first(count))
+        {
+            states[entry.lpServiceName] = entry.ServiceStatusProcess;
+        }
     }
-    return names;
+    return states;
 }
 
 std::optional<ServiceConfig> CServiceManager::FindConfig(

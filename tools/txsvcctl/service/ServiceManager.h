@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -53,8 +54,8 @@ public:
     /// @param access SC_MANAGER_CONNECT for looking, with SC_MANAGER_CREATE_SERVICE for making entries.
     explicit CServiceManager(DWORD access);
 
-    /// The names of all entries but drivers'. It needs SC_MANAGER_ENUMERATE_SERVICE.
-    [[nodiscard]] std::vector<std::wstring> Names() const;
+    /// All entries but drivers', by their names. It needs SC_MANAGER_ENUMERATE_SERVICE.
+    [[nodiscard]] std::map<std::wstring, SERVICE_STATUS_PROCESS> States() const;
 
     /// Nothing when there is no such entry.
     /// @param state receives the state too.
