@@ -266,7 +266,7 @@ private:
         const bool runs = behaviour(service).runs && arguments.empty();
         const DWORD wanted = runs ? SERVICE_RUNNING : SERVICE_STOPPED;
         require(
-            m_host->WaitForState(NameOf(service), wanted),
+            m_host->WaitForState(NameOf(service), wanted, kAnswerMs),
             "the service is in state " + std::to_string(QueryService(NameOf(service)).dwCurrentState));
         m_known[service] = true;
         m_running[service] = runs;
@@ -288,7 +288,7 @@ private:
             answer == NO_ERROR || (answer == ERROR_PROCESS_ABORTED && !isAnyRunning()),
             "the control is answered with " + std::to_string(answer));
         require(
-            m_host->WaitForState(NameOf(service), SERVICE_STOPPED),
+            m_host->WaitForState(NameOf(service), SERVICE_STOPPED, kAnswerMs),
             "the service is in state " + std::to_string(QueryService(NameOf(service)).dwCurrentState));
         afterEnd(service);
     }
@@ -296,7 +296,8 @@ private:
     void restart(int service)
     {
         require(m_host->Request(NameOf(service), SERVICE_CONTROL_STOP) == NO_ERROR, "the stop is refused");
-        require(m_host->WaitForState(NameOf(service), SERVICE_STOPPED), "the service does not stop");
+        require(
+            m_host->WaitForState(NameOf(service), SERVICE_STOPPED, kAnswerMs), "the service does not stop");
         m_running[service] = false;
         start(service, {});
     }

@@ -24,7 +24,6 @@ constexpr DWORD kPipeBufferBytes = 4096;
 /// What the manager itself may do with a service: report states for it.
 constexpr DWORD kSetStatusAccess = 0x8000;
 
-constexpr DWORD kTimeoutMs = 60000; ///< For a machine that does much else.
 constexpr DWORD kPollMs = 2;
 
 /// Head of a request; the service's name and the arguments follow, each with its terminator.
@@ -37,14 +36,14 @@ struct RequestHead
 };
 
 /// Reports a state in the manager's place.
-void MarkState(const Basalt::CServiceHandle& service, DWORD state)
+void MarkState(const std::wstring& name, const Basalt::CServiceHandle& service, DWORD state)
 {
     SERVICE_STATUS status{};
     status.dwServiceType = SERVICE_WIN32_SHARE_PROCESS;
     status.dwCurrentState = state;
     if (!::SetServiceStatus(reinterpret_cast<SERVICE_STATUS_HANDLE>(service.Get()), &status))
     {
-        ThrowError(L"cannot mark the state of a service", ::GetLastError());
+        ThrowError(L"cannot mark the state of " + name);
     }
 }
 
@@ -85,7 +84,7 @@ CGroupRunner::~CGroupRunner()
     {
         if (QueryService(name).dwCurrentState > SERVICE_STOPPED)
         {
-            MarkState(service.entry, SERVICE_STOPPED);
+            MarkState(name, service.entry, SERVICE_STOPPED);
         }
     }
 }
@@ -97,7 +96,7 @@ DWORD CGroupRunner::Start(const std::wstring& name, const std::vector<std::wstri
     {
         service.entry = OpenServiceByName(name, kSetStatusAccess | SERVICE_QUERY_STATUS);
     }
-    MarkState(service.entry, SERVICE_START_PENDING);
+    MarkState(name, service.entry, SERVICE_START_PENDING);
     std::wstring text = name + L'\0';
     for (const std::wstring& argument : arguments)
     {
@@ -106,7 +105,7 @@ DWORD CGroupRunner::Start(const std::wstring& name, const std::vector<std::wstri
     const DWORD answer = Request(name, kControlStart, text + L'\0');
     if (answer != ERROR_SUCCESS)
     {
-        MarkState(service.entry, SERVICE_STOPPED);
+        MarkState(name, service.entry, SERVICE_STOPPED);
     }
     // The dispatcher has made the service's thread before it answers. Others may be new too: which one it is
     // shows when it has run.
@@ -140,11 +139,11 @@ void CGroupRunner::Stop(const std::wstring& name)
     }
 }
 
-bool CGroupRunner::WaitForState(const std::wstring& name, DWORD state) const
+bool CGroupRunner::WaitForState(const std::wstring& name, DWORD state, DWORD timeoutMs) const
 {
     const auto found = m_services.find(name);
-    return found == m_services.end() ? WaitForServiceState(name, state, kTimeoutMs, Process())
-                                     : WaitForServiceState(found->second.entry, state, kTimeoutMs, Process());
+    return found == m_services.end() ? WaitForServiceState(name, state, timeoutMs, Process())
+                                     : WaitForServiceState(found->second.entry, state, timeoutMs, Process());
 }
 
 bool CGroupRunner::WaitForThreadEnd(const std::wstring& name) const

@@ -35,6 +35,8 @@
 /// takes the pipe number which this host looks for until it is connected.
 class CGroupRunner
 {
+    static constexpr DWORD kTimeoutMs = 60000; ///< For a machine that does much else.
+
 public:
     /// Starts the executable and returns when it has called StartServiceCtrlDispatcherW.
     /// @param commandLine as the manager would have it in its image path: program (quoted) and arguments.
@@ -61,7 +63,8 @@ public:
     void Stop(const std::wstring& name);
 
     /// @return false when the time is over, or at once when the process ended in another state.
-    [[nodiscard]] bool WaitForState(const std::wstring& name, DWORD state) const;
+    [[nodiscard]] bool WaitForState(
+        const std::wstring& name, DWORD state, DWORD timeoutMs = kTimeoutMs) const;
 
     /// Waits until the thread of a service that has stopped has ended and the dispatcher has taken note of
     /// it; for one that stops on its own, before the next one is stopped. True as well if it never started.
