@@ -30,18 +30,6 @@ Basalt::CHandle OpenCallerToken() noexcept
     return token;
 }
 
-Buffer QueryToken(HANDLE token, TOKEN_INFORMATION_CLASS information) noexcept
-{
-    DWORD size = 0;
-    ::GetTokenInformation(token, information, nullptr, 0, &size);
-    Buffer data = size != 0 ? Allocate(size) : nullptr;
-    if (data != nullptr && !::GetTokenInformation(token, information, data.get(), size, &size))
-    {
-        data.reset();
-    }
-    return data;
-}
-
 } // namespace
 
 void CProcessSecurity::Build() noexcept
@@ -62,15 +50,11 @@ bool CProcessSecurity::setOwnerAndGroup() noexcept
     {
         return false;
     }
-    m_owner = QueryToken(token.Get(), TokenOwner);
-    m_group = QueryToken(token.Get(), TokenPrimaryGroup);
-    return m_owner != nullptr && m_group != nullptr &&
-           ::SetSecurityDescriptorOwner(
-               &m_descriptor, reinterpret_cast<const TOKEN_OWNER*>(m_owner.get())->Owner, FALSE) &&
-           ::SetSecurityDescriptorGroup(
-               &m_descriptor,
-               reinterpret_cast<const TOKEN_PRIMARY_GROUP*>(m_group.get())->PrimaryGroup,
-               FALSE);
+    DWORD size = 0;
+    return ::GetTokenInformation(token.Get(), TokenOwner, &m_owner, sizeof(m_owner), &size) &&
+           ::GetTokenInformation(token.Get(), TokenPrimaryGroup, &m_group, sizeof(m_group), &size) &&
+           ::SetSecurityDescriptorOwner(&m_descriptor, m_owner.value.Owner, FALSE) &&
+           ::SetSecurityDescriptorGroup(&m_descriptor, m_group.value.PrimaryGroup, FALSE);
 }
 
 CProcessSecurity::Buffer CProcessSecurity::lookUpAccount(const wchar_t* account) noexcept

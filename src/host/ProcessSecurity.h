@@ -29,11 +29,19 @@ public:
 private:
     using Buffer = std::unique_ptr<BYTE[]>;
 
+    /// What a token tells, and behind it the SID that it points at.
+    template <typename Value>
+    struct WithSid
+    {
+        Value value;
+        BYTE sid[SECURITY_MAX_SID_SIZE];
+    };
+
     [[nodiscard]] bool setOwnerAndGroup() noexcept;
     [[nodiscard]] static Buffer lookUpAccount(const wchar_t* account) noexcept;
 
     SECURITY_DESCRIPTOR m_descriptor{};
-    Buffer m_owner;
-    Buffer m_group;
+    WithSid<TOKEN_OWNER> m_owner{};
+    WithSid<TOKEN_PRIMARY_GROUP> m_group{};
     Buffer m_dacl;
 };
