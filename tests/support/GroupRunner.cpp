@@ -3,8 +3,6 @@
 #include <winternl.h>
 
 #include <algorithm>
-#include <iterator>
-#include <utility>
 
 #include "base/RegKey.h"
 #include "base/SystemLibrary.h"
@@ -72,7 +70,7 @@ CGroupRunner::CGroupRunner(const std::wstring& commandLine)
     }
     // A service that it does not know is refused by the dispatcher's own thread, which is there from then on.
     static_cast<void>(Request(L"", SERVICE_CONTROL_INTERROGATE, {}));
-    m_seen = threads();
+    static_cast<void>(newThreads());
 }
 
 CGroupRunner::~CGroupRunner()
@@ -109,10 +107,7 @@ DWORD CGroupRunner::Start(const std::wstring& name, const std::vector<std::wstri
     }
     // The dispatcher has made the service's thread before it answers. Others may be new too: which one it is
     // shows when it has run.
-    std::set<DWORD> now = threads();
-    service.threads.clear();
-    std::ranges::set_difference(now, m_seen, std::inserter(service.threads, service.threads.end()));
-    m_seen = std::move(now);
+    service.threads = newThreads();
     return answer;
 }
 
@@ -223,21 +218,31 @@ bool CGroupRunner::awaitHost(const std::function<BOOL(OVERLAPPED&)>& begin, DWOR
     return isDone;
 }
 
-/// By the system's call: a snapshot looks at every process there is, which takes longer than all else of a
-/// start.
-std::set<DWORD> CGroupRunner::threads() const
+/// Those that began since the last look. By the system's call, which begins with the newest: a snapshot looks
+/// at every process there is, and all threads of a large group are many; either takes longer than a start.
+std::vector<DWORD> CGroupRunner::newThreads()
 {
+    constexpr ULONG kNewestFirst = 1;
     static auto* const s_next =
         Basalt::FindExport<LONG NTAPI(HANDLE, HANDLE, ACCESS_MASK, ULONG, ULONG, HANDLE*)>(
             ::GetModuleHandleW(L"ntdll.dll"), "NtGetNextThread");
-    std::set<DWORD> found;
+    std::vector<DWORD> found;
+    FILETIME newest = m_newestThread;
     Basalt::CHandle thread;
     HANDLE next = nullptr;
-    while (s_next(Process(), thread.Get(), THREAD_QUERY_INFORMATION, 0, 0, &next) == 0)
+    while (s_next(Process(), thread.Get(), THREAD_QUERY_INFORMATION, 0, kNewestFirst, &next) == 0)
     {
         thread.Reset(next);
-        found.insert(::GetThreadId(next));
+        FILETIME begun{}, ended{}, kernel{}, user{};
+        ::GetThreadTimes(next, &begun, &ended, &kernel, &user);
+        if (::CompareFileTime(&begun, &m_newestThread) <= 0)
+        {
+            break;
+        }
+        newest = found.empty() ? begun : newest;
+        found.push_back(::GetThreadId(next));
     }
+    m_newestThread = newest;
     return found;
 }
 

@@ -5,7 +5,6 @@
 #include <functional>
 #include <map>
 #include <optional>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -81,19 +80,19 @@ public:
 
 private:
     [[nodiscard]] bool awaitHost(const std::function<BOOL(OVERLAPPED&)>& begin, DWORD& transferred) const;
-    [[nodiscard]] std::set<DWORD> threads() const;
+    [[nodiscard]] std::vector<DWORD> newThreads();
     [[nodiscard]] bool isServiceThread(DWORD thread) const;
 
     struct Service
     {
         Basalt::CServiceHandle entry; ///< The manager's, kept: to open it takes longer than to report.
-        std::set<DWORD> threads;      ///< New ones at its last start.
+        std::vector<DWORD> threads;   ///< New ones at its last start.
     };
 
     Basalt::CFile m_pipe;
     std::optional<CProcess> m_process;
     std::map<std::wstring, Service> m_services;
-    std::set<DWORD> m_seen; ///< Threads after the last start.
+    FILETIME m_newestThread{}; ///< When it began, of those looked at.
 };
 
 /// Takes the number of Wine's next control pipe, as the manager does for a start of its own. A service
