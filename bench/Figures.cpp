@@ -102,9 +102,9 @@ std::wstring HostImage(const std::wstring& group)
     return L"\"" + BesideTest(L"TxSvHost.exe") + L"\" /" + group;
 }
 
-std::wstring BareImage(bool hasCom)
+std::wstring BareImage(const std::wstring& options)
 {
-    return L"\"" + BesideTest(L"BareService.exe") + L"\"" + (hasCom ? L" /com" : L"");
+    return L"\"" + BesideTest(L"BareService.exe") + L"\" " + options;
 }
 
 void AwaitRunning(const std::wstring& name)

@@ -38,9 +38,9 @@ inline constexpr double kThreadKiB = 984;
 /// Linux's count for the processes with this program: Wine has none.
 [[nodiscard]] double PageFaultsOf(const std::string& program);
 
-/// Image paths: of the host with a group, of BareService.
+/// Image paths: of the host with a group, of BareService with options.
 [[nodiscard]] std::wstring HostImage(const std::wstring& group);
-[[nodiscard]] std::wstring BareImage(bool hasCom);
+[[nodiscard]] std::wstring BareImage(const std::wstring& options);
 
 /// Waits until a service of ours says itself that it runs: asking the manager again and again would slow it
 /// down. @throws std::runtime_error

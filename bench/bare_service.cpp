@@ -1,10 +1,13 @@
 /// @file
 /// The least that a service process can do, to compare with: initialise COM for the multithreaded apartment
 /// on the service's thread, report that it runs, and wait for its stop. With "/com" the least that can be
-/// called through COM, as a host can: COM on the main thread as well, its security, one class object.
+/// called through COM, as a host can: COM on the main thread as well, its security, one class object. With
+/// "/com /pool" it also has what makes the system's pool begin its threads in a host: a timer of a queue of
+/// its own, and a wait.
 #include <windows.h>
 #include <objbase.h>
 
+#include <algorithm>
 #include <cwchar>
 
 #include "StartMark.h"
@@ -99,10 +102,30 @@ int DispatchWithCom()
     return result;
 }
 
+void CALLBACK NoCallback(void* /*context*/, BOOLEAN /*isTimer*/) {}
+
+/// Neither comes to an end before the process does.
+void BeginPoolThreads()
+{
+    constexpr DWORD kNeverMs = 10 * 60 * 1000;
+    HANDLE wait = nullptr, timer = nullptr;
+    ::RegisterWaitForSingleObject(&wait, g_stop, &NoCallback, nullptr, INFINITE, WT_EXECUTEONLYONCE);
+    ::CreateTimerQueueTimer(&timer, ::CreateTimerQueue(), &NoCallback, nullptr, kNeverMs, 0, 0);
+}
+
 } // namespace
 
 int wmain(int argc, wchar_t** argv)
 {
     g_stop = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    return argc > 1 && std::wcscmp(argv[1], L"/com") == 0 ? DispatchWithCom() : Dispatch();
+    const auto isAsked = [&](const wchar_t* option) {
+        return std::any_of(argv + 1, argv + argc, [=](const wchar_t* argument) {
+            return std::wcscmp(argument, option) == 0;
+        });
+    };
+    if (isAsked(L"/pool"))
+    {
+        BeginPoolThreads();
+    }
+    return isAsked(L"/com") ? DispatchWithCom() : Dispatch();
 }

@@ -226,12 +226,12 @@ void MeasureGroups(int largest, CProof& proof)
         for (int i = 1; i <= count && count <= kMostProcesses; ++i)
         {
             names.push_back(L"TxScaleOwn" + std::to_wstring(i));
-            installation.AddService(names.back(), BareImage(true));
+            installation.AddService(names.back(), BareImage(L"/com"));
         }
         if (!names.empty())
         {
             const Figures bare =
-                MeasureGroup(names, std::vector(names.size(), BareImage(true)), "BareService");
+                MeasureGroup(names, std::vector(names.size(), BareImage(L"/com")), "BareService");
             processes.push_back(
                 {static_cast<double>(count),
                  bare.milliseconds,

@@ -2,13 +2,14 @@
 /// What a start costs beside the least that a service can be, in time and in what then is held:
 ///
 ///     start_latency [--rounds N] [--groups N,N,...] [--json FILE]
-///     start_latency --once bare|com|host    one start and stop, to be looked at from outside
+///     start_latency --once bare|com|pool|host    one start and stop, to be looked at from outside
 ///     start_latency --check                 fails when a host holds more than it did
 ///
-/// "start" is StartServiceW to SERVICE_RUNNING under the real manager, for BareService, BareService /com and
-/// a host with one service, in turn, so that whatever else the machine does meets all of them alike. "groups"
-/// is a group of N services in one host beside N processes of BareService /com, each started by a stand-in
-/// for the manager: from the first process on until all run. bench/run pins all of it to one processor.
+/// "start" is StartServiceW to SERVICE_RUNNING under the real manager, for BareService without and
+/// with /com and /com /pool and a host with one service, in turn, so that whatever else the machine does
+/// meets all of them alike. "groups" is a group of N services in one host beside N processes of BareService
+/// /com, each started by a stand-in for the manager: from the first process on until all run. bench/run pins
+/// all of it to one processor.
 #include <windows.h>
 
 #include <algorithm>
@@ -125,6 +126,7 @@ Figures MeasureStart(const std::wstring& name, const std::string& program)
 
 constexpr wchar_t kBare[] = L"TxBenchBare";
 constexpr wchar_t kCom[] = L"TxBenchCom";
+constexpr wchar_t kPool[] = L"TxBenchPool";
 
 ordered_json ToJson(const Figures& figures)
 {
@@ -147,22 +149,24 @@ void InstallGroup(CInstallation& installation, int count)
 void InstallSingle(CInstallation& installation)
 {
     InstallGroup(installation, 1);
-    installation.AddService(kBare, BareImage(false));
-    installation.AddService(kCom, BareImage(true));
+    installation.AddService(kBare, BareImage(L""));
+    installation.AddService(kCom, BareImage(L"/com"));
+    installation.AddService(kPool, BareImage(L"/com /pool"));
 }
 
 ordered_json MeasureStarts(int rounds)
 {
     CInstallation installation;
     InstallSingle(installation);
-    std::vector<Figures> all[3];
-    std::vector<double> ratios;
+    std::vector<Figures> all[4];
+    std::vector<double> ratios, poolRatios;
     for (int round = -2; round < rounds; ++round) // The first ones warm up.
     {
         const Figures seen[] = {
             MeasureStart(kBare, "BareService"),
             MeasureStart(kCom, "BareService"),
-            MeasureStart(L"TxBench1", "TxSvHost")};
+            MeasureStart(L"TxBench1", "TxSvHost"),
+            MeasureStart(kPool, "BareService")};
         for (std::size_t i = 0; i < std::size(seen) && round >= 0; ++i)
         {
             all[i].push_back(seen[i]);
@@ -170,13 +174,16 @@ ordered_json MeasureStarts(int rounds)
         if (round >= 0)
         {
             ratios.push_back(seen[2].milliseconds / seen[1].milliseconds);
+            poolRatios.push_back(seen[2].milliseconds / seen[3].milliseconds);
         }
     }
     return {
         {"bare", ToJson(Median(all[0]))},
         {"com", ToJson(Median(all[1]))},
         {"host", ToJson(Median(all[2]))},
-        {"timeRatio", Median(ratios)}};
+        {"pool", ToJson(Median(all[3]))},
+        {"timeRatio", Median(ratios)},
+        {"timeRatioToPool", Median(poolRatios)}};
 }
 
 ordered_json MeasureGroups(int count, int rounds)
@@ -188,14 +195,14 @@ ordered_json MeasureGroups(int count, int rounds)
     {
         hosted.push_back(L"TxBench" + std::to_wstring(i));
         own.push_back(L"TxBenchOwn" + std::to_wstring(i));
-        installation.AddService(own.back(), BareImage(true));
+        installation.AddService(own.back(), BareImage(L"/com"));
     }
     std::vector<Figures> all[2];
     for (int round = -1; round < rounds; ++round)
     {
         const Figures ours = MeasureGroup(hosted, {HostImage(L"TxBench")}, "TxSvHost");
-        const Figures theirs =
-            MeasureGroup(own, std::vector(static_cast<std::size_t>(count), BareImage(true)), "BareService");
+        const Figures theirs = MeasureGroup(
+            own, std::vector(static_cast<std::size_t>(count), BareImage(L"/com")), "BareService");
         if (round >= 0)
         {
             all[0].push_back(ours);
@@ -229,11 +236,14 @@ void PrintTable(const ordered_json& report)
 {
     std::printf(
         "  %-28s %10s %10s %10s %10s %10s %10s\n", "", "ms", "KiB", "faults", "threads", "handles", "DLLs");
-    for (const char* const name : {"bare", "com", "host"})
+    for (const char* const name : {"bare", "com", "pool", "host"})
     {
         PrintRow(std::string("one service: ") + name, report["start"][name]);
     }
-    std::printf("    time, host to com: %.2f\n", report["start"]["timeRatio"].get<double>());
+    std::printf(
+        "    time, host to com: %.2f, to pool: %.2f\n",
+        report["start"]["timeRatio"].get<double>(),
+        report["start"]["timeRatioToPool"].get<double>());
     for (const ordered_json& group : report["groups"])
     {
         const std::string count = std::to_string(group["services"].get<int>());
@@ -252,9 +262,10 @@ void Once(const std::wstring& what)
     CInstallation installation;
     InstallSingle(installation);
     static_cast<void>(
-        what == L"bare"  ? MeasureStart(kBare, "BareService")
-        : what == L"com" ? MeasureStart(kCom, "BareService")
-                         : MeasureStart(L"TxBench1", "TxSvHost"));
+        what == L"bare"   ? MeasureStart(kBare, "BareService")
+        : what == L"com"  ? MeasureStart(kCom, "BareService")
+        : what == L"pool" ? MeasureStart(kPool, "BareService")
+                          : MeasureStart(L"TxBench1", "TxSvHost"));
 }
 
 /// What does not vary: a DLL or a thread more is a decision, not an accident.
@@ -324,7 +335,7 @@ int wmain(int argc, wchar_t** argv)
         return 1;
     }
     std::fputs(
-        "usage: start_latency [--rounds N] [--groups N,N,...] [--json FILE] | --once bare|com|host | "
+        "usage: start_latency [--rounds N] [--groups N,N,...] [--json FILE] | --once bare|com|pool|host | "
         "--check\n",
         stderr);
     return 2;
