@@ -7,16 +7,12 @@
 #include <windows.h>
 #include <objbase.h>
 
-#include <algorithm>
 #include <cwchar>
 
 #include "StartMark.h"
 
 namespace
 {
-
-HANDLE g_stop = nullptr; ///< Set before the dispatcher starts.
-SERVICE_STATUS_HANDLE g_status = nullptr;
 
 /// Makes nothing.
 class CNoFactory final : public IClassFactory
@@ -37,45 +33,52 @@ public:
     HRESULT STDMETHODCALLTYPE LockServer(BOOL /*lock*/) override { return S_OK; }
 };
 
-void Report(DWORD state)
+void Report(SERVICE_STATUS_HANDLE service, DWORD state)
 {
     SERVICE_STATUS status{};
     status.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
     status.dwCurrentState = state;
     status.dwControlsAccepted = state == SERVICE_RUNNING ? SERVICE_ACCEPT_STOP : 0;
-    ::SetServiceStatus(g_status, &status);
+    ::SetServiceStatus(service, &status);
 }
 
-void WINAPI Control(DWORD control)
+DWORD WINAPI Control(DWORD control, DWORD /*type*/, void* /*data*/, void* stop)
 {
     if (control == SERVICE_CONTROL_STOP)
     {
-        ::SetEvent(g_stop);
+        ::SetEvent(stop);
     }
+    return NO_ERROR;
 }
 
 void WINAPI ServiceMain(DWORD /*argc*/, LPWSTR* argv)
 {
-    g_status = ::RegisterServiceCtrlHandlerW(argv[0], &Control);
+    const HANDLE stop = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    const SERVICE_STATUS_HANDLE service = ::RegisterServiceCtrlHandlerExW(argv[0], &Control, stop);
     if (SUCCEEDED(::CoInitializeEx(nullptr, COINIT_MULTITHREADED)))
     {
-        Report(SERVICE_RUNNING);
+        Report(service, SERVICE_RUNNING);
         MarkRunning();
-        ::WaitForSingleObject(g_stop, INFINITE);
+        ::WaitForSingleObject(stop, INFINITE);
         ::CoUninitialize();
     }
-    Report(SERVICE_STOPPED);
+    Report(service, SERVICE_STOPPED);
 }
 
-int Dispatch()
+int Dispatch(wchar_t* const* names, int count)
 {
-    wchar_t anyName[] =
-        L""; // The one service of an own process goes by whatever name it was installed under.
-    const SERVICE_TABLE_ENTRYW table[] = {{anyName, &ServiceMain}, {}};
-    return ::StartServiceCtrlDispatcherW(table) ? 0 : static_cast<int>(::GetLastError());
+    constexpr int kMost = 512;
+    static SERVICE_TABLE_ENTRYW s_table[kMost + 1];
+    static wchar_t s_anyName[] = L""; // A single service goes by whatever name it was installed under.
+    s_table[0] = {s_anyName, &ServiceMain};
+    for (int i = 0; i < count && i < kMost; ++i)
+    {
+        s_table[i] = {names[i], &ServiceMain};
+    }
+    return ::StartServiceCtrlDispatcherW(s_table) ? 0 : static_cast<int>(::GetLastError());
 }
 
-int DispatchWithCom()
+int DispatchWithCom(wchar_t* const* names, int count)
 {
     // {7B0F9D4E-63C5-4D3B-8C3F-52E0D1A9B7C1}
     constexpr CLSID kClass = {0x7B0F9D4E, 0x63C5, 0x4D3B, {0x8C, 0x3F, 0x52, 0xE0, 0xD1, 0xA9, 0xB7, 0xC1}};
@@ -96,7 +99,7 @@ int DispatchWithCom()
     {
         return 1;
     }
-    const int result = Dispatch();
+    const int result = Dispatch(names, count);
     ::CoRevokeClassObject(cookie);
     ::CoUninitialize();
     return result;
@@ -109,7 +112,8 @@ void BeginPoolThreads()
 {
     constexpr DWORD kNeverMs = 10 * 60 * 1000;
     HANDLE wait = nullptr, timer = nullptr;
-    ::RegisterWaitForSingleObject(&wait, g_stop, &NoCallback, nullptr, INFINITE, WT_EXECUTEONLYONCE);
+    const HANDLE never = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    ::RegisterWaitForSingleObject(&wait, never, &NoCallback, nullptr, INFINITE, WT_EXECUTEONLYONCE);
     ::CreateTimerQueueTimer(&timer, ::CreateTimerQueue(), &NoCallback, nullptr, kNeverMs, 0, 0);
 }
 
@@ -117,15 +121,16 @@ void BeginPoolThreads()
 
 int wmain(int argc, wchar_t** argv)
 {
-    g_stop = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    const auto isAsked = [&](const wchar_t* option) {
-        return std::any_of(argv + 1, argv + argc, [=](const wchar_t* argument) {
-            return std::wcscmp(argument, option) == 0;
-        });
+    int at = 1;
+    const auto takeOption = [&](const wchar_t* option) {
+        const bool isThere = at < argc && std::wcscmp(argv[at], option) == 0;
+        at += isThere ? 1 : 0;
+        return isThere;
     };
-    if (isAsked(L"/pool"))
+    const bool hasCom = takeOption(L"/com");
+    if (takeOption(L"/pool"))
     {
         BeginPoolThreads();
     }
-    return isAsked(L"/com") ? DispatchWithCom() : Dispatch();
+    return hasCom ? DispatchWithCom(argv + at, argc - at) : Dispatch(argv + at, argc - at);
 }

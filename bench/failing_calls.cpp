@@ -614,7 +614,7 @@ std::string Judge(
             return "service " + std::to_string(i) + " ends in state " + std::to_string(end);
         }
     }
-    const std::string left = WhatIsLeft(outcome, reference, words);
+    std::string left = WhatIsLeft(outcome, reference, words);
     if (!left.empty())
     {
         return left;

@@ -191,25 +191,29 @@ ordered_json MeasureGroups(int count, int rounds)
     CInstallation installation;
     InstallGroup(installation, count);
     std::vector<std::wstring> hosted, own;
+    std::wstring together = L"/com";
     for (int i = 1; i <= count; ++i)
     {
         hosted.push_back(L"TxBench" + std::to_wstring(i));
         own.push_back(L"TxBenchOwn" + std::to_wstring(i));
         installation.AddService(own.back(), BareImage(L"/com"));
+        together += L" " + own.back();
     }
-    std::vector<Figures> all[2];
+    std::vector<Figures> all[3];
     for (int round = -1; round < rounds; ++round)
     {
         const Figures ours = MeasureGroup(hosted, {HostImage(L"TxBench")}, "TxSvHost");
         const Figures theirs = MeasureGroup(
             own, std::vector(static_cast<std::size_t>(count), BareImage(L"/com")), "BareService");
+        const Figures least = MeasureGroup(own, {BareImage(together)}, "BareService");
         if (round >= 0)
         {
             all[0].push_back(ours);
             all[1].push_back(theirs);
+            all[2].push_back(least);
         }
     }
-    const Figures ours = Median(all[0]), theirs = Median(all[1]);
+    const Figures ours = Median(all[0]), theirs = Median(all[1]), least = Median(all[2]);
     const auto lessThreads = [](const Figures& figures) {
         return figures.privateKiB - figures.threads * kThreadKiB;
     };
@@ -217,7 +221,9 @@ ordered_json MeasureGroups(int count, int rounds)
         {"services", count},
         {"host", ToJson(ours)},
         {"processes", ToJson(theirs)},
+        {"bareTogether", ToJson(least)},
         {"timeRatio", ours.milliseconds / theirs.milliseconds},
+        {"bareTimeRatio", least.milliseconds / theirs.milliseconds},
         {"memoryRatio", lessThreads(ours) / lessThreads(theirs)},
         {"hostKiBLessThreads", lessThreads(ours)}};
 }
@@ -249,9 +255,11 @@ void PrintTable(const ordered_json& report)
         const std::string count = std::to_string(group["services"].get<int>());
         PrintRow(count + " in one host", group["host"]);
         PrintRow(count + " processes", group["processes"]);
+        PrintRow(count + " in one bare process", group["bareTogether"]);
         std::printf(
-            "    host to processes: time %.3f, memory less threads %.3f (%.0f KiB)\n",
+            "    host to processes: time %.3f (bare process %.3f), memory less threads %.3f (%.0f KiB)\n",
             group["timeRatio"].get<double>(),
+            group["bareTimeRatio"].get<double>(),
             group["memoryRatio"].get<double>(),
             group["hostKiBLessThreads"].get<double>());
     }
