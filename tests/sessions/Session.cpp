@@ -445,7 +445,11 @@ std::string CSession::normalise(std::string text) const
     text = std::regex_replace(text, std::regex("Stop-\\d+"), "Stop-#");
     text = std::regex_replace(text, std::regex("dll.0x[0-9A-F]+"), "dll+#"); // A place in a module.
     // Wine 10 keeps it, Wine 8 does not.
-    text = std::regex_replace(text, std::regex("! note: .* keep delayed starts\n|DelayedAutoStart.*\n"), "");
+    text = std::regex_replace(
+        text,
+        std::regex(
+            "! note: .* keep delayed starts\n|DelayedAutoStart.*\n|.*delayedStart\"?: (null|false),?\n"),
+        "");
     const std::regex figures(
         "(: )[\\d.]+( MiB p.*, )[\\d.]+( MiB w.*, )\\d+( t.*, )\\d+( h.* CPU )[\\d.]+( s, up ).*");
     text = std::regex_replace(text, figures, "$1#$2#$3#$4#$5#$6#");
