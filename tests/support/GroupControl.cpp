@@ -35,14 +35,24 @@ std::wstring SignedProxies(const std::wstring& variant)
 
 void ForgetClassObjects()
 {
+    constexpr DWORD kPollMs = 2;
     const Basalt::CServiceHandle service = OpenServiceByName(kComService, SERVICE_ALL_ACCESS);
+    const DWORD before = QueryService(kComService).dwProcessId;
     SERVICE_STATUS status{};
     ::ControlService(service.Get(), SERVICE_CONTROL_STOP, &status);
-    if (!WaitForServiceState(kComService, SERVICE_STOPPED, kServiceTimeoutMs) ||
-        !::StartServiceW(service.Get(), 0, nullptr) ||
-        !WaitForServiceState(kComService, SERVICE_RUNNING, kServiceTimeoutMs))
+    // Anybody's call through COM starts it as well, and right after its end Wine may refuse a start.
+    const ULONGLONG end = ::GetTickCount64() + kServiceTimeoutMs;
+    DWORD error = ERROR_SUCCESS;
+    for (SERVICE_STATUS_PROCESS now = QueryService(kComService);
+         now.dwCurrentState != SERVICE_RUNNING || now.dwProcessId == before;
+         now = QueryService(kComService))
     {
-        ThrowError(L"RpcSs does not restart");
+        if (::GetTickCount64() >= end)
+        {
+            ThrowError(L"RpcSs does not restart", error);
+        }
+        error = ::StartServiceW(service.Get(), 0, nullptr) ? ERROR_SUCCESS : ::GetLastError();
+        ::Sleep(kPollMs);
     }
 }
 
